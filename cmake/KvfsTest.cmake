@@ -1,0 +1,51 @@
+include_guard(GLOBAL)
+
+include(KvfsGoogleTest)
+
+# kvfs_add_test(name [LABEL label] [LIBRARIES target...] SOURCES file...)
+#
+# One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and the
+# libraries named, by default the library under test and the volume builder. Each of its cases becomes a test of ctest
+# under the given label (default: unit).
+function(kvfs_add_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "LIBRARIES;SOURCES")
+  if(NOT arg_LABEL)
+    set(arg_LABEL unit)
+  endif()
+  if(NOT arg_LIBRARIES)
+    set(arg_LIBRARIES kvfs $<TARGET_NAME_IF_EXISTS:kvfs_test_volume>)
+  endif()
+  kvfs_existing_files(sources ${arg_SOURCES})
+  if(NOT sources)
+    return()
+  endif()
+
+  add_executable(${name} ${sources})
+  kvfs_set_test_options(${name})
+  target_compile_definitions(${name} PRIVATE _LARGEFILE64_SOURCE KVFS_VOLUMES_DIR="${KVFS_VOLUMES_DIR}")
+  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kvfs_test_support GTest::gmock_main)
+  gtest_discover_tests(
+    ${name}
+    TEST_PREFIX "${name}."
+    DISCOVERY_MODE PRE_TEST
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES LABELS ${arg_LABEL} TIMEOUT 600)
+endfunction()
+
+# kvfs_add_tool_test(name SOURCES file...)
+#
+# A test program that runs the built tool. It finds the programs through the macros KVFSLABEL_PATH, KVFSLABEL_FAULTY_PATH
+# (the tool with injected faults) and MAKE_VOLUME_PATH.
+function(kvfs_add_tool_test name)
+  kvfs_add_test(${name} LABEL tool ${ARGN})
+  if(NOT TARGET ${name})
+    return()
+  endif()
+  foreach(program IN ITEMS kvfslabel kvfslabel_faulty make_volume)
+    if(TARGET ${program})
+      string(TOUPPER ${program} macro)
+      target_compile_definitions(${name} PRIVATE ${macro}_PATH="$<TARGET_FILE:${program}>")
+      add_dependencies(${name} ${program})
+    endif()
+  endforeach()
+endfunction()

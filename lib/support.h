@@ -1,0 +1,74 @@
+// What the library needs of its platform besides the block device: the log and the reader-writer lock.
+
+#ifndef KVFS_SUPPORT_H
+#define KVFS_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "result.h"
+
+// ---- Log -----------------------------------------------------------------------------------------------------------
+
+// Writes one message to standard error, where the routine that detects a failure reports it.
+//
+// A message that begins a line gets the prefix "[LEVEL: function, line N] ". Whether the next message begins a line
+// depends on the format alone: one that does not end in a line feed leaves its line open, and the next message, whoever
+// logs it, goes on there without a prefix. That is the log's only state; it is not locked, so that two threads that log
+// at once may interleave their text.
+//
+//   file      the caller's source unit; accepted for the callers' convenience and not printed
+//   line      the caller's line
+//   function  the routine that the message speaks for
+//   level     "ERROR" (an operation failed), "WARNING" (odd but tolerated) or "CRITICAL" (cannot happen)
+//   format    printf format, never empty; its arguments follow
+void kvfs_log(const char* file, int line, const char* function, const char* level, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+// Logs as the routine named, for helpers that report on behalf of the routine that calls them.
+#define KVFS_ERROR_AS(function, ...) kvfs_log(__FILE_NAME__, __LINE__, (function), "ERROR", __VA_ARGS__)
+#define KVFS_WARNING_AS(function, ...) kvfs_log(__FILE_NAME__, __LINE__, (function), "WARNING", __VA_ARGS__)
+#define KVFS_CRITICAL_AS(function, ...) kvfs_log(__FILE_NAME__, __LINE__, (function), "CRITICAL", __VA_ARGS__)
+
+// Logs as the enclosing routine.
+#define KVFS_ERROR(...) KVFS_ERROR_AS(__func__, __VA_ARGS__)
+#define KVFS_WARNING(...) KVFS_WARNING_AS(__func__, __VA_ARGS__)
+#define KVFS_CRITICAL(...) KVFS_CRITICAL_AS(__func__, __VA_ARGS__)
+
+// printf has no portable conversion for the fixed-width types, so that messages print them through the types that
+// their formats name.
+constexpr unsigned long long to_ull(std::uint64_t value) {
+  return value;
+}
+constexpr unsigned long to_ul(std::uint32_t value) {
+  return value;
+}
+
+// ---- Reader-writer lock --------------------------------------------------------------------------------------------
+
+// A process-private POSIX reader-writer lock. Readers share, writers exclude; it is not recursive.
+struct kvfs_rwlock;
+
+// Creates a lock that nobody holds.
+//
+//   out_lock  receives the lock, owned by the caller; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_no_memory when memory, the attribute or the lock itself cannot be had; kvfs_failed when the
+// attribute cannot be set.
+kvfs_result kvfs_rwlock_create(kvfs_rwlock** out_lock);
+
+// Destroys a lock that nobody holds.
+//
+//   lock  the handle; null after success, unchanged after a failure, which leaves the lock alive
+//
+// Returns kvfs_ok, or kvfs_failed when the thread library refuses (the lock is held).
+kvfs_result kvfs_rwlock_destroy(kvfs_rwlock** lock);
+
+// Take the lock, shared or exclusive, waiting until it is granted. Return kvfs_ok, or kvfs_failed with nothing held.
+kvfs_result kvfs_rwlock_lock_read(kvfs_rwlock* lock);
+kvfs_result kvfs_rwlock_lock_write(kvfs_rwlock* lock);
+
+// Gives back what either routine above granted. Returns kvfs_ok or kvfs_failed.
+kvfs_result kvfs_rwlock_unlock(kvfs_rwlock* lock);
+
+#endif  // KVFS_SUPPORT_H
