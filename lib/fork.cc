@@ -1,0 +1,1368 @@
+#include "fork.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstring>
+
+#include "device.h"
+#include "extents.h"
+#include "fork_private.h"
+#include "owned.h"
+#include "rwlock_guard.h"
+#include "support.h"
+
+// ---- Arithmetic of blocks, items and extents -----------------------------------------------------------------------
+
+static constexpr std::uint64_t kMaximum32 = 0xFFFFFFFF;
+
+// Without a sum that could wrap: logical sizes come from disk.
+static constexpr std::uint64_t divide_rounding_up(std::uint64_t dividend, std::uint64_t divisor) {
+  return dividend / divisor + (dividend % divisor != 0 ? 1 : 0);
+}
+
+// Bytes of an item's bitmap, one bit for each block.
+static constexpr std::size_t bitmap_size(std::uint32_t item_size, std::uint32_t transfer_unit) {
+  return static_cast<std::size_t>((divide_rounding_up(item_size, transfer_unit) + 7) / 8);
+}
+
+static constexpr std::uint32_t bitmap_byte(std::uint64_t block) {
+  return static_cast<std::uint32_t>(block / 8);
+}
+
+static constexpr unsigned char bitmap_mask(std::uint64_t block) {
+  return static_cast<unsigned char>(1U << (block % 8));
+}
+
+// Bytes of the fork in an extent. A product of 32 bits: larger extents do not exist on a volume that is sound, and one
+// that claims to be larger ends up short and is refused when the range is not covered.
+static std::uint32_t extent_length(const kvfs_fork* fork, const HFSPlusExtentDescriptor& extent) {
+  return fork->block_size * extent.blockCount.get();
+}
+
+static bool is_empty(const HFSPlusExtentDescriptor& extent) {
+  return extent.startBlock.get() == 0 && extent.blockCount.get() == 0;
+}
+
+static bool is_inside(const kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
+  const std::uint64_t logical_size = fork->priv->logical_size;
+  return offset <= logical_size && length <= logical_size - offset;
+}
+
+// The number of items with modified blocks. It changes under dirty_lock, but a flush looks at it before it takes that
+// lock, while another flush may be at work.
+static std::atomic_ref<std::size_t> dirty_items(kvfs_fork* fork) {
+  return std::atomic_ref<std::size_t>(fork->priv->dirty_items);
+}
+
+// ---- Extents -------------------------------------------------------------------------------------------------------
+
+// Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents.
+static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, std::uint32_t* found,
+                                      std::uint32_t* used) {
+  static const char* const kFunction = "kvfs_fork_resolve_extents";
+  for (*used = 0; *used < kHFSPlusExtentDensity; ++*used) {
+    const HFSPlusExtentDescriptor& extent = record.extents[*used];
+    const std::uint32_t count = extent.blockCount.get();
+    if (count == 0) {
+      if (extent.startBlock.get() != 0) {
+        KVFS_ERROR_AS(kFunction, "Found zero-sized extent with non-0 start block.\n");
+        return kvfs_inconsistent;
+      }
+      if (*found != total) {
+        KVFS_ERROR_AS(kFunction, "Last extent ends before the end of the fork.\n");
+        return kvfs_inconsistent;
+      }
+      return kvfs_ok;
+    }
+    if (count > kMaximum32 - *found) {
+      // A sum that wraps could lead back to a record that was used already, without end.
+      KVFS_ERROR_AS(kFunction, "Extents hold more blocks than a volume can have (at block %lu of the fork).\n",
+                    to_ul(*found));
+      return kvfs_inconsistent;
+    }
+    *found += count;
+  }
+  return kvfs_ok;
+}
+
+// Appends the descriptors in use to an owned array.
+static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32_t used,
+                                  kvfs_owned<HFSPlusExtentDescriptor>* array, std::uint32_t* count) {
+  // realloc copies a large array by moving its pages, so that many overflow records do not cost quadratic copying.
+  const std::size_t size = (std::size_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
+  void* const grown = std::realloc(array->get(), size == 0 ? sizeof(HFSPlusExtentDescriptor) : size);
+  if (grown == nullptr) {
+    KVFS_ERROR_AS("kvfs_fork_resolve_extents", "Error while allocating %zu bytes of memory for expanded fork_extents array.",
+                  size);
+    return kvfs_no_memory;
+  }
+  (void)array->release();  // realloc has freed or reused the old block
+  array->reset(static_cast<HFSPlusExtentDescriptor*>(grown));
+  std::memcpy(array->get() + *count, record.extents, used * sizeof(HFSPlusExtentDescriptor));
+  *count += used;
+  return kvfs_ok;
+}
+
+// Reads the overflow record that goes on at block `found` of the fork.
+static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, std::uint32_t found,
+                                        HFSPlusExtentRecord* record) {
+  static const char* const kFunction = "kvfs_fork_resolve_extents";
+  int exists = 0;
+  const kvfs_result result =
+      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
+                  to_ul(cnid), to_ul(found));
+    return result;
+  }
+  if (exists == 0) {
+    KVFS_ERROR_AS(kFunction, "No overflow extent found for CNID %lu starting with block %lu.\n", to_ul(cnid),
+                  to_ul(found));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::uint32_t cnid,
+                                      const HFSPlusForkData* fork_data, HFSPlusExtentDescriptor** out_array,
+                                      std::uint32_t* out_count) {
+  const std::uint32_t total = fork_data->totalBlocks.get();
+  HFSPlusExtentRecord record = fork_data->extents;
+  kvfs_owned<HFSPlusExtentDescriptor> array;
+  std::uint32_t count = 0;
+  std::uint32_t found = 0;
+  for (;;) {
+    std::uint32_t used = 0;
+    kvfs_result result = scan_extent_record(record, total, &found, &used);
+    if (result == kvfs_ok) {
+      result = append_extents(record, used, &array, &count);
+    }
+    if (result != kvfs_ok) {
+      return result;
+    }
+    if (found == total || (extents == nullptr && partial != 0)) {
+      *out_array = array.release();
+      *out_count = count;
+      return kvfs_ok;
+    }
+    if (extents == nullptr) {
+      KVFS_CRITICAL("No kvfs_extents reference and we are not reading extents partially.\n");
+      return kvfs_internal;
+    }
+    result = next_overflow_record(extents, cnid, found, &record);
+    if (result != kvfs_ok) {
+      return result;
+    }
+  }
+}
+
+// ---- Opening and destroying ----------------------------------------------------------------------------------------
+
+// The numbers of the item array of a fork; each has to fit 32 bits.
+static kvfs_result item_array_length(std::uint64_t logical_size, std::uint32_t* length, std::size_t* size) {
+  static const char* const kFunction = "kvfs_fork_private_create";
+  const std::uint64_t items_length = divide_rounding_up(logical_size, kForkItemSize);
+  const std::uint64_t items_size = items_length * sizeof(kvfs_fork_cache_item*);
+  if (items_size > kMaximum32) {
+    KVFS_ERROR_AS(kFunction, "Items array too large for address space.\n");
+    return kvfs_invalid;
+  }
+  *length = static_cast<std::uint32_t>(items_length);
+  if (*length != items_length) {
+    KVFS_ERROR_AS(kFunction, "Overflow in 'items_length': %llu\n", to_ull(items_length));
+    return kvfs_invalid;
+  }
+  *size = static_cast<std::size_t>(items_size);
+  if (*size != items_size) {
+    KVFS_ERROR_AS(kFunction, "Overflow in 'items_size': %llu\n", to_ull(items_size));
+    return kvfs_invalid;
+  }
+  return kvfs_ok;
+}
+
+// Makes the locks and the item array of a private part that has its extents. On failure what was made stays in `priv`
+// for the caller to undo.
+static kvfs_result create_items(kvfs_fork_private* priv, std::size_t items_size) {
+  static const char* const kFunction = "kvfs_fork_private_create";
+  kvfs_result result = kvfs_rwlock_create(&priv->items_lock);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while creating items_lock.\n");
+    return result;
+  }
+  // calloc leaves the pages of a large array untouched until a slot is used.
+  priv->items = static_cast<kvfs_fork_cache_item**>(std::calloc(1, std::max<std::size_t>(items_size, 1)));
+  if (priv->items == nullptr) {
+    KVFS_ERROR_AS(kFunction, "Error while allocating fork cache item array (%llu bytes).\n", to_ull(items_size));
+    return kvfs_no_memory;
+  }
+  result = kvfs_rwlock_create(&priv->dirty_lock);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while creating dirty_lock.\n");
+  }
+  return result;
+}
+
+// Frees what a private part holds, complete or not, in the reverse order of its making.
+static void free_private(kvfs_fork_private* priv) {
+  if (priv->dirty_lock != nullptr) {
+    (void)kvfs_rwlock_destroy(&priv->dirty_lock);  // a refusal is logged there; nothing else can be done about it
+  }
+  std::free(priv->items);
+  if (priv->items_lock != nullptr) {
+    (void)kvfs_rwlock_destroy(&priv->items_lock);
+  }
+  std::free(priv->fork_extents);
+  kvfs_zero_and_free(priv);
+}
+
+kvfs_result kvfs_fork_private_create(kvfs_device* device, kvfs_extents* extents, int partial, std::uint32_t cnid,
+                                     HFSPlusForkData* fork_data, std::uint32_t transfer_unit,
+                                     kvfs_fork_private** out_private) {
+  const std::uint64_t logical_size = fork_data->logicalSize.get();
+  std::uint32_t items_length = 0;
+  std::size_t items_size = 0;
+  kvfs_result result = item_array_length(logical_size, &items_length, &items_size);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (extents == nullptr && partial == 0) {
+    KVFS_ERROR("NULL extents overflow file.\n");
+    return kvfs_invalid;
+  }
+  kvfs_fork_private* const priv = kvfs_allocate_zeroed<kvfs_fork_private>().release();
+  if (priv == nullptr) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_fork_private.\n", to_ull(sizeof(kvfs_fork_private)));
+    return kvfs_no_memory;
+  }
+  result = kvfs_fork_resolve_extents(extents, partial, cnid, fork_data, &priv->fork_extents, &priv->fork_extents_count);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while resolving fork extents.\n");
+  } else {
+    result = create_items(priv, items_size);
+  }
+  if (result != kvfs_ok) {
+    free_private(priv);
+    return result;
+  }
+  priv->device = device;
+  priv->cnid = cnid;
+  priv->fork_data = fork_data;
+  priv->logical_size = logical_size;
+  priv->items_length = items_length;
+  priv->item_size = kForkItemSize;
+  priv->modificationBitmapBlockSize = transfer_unit;
+  *out_private = priv;
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_create(kvfs_device* device, kvfs_extents* extents, int partial,
+                             const HFSPlusVolumeHeader* volume_header, std::uint32_t cnid, HFSPlusForkData* fork_data,
+                             std::uint32_t min_block_size, kvfs_fork** out_fork) {
+  const std::uint32_t block_size = volume_header->blockSize.get();
+  const std::uint32_t transfer_unit = std::max(device->sector_size, min_block_size);
+  kvfs_owned<kvfs_fork> fork = kvfs_allocate_zeroed<kvfs_fork>();
+  if (!fork) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_fork.\n", to_ull(sizeof(kvfs_fork)));
+    return kvfs_no_memory;
+  }
+  kvfs_fork_private* priv = nullptr;
+  if (kvfs_fork_private_create(device, extents, partial, cnid, fork_data, transfer_unit, &priv) != kvfs_ok) {
+    KVFS_ERROR("Error while creating kvfs_fork_private.\n");
+    return kvfs_no_memory;  // whatever failed: callers rely on this one value
+  }
+  *fork = {&priv->logical_size, block_size, priv};
+  *out_fork = fork.release();
+  return kvfs_ok;
+}
+
+void kvfs_fork_destroy(kvfs_fork** fork) {
+  kvfs_fork_private* const priv = (*fork)->priv;
+  for (std::uint32_t i = 0; i < priv->items_length; ++i) {
+    if (priv->items[i] != nullptr) {
+      kvfs_fork_cache_item_destroy(&priv->items[i]);
+    }
+  }
+  free_private(priv);
+  kvfs_zero_and_free(*fork);
+  *fork = nullptr;
+}
+
+// ---- Cache items ---------------------------------------------------------------------------------------------------
+
+// Makes the lock and the buffers of an item; on failure what was made stays in the item for the caller to undo.
+static kvfs_result fill_cache_item(kvfs_fork_cache_item* item, std::uint32_t item_size, std::size_t bitmap_bytes) {
+  static const char* const kFunction = "kvfs_fork_cache_item_create";
+  const kvfs_result result = kvfs_rwlock_create(&item->item_lock);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while creating item_lock.\n");
+    return result;
+  }
+  // calloc costs only the pages that are touched, and what was never read from the device cannot leak onto it.
+  item->data = static_cast<unsigned char*>(std::calloc(1, item_size));
+  if (item->data == nullptr) {
+    // The size of a bitmap, not of the buffer: the message must stay as it is.
+    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data buffer.\n", bitmap_bytes);
+    return kvfs_no_memory;
+  }
+  item->valid_bitmap = static_cast<unsigned char*>(std::calloc(1, bitmap_bytes));
+  if (item->valid_bitmap == nullptr) {
+    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for valid data bitmap.\n", bitmap_bytes);
+    return kvfs_no_memory;
+  }
+  item->modification_bitmap = static_cast<unsigned char*>(std::calloc(1, bitmap_bytes));
+  if (item->modification_bitmap == nullptr) {
+    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data modification bitmap.\n", bitmap_bytes);
+    return kvfs_no_memory;
+  }
+  item->data_size = item_size;
+  item->valid_bitmap_size = bitmap_bytes;
+  item->modification_bitmap_size = bitmap_bytes;
+  return kvfs_ok;
+}
+
+// Frees an item, complete or not.
+static void free_cache_item(kvfs_fork_cache_item* item) {
+  std::free(item->modification_bitmap);
+  std::free(item->valid_bitmap);
+  std::free(item->data);
+  if (item->item_lock != nullptr) {
+    (void)kvfs_rwlock_destroy(&item->item_lock);  // a refusal is logged there; nothing else can be done about it
+  }
+  kvfs_zero_and_free(item);
+}
+
+kvfs_result kvfs_fork_cache_item_create(const kvfs_fork* fork, kvfs_fork_cache_item** out_item) {
+  const kvfs_fork_private* const priv = fork->priv;
+  kvfs_fork_cache_item* const item = kvfs_allocate_zeroed<kvfs_fork_cache_item>().release();
+  if (item == nullptr) {
+    KVFS_ERROR("Error while allocating %zu bytes of memory for kvfs_fork_cache_item struct.\n",
+               sizeof(kvfs_fork_cache_item));
+    return kvfs_no_memory;
+  }
+  const kvfs_result result =
+      fill_cache_item(item, priv->item_size, bitmap_size(priv->item_size, priv->modificationBitmapBlockSize));
+  if (result != kvfs_ok) {
+    free_cache_item(item);
+    return result;
+  }
+  *out_item = item;
+  return kvfs_ok;
+}
+
+void kvfs_fork_cache_item_destroy(kvfs_fork_cache_item** item) {
+  if ((*item)->references != 0) {
+    KVFS_WARNING("Destroying cache item %p with %llu remaining references.\n", static_cast<void*>(*item),
+                 to_ull((*item)->references));
+  }
+  free_cache_item(*item);
+  *item = nullptr;
+}
+
+// Creates the item of a slot that is still empty.
+static kvfs_result ensure_item(const char* function, kvfs_fork* fork, std::uint64_t index) {
+  if (index >= fork->priv->items_length) {
+    KVFS_ERROR_AS(function, "Cache item %llu lies behind the end of the fork.\n", to_ull(index));
+    return kvfs_inconsistent;
+  }
+  kvfs_fork_cache_item** const slot = &fork->priv->items[index];
+  if (*slot == nullptr && kvfs_fork_cache_item_create(fork, slot) != kvfs_ok) {
+    KVFS_ERROR_AS(function, "Unable to create cache item %zu.\n", static_cast<std::size_t>(index));
+    return kvfs_no_memory;
+  }
+  return kvfs_ok;
+}
+
+// A block has to fit an item. A transfer unit comes from disk, and nothing has tested it before the first access.
+static kvfs_result check_transfer_unit(const char* function, const kvfs_fork* fork) {
+  const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
+  if (unit == 0 || unit > fork->priv->item_size) {
+    KVFS_ERROR_AS(function, "Transfer unit of %lu bytes does not fit a cache item.\n", to_ul(unit));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+// ---- Filling the cache ---------------------------------------------------------------------------------------------
+
+// Reads block `block` of the fork to its place in its item.
+static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::uint64_t block) {
+  static const char* const kFunction = "kvfs_fork_read_into_cache";
+  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t offset_in_item = unit * (block % (fork->priv->item_size / unit));
+  const std::uint64_t length = std::min(unit, fork->priv->logical_size - block * unit);
+  if (length > item->data_size || offset_in_item > item->data_size - length) {
+    KVFS_CRITICAL_AS(kFunction,
+                     "Unexpected: Read offset is outside the bounds of the cache item (%llu, maximum expected: %zu)!\n",
+                     to_ull(offset_in_item), std::size_t{item->data_size});
+    return kvfs_internal;
+  }
+  unsigned char* const read_ptr_orig = item->data + offset_in_item;
+  unsigned char* read_ptr = read_ptr_orig;
+  kvfs_fork_read_context context = {fork->priv->device, read_ptr, 0};
+  const kvfs_result result =
+      kvfs_fork_do_device_io(fork, block * unit, length, kvfs_fork_process_read_io, &context);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error %d while reading block %llu from device offset %llu.\n", static_cast<int>(result),
+                  to_ull(block), to_ull(block * unit));
+    return result;
+  }
+  if (read_ptr_orig != read_ptr) {
+    KVFS_ERROR_AS(kFunction, "read_ptr_orig (%p) != read_ptr (%p)\n", static_cast<void*>(read_ptr_orig),
+                  static_cast<void*>(read_ptr));
+    return kvfs_failed;
+  }
+  return kvfs_ok;
+}
+
+// References block `block` of the fork and reads it unless it is valid.
+static kvfs_result make_block_valid(kvfs_fork* fork, std::uint64_t block) {
+  static const char* const kFunction = "kvfs_fork_read_into_cache";
+  kvfs_fork_private* const priv = fork->priv;
+  const std::uint64_t blocks_per_item = priv->item_size / priv->modificationBitmapBlockSize;
+  const std::uint64_t index = block / blocks_per_item;
+  if (index > priv->items_length) {
+    KVFS_CRITICAL_AS(kFunction, "Item index out of bounds: %llu (expected maximum: %zu)\n", to_ull(index),
+                     std::size_t{priv->items_length});
+    return kvfs_internal;
+  }
+  kvfs_result result = ensure_item(kFunction, fork, index);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_fork_cache_item* const item = priv->items[index];
+  ++item->references;
+  unsigned char* const valid = &item->valid_bitmap[bitmap_byte(block % blocks_per_item)];
+  if ((*valid & bitmap_mask(block)) != 0) {
+    return kvfs_ok;
+  }
+  result = read_block(fork, item, block);
+  if (result == kvfs_ok) {
+    *valid = static_cast<unsigned char>(*valid | bitmap_mask(block));
+  }
+  return result;
+}
+
+static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
+  kvfs_result result = check_transfer_unit("kvfs_fork_read_into_cache", fork);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t end = divide_rounding_up(offset + length, unit);
+  for (std::uint64_t block = offset / unit; block < end && result == kvfs_ok; ++block) {
+    result = make_block_valid(fork, block);
+  }
+  return result;
+}
+
+kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
+  kvfs_write_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Unable to lock items lock.\n");
+    return guard.result();
+  }
+  const kvfs_result result = make_range_valid(fork, offset, length);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Unable to unlock items lock!\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+// ---- Pieces of extents ---------------------------------------------------------------------------------------------
+
+// The extents must hold as many blocks as the fork data says at most, and no fewer than its bytes need.
+static kvfs_result check_extent_sum(const kvfs_fork* fork, std::uint64_t logical_size, std::uint32_t total_blocks) {
+  static const char* const kFunction = "kvfs_fork_do_device_io";
+  std::uint64_t sum = 0;
+  for (std::uint32_t i = 0; i < fork->priv->fork_extents_count && !is_empty(fork->priv->fork_extents[i]); ++i) {
+    sum += fork->priv->fork_extents[i].blockCount.get();
+  }
+  if (sum > total_blocks) {
+    KVFS_ERROR_AS(kFunction, "Inconsistent fork data (more blocks than specified found in extent record).\n");
+    return kvfs_inconsistent;
+  }
+  if (fork->block_size * sum < logical_size) {
+    KVFS_ERROR_AS(kFunction, "Too few blocks for the logical size of the fork.\n");
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+static kvfs_result check_io_range(const kvfs_fork* fork, std::uint64_t io_offset, std::uint64_t io_length) {
+  static const char* const kFunction = "kvfs_fork_do_device_io";
+  const std::uint64_t logical_size = fork->priv->fork_data->logicalSize.get();
+  const std::uint32_t total_blocks = fork->priv->fork_data->totalBlocks.get();
+  if (total_blocks == 0) {
+    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: -- Nothing to process in fork!\n", kFunction);
+    return kvfs_invalid;
+  }
+  if (io_offset >= logical_size) {
+    KVFS_ERROR_AS(kFunction, "Invalid parameter 'io_offset': Offset (%llu) is beyond the end of the file.\n",
+                  to_ull(io_offset));
+    return kvfs_invalid;
+  }
+  if (io_length > logical_size - io_offset) {
+    KVFS_ERROR_AS(kFunction, "Invalid parameter 'io_length': Length (%llu) extends beyond the end of the file.\n",
+                  to_ull(io_length));
+    return kvfs_invalid;
+  }
+  return check_extent_sum(fork, logical_size, total_blocks);
+}
+
+kvfs_result kvfs_fork_do_device_io(kvfs_fork* fork, std::uint64_t io_offset, std::uint64_t io_length,
+                                   kvfs_fork_io_process process, void* context) {
+  kvfs_result result = check_io_range(fork, io_offset, io_length);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const std::uint64_t io_end = io_offset + io_length;
+  std::uint64_t position = 0;  // where the extent begins in the fork, bytes
+  for (std::uint32_t i = 0; position < io_end; ++i) {
+    if (i == fork->priv->fork_extents_count || is_empty(fork->priv->fork_extents[i])) {
+      KVFS_CRITICAL("Unexpected: Reached the end of the allocation before all bytes have been processed.\n");
+      return kvfs_inconsistent;
+    }
+    const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[i];
+    const std::uint64_t extent_end = position + extent_length(fork, extent);
+    if (extent_end > io_offset) {
+      const std::uint64_t begin = std::max(position, io_offset);
+      const std::uint64_t device_offset = std::uint64_t{fork->block_size} * extent.startBlock.get();
+      result = process(context, device_offset + (begin - position), begin, std::min(extent_end, io_end) - begin);
+      if (result != kvfs_ok) {
+        KVFS_ERROR("Error while processing I/O request.\n");
+        return result;
+      }
+    }
+    position = extent_end;
+  }
+  return kvfs_ok;
+}
+
+// Copies a part of one sector that a piece does not cover whole.
+static kvfs_result read_partial_sector(kvfs_device* device, std::uint64_t sector, std::uint32_t offset_in_sector,
+                                       std::uint32_t length, unsigned char* destination) {
+  void* buffer = nullptr;
+  const kvfs_result result = kvfs_device_read_disk_sectors(device, sector, 1, &buffer);
+  if (result == kvfs_ok) {
+    std::memcpy(destination, static_cast<unsigned char*>(buffer) + offset_in_sector, length);
+    std::free(buffer);
+  }
+  return result;
+}
+
+// A piece as whole sectors with what is left over before and behind them.
+struct sector_run {
+  std::uint64_t first;     // sector
+  std::uint64_t count;     // whole sectors
+  std::uint32_t lead_in;   // bytes of sector `first` before the piece
+  std::uint32_t lead_out;  // bytes of the sector behind the run that belong to the piece
+};
+
+// Splits a piece into sectors. A piece that neither begins nor ends on a sector border within a sector has no run.
+static kvfs_result split_into_sectors(std::uint32_t sector_size, std::uint64_t device_offset, std::uint64_t length,
+                                      sector_run* run) {
+  if (sector_size == 0) {
+    KVFS_ERROR_AS("kvfs_fork_process_read_io", "Device has a sector size of 0.\n");
+    return kvfs_inconsistent;
+  }
+  const std::uint64_t end = device_offset + length;
+  run->first = device_offset / sector_size;
+  run->count = end / sector_size - run->first;
+  run->lead_in = static_cast<std::uint32_t>(device_offset % sector_size);
+  run->lead_out = static_cast<std::uint32_t>(end % sector_size);
+  if ((run->lead_in != 0 && run->count == 0) || run->count > kMaximum32) {
+    KVFS_ERROR_AS("kvfs_fork_process_read_io",
+                  "Piece of %llu bytes at device offset %llu cannot be read as a run of sectors.\n", to_ull(length),
+                  to_ull(device_offset));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset, std::uint64_t /*fork_offset*/,
+                                      std::uint64_t length) {
+  kvfs_fork_read_context* const read = static_cast<kvfs_fork_read_context*>(context);
+  const std::uint32_t sector_size = read->device->sector_size;
+  sector_run run = {};
+  kvfs_result result = split_into_sectors(sector_size, device_offset, length, &run);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  unsigned char* destination = read->destination + read->delivered;
+  if (run.lead_in != 0) {
+    const std::uint32_t part = sector_size - run.lead_in;
+    result = read_partial_sector(read->device, run.first, run.lead_in, part, destination);
+    if (result != kvfs_ok) {
+      KVFS_ERROR("Error while reading lead-in sector %llu.\n", to_ull(run.first));
+      return result;
+    }
+    ++run.first;
+    --run.count;
+    destination += part;
+  }
+  void* straight = destination;
+  if (run.count != 0) {
+    result = kvfs_device_read_disk_sectors(read->device, run.first, static_cast<std::uint32_t>(run.count), &straight);
+  }
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while reading %llu fork sectors starting at sector %llu.\n", to_ull(run.count),
+               to_ull(run.first));
+    return result;
+  }
+  destination += run.count * sector_size;
+  if (run.lead_out != 0) {
+    // The bytes are taken from the end of the sector, not its beginning: this must stay as it is.
+    result = read_partial_sector(read->device, run.first + run.count, sector_size - run.lead_out, run.lead_out,
+                                 destination);
+    if (result != kvfs_ok) {
+      KVFS_ERROR("Error while reading lead-out sector %llu.\n", to_ull(run.first + run.count));
+      return result;
+    }
+  }
+  read->delivered += static_cast<std::uint32_t>(length);
+  return kvfs_ok;
+}
+
+// ---- Map, unmap and read -------------------------------------------------------------------------------------------
+
+// The items that hold the first and the last byte of a range.
+struct item_range {
+  std::uint64_t first;
+  std::uint64_t last;
+};
+
+static item_range items_of(const kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
+  return {offset / fork->priv->item_size, (offset + length - 1) / fork->priv->item_size};
+}
+
+static kvfs_result check_item_numbers(const char* function, const kvfs_fork* fork, item_range items) {
+  const bool first_outside = items.first > fork->priv->items_length;
+  const bool last_outside = items.last > fork->priv->items_length;
+  if (!first_outside && !last_outside) {
+    return kvfs_ok;
+  }
+  const bool both = first_outside && last_outside;
+  KVFS_CRITICAL_AS(function, "Internal inconsistency: %s%s%s cache item number%s out of bounds!\n",
+                   first_outside ? "First" : "", both ? " and " : "", both ? "last" : (last_outside ? "Last" : ""),
+                   both ? "s" : "");
+  return kvfs_internal;
+}
+
+// The item in a slot, or null where there is none.
+static kvfs_fork_cache_item* item_at(const kvfs_fork* fork, std::uint64_t index) {
+  return index < fork->priv->items_length ? fork->priv->items[index] : nullptr;
+}
+
+// Hands out the address of cached bytes.
+static kvfs_result locate_cached_bytes(kvfs_fork* fork, std::uint64_t item_index, std::uint64_t offset,
+                                       void** out_pointer) {
+  static const char* const kFunction = "kvfs_fork_map";
+  kvfs_read_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while read-locking items lock.\n");
+    return guard.result();
+  }
+  kvfs_result result = kvfs_ok;
+  void* pointer = nullptr;
+  kvfs_fork_cache_item* const item = item_at(fork, item_index);
+  if (item == nullptr) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - Requested cache item %llu does not exist.\n", to_ull(item_index));
+    result = kvfs_internal;
+  } else {
+    pointer = item->data + offset % fork->priv->item_size;
+  }
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock!\n");
+  }
+  result = kvfs_result_keep(result, unlocked);
+  if (result == kvfs_ok) {
+    *out_pointer = pointer;
+  }
+  return result;
+}
+
+kvfs_result kvfs_fork_map(kvfs_fork* fork, std::uint64_t offset, void** out_pointer, std::size_t length,
+                          std::size_t* out_mapped_length) {
+  if (out_mapped_length != nullptr) {
+    *out_mapped_length = 0;
+  }
+  const item_range items = items_of(fork, offset, length);
+  if (!is_inside(fork, offset, length)) {
+    KVFS_CRITICAL("Attempted to read outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
+                  to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
+    return kvfs_invalid;
+  }
+  kvfs_result result = check_item_numbers(__func__, fork, items);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (items.first != items.last) {
+    KVFS_ERROR(
+        "Cannot map region crossing cache item borders (offset: %llu, length: %zu, first_cache_item: %llu, last_cache_item: %llu).\n",
+        to_ull(offset), length, to_ull(items.first), to_ull(items.last));
+    return kvfs_invalid;
+  }
+  result = kvfs_fork_read_into_cache(fork, offset, length);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while reading missing disk blocks into cache.\n");
+    return result;
+  }
+  result = locate_cached_bytes(fork, items.first, offset, out_pointer);
+  if (result == kvfs_ok && out_mapped_length != nullptr) {
+    *out_mapped_length = length;
+  }
+  return result;
+}
+
+// Takes one reference off an item, in the name of kvfs_fork_unmap.
+static kvfs_result drop_reference(kvfs_fork_cache_item* item, std::uint64_t index, std::uint64_t offset_in_item,
+                                  void** pointer) {
+  static const char* const kFunction = "kvfs_fork_unmap";
+  kvfs_write_guard guard(item->item_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while write-locking item %p.\n", static_cast<void*>(item));
+    return guard.result();
+  }
+  kvfs_result result = kvfs_invalid;
+  void* const expected = item->data + offset_in_item;
+  if (*pointer != expected) {
+    KVFS_ERROR_AS(kFunction, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected, *pointer);
+  } else if (item->references == 0) {
+    KVFS_ERROR_AS(kFunction, "Cache item %llu has no active references and cannot be unmapped.\n", to_ull(index));
+  } else {
+    --item->references;
+    *pointer = nullptr;
+    result = kvfs_ok;
+  }
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item %p!\n", static_cast<void*>(item));
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+static kvfs_result check_unmap_range(kvfs_fork* fork, std::uint64_t offset, std::size_t length, item_range items) {
+  static const char* const kFunction = "kvfs_fork_unmap";
+  if (!is_inside(fork, offset, length)) {
+    KVFS_CRITICAL_AS(kFunction,
+                     "Attempted to unmap region outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
+                     to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
+    return kvfs_invalid;
+  }
+  const kvfs_result result = check_item_numbers(kFunction, fork, items);
+  if (result == kvfs_ok && items.first != items.last) {
+    KVFS_ERROR_AS(kFunction,
+                  "Cannot unmap region crossing cache item borders (offset: %llu, length: %zu, first_cache_item: %llu, last_cache_item: %llu).\n",
+                  to_ull(offset), length, to_ull(items.first), to_ull(items.last));
+    return kvfs_invalid;
+  }
+  return result;
+}
+
+kvfs_result kvfs_fork_unmap(kvfs_fork* fork, std::uint64_t offset, void** pointer, std::size_t length) {
+  const item_range items = items_of(fork, offset, length);
+  const kvfs_result checked = check_unmap_range(fork, offset, length, items);
+  if (checked != kvfs_ok) {
+    return checked;
+  }
+  kvfs_read_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while read-locking items lock.\n");
+    return guard.result();
+  }
+  kvfs_result result = kvfs_invalid;
+  kvfs_fork_cache_item* const item = item_at(fork, items.first);
+  if (item == nullptr) {
+    KVFS_ERROR("Cache item %llu does not exist and cannot be unmapped.\n", to_ull(items.first));
+  } else {
+    result = drop_reference(item, items.first, offset % fork->priv->item_size, pointer);
+  }
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+// Copies bytes out of an item and takes one reference off it, in the name of kvfs_fork_read.
+static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset_in_item, void* buffer,
+                                  std::size_t length) {
+  static const char* const kFunction = "kvfs_fork_read";
+  kvfs_write_guard guard(item->item_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while write-locking cur_item's item lock.\n");
+    return guard.result();
+  }
+  std::memcpy(buffer, item->data + offset_in_item, length);
+  if (item->references == 0) {
+    KVFS_CRITICAL_AS(
+        kFunction,
+        "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
+    if (guard.release() != kvfs_ok) {
+      KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock.\n");  // the words must stay
+    }
+    return kvfs_internal;
+  }
+  --item->references;
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking cur_item's item lock.\n");
+  }
+  return unlocked;
+}
+
+// Copies a range that the cache holds; the caller holds items_lock.
+static kvfs_result copy_from_items(kvfs_fork* fork, item_range items, std::uint64_t offset, unsigned char* buffer,
+                                   std::size_t length) {
+  static const char* const kFunction = "kvfs_fork_read";
+  std::size_t offset_in_item = static_cast<std::size_t>(offset % fork->priv->item_size);
+  std::size_t remaining = length;
+  for (std::uint64_t index = items.first; index <= items.last; ++index) {
+    kvfs_fork_cache_item* const item = item_at(fork, index);
+    if (item == nullptr) {
+      KVFS_CRITICAL_AS(kFunction, "Unexpected - Requested cache item %zu does not exist.\n",
+                       static_cast<std::size_t>(index));
+      return kvfs_internal;
+    }
+    const std::size_t part = std::min<std::size_t>(remaining, item->data_size - offset_in_item);
+    const kvfs_result result = copy_from_item(item, offset_in_item, buffer + (length - remaining), part);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    remaining -= part;
+    offset_in_item = 0;
+  }
+  if (remaining != 0) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - %zu bytes still remaining to be read!\n", remaining);
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, std::size_t length,
+                           std::size_t* out_bytes_read) {
+  if (out_bytes_read != nullptr) {
+    *out_bytes_read = 0;
+  }
+  const item_range items = items_of(fork, offset, length);
+  if (!is_inside(fork, offset, length)) {
+    KVFS_CRITICAL("Attempted to read outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
+                  to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
+    return kvfs_invalid;
+  }
+  kvfs_result result = check_item_numbers(__func__, fork, items);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_fork_read_into_cache(fork, offset, length);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while reading missing disk blocks into cache.\n");
+    return result;
+  }
+  kvfs_read_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while read-locking items lock.\n");
+    return guard.result();
+  }
+  result = copy_from_items(fork, items, offset, static_cast<unsigned char*>(buffer), length);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  result = kvfs_result_keep(result, unlocked);
+  if (result == kvfs_ok && out_bytes_read != nullptr) {
+    *out_bytes_read = length;
+  }
+  return result;
+}
+
+// ---- Write and fill ------------------------------------------------------------------------------------------------
+
+// What a write touches, and which of its blocks were read in first and so hold a reference to give back.
+struct write_range {
+  item_range items;
+  std::uint64_t offset;
+  std::size_t length;
+  bool first_block_read;
+  bool last_block_read;
+};
+
+// Reads the blocks that a write overwrites only in part.
+static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
+  static const char* const kFunction = "kvfs_fork_write";
+  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t end = range->offset + range->length;
+  const std::uint64_t aligned_start = range->offset / unit * unit;
+  const std::uint64_t aligned_end = divide_rounding_up(end, unit) * unit;
+  if (range->offset != aligned_start) {
+    const kvfs_result result =
+        kvfs_fork_read_into_cache(fork, range->offset, aligned_start + unit - range->offset);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kFunction, "Error while reading first block in write range into cache.\n");
+      return result;
+    }
+    range->first_block_read = true;
+  }
+  if (end != aligned_end) {
+    const kvfs_result result = kvfs_fork_read_into_cache(fork, end, aligned_end - end);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kFunction, "Error while reading last block in write range into cache.\n");
+      return result;
+    }
+    range->last_block_read = true;
+  }
+  return kvfs_ok;
+}
+
+// Copies bytes into an item and marks the blocks that they touch as modified.
+static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_t offset_in_item,
+                         const unsigned char* bytes, std::size_t length) {
+  const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
+  const bool was_clean = item->dirty_blocks == 0;
+  std::memcpy(item->data + offset_in_item, bytes, length);
+  const std::uint64_t end = divide_rounding_up(offset_in_item + length, unit);
+  for (std::uint64_t block = offset_in_item / unit; block < end; ++block) {
+    unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];
+    if ((*modified & bitmap_mask(block)) == 0) {
+      *modified = static_cast<unsigned char>(*modified | bitmap_mask(block));
+      ++item->dirty_blocks;
+    }
+  }
+  if (was_clean && item->dirty_blocks != 0) {
+    ++dirty_items(fork);
+  }
+}
+
+// Gives back the reference that reading in a partly overwritten block has added.
+static kvfs_result return_reference(kvfs_fork_cache_item* item) {
+  if (item->references == 0) {
+    KVFS_CRITICAL_AS("kvfs_fork_write",
+                     "Unexpected - Cache item that we just copied to has no references (should have at least one)!\n");
+    return kvfs_internal;
+  }
+  --item->references;
+  return kvfs_ok;
+}
+
+// Copies the bytes of a write into the items of its range; the caller holds items_lock and dirty_lock for writing.
+static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, const unsigned char* bytes) {
+  std::size_t offset_in_item = static_cast<std::size_t>(range.offset % fork->priv->item_size);
+  std::size_t remaining = range.length;
+  for (std::uint64_t index = range.items.first; index <= range.items.last; ++index) {
+    kvfs_result result = ensure_item("kvfs_fork_write", fork, index);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    kvfs_fork_cache_item* const item = fork->priv->items[index];
+    const std::size_t part = std::min<std::size_t>(remaining, item->data_size - offset_in_item);
+    copy_to_item(fork, item, offset_in_item, bytes + (range.length - remaining), part);
+    if (index == range.items.first && range.first_block_read) {
+      result = return_reference(item);
+    }
+    if (result == kvfs_ok && index == range.items.last && range.last_block_read) {
+      result = return_reference(item);
+    }
+    if (result != kvfs_ok) {
+      return result;
+    }
+    remaining -= part;
+    offset_in_item = 0;
+  }
+  return kvfs_ok;
+}
+
+// Writes to the items with dirty_lock held; the caller holds items_lock for writing.
+static kvfs_result write_dirty_locked(kvfs_fork* fork, const write_range& range, const unsigned char* bytes) {
+  static const char* const kFunction = "kvfs_fork_write";
+  kvfs_write_guard guard(fork->priv->dirty_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while write-locking dirty lock.\n");
+    return guard.result();
+  }
+  const kvfs_result result = write_to_items(fork, range, bytes);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking dirty lock!\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* buffer, std::size_t length,
+                            std::size_t* out_bytes_written) {
+  if (out_bytes_written != nullptr) {
+    *out_bytes_written = 0;
+  }
+  write_range range = {items_of(fork, offset, length), offset, length, false, false};
+  if (!is_inside(fork, offset, length)) {
+    KVFS_CRITICAL("Attempted to write outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
+                  to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
+    return kvfs_invalid;
+  }
+  kvfs_result result = check_item_numbers(__func__, fork, range.items);
+  if (result == kvfs_ok) {
+    result = check_transfer_unit(__func__, fork);
+  }
+  if (result == kvfs_ok) {
+    result = read_partial_blocks(fork, &range);
+  }
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_write_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while read-locking items lock.\n");  // the lock is taken for writing; the words must stay
+    return guard.result();
+  }
+  result = write_dirty_locked(fork, range, static_cast<const unsigned char*>(buffer));
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  result = kvfs_result_keep(result, unlocked);
+  if (result == kvfs_ok && out_bytes_written != nullptr) {
+    *out_bytes_written = length;
+  }
+  return result;
+}
+
+static constexpr std::size_t kLargestPattern = 0x20000000;
+static constexpr std::size_t kSmallestPattern = 8;
+
+// The next smaller power of two to try when memory for a pattern is short.
+static std::size_t shrink_pattern(std::size_t size) {
+  return std::bit_ceil(size) / 2;
+}
+
+// Writes a pattern over a range again and again, in the name of kvfs_fork_fill.
+static kvfs_result write_pattern(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length,
+                                 const unsigned char* pattern, std::size_t pattern_size, std::uint64_t* done) {
+  while (*done < length) {
+    const std::size_t part = static_cast<std::size_t>(std::min<std::uint64_t>(length - *done, pattern_size));
+    const std::uint64_t start = offset + *done;
+    const kvfs_result result = kvfs_fork_write(fork, start, pattern, part, nullptr);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS("kvfs_fork_fill", "Error while filling range [%llu-%llu] (%zu bytes) with byte 0x%X.\n",
+                    to_ull(start), to_ull(start + part), part, static_cast<unsigned>(pattern[0]));
+      return result;
+    }
+    *done += part;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length, std::uint8_t value,
+                           std::uint64_t* out_bytes_filled) {
+  std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(length, kLargestPattern));
+  if (out_bytes_filled != nullptr) {
+    *out_bytes_filled = 0;
+  }
+  if (!is_inside(fork, offset, length)) {
+    KVFS_CRITICAL("Attempted to fill outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
+                  to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
+    return kvfs_invalid;
+  }
+  unsigned char small_pattern[kSmallestPattern];
+  kvfs_owned<unsigned char> large_pattern = kvfs_allocate_bytes(size);
+  while (!large_pattern && size > kSmallestPattern) {
+    size = shrink_pattern(size);
+    large_pattern.reset(static_cast<unsigned char*>(std::malloc(size)));
+  }
+  unsigned char* const pattern = large_pattern ? large_pattern.get() : small_pattern;
+  std::memset(pattern, value, std::max<std::size_t>(size, 1));
+  std::uint64_t done = 0;
+  const kvfs_result result = write_pattern(fork, offset, length, pattern, size, &done);
+  if (out_bytes_filled != nullptr) {
+    *out_bytes_filled = done;
+  }
+  return result;
+}
+
+// ---- Flush ---------------------------------------------------------------------------------------------------------
+
+// A piece that is being flushed, counted in sectors from its start.
+struct flush_piece {
+  kvfs_fork_write_context* flush;
+  std::uint64_t fork_offset;   // of the piece, bytes
+  std::uint64_t first_sector;  // of the piece on the device
+  std::uint64_t sectors;       // in the piece, cut at the logical end of the fork
+  std::uint64_t position;      // sectors done
+};
+
+static std::uint64_t sector_size_of(const kvfs_fork_write_context* flush) {
+  return std::uint64_t{1} << flush->sector_shift;
+}
+
+static std::uint64_t piece_offset(const flush_piece& piece) {
+  return piece.fork_offset + (piece.position << piece.flush->sector_shift);
+}
+
+// Pieces must begin on sector borders, on the device and in the fork; an odd block size would shift what is written.
+static kvfs_result check_piece(const kvfs_fork_write_context* flush, std::uint64_t device_offset,
+                               std::uint64_t fork_offset) {
+  const std::uint64_t mask = sector_size_of(flush) - 1;
+  if ((device_offset & mask) != 0 || (fork_offset & mask) != 0) {
+    KVFS_ERROR_AS("kvfs_fork_process_write_io",
+                  "Extent piece at device offset %llu, fork offset %llu does not begin on a sector border.\n",
+                  to_ull(device_offset), to_ull(fork_offset));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+static kvfs_result check_item_bitmaps(const kvfs_fork* fork, const kvfs_fork_cache_item* item) {
+  static const char* const kFunction = "kvfs_fork_process_write_io";
+  const std::size_t expected = bitmap_size(fork->priv->item_size, fork->priv->modificationBitmapBlockSize);
+  if (item->valid_bitmap_size != expected) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected valid bitmap size: %zu (expected %zu).\n", item->valid_bitmap_size,
+                     expected);
+    return kvfs_internal;
+  }
+  if (item->modification_bitmap_size != expected) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected modification bitmap size: %zu (expected %zu).\n",
+                     item->modification_bitmap_size, expected);
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+// Writes sectors of one block of an item to the place in the piece that `position` names.
+static kvfs_result write_block_sectors(const flush_piece& piece, const kvfs_fork_cache_item* item,
+                                       std::uint64_t item_index, std::uint64_t block, std::uint64_t count) {
+  static const char* const kFunction = "kvfs_fork_process_write_io";
+  if (count > kMaximum32) {
+    KVFS_CRITICAL_AS(kFunction, "Overflow in number of sectors to write: %llu\n", to_ull(count));
+    return kvfs_internal;
+  }
+  const kvfs_fork_private* const priv = piece.flush->fork->priv;
+  const std::uint64_t sector = piece.first_sector + piece.position;
+  const unsigned char* const bytes = item->data + piece_offset(piece) % priv->item_size;
+  const kvfs_result result =
+      kvfs_device_write_disk_sectors(priv->device, sector, static_cast<std::uint32_t>(count), bytes);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while writing disk sectors for item %llu block %zu to sector %llu.\n",
+                  to_ull(item_index), static_cast<std::size_t>(block), to_ull(sector));
+  }
+  return result;
+}
+
+// Writes the modified blocks of an item from the piece's position up to sector `end` of the piece; the caller holds the
+// item's lock.
+static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* item, std::uint64_t item_index,
+                                     std::uint64_t end) {
+  const kvfs_fork_write_context* const flush = piece->flush;
+  const std::uint64_t unit = flush->fork->priv->modificationBitmapBlockSize;
+  while (piece->position < end) {
+    const std::uint64_t offset_in_item = piece_offset(*piece) % flush->fork->priv->item_size;
+    const std::uint64_t block = offset_in_item / unit;
+    const std::uint64_t lead = (offset_in_item % unit) >> flush->sector_shift;  // sectors in an earlier piece
+    const std::uint64_t rest = flush->sectors_per_block - lead;
+    const std::uint64_t count = std::min(rest, end - piece->position);
+    unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];
+    if ((*modified & bitmap_mask(block)) != 0) {
+      const kvfs_result result = write_block_sectors(*piece, item, item_index, block, count);
+      if (result != kvfs_ok) {
+        return result;
+      }
+      // A block whose sectors were not all written yet stays modified: its end lies in the next piece or behind the
+      // end of the fork, or its beginning lies before the flushed range.
+      const bool whole = count == rest && piece_offset(*piece) - offset_in_item % unit >= flush->range_offset;
+      if (whole) {
+        *modified = static_cast<unsigned char>(*modified & ~bitmap_mask(block));
+        --item->dirty_blocks;
+      }
+    }
+    piece->position += count;
+  }
+  return kvfs_ok;
+}
+
+// Writes the modified blocks of one item with its lock held and takes the item off the dirty count once it is clean.
+static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, std::uint64_t item_index,
+                              std::uint64_t end) {
+  static const char* const kFunction = "kvfs_fork_process_write_io";
+  kvfs_fork* const fork = piece->flush->fork;
+  kvfs_result result = check_item_bitmaps(fork, item);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_write_guard guard(item->item_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while write-locking item's item lock.\n");
+    return guard.result();
+  }
+  result = write_item_blocks(piece, item, item_index, end);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item's item lock.\n");
+  }
+  if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
+    --dirty_items(fork);
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+// Walks a piece item by item, passing over items without modified blocks.
+static kvfs_result flush_piece_items(flush_piece* piece) {
+  kvfs_fork_private* const priv = piece->flush->fork->priv;
+  while (piece->position < piece->sectors) {
+    const std::uint64_t index = piece_offset(*piece) / priv->item_size;
+    if (index > priv->items_length) {
+      KVFS_CRITICAL_AS("kvfs_fork_process_write_io", "Item index (%zu) out of bounds (maximum value: %zu).\n",
+                       static_cast<std::size_t>(index), std::size_t{priv->items_length});
+      return kvfs_internal;
+    }
+    const std::uint64_t item_end = (index + 1) * priv->item_size - piece->fork_offset;
+    const std::uint64_t end = std::min(piece->sectors, item_end >> piece->flush->sector_shift);
+    kvfs_fork_cache_item* const item = item_at(piece->flush->fork, index);
+    if (item == nullptr || item->dirty_blocks == 0) {
+      piece->position = end;
+      continue;
+    }
+    const kvfs_result result = flush_item(piece, item, index, end);
+    if (result != kvfs_ok) {
+      return result;
+    }
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_process_write_io(void* context, std::uint64_t device_offset, std::uint64_t fork_offset,
+                                       std::uint64_t length) {
+  kvfs_fork_write_context* const flush = static_cast<kvfs_fork_write_context*>(context);
+  const std::uint64_t sector_size = sector_size_of(flush);
+  const std::uint64_t logical_size = flush->fork->priv->logical_size;
+  kvfs_result result = check_piece(flush, device_offset, fork_offset);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  std::uint64_t end = fork_offset + length;
+  if (logical_size != 0 && end >= logical_size) {
+    if (fork_offset >= logical_size) {
+      return kvfs_ok;
+    }
+    end = logical_size;
+  }
+  const std::uint64_t sectors = divide_rounding_up(end, sector_size) - fork_offset / sector_size;
+  flush_piece piece = {flush, fork_offset, device_offset >> flush->sector_shift, sectors, 0};
+  result = flush_piece_items(&piece);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (piece.position != sectors) {
+    KVFS_CRITICAL("No error, but still only wrote %llu bytes our of expected %llu bytes.\n",
+                  to_ull(piece.position * sector_size), to_ull(sectors * sector_size));
+    return kvfs_io_error;
+  }
+  return kvfs_ok;
+}
+
+// Index of the lowest set bit, or `width` when none of the bits 0 .. width - 1 is set.
+static std::uint32_t lowest_set_bit(std::uint64_t value, std::uint32_t width) {
+  std::uint32_t bit = 0;
+  while (bit < width && (value >> bit & 1) == 0) {
+    ++bit;
+  }
+  return bit;
+}
+
+// Sectors and blocks are counted by shifts, which needs powers of two.
+static kvfs_result check_flush_units(std::uint32_t sector_size, std::size_t transfer_unit, std::uint32_t item_size) {
+  static const char* const kFunction = "kvfs_fork_flush_internal";
+  if (!std::has_single_bit(sector_size)) {
+    KVFS_CRITICAL_AS(kFunction, "Sector size is not a power of two: %lu\n", to_ul(sector_size));
+    return kvfs_internal;
+  }
+  if (!std::has_single_bit(transfer_unit)) {
+    KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size is not a power of two: %llu\n", to_ull(transfer_unit));
+    return kvfs_internal;
+  }
+  if (transfer_unit < sector_size) {
+    KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n",
+                     to_ull(transfer_unit), to_ul(sector_size));
+    return kvfs_internal;
+  }
+  if (transfer_unit > item_size) {
+    KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size (%llu) is larger than a cache item.\n",
+                     to_ull(transfer_unit));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_fork_write_context* flush) {
+  static const char* const kFunction = "kvfs_fork_flush_internal";
+  constexpr std::uint32_t kSectorBits = sizeof(std::uint32_t) * 8;
+  constexpr std::uint32_t kUnitBits = sizeof(std::size_t) * 8;
+  const std::uint32_t sector_size = fork->priv->device->sector_size;
+  const std::size_t unit = fork->priv->modificationBitmapBlockSize;
+  const kvfs_result checked = check_flush_units(sector_size, unit, fork->priv->item_size);
+  if (checked != kvfs_ok) {
+    return checked;
+  }
+  const std::uint32_t sector_shift = lowest_set_bit(sector_size, kSectorBits);
+  if (sector_shift == kSectorBits) {
+    KVFS_CRITICAL_AS(
+        kFunction,
+        "Failed to translate sector size to bitshift quantity. This should never happen. i=%llu (sizeof(u32) * 8)=%llu SectorSize=%llu\n",
+        to_ull(sector_shift), to_ull(kSectorBits), to_ull(sector_size));
+    return kvfs_internal;
+  }
+  const std::uint32_t unit_shift = lowest_set_bit(unit, kUnitBits);
+  if (unit_shift == kUnitBits) {
+    KVFS_CRITICAL_AS(
+        kFunction,
+        "Failed to translate modification bitmap block size to bitshift quantity. This should never happen. i=%llu (sizeof(size_t) * 8)=%llu modificationBitmapBlockSize=%llu\n",
+        to_ull(unit_shift), to_ull(kUnitBits), to_ull(unit));
+    return kvfs_internal;
+  }
+  const std::uint32_t block_shift = unit_shift - sector_shift;
+  *flush = {fork, offset, sector_shift, block_shift, std::uint64_t{1} << block_shift};
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_flush_internal(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
+  if (dirty_items(fork) == 0) {
+    return kvfs_ok;
+  }
+  kvfs_fork_write_context flush = {};
+  kvfs_result result = prepare_flush(fork, offset, &flush);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_write_guard guard(fork->priv->dirty_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while write-locking dirty lock.\n");
+    return guard.result();
+  }
+  result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, &flush);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while writing fork to disk.\n");
+  }
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking dirty lock!\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
+  kvfs_read_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while read-locking items lock.\n");
+    return guard.result();
+  }
+  const kvfs_result result = kvfs_fork_flush_internal(fork, 0, fork->priv->logical_size);
+  const std::size_t still_dirty = dirty_items(fork);
+  if (result == kvfs_ok && still_dirty != 0) {
+    KVFS_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", still_dirty);
+    dirty_items(fork) = 0;  // the count is forgotten, the bits are not: this must stay as it is
+  }
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
