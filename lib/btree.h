@@ -1,0 +1,139 @@
+// The B-tree engine, which serves the catalog and the extents overflow file alike.
+//
+// The engine knows nodes, records and their order, not what keys and data mean: the user of a tree brings a callback
+// that compares two keys. Records are handed out through locators, each with a copy of its record; two handles on one
+// record are one shared locator with two references.
+//
+// Invariants: the header record on disk is the only authority for the root, the depth and the counts, and is read when
+// it is needed; only nodeSize and maxKeyLength are kept. The list of open locators holds every locator that was not
+// closed.
+//
+// Threads: every operation may be called concurrently; a locator's own bytes belong to those who hold it.
+// Locks: one for each tree, over its list of locators. Searching, iterating and changing hold it for writing, which
+// makes them take turns; rewriting a record's data holds it for reading. It is taken before any lock of the fork.
+
+#ifndef KVFS_BTREE_H
+#define KVFS_BTREE_H
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+
+#include "format.h"
+#include "fork.h"
+#include "result.h"
+
+struct kvfs_btree_private;
+struct kvfs_btree_record_locator_private;
+
+// Compares a key inside a node with a search key: negative, 0 or positive as the node's key orders before, equal to or
+// after the search key. Both begin with their length in two bytes, and that many bytes follow. `compare_type` is the
+// keyCompareType of the tree's header record. kvfs_key_malformed, a negative value too, says that the node's key
+// contradicts itself; the engine then ends its search with kvfs_inconsistent.
+using kvfs_btree_compare_keys = int (*)(const void* node_key, const void* search_key, std::uint8_t compare_type);
+
+inline constexpr int kvfs_key_malformed = INT_MIN;
+
+struct kvfs_btree {
+  kvfs_fork* fork;             // owned; every node is read and written through it
+  std::uint16_t nodeSize;      // bytes, from the header record
+  std::uint16_t maxKeyLength;  // bytes, from the header record
+  kvfs_btree_private* priv;
+};
+
+// A handle on one record: where it is, and a copy of its bytes in on-disk order. The pointers lead into the locator and
+// live as long as it does.
+struct kvfs_btree_record_locator {
+  const std::uint32_t* node;   // node number
+  const std::uint16_t* index;  // of the record in its node
+  const unsigned char* key;    // begins with its length
+  std::uint32_t key_length;    // bytes, the length field included
+  const unsigned char* data;
+  std::uint32_t data_size;  // bytes
+  kvfs_btree_record_locator_private* priv;
+};
+
+// What a search found.
+struct kvfs_btree_search_result {
+  std::uint32_t found;                 // 1 when a record with an equal key was located
+  std::uint32_t after;                 // 1 when the located record is the last of its leaf and orders before the key
+  kvfs_btree_record_locator* locator;  // the record found, or the place where the key belongs; null when there is none
+};
+
+// ---- Trees ---------------------------------------------------------------------------------------------------------
+
+// Opens the B-tree of a special file and checks its header node.
+//
+//   device, extents, partial  handed to kvfs_fork_create unchanged
+//   volume_header             on-disk order; it holds the fork data of the file and is borrowed for the life of the tree
+//   tree_kind                 catalog node ID of the file: extents overflow, catalog or attributes file
+//   compare                   orders the tree's keys
+//   out_tree                  receives the tree, owned by the caller; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_no_memory; kvfs_invalid for another kind; kvfs_inconsistent when node 0 is not the header node
+// of an HFS Plus B-tree; or the failure of the device, the fork or the lock.
+kvfs_result kvfs_btree_create(kvfs_device* device, kvfs_extents* extents, int partial,
+                              HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind,
+                              kvfs_btree_compare_keys compare, kvfs_btree** out_tree);
+
+// Closes a tree: releases locators that are still open, with a warning, and frees the fork without flushing it. The
+// handle becomes null.
+void kvfs_btree_destroy(kvfs_btree** tree);
+
+// Name of a kind of tree for messages: "catalog", "extents overflow", "attributes" or "unknown".
+const char* kvfs_btree_type_name(std::uint32_t tree_kind);
+
+// Checks one node of an attributes tree, reporting what is odd to the log.
+//
+//   node       the bytes of the node, on-disk order
+//   node_size  bytes
+void ReadAttrNode(const unsigned char* node, std::size_t node_size);
+
+// ---- Locators ------------------------------------------------------------------------------------------------------
+
+// Overwrites a record's data in place, in the fork's cache and in the locator's copy.
+//
+//   data       on-disk order
+//   data_size  bytes; must be the locator's data_size, since records do not change their size in place
+//
+// Locks: the tree's lock for reading.
+// Returns kvfs_ok; kvfs_internal when the record was deleted; kvfs_invalid for another size; or the failure of the write
+// or the lock.
+kvfs_result kvfs_btree_record_locator_write_data(kvfs_btree_record_locator* locator, const void* data,
+                                                 std::size_t data_size);
+
+// Gives back one reference; the last one frees the locator. The caller's pointer becomes null in any case.
+//
+// Locks: the tree's lock for writing. When that fails the reference is leaked rather than the list touched.
+void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator);
+
+// ---- Search and iteration ------------------------------------------------------------------------------------------
+
+// Makes a search result empty. To be called before its first use.
+void kvfs_btree_search_result_init(kvfs_btree_search_result* result);
+
+// Closes the locator of a search result, if it has one, and makes the result empty.
+void kvfs_btree_search_result_release(kvfs_btree_search_result* result);
+
+// Searches a tree from its root to a leaf. When the key is not there the locator is on the first record that orders
+// after the key, or on the last record of the leaf with `after` set.
+//
+//   key         begins with its length; on-disk order
+//   out_result  receives the result, whose locator the caller releases; unchanged on failure
+//
+// Locks: the tree's lock for writing.
+// Returns kvfs_ok, found or not; kvfs_invalid without a key; kvfs_inconsistent when the tree contradicts itself; or the
+// failure of the fork, an allocation or the lock.
+kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result);
+
+// Opens a locator on the record behind another one, which stays open.
+//
+//   out_locator  receives the locator, or null at the end of the tree; unchanged on failure
+//
+// Locks: the tree's lock for writing.
+// Returns kvfs_ok, also at the end; kvfs_inconsistent when a node contradicts itself; or the failure of the fork, an
+// allocation or the lock.
+kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
+                                       kvfs_btree_record_locator** out_locator);
+
+#endif  // KVFS_BTREE_H

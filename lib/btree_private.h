@@ -1,0 +1,88 @@
+// Inside the B-tree engine: for the engine and its tests.
+
+#ifndef KVFS_BTREE_PRIVATE_H
+#define KVFS_BTREE_PRIVATE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "btree.h"
+#include "format.h"
+#include "result.h"
+
+struct kvfs_rwlock;
+
+struct kvfs_btree_private {
+  std::uint32_t tree_kind;  // catalog node ID of the tree's file
+  kvfs_btree_compare_keys compare;
+  kvfs_btree_record_locator* open_locators;  // head of the list: the locator opened last, or null
+  kvfs_rwlock* open_locators_lock;           // guards the list and serialises the operations on the tree
+};
+
+struct kvfs_btree_record_locator_private {
+  void* allocation;                     // the block that holds tag, size, both parts and the record copy
+  kvfs_btree_record_locator* previous;  // neighbours in the list of open locators
+  kvfs_btree_record_locator* next;
+  std::uint64_t reference_count;
+  std::uint32_t deleted;  // nonzero once the record was deleted
+  std::uint32_t node;
+  std::uint16_t index;
+  std::uint64_t fork_data_offset;  // of the record's data in the tree's fork, bytes
+  kvfs_btree* tree;
+  std::uint32_t record_key_offset;   // of the key in the record: 0
+  std::uint32_t record_data_offset;  // of the data in the record: the key length rounded up to even
+  std::uint32_t record_size;         // bytes
+  unsigned char* record;             // the copy
+};
+
+// Opens the fork of a tree and checks its header node; parameters as kvfs_btree_create has them.
+//
+//   out_fork, out_node_size, out_max_key_length  receive the fork, owned by the caller, and two fields of the header
+//                                                record in bytes; unchanged on failure
+kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind, kvfs_device* device,
+                               kvfs_extents* extents, int partial, kvfs_fork** out_fork, std::uint16_t* out_node_size,
+                               std::uint16_t* out_max_key_length);
+
+// ---- Locators; the caller holds the tree's lock for writing --------------------------------------------------------
+
+// Opens a locator on a record, or adds a reference to the one that is open on it.
+//
+//   node, index   where the record is
+//   record        its bytes, copied; record_size of them, an even number
+//   position      of the record in the tree's fork, bytes
+//   out_locator   receives the locator; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_internal; kvfs_no_memory; kvfs_inconsistent when an
+// open locator has no room for a record that has grown.
+kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node, std::uint16_t index,
+                                           const unsigned char* record, std::size_t record_size, std::uint64_t position,
+                                           kvfs_btree_record_locator** out_locator);
+
+// Gives back one reference and frees the locator with the last one, or at once when `force` is set. The caller's
+// pointer becomes null.
+void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool force);
+
+// Moves the open locators of a node whose record index lies in first .. first + count - 1 to another node, adding to
+// (or, with `subtract`, taking from) their index and their data offset in the fork. Deleted ones stay.
+void kvfs_btree_shift_locators(kvfs_btree* tree, std::uint32_t node, std::int32_t first, std::int32_t count,
+                               std::uint32_t target_node, bool subtract, std::uint16_t index_delta,
+                               std::uint32_t byte_delta);
+
+// ---- Search and iteration; the caller holds the tree's lock for writing --------------------------------------------
+
+// How far down a search goes.
+inline constexpr std::uint8_t kSearchToLeaf = 0xFF;
+inline constexpr std::uint8_t kSearchToHeight = 0;
+
+// Searches from a node, or from the root when `start_node` is 0, to a leaf or, in any mode but kSearchToLeaf, to the
+// index node of the target height.
+//
+// Returns as kvfs_btree_search_node does, and kvfs_invalid when the start node is behind the last node.
+kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, std::uint32_t start_node,
+                                            std::uint8_t mode, std::uint8_t target_height,
+                                            kvfs_btree_search_result* out_result);
+
+kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
+                                                kvfs_btree_record_locator** out_locator);
+
+#endif  // KVFS_BTREE_PRIVATE_H

@@ -1,0 +1,189 @@
+#include "extents.h"
+
+#include <cstring>
+
+#include "btree.h"
+#include "owned.h"
+#include "support.h"
+
+struct kvfs_extents_private {
+  std::uint32_t reserved;  // without a use so far
+};
+
+// ---- Keys ----------------------------------------------------------------------------------------------------------
+
+static HFSPlusExtentKey make_key(std::uint8_t fork_type, std::uint32_t file_id, std::uint32_t start_block) {
+  return {kvfs_be16::of(kHFSPlusExtentKeyLength), fork_type, 0, kvfs_be32::of(file_id), kvfs_be32::of(start_block)};
+}
+
+// -1, 0 or 1 as the first number is smaller, equal or greater.
+static int order_of(std::uint32_t a, std::uint32_t b) {
+  return a == b ? 0 : (a < b ? -1 : 1);
+}
+
+int kvfs_extents_compare_keys(const void* key_a, const void* key_b, std::uint8_t /*compare_type*/) {
+  const std::uint16_t length_a = kvfs_view_as<kvfs_be16>(key_a)->get();
+  const std::uint16_t length_b = kvfs_view_as<kvfs_be16>(key_b)->get();
+  // Both messages print the size of the whole key, although its length field is tested: this must stay as it is.
+  if (length_a != kHFSPlusExtentKeyLength) {
+    KVFS_ERROR("Invalid key length for extents overflow file in a. Expected: %zu Actual: %hu\n",
+               sizeof(HFSPlusExtentKey), length_a);
+    return -1;
+  }
+  if (length_b != kHFSPlusExtentKeyLength) {
+    KVFS_ERROR("Invalid key length for extents overflow file in b. Expected: %zu Actual: %hu\n",
+               sizeof(HFSPlusExtentKey), length_b);
+    return -1;
+  }
+  const HFSPlusExtentKey* const a = kvfs_view_as<HFSPlusExtentKey>(key_a);
+  const HFSPlusExtentKey* const b = kvfs_view_as<HFSPlusExtentKey>(key_b);
+  const int by_file = order_of(a->fileID.get(), b->fileID.get());
+  if (by_file != 0) {
+    return by_file;
+  }
+  const int by_fork = order_of(a->forkType, b->forkType);
+  return by_fork != 0 ? by_fork : order_of(a->startBlock.get(), b->startBlock.get());
+}
+
+// ---- Opening and closing -------------------------------------------------------------------------------------------
+
+kvfs_result kvfs_extents_validate(kvfs_btree* btree, int* out_valid) {
+  if (out_valid == nullptr) {
+    KVFS_ERROR("Invalid argument: out_result == NULL\n");
+    return kvfs_invalid;
+  }
+  *out_valid = 0;
+  BTHeaderRec header = {};
+  const kvfs_result result = kvfs_fork_read(btree->fork, kBTHeaderRecordOffset, &header, sizeof(header), nullptr);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while reading node descriptor.\n");  // it is the header record; the words must stay
+    return result;
+  }
+  if (header.btreeType != kHFSBTreeType) {
+    KVFS_ERROR("Incorrect B-tree type for extents overflow file: 0x%hhX\n", header.btreeType);
+    return kvfs_ok;
+  }
+  if ((header.attributes.get() & kBTVariableIndexKeysMask) != 0) {
+    KVFS_ERROR("Extents overflow file has the variable index keys flag set. Expected fixed-size index keys.\n");
+    return kvfs_ok;
+  }
+  if (btree->maxKeyLength != kHFSPlusExtentKeyLength) {
+    KVFS_ERROR("Unexpected size for extents overflow file keys. Expected: %zu Actual: %hu\n",
+               std::size_t{kHFSPlusExtentKeyLength}, btree->maxKeyLength);
+    return kvfs_ok;
+  }
+  *out_valid = 1;
+  return kvfs_ok;
+}
+
+// Opens the B-tree and has it validated, in the name of kvfs_extents_create.
+static kvfs_result open_valid_tree(kvfs_device* device, HFSPlusVolumeHeader* volume_header, kvfs_btree** out_tree) {
+  static const char* const kFunction = "kvfs_extents_create";
+  kvfs_btree* tree = nullptr;
+  kvfs_result result =
+      kvfs_btree_create(device, nullptr, 1, volume_header, kHFSExtentsFileID, kvfs_extents_compare_keys, &tree);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while reading Extents B-Tree into memory.\n");
+    return result;
+  }
+  int valid = 0;
+  result = kvfs_extents_validate(tree, &valid);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while validating extents B-tree.\n");
+  } else if (valid == 0) {
+    KVFS_ERROR_AS(kFunction, "Extents B-tree failed validation (see earlier log messages).\n");
+    result = kvfs_inconsistent;
+  }
+  if (result != kvfs_ok) {
+    kvfs_btree_destroy(&tree);
+    return result;
+  }
+  *out_tree = tree;
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_extents_create(kvfs_device* device, HFSPlusVolumeHeader* volume_header, kvfs_extents** out_extents) {
+  kvfs_owned<kvfs_extents> extents = kvfs_allocate_zeroed<kvfs_extents>();
+  if (!extents) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_extents.\n", to_ull(sizeof(kvfs_extents)));
+    return kvfs_no_memory;
+  }
+  kvfs_owned<kvfs_extents_private> priv = kvfs_allocate_zeroed<kvfs_extents_private>();
+  if (!priv) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_extents_private.\n", to_ull(sizeof(kvfs_extents_private)));
+    return kvfs_no_memory;
+  }
+  const kvfs_result result = open_valid_tree(device, volume_header, &extents->btree);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  extents->priv = priv.release();
+  *out_extents = extents.release();
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_extents_destroy(kvfs_extents** extents) {
+  kvfs_btree_destroy(&(*extents)->btree);
+  kvfs_zero_and_free((*extents)->priv);
+  kvfs_zero_and_free(*extents);
+  *extents = nullptr;
+  return kvfs_ok;
+}
+
+// ---- Lookup --------------------------------------------------------------------------------------------------------
+
+// Copies the record that a search has found, in the name of kvfs_extents_get_next_extent_record.
+static kvfs_result copy_record(const kvfs_btree_search_result& found, int* out_found, HFSPlusExtentRecord* out_record) {
+  static const char* const kFunction = "kvfs_extents_get_next_extent_record";
+  if (found.locator == nullptr) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected: Got NULL result with no error from kvfs_btree_search_node.\n");
+    return kvfs_internal;
+  }
+  if (found.found == 0) {
+    *out_found = 0;
+    return kvfs_ok;
+  }
+  if (found.locator->data_size < sizeof(HFSPlusExtentRecord)) {
+    KVFS_ERROR_AS(kFunction, "Unexpected data size for extent record. Expected minimum: %zu Actual: %zu\n",
+                  sizeof(HFSPlusExtentRecord), std::size_t{found.locator->data_size});
+    return kvfs_inconsistent;
+  }
+  std::memcpy(out_record, found.locator->data, sizeof(HFSPlusExtentRecord));
+  *out_found = 1;
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_extents_get_next_extent_record(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
+                                                std::uint32_t start_block, int* out_found,
+                                                HFSPlusExtentRecord* out_record) {
+  const HFSPlusExtentKey key = make_key(fork_type, file_id, start_block);
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  kvfs_result result = kvfs_btree_search_node(extents->btree, &key, &found);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while looking up overflow extent.\n");
+    return result;
+  }
+  result = copy_record(found, out_found, out_record);
+  kvfs_btree_search_result_release(&found);
+  return result;
+}
+
+// The message of both routines below: insertion speaks of searching too, and must.
+static void report_key_failure(const char* function, std::uint8_t fork_type, std::uint32_t file_id,
+                               std::uint32_t start_block) {
+  KVFS_ERROR_AS(
+      function,
+      "Error while searching extents overflow B-tree for key with fork type 0x%hhX, cnid %lu, start block %lu.\n",
+      fork_type, to_ul(file_id), to_ul(start_block));
+}
+
+kvfs_result kvfs_extents_search(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
+                                std::uint32_t start_block, kvfs_btree_search_result* out_result) {
+  const HFSPlusExtentKey key = make_key(fork_type, file_id, start_block);
+  const kvfs_result result = kvfs_btree_search_node(extents->btree, &key, out_result);
+  if (result != kvfs_ok) {
+    report_key_failure(__func__, fork_type, file_id, start_block);
+  }
+  return result;
+}
