@@ -1,0 +1,695 @@
+#include "catalog.h"
+
+#include <cstring>
+
+#include "catalog_private.h"
+#include "extents.h"
+#include "owned.h"
+#include "rwlock_guard.h"
+#include "support.h"
+#include "unicode.h"
+
+// ---- Keys and records ----------------------------------------------------------------------------------------------
+
+static constexpr std::uint16_t key_length_for(std::uint32_t name_length) {
+  return static_cast<std::uint16_t>(kHFSPlusCatalogKeyMinimumLength + sizeof(kvfs_be16) * name_length);
+}
+
+// Builds the key of an item: its folder, as stored, and its name of at most 255 units.
+static void make_key(HFSPlusCatalogKey* key, kvfs_be32 parent, const kvfs_be16* name, std::uint32_t name_length) {
+  key->keyLength.set(key_length_for(name_length));
+  key->parentID = parent;
+  key->nodeName.length.set(static_cast<std::uint16_t>(name_length));
+  std::memmove(key->nodeName.unicode, name, name_length * sizeof(kvfs_be16));
+}
+
+// Builds the key of an item's thread record: the item itself and an empty name.
+static void make_thread_key(HFSPlusCatalogKey* key, kvfs_be32 cnid) {
+  make_key(key, cnid, key->nodeName.unicode, 0);
+}
+
+// The type of a locator's record, host order; 0, which is none, for a record too short to have one.
+static std::uint16_t record_type_of(const kvfs_catalog_record_locator* locator) {
+  const kvfs_btree_record_locator* const record = locator->btree_locator;
+  return record->data_size < sizeof(kvfs_be16) ? std::uint16_t{0} : kvfs_view_as<kvfs_be16>(record->data)->get();
+}
+
+static bool is_thread(std::uint16_t record_type) {
+  return record_type == kHFSPlusFolderThreadRecord || record_type == kHFSPlusFileThreadRecord;
+}
+
+static kvfs_btree* btree_of(const kvfs_catalog* catalog) {
+  return *catalog->btree;
+}
+
+// ---- Key order -----------------------------------------------------------------------------------------------------
+
+// A key with its fields in reach. The name is read only as far as the key goes.
+struct catalog_key_view {
+  std::uint16_t key_length;
+  std::uint32_t parent;
+  std::uint16_t name_length;
+  const kvfs_be16* name;
+};
+
+// Takes apart a key that is known to hold its fixed fields.
+static catalog_key_view view_key(const void* key) {
+  const HFSPlusCatalogKey* const fields = kvfs_view_as<HFSPlusCatalogKey>(key);
+  return {fields->keyLength.get(), fields->parentID.get(), fields->nodeName.length.get(), fields->nodeName.unicode};
+}
+
+static bool name_exceeds_key(const catalog_key_view& key) {
+  return key_length_for(0) + sizeof(kvfs_be16) * key.name_length > key.key_length;
+}
+
+// The names of the private folders under the root folder begin with NUL units.
+static bool is_private_name(const catalog_key_view& key) {
+  return key.parent == kHFSRootFolderID && key.name_length != 0 && key.name[0].get() == 0;
+}
+
+static int compare_key_views(const catalog_key_view& a, const catalog_key_view& b, std::uint8_t compare_type) {
+  if (a.parent != b.parent) {
+    return a.parent < b.parent ? -1 : 1;
+  }
+  const bool binary = compare_type == kHFSBinaryCompare;
+  // The first key decides even when both are private names, so that such names are never equal: this must stay.
+  if (is_private_name(a)) {
+    return binary ? -1 : 1;
+  }
+  if (is_private_name(b)) {
+    return binary ? 1 : -1;
+  }
+  return kvfs_unicode_fast_compare(a.name, a.name_length, b.name, b.name_length, binary);
+}
+
+int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type) {
+  const std::uint16_t length_a = kvfs_view_as<kvfs_be16>(key_a)->get();
+  if (length_a < kHFSPlusCatalogKeyMinimumLength) {
+    KVFS_ERROR("Data in A is too small to be a HFSPlusCatalogKey (%hu bytes).\n", length_a);
+    return -1;
+  }
+  const std::uint16_t length_b = kvfs_view_as<kvfs_be16>(key_b)->get();
+  if (length_b < kHFSPlusCatalogKeyMinimumLength) {
+    KVFS_ERROR("Data in B is too small to be a HFSPlusCatalogKey (%hu bytes).\n", length_b);
+    return -1;
+  }
+  if (compare_type != kHFSBinaryCompare && compare_type != kHFSCaseFolding) {
+    KVFS_ERROR("Illegal value for compare_type: 0x%X\n", static_cast<unsigned>(compare_type));
+    return -1;
+  }
+  const catalog_key_view a = view_key(key_a);
+  const catalog_key_view b = view_key(key_b);
+  if (name_exceeds_key(a) || name_exceeds_key(b)) {
+    KVFS_ERROR("Names of %hu and %hu units do not fit their keys (%hu and %hu bytes).\n", a.name_length, b.name_length,
+               a.key_length, b.key_length);
+    return kvfs_key_malformed;
+  }
+  return compare_key_views(a, b, compare_type);
+}
+
+// ---- Opening and closing -------------------------------------------------------------------------------------------
+
+kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSPlusVolumeHeader* volume_header,
+                                kvfs_catalog** out_catalog) {
+  kvfs_owned<kvfs_catalog> catalog = kvfs_allocate_zeroed<kvfs_catalog>();
+  if (!catalog) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_catalog.\n", to_ull(sizeof(kvfs_catalog)));
+    return kvfs_no_memory;
+  }
+  kvfs_owned<kvfs_catalog_private> priv = kvfs_allocate_zeroed<kvfs_catalog_private>();
+  if (!priv) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_catalog_private.\n", to_ull(sizeof(kvfs_catalog_private)));
+    return kvfs_no_memory;
+  }
+  kvfs_result result = kvfs_rwlock_create(&priv->open_locators_lock);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while creating open locators list lock.\n");
+    return result;
+  }
+  result = kvfs_btree_create(device, extents, 0, volume_header, kHFSCatalogFileID, kvfs_catalog_compare_keys,
+                             &priv->btree);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while reading Catalog B-Tree into memory.\n");
+    if (kvfs_rwlock_destroy(&priv->open_locators_lock) != kvfs_ok) {
+      KVFS_ERROR("Error while destroying catalog open locators list lock on cleanup.\n");
+    }
+    return result;
+  }
+  catalog->priv = priv.release();
+  catalog->btree = &catalog->priv->btree;
+  *out_catalog = catalog.release();
+  return kvfs_ok;
+}
+
+// Closes the locators that are still open, from the head of the list. A head that somebody else references too stays,
+// and ends the clean-up.
+static void close_leaked_locators(kvfs_catalog_private* priv) {
+  static const char* const kFunction = "kvfs_catalog_destroy";
+  std::uint64_t closed = 0;
+  while (priv->open_locators != nullptr) {
+    kvfs_catalog_record_locator* const head = priv->open_locators;
+    kvfs_catalog_record_locator* leaked = head;
+    (void)kvfs_catalog_record_locator_close_internal(&leaked);  // it has no failures
+    ++closed;
+    if (priv->open_locators == head) {
+      KVFS_CRITICAL_AS(kFunction,
+                       "Internal error: Closing head of catalog open locators list did not change the head!\n");
+      break;
+    }
+  }
+  if (closed != 0) {
+    KVFS_WARNING_AS(kFunction, "Cleaned up %llu leaked catalog record locators on destroy.\n", to_ull(closed));
+  }
+}
+
+void kvfs_catalog_destroy(kvfs_catalog** catalog) {
+  kvfs_catalog_private* const priv = (*catalog)->priv;
+  {
+    kvfs_write_guard guard(priv->open_locators_lock);
+    if (guard.result() != kvfs_ok) {
+      KVFS_ERROR(
+          "Error while acquiring open locators list lock! Leaking open locators on kvfs_catalog destruction...\n");
+    } else {
+      close_leaked_locators(priv);
+      if (guard.release() != kvfs_ok) {
+        KVFS_WARNING("Error while unlocking catalog open locators list lock. Ignoring...\n");
+      }
+    }
+  }
+  if (kvfs_rwlock_destroy(&priv->open_locators_lock) != kvfs_ok) {
+    KVFS_ERROR("Error while destroying catalog open locators list lock. Leaking...\n");
+  }
+  kvfs_btree_destroy(&priv->btree);
+  kvfs_zero_and_free(priv);
+  kvfs_zero_and_free(*catalog);
+  *catalog = nullptr;
+}
+
+// ---- Names ---------------------------------------------------------------------------------------------------------
+
+std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size) {
+  std::uint16_t native[kHFSPlusMaxNameLength];
+  if (count > kHFSPlusMaxNameLength || size == 0) {
+    KVFS_ERROR("Error while decoding UTF-16.\n");
+    return 0;
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    native[i] = units[i].get();
+  }
+  char* text = buffer;
+  std::size_t length = size - 1;  // the converter's capacity does not count the NUL
+  if (kvfs_unicode_unistr_to_utf8(native, count, kUnicodeHostOrder, &text, &length) != kvfs_ok) {
+    KVFS_ERROR("Error while decoding UTF-16.\n");
+    return 0;
+  }
+  if (text != buffer) {
+    KVFS_ERROR("utf8_string was unexpectedly reallocated!\n");
+    std::free(text);
+    return 0;
+  }
+  buffer[length] = '\0';
+  for (std::size_t i = 0; i < length; ++i) {
+    if (buffer[i] == '\\') {
+      buffer[i] = '/';
+    }
+  }
+  return length;
+}
+
+// ---- Locators ------------------------------------------------------------------------------------------------------
+
+// The block of a locator. The tag marks locators in a memory dump and is never tested.
+struct locator_block {
+  char tag[8];
+  kvfs_catalog_record_locator locator;
+  kvfs_catalog_record_locator_private priv;
+};
+
+static const char kLocatorTag[] = "kvfscrla";
+
+// Links a locator to a parent, or to none; the caller holds the catalog's lock for writing.
+static void set_parent(kvfs_catalog_record_locator* locator, kvfs_catalog_record_locator* parent) {
+  kvfs_catalog_record_locator* old_parent = locator->priv->parent;
+  locator->priv->parent = parent;
+  if (parent != nullptr) {
+    ++parent->priv->reference_count;
+  }
+  if (old_parent != nullptr) {
+    (void)kvfs_catalog_record_locator_close_internal(&old_parent);  // it has no failures
+  }
+}
+
+static void link_locator(kvfs_catalog_record_locator* locator) {
+  kvfs_catalog_private* const catalog = locator->priv->catalog->priv;
+  locator->priv->next = catalog->open_locators;
+  if (catalog->open_locators != nullptr) {
+    catalog->open_locators->priv->previous = locator;
+  }
+  catalog->open_locators = locator;
+}
+
+static void unlink_locator(kvfs_catalog_record_locator* locator) {
+  kvfs_catalog_record_locator_private* const priv = locator->priv;
+  if (priv->next != nullptr) {
+    priv->next->priv->previous = priv->previous;
+  }
+  if (priv->previous == nullptr) {
+    priv->catalog->priv->open_locators = priv->next;
+  } else {
+    priv->previous->priv->next = priv->next;
+  }
+}
+
+kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_record_locator* btree_locator,
+                                             std::uint32_t record_type, kvfs_catalog_record_locator* parent,
+                                             std::uint32_t reserved, kvfs_catalog_record_locator** out_locator) {
+  kvfs_owned<locator_block> block = kvfs_allocate_zeroed<locator_block>();
+  if (!block) {
+    KVFS_ERROR("Error while allocating %llu bytes for kvfs_catalog_record_locator allocation.\n",
+               to_ull(sizeof(locator_block)));
+    return kvfs_no_memory;
+  }
+  kvfs_write_guard guard(catalog->priv->open_locators_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while acquiring catalog open locators list lock.\n");
+    return guard.result();
+  }
+  std::memcpy(block->tag, kLocatorTag, sizeof(block->tag));
+  block->priv.allocation = block.get();
+  block->priv.catalog = catalog;
+  block->priv.reference_count = 1;
+  block->locator = {btree_locator, record_type, &block->priv.parent, reserved, &block->priv};
+  set_parent(&block->locator, parent);
+  link_locator(&block->locator);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_ERROR("Error while unlocking catalog open locators list lock.\n");
+    // The locator is freed although it was opened: this must stay. The list must not keep what is freed.
+    set_parent(&block->locator, nullptr);
+    unlink_locator(&block->locator);
+    return unlocked;
+  }
+  *out_locator = &block.release()->locator;
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_catalog_record_locator_set_parent_locator(kvfs_catalog_record_locator* locator,
+                                                           kvfs_catalog_record_locator* parent) {
+  kvfs_write_guard guard(locator->priv->catalog->priv->open_locators_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while acquiring write lock for catalog open locators list.\n");
+    return guard.result();
+  }
+  set_parent(locator, parent);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_ERROR("Error while releasing lock for open locators list.\n");
+  }
+  return unlocked;
+}
+
+kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locator** locator) {
+  kvfs_catalog_record_locator* const closed = *locator;
+  kvfs_catalog_record_locator_private* const priv = closed->priv;
+  *locator = nullptr;
+  if (priv->reference_count == 0) {
+    KVFS_WARNING("Closing locator %p with 0 refcount!\n", static_cast<void*>(closed));
+  } else {
+    --priv->reference_count;
+    if (priv->reference_count != 0) {
+      return kvfs_ok;
+    }
+  }
+  unlink_locator(closed);
+  if (priv->parent != nullptr) {
+    (void)kvfs_catalog_record_locator_close_internal(&priv->parent);  // it has no failures
+  }
+  kvfs_btree_record_locator_close(&closed->btree_locator);
+  kvfs_zero_and_free(static_cast<locator_block*>(priv->allocation));
+  return kvfs_ok;
+}
+
+void kvfs_catalog_record_locator_close(kvfs_catalog_record_locator** locator) {
+  kvfs_write_guard guard((*locator)->priv->catalog->priv->open_locators_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while locking catalog open locators list.\n");
+    *locator = nullptr;
+    return;
+  }
+  (void)kvfs_catalog_record_locator_close_internal(locator);  // it has no failures
+  if (guard.release() != kvfs_ok) {
+    KVFS_WARNING("Error while unlocking catalog open locators list lock. Ignoring...\n");
+  }
+}
+
+// ---- Search results ------------------------------------------------------------------------------------------------
+
+void kvfs_catalog_search_result_init(kvfs_catalog_search_result* result) {
+  *result = {0, 0, nullptr};
+}
+
+void kvfs_catalog_search_result_release(kvfs_catalog_search_result* result) {
+  if (result->locator != nullptr) {
+    kvfs_catalog_record_locator_close(&result->locator);
+  }
+  *result = {0, 0, nullptr};
+}
+
+// Releases a result and puts another one, which it takes over, in its place.
+static void replace_result(kvfs_catalog_search_result* result, kvfs_catalog_search_result* other) {
+  kvfs_catalog_search_result_release(result);
+  *result = *other;
+  kvfs_catalog_search_result_init(other);
+}
+
+// ---- Lookup by key, thread and ID ----------------------------------------------------------------------------------
+
+kvfs_result kvfs_catalog_search_node(kvfs_catalog* catalog, const HFSPlusCatalogKey* key,
+                                     kvfs_catalog_search_result* out_result) {
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  kvfs_result result = kvfs_btree_search_node(btree_of(catalog), key, &found);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error in kvfs_btree_search_node.\n");
+    return result;
+  }
+  kvfs_catalog_record_locator* locator = nullptr;
+  result = kvfs_catalog_record_locator_open(catalog, found.locator, 0, nullptr, 0, &locator);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while creating kvfs_catalog_record_locator\n");
+    kvfs_btree_search_result_release(&found);
+    return result;
+  }
+  *out_result = {found.found, found.after, locator};
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_catalog_get_next_record(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
+                                         kvfs_catalog_record_locator** out_next) {
+  kvfs_btree_record_locator* next = nullptr;
+  kvfs_result result = kvfs_btree_get_next_record(btree_of(catalog), locator->btree_locator, &next);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error in kvfs_btree_get_next_record.\n");
+    return result;
+  }
+  if (next == nullptr) {
+    *out_next = nullptr;
+    return kvfs_ok;
+  }
+  result = kvfs_catalog_record_locator_open(catalog, next, 0, nullptr, 0, out_next);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while creating kvfs_catalog_record_locator.\n");
+    kvfs_btree_record_locator_close(&next);
+  }
+  return result;
+}
+
+// Builds the key of the item that a thread record leads to, in the name of `function`.
+static kvfs_result make_target_key(const char* function, const kvfs_catalog_record_locator* thread,
+                                   HFSPlusCatalogKey* key) {
+  const kvfs_btree_record_locator* const record = thread->btree_locator;
+  const HFSPlusCatalogThread* const fields = kvfs_view_as<HFSPlusCatalogThread>(record->data);
+  std::uint32_t name_length = 0;
+  bool whole = record->data_size >= kHFSPlusCatalogThreadNameOffset;
+  if (whole) {
+    name_length = fields->nodeName.length.get();
+    whole = name_length <= kHFSPlusMaxNameLength &&
+            record->data_size - kHFSPlusCatalogThreadNameOffset >= name_length * sizeof(kvfs_be16);
+  }
+  if (!whole) {
+    KVFS_ERROR_AS(function, "Thread record of %zu bytes cannot hold its name of %lu units.\n",
+                  std::size_t{record->data_size}, to_ul(name_length));
+    return kvfs_inconsistent;
+  }
+  make_key(key, fields->parentID, fields->nodeName.unicode, name_length);
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog_record_locator* thread,
+                                       kvfs_catalog_search_result* out_result) {
+  HFSPlusCatalogKey key;
+  kvfs_result result = make_target_key(__func__, thread, &key);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_catalog_search_node(catalog, &key, out_result);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while searching for target of thread.\n");
+  }
+  return result;
+}
+
+// Replaces the result of finding a thread record by that of following it, in the name of kvfs_catalog_search_by_cnid.
+static kvfs_result replace_by_thread_target(kvfs_catalog* catalog, kvfs_catalog_search_result* result) {
+  static const char* const kFunction = "kvfs_catalog_search_by_cnid";
+  kvfs_catalog_search_result target;
+  kvfs_catalog_search_result_init(&target);
+  const kvfs_result followed = kvfs_catalog_follow_thread(catalog, result->locator, &target);
+  if (followed != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while following thread when searching for node by CNID.\n");
+    return followed;
+  }
+  if (target.locator == nullptr) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected: kvfs_catalog_follow_thread returned NULL locator but no error.\n");
+    return kvfs_internal;
+  }
+  replace_result(result, &target);
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_catalog_search_by_cnid(kvfs_catalog* catalog, std::uint32_t cnid, bool follow,
+                                        kvfs_catalog_search_result* out_result) {
+  HFSPlusCatalogKey key;
+  make_thread_key(&key, kvfs_be32::of(cnid));
+  kvfs_catalog_search_result found;
+  kvfs_catalog_search_result_init(&found);
+  kvfs_result result = kvfs_catalog_search_node(catalog, &key, &found);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while searching thread record when searching by CNID.\n");
+    return result;
+  }
+  if (found.locator == nullptr) {
+    KVFS_CRITICAL("Unexpected: kvfs_catalog_search_node returned NULL locator but no error.\n");
+    return kvfs_internal;
+  }
+  if (found.found != 0 && follow && is_thread(record_type_of(found.locator))) {
+    result = replace_by_thread_target(catalog, &found);
+  }
+  if (result != kvfs_ok) {
+    kvfs_catalog_search_result_release(&found);
+    return result;
+  }
+  *out_result = found;
+  return kvfs_ok;
+}
+
+// ---- Lookup by path ------------------------------------------------------------------------------------------------
+
+// A walk along a path.
+struct path_walk {
+  kvfs_catalog* catalog;
+  kvfs_catalog_component_source source;
+  void* context;
+  std::uint32_t parent_cnid;
+  kvfs_catalog_record_locator* parent;  // the folder that is searched, or null; not owned
+  kvfs_catalog_record_locator* held;    // the folder that the walk itself keeps open
+  kvfs_catalog_search_result current;   // of the component looked up last
+  kvfs_be16 component[kHFSPlusMaxNameLength];
+  std::size_t component_length;  // units
+};
+
+static const char kPathFunction[] = "kvfs_catalog_search_by_path";
+
+// A folder record must have all of its fields.
+static kvfs_result check_folder_size(const kvfs_catalog_record_locator* locator) {
+  const std::size_t size = locator->btree_locator->data_size;
+  if (size < sizeof(HFSPlusCatalogFolder)) {
+    KVFS_ERROR_AS(kPathFunction, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
+                  sizeof(HFSPlusCatalogFolder), size);
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+static std::uint32_t folder_id_of(const kvfs_catalog_record_locator* locator) {
+  return kvfs_view_as<HFSPlusCatalogFolder>(locator->btree_locator->data)->folderID.get();
+}
+
+// Sets the folder that the walk starts from.
+static kvfs_result start_path(path_walk* walk, kvfs_catalog_record_locator* start) {
+  walk->parent_cnid = kHFSRootFolderID;
+  if (start == nullptr) {
+    return kvfs_ok;
+  }
+  const std::uint16_t type = record_type_of(start);
+  if (type != kHFSPlusFolderRecord) {
+    KVFS_ERROR_AS(kPathFunction, "Invalid argument: 'CatalogRecord' has non-folder type %hd.\n",
+                  static_cast<short>(type));
+    return kvfs_invalid;
+  }
+  const kvfs_result checked = check_folder_size(start);
+  if (checked != kvfs_ok) {
+    return checked;
+  }
+  // The root folder's parent has no record to search in; the root folder stands for it.
+  if (folder_id_of(start) != kHFSRootParentID) {
+    walk->parent_cnid = folder_id_of(start);
+    walk->parent = start;
+  }
+  return kvfs_ok;
+}
+
+// Makes the record found last the folder that the next component is searched in.
+static kvfs_result enter_current_folder(path_walk* walk) {
+  if (walk->current.locator == nullptr) {
+    if (walk->component_length != 0) {
+      KVFS_CRITICAL_AS(kPathFunction, "Unexpected: NULL current_entry but non-0 nodeNameLength (%zu).\n",
+                       walk->component_length);
+      return kvfs_internal;
+    }
+    return kvfs_ok;
+  }
+  const std::uint16_t type = record_type_of(walk->current.locator);
+  if (type != kHFSPlusFolderRecord) {
+    KVFS_ERROR_AS(kPathFunction, "Unexpected record type for parent directory in lookup: %hd.\n",
+                  static_cast<short>(type));
+    return kvfs_internal;
+  }
+  if (walk->held != nullptr) {
+    kvfs_catalog_record_locator_close(&walk->held);
+  }
+  walk->held = walk->current.locator;
+  walk->parent = walk->held;
+  walk->parent_cnid = folder_id_of(walk->held);
+  kvfs_catalog_search_result_init(&walk->current);
+  return kvfs_ok;
+}
+
+static kvfs_result search_component(path_walk* walk) {
+  HFSPlusCatalogKey key;
+  make_key(&key, kvfs_be32::of(walk->parent_cnid), walk->component,
+           static_cast<std::uint32_t>(walk->component_length));
+  const kvfs_result result = kvfs_catalog_search_node(walk->catalog, &key, &walk->current);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kPathFunction, "Error while searching for intermediate path component.\n");
+  }
+  return result;
+}
+
+// Replaces a thread record that was found by the item that it leads to.
+static kvfs_result resolve_thread(path_walk* walk) {
+  kvfs_catalog_search_result target;
+  kvfs_catalog_search_result_init(&target);
+  const kvfs_result followed = kvfs_catalog_follow_thread(walk->catalog, walk->current.locator, &target);
+  if (followed != kvfs_ok) {
+    KVFS_ERROR_AS(kPathFunction, "Error while following thread.\n");
+    return followed;
+  }
+  if (target.locator == nullptr || target.found == 0) {
+    KVFS_ERROR_AS(kPathFunction, "%s: Thread target not found.\n", kPathFunction);
+    kvfs_catalog_search_result_release(&target);
+    return kvfs_inconsistent;
+  }
+  replace_result(&walk->current, &target);
+  return kvfs_ok;
+}
+
+// Checks the record that was found and follows it when it is a thread.
+static kvfs_result accept_current_record(path_walk* walk) {
+  const std::uint16_t type = record_type_of(walk->current.locator);
+  if (type < kHFSPlusFolderRecord || type > kHFSPlusFileThreadRecord) {
+    KVFS_ERROR_AS(kPathFunction, "Unexpected record type %hd for looked up record data.\n", static_cast<short>(type));
+    return kvfs_inconsistent;
+  }
+  if (is_thread(type)) {
+    const kvfs_result resolved = resolve_thread(walk);
+    if (resolved != kvfs_ok) {
+      return resolved;
+    }
+  }
+  return check_folder_size(walk->current.locator);
+}
+
+static kvfs_result next_component(path_walk* walk) {
+  walk->component_length = 0;
+  kvfs_result result =
+      walk->source(walk->context, walk->component, kHFSPlusMaxNameLength, &walk->component_length);
+  if (result == kvfs_ok && walk->component_length > kHFSPlusMaxNameLength) {
+    result = kvfs_invalid;
+  }
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kPathFunction, "Error while converting native path component to HFS+ string.\n");
+  }
+  return result;
+}
+
+// Looks up component after component. The first pass has an empty one and finds the starting folder's own thread.
+static kvfs_result walk_components(path_walk* walk) {
+  do {
+    kvfs_result result = enter_current_folder(walk);
+    if (result == kvfs_ok) {
+      result = search_component(walk);
+    }
+    if (result != kvfs_ok) {
+      return result;
+    }
+    if (walk->current.locator == nullptr || walk->current.found == 0) {
+      return kvfs_ok;
+    }
+    result = accept_current_record(walk);
+    if (result == kvfs_ok) {
+      result = next_component(walk);
+    }
+    if (result != kvfs_ok) {
+      return result;
+    }
+  } while (walk->component_length != 0);
+  return kvfs_ok;
+}
+
+// Gives the result its parent and its record type.
+static kvfs_result complete_result(path_walk* walk) {
+  kvfs_catalog_record_locator* const locator = walk->current.locator;
+  if (locator == nullptr) {
+    return kvfs_ok;
+  }
+  if (walk->current.found != 0) {
+    const kvfs_result result = kvfs_catalog_record_locator_set_parent_locator(locator, walk->parent);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kPathFunction, "Error while setting parent locator (search found a match).\n");
+      return result;
+    }
+  } else if (walk->parent != nullptr) {
+    const kvfs_result result = kvfs_catalog_record_locator_set_parent_locator(locator, walk->parent);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kPathFunction, "Error while setting parent locator (search did not find a match).\n");
+      return result;
+    }
+  }
+  locator->record_type = record_type_of(locator);
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_component_source source, void* context,
+                                        kvfs_catalog_record_locator* start, kvfs_catalog_search_result* out_result) {
+  path_walk walk = {};
+  walk.catalog = catalog;
+  walk.source = source;
+  walk.context = context;
+  kvfs_result result = start_path(&walk, start);
+  if (result == kvfs_ok) {
+    result = walk_components(&walk);
+  }
+  if (result == kvfs_ok) {
+    result = complete_result(&walk);
+  }
+  if (walk.held != nullptr) {
+    kvfs_catalog_record_locator_close(&walk.held);
+  }
+  if (result != kvfs_ok) {
+    kvfs_catalog_search_result_release(&walk.current);
+    return result;
+  }
+  *out_result = walk.current;
+  return kvfs_ok;
+}

@@ -1,0 +1,160 @@
+// The catalog: the B-tree with a record for every file and folder of the volume and a thread record for each of them.
+//
+// A record is held through a catalog record locator: a B-tree locator with a link to the locator of the folder that
+// holds the item, where it is known. Locators are counted; each child counts as one holder of its parent.
+//
+// Invariants: the list of open locators holds every locator that was not closed; a locator's parent is open as long as
+// the locator is. Keys and records stay in on-disk byte order; a routine converts the fields that it reads.
+//
+// Threads: lookups may run concurrently; a change to the catalog must run alone. Locks: one for each catalog, over the
+// list, the counts and the parent links; it is taken for writing only, and before the B-tree's lock.
+
+#ifndef KVFS_CATALOG_H
+#define KVFS_CATALOG_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "btree.h"
+#include "format.h"
+#include "result.h"
+
+struct kvfs_catalog_private;
+struct kvfs_catalog_record_locator_private;
+
+struct kvfs_catalog {
+  kvfs_btree* const* btree;  // the catalog's B-tree, which lies first in the private part
+  kvfs_catalog_private* priv;
+};
+
+// A handle on one catalog record. Key and data are those of the B-tree locator.
+struct kvfs_catalog_record_locator {
+  kvfs_btree_record_locator* btree_locator;    // owned
+  std::uint32_t record_type;                   // host order; 0 unless a search by path has filled it in
+  kvfs_catalog_record_locator* const* parent;  // where the private part keeps the parent's locator, or null
+  std::uint32_t reserved;                      // as given by who opened the locator
+  kvfs_catalog_record_locator_private* priv;
+};
+
+// What a search found.
+struct kvfs_catalog_search_result {
+  std::uint32_t found;                   // nonzero when a record with exactly the key exists
+  std::uint32_t after;                   // the B-tree search's flag, for use as an insertion hint
+  kvfs_catalog_record_locator* locator;  // the record found, or the place where the key belongs; null when there is none
+};
+
+// ---- The catalog ---------------------------------------------------------------------------------------------------
+
+// Opens the catalog of a volume.
+//
+//   device, extents, volume_header  borrowed for the life of the catalog
+//   out_catalog  receives the catalog, owned by the caller; unchanged on failure
+//
+// Returns kvfs_ok, kvfs_no_memory or the failure of the lock or of opening the B-tree.
+kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSPlusVolumeHeader* volume_header,
+                                kvfs_catalog** out_catalog);
+
+// Closes the catalog: closes locators that are still open, with a warning, and frees the B-tree without flushing it.
+// The handle becomes null. A locator with several references at the head of the list stops that clean-up at once.
+void kvfs_catalog_destroy(kvfs_catalog** catalog);
+
+// Orders two catalog keys, on-disk order, by parent and name: -1, 0 or 1. A key that is too short and an unknown
+// compare type are reported and order first; a name that is longer than its key is reported with kvfs_key_malformed.
+// Directly under the root folder a name that begins with a NUL unit, as those of the private folders, orders before all
+// others by binary comparison and after all others by case folding. When both keys have such a name the first decides,
+// so that they are never equal: this must stay as it is.
+//
+//   compare_type  kHFSCaseFolding or kHFSBinaryCompare
+int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);
+
+// Converts a stored name to UTF-8 with "/" for every "\".
+//
+//   units, count  the name, big-endian; 255 units at most
+//   buffer, size  receive the text and a NUL; bytes
+//
+// Returns the bytes of text, without the NUL; 0 on failure.
+std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size);
+
+// ---- Locators ------------------------------------------------------------------------------------------------------
+
+// Opens a locator over a B-tree locator.
+//
+//   btree_locator  owned by the new locator on success, still by the caller on failure
+//   record_type    host order; 0 when it is not known
+//   parent         the locator of the folder that holds the item, or null; it gains a reference
+//   reserved       kept as it is; 0
+//   out_locator    receives the locator with one reference; unchanged on failure
+//
+// Locks: the catalog's lock for writing. Returns kvfs_ok, kvfs_no_memory or the failure of the lock.
+kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_record_locator* btree_locator,
+                                             std::uint32_t record_type, kvfs_catalog_record_locator* parent,
+                                             std::uint32_t reserved, kvfs_catalog_record_locator** out_locator);
+
+// Links a locator to another parent, or to none; the old one loses a reference.
+//
+// Locks: the catalog's lock for writing. Returns kvfs_ok or the failure of the lock.
+kvfs_result kvfs_catalog_record_locator_set_parent_locator(kvfs_catalog_record_locator* locator,
+                                                           kvfs_catalog_record_locator* parent);
+
+// Gives back one reference; the last one frees the locator and gives back its reference on the parent. The caller's
+// pointer becomes null in any case.
+//
+// Locks: the catalog's lock for writing. When that fails nothing is released.
+void kvfs_catalog_record_locator_close(kvfs_catalog_record_locator** locator);
+
+// The same for a caller who holds the catalog's lock for writing. Always returns kvfs_ok.
+kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locator** locator);
+
+// ---- Lookup --------------------------------------------------------------------------------------------------------
+//
+// Each search stores its result on success only; the caller releases it with kvfs_catalog_search_result_release. A
+// search that does not find its key is a success with `found` 0 and a locator on the place where the key belongs.
+// Besides what is said below all of them return the failures of the B-tree and of opening a locator unchanged.
+
+// Makes a search result empty. To be called before its first use.
+void kvfs_catalog_search_result_init(kvfs_catalog_search_result* result);
+
+// Closes the locator of a search result, if it has one, and makes the result empty.
+void kvfs_catalog_search_result_release(kvfs_catalog_search_result* result);
+
+// Searches for a key, given in on-disk order.
+kvfs_result kvfs_catalog_search_node(kvfs_catalog* catalog, const HFSPlusCatalogKey* key,
+                                     kvfs_catalog_search_result* out_result);
+
+// Opens a locator, without a parent, on the record behind another one, which stays open.
+//
+//   out_next  receives the locator, or null at the end of the catalog
+kvfs_result kvfs_catalog_get_next_record(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
+                                         kvfs_catalog_record_locator** out_next);
+
+// Searches for the item that a thread record leads to. Returns kvfs_inconsistent when the record is no whole thread.
+kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog_record_locator* thread,
+                                       kvfs_catalog_search_result* out_result);
+
+// Searches for the thread record of an item and, with `follow`, for the item itself. When there is no thread record,
+// or what was found is not one, that search's result is the outcome: callers test `found`.
+//
+//   cnid  catalog node ID, host order
+//
+// Returns kvfs_internal when a lower layer gives no locator.
+kvfs_result kvfs_catalog_search_by_cnid(kvfs_catalog* catalog, std::uint32_t cnid, bool follow,
+                                        kvfs_catalog_search_result* out_result);
+
+// Gives the next component of a path. It stores at most `capacity` units, big-endian and decomposed, and their number;
+// a length of 0 says that no components are left. A failure ends the lookup.
+using kvfs_catalog_component_source = kvfs_result (*)(void* context, kvfs_be16* buffer, std::size_t capacity,
+                                                      std::size_t* out_length);
+
+// Walks down a path, component by component.
+//
+//   source, context  give the components
+//   start            locator of the folder to start from, or null for the root folder
+//   out_result       receives the last component's record, or the place in its folder of the first component that is
+//                    missing; its locator has the locator of the folder as its parent and the record type filled in
+//
+// Returns kvfs_invalid when `start` is no folder; kvfs_inconsistent when a record has an unknown type or a wrong size or
+// a thread leads nowhere; kvfs_internal when a component is asked for in what is no folder; or the failure of `source`.
+kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_component_source source, void* context,
+                                        kvfs_catalog_record_locator* start, kvfs_catalog_search_result* out_result);
+
+#endif  // KVFS_CATALOG_H
