@@ -36,9 +36,9 @@ function(kvfs_set_shipped_options target)
 endfunction()
 
 # The compiler driver names the C++ runtime library on every link. --as-needed stands before it on the command line and
-# drops it, because nothing refers to it.
+# drops it, because nothing refers to it. The compiler's own support routines, if any are used, are linked in.
 function(kvfs_set_shipped_link_options target)
-  target_link_options(${target} PRIVATE LINKER:--gc-sections LINKER:--as-needed)
+  target_link_options(${target} PRIVATE LINKER:--gc-sections LINKER:--as-needed -static-libgcc)
 endfunction()
 
 # Sets `out` to those of the named files, relative to the current source directory, that exist.

@@ -1,8 +1,8 @@
 #include "btree.h"
 
-#include <algorithm>
 #include <cstring>
 
+#include "arithmetic.h"
 #include "btree_private.h"
 #include "device.h"
 #include "owned.h"
@@ -41,7 +41,7 @@ static constexpr std::uint32_t round_up_to_even(std::uint32_t value) {
 
 static BTNodeDescriptor descriptor_of(const node_view& node) {
   BTNodeDescriptor descriptor = {};
-  std::memcpy(&descriptor, node.bytes, std::min<std::size_t>(sizeof(descriptor), node.size));
+  std::memcpy(&descriptor, node.bytes, kvfs_min<std::size_t>(sizeof(descriptor), node.size));
   return descriptor;
 }
 
@@ -146,8 +146,7 @@ static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader
   const std::uint64_t first = position / sector_size;
   const std::uint64_t count = (position + kBTHeaderEnd + sector_size - 1) / sector_size - first;
   void* sectors = nullptr;
-  const kvfs_result result =
-      kvfs_device_read_disk_sectors(device, first, static_cast<std::uint32_t>(count), &sectors);
+  const kvfs_result result = kvfs_device_read_disk_sectors(device, first, static_cast<std::uint32_t>(count), &sectors);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kFunction, "Error while reading first sector%s of B-tree.\n", count >= 2 ? "s" : "");
     return result;
@@ -321,7 +320,8 @@ static void release_leaked_locators(kvfs_btree_private* priv) {
     kvfs_btree_record_locator_release(&leaked, true);
     ++released;
     if (priv->open_locators == head) {
-      KVFS_CRITICAL_AS(kFunction, "Internal error: Closing head of B-tree open locators list did not change the head!\n");
+      KVFS_CRITICAL_AS(kFunction,
+                       "Internal error: Closing head of B-tree open locators list did not change the head!\n");
       break;
     }
   }
@@ -335,8 +335,7 @@ void kvfs_btree_destroy(kvfs_btree** tree) {
   {
     kvfs_write_guard guard(priv->open_locators_lock);
     if (guard.result() != kvfs_ok) {
-      KVFS_ERROR(
-          "Error while acquiring open locators list lock! Leaking open locators on kvfs_btree destruction...\n");
+      KVFS_ERROR("Error while acquiring open locators list lock! Leaking open locators on kvfs_btree destruction...\n");
     } else {
       release_leaked_locators(priv);
       if (guard.release() != kvfs_ok) {
@@ -363,12 +362,10 @@ static constexpr std::uint32_t kAttributeInlineData = 16;
 // Checks the record type of one attribute; false when the record leaves the node.
 static bool check_attribute_record(const node_view& node, std::uint32_t index) {
   std::uint16_t offset = 0;
-  if (!read_offset(node, index, &offset) || offset < kBTFirstRecordOffset ||
-      offset + kAttributeKeySize > node.size) {
+  if (!read_offset(node, index, &offset) || offset < kBTFirstRecordOffset || offset + kAttributeKeySize > node.size) {
     return false;
   }
-  const std::uint32_t name_length =
-      kvfs_view_as<kvfs_be16>(node.bytes + offset + kAttributeNameLengthOffset)->get();
+  const std::uint32_t name_length = kvfs_view_as<kvfs_be16>(node.bytes + offset + kAttributeNameLengthOffset)->get();
   const std::size_t data = offset + kAttributeKeySize + name_length * sizeof(kvfs_be16);
   if (data + sizeof(kvfs_be32) > node.size) {
     return false;
@@ -503,7 +500,7 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
   if (arguments.record_size > record_capacity(priv)) {
     KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has grown beyond its open locator (from %zu to %zu bytes).\n",
                   arguments.index, node, record_capacity(priv), arguments.record_size);
-    return kvfs_inconsistent;
+    return kvfs_internal;
   }
   if (priv->fork_data_offset != arguments.fork_data_offset) {
     KVFS_WARNING_AS(
@@ -631,7 +628,7 @@ static kvfs_result write_record_data(kvfs_btree_record_locator* locator, const v
     // The record was opened again with a longer key, and the public sizes are still those of the first opening.
     KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has changed its layout. Its data cannot be written.\n",
                   priv->index, to_ul(priv->node));
-    return kvfs_inconsistent;
+    return kvfs_internal;
   }
   const kvfs_result result = kvfs_fork_write(priv->tree->fork, priv->fork_data_offset, data, data_size, nullptr);
   if (result != kvfs_ok) {
@@ -678,7 +675,8 @@ void kvfs_btree_shift_locators(kvfs_btree* tree, std::uint32_t node, std::int32_
       continue;
     }
     priv->node = target_node;
-    const std::uint32_t shifted = subtract ? priv->index - std::uint32_t{index_delta} : priv->index + std::uint32_t{index_delta};
+    const std::uint32_t shifted =
+        subtract ? priv->index - std::uint32_t{index_delta} : priv->index + std::uint32_t{index_delta};
     priv->index = static_cast<std::uint16_t>(shifted);
     priv->fork_data_offset = subtract ? priv->fork_data_offset - byte_delta : priv->fork_data_offset + byte_delta;
   }
@@ -728,8 +726,8 @@ struct node_record {
 };
 
 static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
-  KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
-                to_ul(index), to_ul(node));
+  KVFS_ERROR_AS("kvfs_btree_search_node_internal",
+                "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(index), to_ul(node));
   return kvfs_inconsistent;
 }
 
@@ -889,8 +887,7 @@ static kvfs_result compare_record(const search_walk* walk, const node_record& re
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   *order = 0;
   if (record.key_inside) {
-    *order =
-        walk->tree->priv->compare(walk->node.bytes + record.offset, walk->key, walk->header.keyCompareType);
+    *order = walk->tree->priv->compare(walk->node.bytes + record.offset, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && (!record.key_inside || *order == kvfs_key_malformed)) {
     return report_bad_record(walk->node.number, walk->index);
@@ -1145,6 +1142,1297 @@ kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record
     }
   } else if (result == kvfs_ok) {
     *out_locator = next;
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+// ---- Node buffers --------------------------------------------------------------------------------------------------
+
+// A copy of a node that a change works on; `view` leads into it.
+struct node_buffer {
+  kvfs_owned<unsigned char> bytes;
+  node_view view;
+};
+
+static bool allocate_node(const kvfs_btree* tree, node_buffer* buffer) {
+  buffer->bytes = kvfs_allocate_bytes(tree->nodeSize);
+  buffer->view = {buffer->bytes.get(), tree->nodeSize, 0};
+  return static_cast<bool>(buffer->bytes);
+}
+
+static kvfs_result read_node(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
+  buffer->view.number = node;
+  return kvfs_fork_read(tree->fork, fork_position(tree, node, 0), buffer->view.bytes, tree->nodeSize, nullptr);
+}
+
+static kvfs_result write_node(kvfs_btree* tree, const node_buffer& buffer) {
+  return kvfs_fork_write(tree->fork, fork_position(tree, buffer.view.number, 0), buffer.view.bytes, tree->nodeSize,
+                         nullptr);
+}
+
+static void store_descriptor(const node_buffer& buffer, const BTNodeDescriptor& descriptor) {
+  std::memcpy(buffer.view.bytes, &descriptor, sizeof(descriptor));
+}
+
+static void store_offset(const node_buffer& buffer, std::uint32_t index, std::uint32_t offset) {
+  kvfs_view_as<kvfs_be16>(buffer.view.bytes + offset_entry_position(buffer.view.size, index))
+      ->set(static_cast<std::uint16_t>(offset));
+}
+
+// An entry of an offset table that is known to hold it.
+static std::uint16_t offset_at(const node_view& node, std::uint32_t index) {
+  std::uint16_t offset = 0;
+  (void)read_offset(node, index, &offset);
+  return offset;
+}
+
+// Where the offset table of a node with `count` records begins.
+static std::uint32_t offset_table_start(const node_view& node, std::uint32_t count) {
+  return offset_entry_position(node.size, count);
+}
+
+static kvfs_result read_header_record(kvfs_btree* tree, BTHeaderRec* header) {
+  return kvfs_fork_read(tree->fork, kBTHeaderRecordOffset, header, sizeof(*header), nullptr);
+}
+
+static kvfs_result write_header_record(kvfs_btree* tree, const BTHeaderRec& header) {
+  return kvfs_fork_write(tree->fork, kBTHeaderRecordOffset, &header, sizeof(header), nullptr);
+}
+
+// The key at an offset of a node; null, with a message, when it leaves the node.
+static const unsigned char* key_at(const char* function, const node_view& node, std::uint32_t offset) {
+  std::uint32_t end = 0;
+  if (!read_key_end(node, offset, &end)) {
+    KVFS_ERROR_AS(function, "Invalid node data: Key at offset %lu of node %lu lies outside of the node.\n",
+                  to_ul(offset), to_ul(node.number));
+    return nullptr;
+  }
+  return node.bytes + offset;
+}
+
+static kvfs_result check_maintained_depth(const char* function, std::uint16_t depth) {
+  if (depth > kMaximumMaintainedDepth) {
+    KVFS_ERROR_AS(function, "B-tree of depth %hu is too deep for its index to be maintained.\n", depth);
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+// The height of the level above a node, which has to fit a byte.
+static kvfs_result height_above(const char* function, std::uint8_t height, std::uint8_t* above) {
+  if (height == UINT8_MAX) {
+    KVFS_ERROR_AS(function, "B-tree depth too large.\n");
+    return kvfs_inconsistent;
+  }
+  *above = static_cast<std::uint8_t>(height + 1);
+  return kvfs_ok;
+}
+
+// ---- Insertion -----------------------------------------------------------------------------------------------------
+
+// A record on its way into the tree.
+struct insertion {
+  kvfs_btree* tree;
+  const void* key;
+  std::uint16_t key_length;  // without the length field
+  const void* data;
+  std::uint16_t data_size;
+  std::uint32_t record_size;  // in the node, with pads and the key's length field
+
+  node_buffer node;             // where the record goes
+  BTNodeDescriptor descriptor;  // of that node
+  std::uint32_t count;          // its records, before the insertion
+  std::uint32_t index;          // of the new record
+};
+
+static const char kInsertFunction[] = "kvfs_btree_insert_record_internal";
+
+// Descriptor, two entries of the offset table: what a node with a single record holds besides it.
+static constexpr std::uint32_t kSingleRecordOverhead = sizeof(BTNodeDescriptor) + 2 * kOffsetEntrySize;
+
+// A node is taken to be damaged when its table leaves no room for this many more entries.
+static constexpr std::uint32_t kSpareOffsetEntries = 8;
+
+static std::uint32_t record_size_for(std::uint16_t key_length, std::uint16_t data_size) {
+  return round_up_to_even(key_length) + round_up_to_even(data_size) + static_cast<std::uint32_t>(sizeof(kvfs_be16));
+}
+
+static void take_up_insertion_node(insertion* insert) {
+  insert->descriptor = descriptor_of(insert->node.view);
+  insert->count = insert->descriptor.numRecords.get();
+}
+
+static bool table_has_room(const insertion& insert) {
+  return (insert.count + kSpareOffsetEntries) * kOffsetEntrySize <= insert.tree->nodeSize;
+}
+
+static std::int64_t free_space(const insertion& insert) {
+  const std::int64_t table = kOffsetEntrySize * (std::int64_t{insert.count} + 1);
+  return std::int64_t{insert.tree->nodeSize} - offset_at(insert.node.view, insert.count) - table;
+}
+
+static bool fits_in_place(const insertion& insert) {
+  return free_space(insert) >= std::int64_t{insert.record_size} + kOffsetEntrySize;
+}
+
+// Searches for the place of a new key.
+static kvfs_result find_insert_location(kvfs_btree* tree, const void* key, kvfs_btree_search_result* place) {
+  const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToLeaf, 0, place);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while searching for insert location.\n");
+    return result;
+  }
+  if (place->locator == nullptr) {
+    KVFS_CRITICAL_AS(
+        kInsertFunction,
+        "ERROR:Unable to insert because kvfs_btree_search_node returned NULL when looking up insert location!\n");
+    return kvfs_internal;
+  }
+  if (place->found != 0) {
+    KVFS_ERROR_AS(kInsertFunction, "ERROR:Unable to insert because already exists?!\n");
+    kvfs_btree_record_locator_release(&place->locator, false);
+    return kvfs_exists;
+  }
+  return kvfs_ok;
+}
+
+// Reads the node of a search result and turns the result into the index of the new record.
+static kvfs_result take_up_place(insertion* insert, const kvfs_btree_search_result& place) {
+  kvfs_btree* const tree = insert->tree;
+  if (!allocate_node(tree, &insert->node)) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while allocating node-sized buffer for modified contents (%zu bytes).\n",
+                  std::size_t{tree->nodeSize});
+    return kvfs_no_memory;
+  }
+  const kvfs_result result = read_node(tree, *place.locator->node, &insert->node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while reading complete node data of node where record should be inserted.\n");
+    return result;
+  }
+  take_up_insertion_node(insert);
+  insert->index = *place.locator->index;
+  if (insert->index != insert->count && place.after != 0) {
+    ++insert->index;
+  }
+  return kvfs_ok;
+}
+
+// Finds the node and the index of the new record, by the hint or by a search of its own.
+static kvfs_result position_insertion(insertion* insert, const kvfs_btree_search_result* hint) {
+  if (hint != nullptr && hint->locator != nullptr) {
+    return take_up_place(insert, *hint);
+  }
+  kvfs_btree_search_result place;
+  kvfs_btree_search_result_init(&place);
+  kvfs_result result = find_insert_location(insert->tree, insert->key, &place);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = take_up_place(insert, place);
+  kvfs_btree_record_locator_release(&place.locator, false);
+  return result;
+}
+
+static kvfs_result report_bad_insert_offset(std::uint32_t node, std::uint32_t index) {
+  KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Offset of record %lu of node %lu is out of range.\n", to_ul(index),
+                to_ul(node));
+  return kvfs_inconsistent;
+}
+
+// Checks the node around the place of the new record, and that the record fits an empty node.
+static kvfs_result check_insertion(const insertion& insert) {
+  const std::uint16_t node_size = insert.tree->nodeSize;
+  if (!table_has_room(insert)) {
+    KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
+                  insert.descriptor.numRecords.get(), node_size);
+    return kvfs_inconsistent;
+  }
+  if (insert.index > insert.count) {
+    KVFS_ERROR_AS(kInsertFunction, "Invalid position: Record %lu does not follow the %lu records of node %lu.\n",
+                  to_ul(insert.index), to_ul(insert.count), to_ul(insert.node.view.number));
+    return kvfs_inconsistent;
+  }
+  const std::uint16_t end = offset_at(insert.node.view, insert.count);
+  const std::uint16_t offset = offset_at(insert.node.view, insert.index);
+  if (insert.index < insert.count) {
+    const std::uint16_t next = offset_at(insert.node.view, insert.index + 1);
+    if (offset > next || end < next) {
+      return kvfs_inconsistent;  // without a message: this must stay as it is
+    }
+  }
+  if (end > node_size) {
+    return kvfs_inconsistent;  // likewise
+  }
+  if (offset < kBTFirstRecordOffset) {
+    return report_bad_insert_offset(insert.node.view.number, insert.index);
+  }
+  if (insert.record_size + kSingleRecordOverhead > node_size) {
+    KVFS_ERROR_AS(kInsertFunction,
+                  "Record cannot fit in a node given the B-tree's node size of %hu bytes (need %zu bytes).\n",
+                  node_size, std::size_t{insert.record_size} + kSingleRecordOverhead);
+    return kvfs_limit;
+  }
+  return kvfs_ok;
+}
+
+// ---- The split point -----------------------------------------------------------------------------------------------
+
+// Finds the record at which a full node is split: the one for which the two halves, with the new record counted in,
+// differ least in size. Sizes grow with the index, so that a binary search does; of equals the first one found stays.
+struct split_search {
+  std::int64_t total;         // bytes in use after the insertion, descriptor included
+  std::int64_t best;          // smallest difference so far
+  std::int64_t best_index;    // min_occupied_size_record: where it was found
+  std::int64_t split_size;    // what the node would hold that is split at the index looked at
+  std::int64_t claimed_size;  // what the claimed node would hold
+};
+
+// Where the upper half begins, in the node as it would be after the insertion.
+static std::int64_t split_boundary(const insertion& insert, std::uint32_t middle) {
+  const std::int64_t size = insert.record_size;
+  if (insert.index < middle) {
+    return offset_at(insert.node.view, middle) + size;
+  }
+  return middle < insert.count ? std::int64_t{offset_at(insert.node.view, middle + 1)}
+                               : offset_at(insert.node.view, middle) + size;
+}
+
+// Weighs a split before record `middle`.
+static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, split_search* search) {
+  const std::int64_t node_size = insert.tree->nodeSize;
+  const std::int64_t boundary = split_boundary(insert, middle);
+  const std::int64_t moved = std::int64_t{insert.count} - middle;
+  search->split_size = boundary + kOffsetEntrySize * (std::int64_t{middle} + 1);
+  search->claimed_size = search->total - boundary + kOffsetEntrySize * (moved + 2) + kBTFirstRecordOffset;
+  if (search->claimed_size < 0) {
+    KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Record %lu of node %lu begins behind the free space.\n",
+                  to_ul(middle), to_ul(insert.node.view.number));
+    return kvfs_inconsistent;
+  }
+  if (search->split_size > node_size && search->claimed_size > node_size) {
+    KVFS_CRITICAL_AS(
+        kInsertFunction,
+        "Internal error: Occupied size for both split (%lu) and claimed (%lu) nodes exceed the node size (%hu)!\n",
+        static_cast<unsigned long>(search->split_size), static_cast<unsigned long>(search->claimed_size),
+        insert.tree->nodeSize);
+    return kvfs_internal;
+  }
+  const std::int64_t difference = search->split_size > search->claimed_size ? search->split_size - search->claimed_size
+                                                                            : search->claimed_size - search->split_size;
+  if (difference < search->best) {
+    search->best = difference;
+    search->best_index = middle;
+  }
+  return kvfs_ok;
+}
+
+// Chooses the split point of a full node.
+static kvfs_result choose_split(const insertion& insert, std::uint16_t* split_index) {
+  const std::int64_t total = std::int64_t{offset_at(insert.node.view, insert.count)} + insert.record_size;
+  split_search search = {total, insert.count + total - kBTFirstRecordOffset, -1, 0, 0};
+  std::uint32_t low = 0;
+  std::uint32_t high = insert.count;
+  while (low != high) {
+    const std::uint32_t middle = low + (high + 1 - low) / 2;
+    const kvfs_result result = weigh_split(insert, middle, &search);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    if (search.split_size >= search.claimed_size) {
+      if (search.split_size == search.claimed_size || low == middle) {
+        break;
+      }
+      high = middle - 1;
+    } else {
+      if (high == middle) {
+        break;
+      }
+      low = middle + 1;
+    }
+  }
+  if (search.best_index < 0 || search.best_index > UINT16_MAX) {
+    KVFS_CRITICAL_AS(kInsertFunction, "Internal error: Invalid value for 'min_occupied_size_record' (%ld).\n",
+                     static_cast<long>(search.best_index));
+    return kvfs_internal;
+  }
+  *split_index = static_cast<std::uint16_t>(search.best_index);
+  return kvfs_ok;
+}
+
+// The record offsets that a split relies on must be in order.
+static kvfs_result check_split_offsets(const insertion& insert) {
+  const node_view& node = insert.node.view;
+  const std::uint16_t first = offset_at(node, 0);
+  const std::uint16_t offset = offset_at(node, insert.index);
+  const std::uint16_t end = offset_at(node, insert.count);
+  const std::uint32_t table = offset_table_start(node, insert.count);
+  if (first > offset || offset > end || end > table) {
+    KVFS_ERROR_AS(
+        kInsertFunction,
+        "Invalid node data: Record offsets are not in order (record 0: %hu, record %hu: %hu, free space: %hu, record offset array: %hu).\n",
+        first, static_cast<unsigned short>(insert.index), offset, end, static_cast<unsigned short>(table));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+// Takes up the half of a split node that the new record belongs to.
+static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, std::uint32_t new_node) {
+  std::uint32_t node = insert->node.view.number;
+  // At the split index itself the record is appended to the node that was split.
+  if (insert->index > split_index) {
+    node = new_node;
+    insert->index -= split_index;
+  }
+  const kvfs_result result = read_node(insert->tree, node, &insert->node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while reading complete node data of claimed node.\n");
+    return result;
+  }
+  take_up_insertion_node(insert);
+  if (!table_has_room(*insert)) {
+    KVFS_CRITICAL_AS(
+        kInsertFunction,
+        "Invalid node data in newly claimed node: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
+        insert->descriptor.numRecords.get(), insert->tree->nodeSize);
+    return kvfs_inconsistent;
+  }
+  if (insert->index > insert->count || offset_at(insert->node.view, insert->index) < kBTFirstRecordOffset) {
+    return report_bad_insert_offset(node, insert->index);
+  }
+  if (!fits_in_place(*insert)) {
+    KVFS_ERROR_AS(kInsertFunction, "Record of %lu bytes does not fit node %lu, even after a split.\n",
+                  to_ul(insert->record_size), to_ul(node));
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+static kvfs_result split_for_insertion(insertion* insert) {
+  kvfs_result result = check_split_offsets(*insert);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  std::uint16_t split_index = 0;
+  result = choose_split(*insert, &split_index);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  std::uint32_t new_node = 0;
+  result = kvfs_btree_split_node(insert->tree, insert->node.view.number, split_index, &new_node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while splitting node.\n");
+    return result;
+  }
+  if (new_node == 0) {
+    KVFS_CRITICAL_AS(kInsertFunction, "Unexpected: kvfs_btree_split_node returned 0.\n");
+    return kvfs_internal;
+  }
+  return take_up_half(insert, split_index, new_node);
+}
+
+// ---- Inserting in place --------------------------------------------------------------------------------------------
+
+kvfs_result kvfs_btree_node_make_record(const void* key, std::uint16_t key_length, const void* data,
+                                        std::uint16_t data_size, unsigned char* destination,
+                                        std::uint16_t record_size) {
+  const std::size_t key_size = key_length + sizeof(kvfs_be16);
+  if (key_size > record_size) {
+    KVFS_CRITICAL("Not enough space for the record key.\n");
+    return kvfs_internal;
+  }
+  std::memcpy(destination, key, key_size);
+  std::size_t cur_offset = key_size;
+  if (key_length % 2 != 0) {
+    if (cur_offset + 1 > record_size) {
+      KVFS_CRITICAL("Not enough space for record key padding.\n");
+      return kvfs_internal;
+    }
+    destination[cur_offset++] = 0;
+  }
+  if (cur_offset + data_size > record_size) {
+    KVFS_CRITICAL("Not enough space for the record data.\n");
+    return kvfs_internal;
+  }
+  if (data_size != 0) {
+    std::memcpy(destination + cur_offset, data, data_size);
+  }
+  cur_offset += data_size;
+  if (data_size % 2 != 0) {
+    if (cur_offset + 1 > record_size) {
+      KVFS_CRITICAL("Not enough space for record data padding.\n");
+      return kvfs_internal;
+    }
+    destination[cur_offset++] = 0;
+  }
+  if (cur_offset != record_size) {
+    KVFS_CRITICAL("Unexpected: Calculation mismatch between cur_offset (%zu) and record_size (%hu).\n", cur_offset,
+                  record_size);
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+// Makes room in the node buffer and puts the record there.
+static kvfs_result place_record(insertion* insert) {
+  const node_view& node = insert->node.view;
+  const std::uint32_t size = insert->record_size;
+  const std::uint16_t offset = offset_at(node, insert->index);
+  const std::uint16_t end = offset_at(node, insert->count);
+  if (offset > end) {
+    return report_bad_insert_offset(node.number, insert->index);
+  }
+  std::memmove(node.bytes + offset + size, node.bytes + offset, static_cast<std::size_t>(end - offset));
+  const kvfs_result result =
+      kvfs_btree_node_make_record(insert->key, insert->key_length, insert->data, insert->data_size, node.bytes + offset,
+                                  static_cast<std::uint16_t>(size));
+  if (result != kvfs_ok) {
+    KVFS_CRITICAL_AS(kInsertFunction,
+                     "Unexpected: Error while assembling B-tree node record from source key and data.");
+    return result;
+  }
+  for (std::uint32_t record = insert->count + 1; record > insert->index; --record) {
+    store_offset(insert->node, record, offset_at(node, record - 1) + size);
+  }
+  insert->descriptor.numRecords.set(static_cast<std::uint16_t>(insert->count + 1));
+  store_descriptor(insert->node, insert->descriptor);
+  return kvfs_ok;
+}
+
+// Counts a record that was added to a leaf.
+static kvfs_result count_inserted_leaf_record(kvfs_btree* tree) {
+  BTHeaderRec header = {};
+  kvfs_result result = read_header_record(tree, &header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while reading B-tree header record.\n");
+    return result;
+  }
+  header.leafRecords.set(header.leafRecords.get() + 1);
+  result = write_header_record(tree, header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while writing out incremented leaf record count in header record.\n");
+  }
+  return result;
+}
+
+// Deletes the index record that leads to a node by the key that was its first one.
+static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* former_key, std::uint8_t height) {
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  kvfs_result result = kvfs_btree_search_node_internal(tree, former_key, 0, kSearchToHeight, height, &found);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while searching for index node to modify.\n");
+    return result;
+  }
+  if (found.found == 0) {
+    result = kvfs_inconsistent;  // without a message: this must stay as it is
+  } else {
+    result = kvfs_btree_delete_record_internal(tree, found.locator, 0);
+    if (result != kvfs_ok) {
+      // An index record; the words must stay as they are.
+      KVFS_ERROR_AS(kInsertFunction, "Error while deleting file/folder record from B-tree.\n");
+    }
+  }
+  kvfs_btree_record_locator_release(&found.locator, false);
+  return result;
+}
+
+// Replaces the index record of a node that has a new first key.
+static kvfs_result replace_index_record(const insertion& insert) {
+  const std::uint32_t former_offset = kBTFirstRecordOffset + insert.record_size;
+  std::uint8_t height = 0;
+  kvfs_result result = height_above(kInsertFunction, insert.descriptor.height, &height);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const unsigned char* const former_key = key_at(kInsertFunction, insert.node.view, former_offset);
+  if (former_key == nullptr) {
+    return kvfs_inconsistent;
+  }
+  result = delete_former_index_record(insert.tree, former_key, height);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_btree_add_index_record(insert.tree, insert.key, height, insert.node.view.number);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while adding index record.\n");
+  }
+  return result;
+}
+
+// Brings counts and index in line with a record that was written.
+static kvfs_result maintain_after_insertion(const insertion& insert) {
+  kvfs_result result = kvfs_ok;
+  if (insert.descriptor.kind == kBTLeafNode) {
+    result = count_inserted_leaf_record(insert.tree);
+    if (result != kvfs_ok) {
+      return result;
+    }
+  }
+  BTHeaderRec header = {};
+  result = read_header_record(insert.tree, &header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while reading header record.\n");
+    return result;
+  }
+  const std::uint16_t depth = header.treeDepth.get();
+  if (insert.index != 0 || insert.descriptor.height >= depth) {
+    return kvfs_ok;
+  }
+  result = check_maintained_depth(kInsertFunction, depth);
+  return result == kvfs_ok ? replace_index_record(insert) : result;
+}
+
+// Inserts the record into a node that has room for it.
+static kvfs_result insert_in_place(insertion* insert, kvfs_btree_record_locator** out_locator) {
+  kvfs_btree* const tree = insert->tree;
+  const std::uint32_t node = insert->node.view.number;
+  const std::uint16_t offset = offset_at(insert->node.view, insert->index);
+  const bool moves_records = offset != offset_at(insert->node.view, insert->count);
+  kvfs_result result = place_record(insert);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = write_node(tree, insert->node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while writing out modified node after inserting record.\n");
+    return result;
+  }
+  if (moves_records) {
+    kvfs_btree_shift_locators(tree, node, static_cast<std::int32_t>(insert->index),
+                              static_cast<std::int32_t>(insert->count - insert->index), node, false, 1,
+                              insert->record_size);
+  }
+  result = maintain_after_insertion(*insert);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_btree_record_locator_open(tree, node, static_cast<std::uint16_t>(insert->index),
+                                          insert->node.view.bytes + offset, insert->record_size,
+                                          fork_position(tree, node, offset), out_locator);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while creating kvfs_btree_record_locator.\n");
+  }
+  return result;
+}
+
+kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
+                                              std::uint16_t data_size, const kvfs_btree_search_result* hint,
+                                              kvfs_btree_record_locator** out_locator) {
+  const std::uint16_t key_length = kvfs_view_as<kvfs_be16>(key)->get();
+  insertion insert = {};
+  insert.tree = tree;
+  insert.key = key;
+  insert.key_length = key_length;
+  insert.data = data;
+  insert.data_size = data_size;
+  insert.record_size = record_size_for(key_length, data_size);
+  kvfs_result result = position_insertion(&insert, hint);
+  if (result == kvfs_ok) {
+    result = check_insertion(insert);
+  }
+  if (result == kvfs_ok && !fits_in_place(insert)) {
+    result = split_for_insertion(&insert);
+  }
+  return result == kvfs_ok ? insert_in_place(&insert, out_locator) : result;
+}
+
+kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const void* data, std::uint16_t data_size,
+                                     const kvfs_btree_search_result* hint, kvfs_btree_record_locator** out_locator) {
+  kvfs_write_guard guard(tree->priv->open_locators_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
+    return guard.result();
+  }
+  kvfs_btree_record_locator* locator = nullptr;
+  const kvfs_result result = kvfs_btree_insert_record_internal(tree, key, data, data_size, hint, &locator);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
+    if (locator != nullptr) {
+      kvfs_btree_record_locator_release(&locator, false);  // the caller will not see it
+    }
+  } else if (result == kvfs_ok) {
+    *out_locator = locator;
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+kvfs_result kvfs_btree_add_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t child) {
+  kvfs_btree_search_result place;
+  kvfs_btree_search_result_init(&place);
+  kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToHeight, height, &place);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while searching for location to insert index record.\n");
+    return result;
+  }
+  if (place.locator == nullptr) {
+    KVFS_CRITICAL("Unexpected: kvfs_btree_search_node returned NULL locator with no error.\n");
+    return kvfs_internal;
+  }
+  if (place.found != 0) {
+    KVFS_ERROR("Index record that we wanted to add already exists.\n");
+    kvfs_btree_record_locator_release(&place.locator, false);
+    return kvfs_exists;
+  }
+  const kvfs_be32 data = kvfs_be32::of(child);
+  kvfs_btree_record_locator* inserted = nullptr;
+  result = kvfs_btree_insert_record_internal(tree, key, &data, sizeof(data), &place, &inserted);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while inserting index record.\n");
+  } else if (inserted == nullptr) {
+    KVFS_CRITICAL("Unexpected: kvfs_btree_insert_record returned NULL locator but no error.\n");
+    result = kvfs_internal;
+  } else {
+    kvfs_btree_record_locator_release(&inserted, false);
+  }
+  kvfs_btree_record_locator_release(&place.locator, false);
+  return result;
+}
+
+// ---- Split ---------------------------------------------------------------------------------------------------------
+
+// A node that is being split, and what the split changes besides it.
+struct node_split {
+  kvfs_btree* tree;
+  std::uint16_t index;  // first record that moves
+  node_buffer split;
+  node_buffer claimed;
+  BTNodeDescriptor split_descriptor;
+  BTNodeDescriptor claimed_descriptor;
+  std::uint32_t neighbour;                // the node behind both; 0 when there is none
+  BTNodeDescriptor neighbour_descriptor;  // changed when there is a neighbour
+  kvfs_owned<BTHeaderRec> header;
+  bool header_changed;
+};
+
+static const char kSplitFunction[] = "kvfs_btree_split_node";
+
+// Reads the header record and the node to be split, and refuses the root.
+static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
+  kvfs_btree* const tree = split->tree;
+  split->header = kvfs_allocate_zeroed<BTHeaderRec>();
+  if (!split->header) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while allocating memory for a BTHeaderRec buffer.\n");
+    return kvfs_no_memory;
+  }
+  kvfs_result result = read_header_record(tree, split->header.get());
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while reading header record of B-tree.\n");
+    return result;
+  }
+  if (!allocate_node(tree, &split->split)) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while allocating node-sized (%zu bytes) buffer to hold the split node data.\n",
+                  std::size_t{tree->nodeSize});
+    return kvfs_no_memory;
+  }
+  result = read_node(tree, node, &split->split);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while mapping node descriptor of split node.\n");
+    return result;
+  }
+  split->split_descriptor = descriptor_of(split->split.view);
+  const std::uint16_t depth = split->header->treeDepth.get();
+  if (split->split_descriptor.height >= depth) {
+    KVFS_ERROR_AS(kSplitFunction, "Unable to split root node.\n");
+    return kvfs_internal;
+  }
+  return check_maintained_depth(kSplitFunction, depth);
+}
+
+// Reads what the claimed node holds: the bytes that a split does not write stay as they are.
+static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
+  if (!allocate_node(split->tree, &split->claimed)) {
+    KVFS_ERROR_AS(kSplitFunction,
+                  "Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
+                  std::size_t{split->tree->nodeSize});
+    return kvfs_no_memory;
+  }
+  const kvfs_result result = read_node(split->tree, node, &split->claimed);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while mapping raw node data of claimed node.\n");
+  }
+  return result;
+}
+
+// Puts the claimed node between the split node and its neighbour.
+static kvfs_result link_claimed_node(node_split* split) {
+  BTNodeDescriptor* const lower = &split->split_descriptor;
+  BTNodeDescriptor* const upper = &split->claimed_descriptor;
+  const std::uint16_t count = lower->numRecords.get();
+  split->neighbour = lower->fLink.get();
+  *upper = *lower;
+  upper->bLink.set(split->split.view.number);
+  upper->numRecords.set(static_cast<std::uint16_t>(count - split->index));
+  upper->reserved.set(0);
+  lower->fLink.set(split->claimed.view.number);
+  lower->numRecords.set(split->index);
+  if (split->neighbour != 0) {
+    const kvfs_result result = kvfs_fork_read(split->tree->fork, fork_position(split->tree, split->neighbour, 0),
+                                              &split->neighbour_descriptor, sizeof(BTNodeDescriptor), nullptr);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kSplitFunction, "Error while reading node descriptor of claimed node's forward linked node.\n");
+      return result;
+    }
+    split->neighbour_descriptor.bLink.set(split->claimed.view.number);
+  } else if (lower->kind == kBTLeafNode) {
+    split->header->lastLeafNode.set(split->claimed.view.number);
+    split->header_changed = true;
+  }
+  return kvfs_ok;
+}
+
+// Moves the upper records and stores both descriptors. The split node's offset table needs no change: the entry of the
+// first record that moved is that of its free space now, and the entries behind it stay.
+static void move_upper_records(node_split* split, std::uint16_t count, std::uint16_t begin, std::size_t moved) {
+  unsigned char* const lower = split->split.view.bytes;
+  std::memcpy(split->claimed.view.bytes + kBTFirstRecordOffset, lower + begin, moved);
+  std::memset(lower + begin, 0, moved);
+  for (std::uint32_t record = 0; record <= static_cast<std::uint32_t>(count - split->index); ++record) {
+    const std::uint32_t offset = offset_at(split->split.view, split->index + record);
+    store_offset(split->claimed, record, offset - begin + kBTFirstRecordOffset);
+  }
+  store_descriptor(split->split, split->split_descriptor);
+  store_descriptor(split->claimed, split->claimed_descriptor);
+}
+
+// Divides the records of a node that holds `count` of them; `moved` receives the bytes that moved.
+static kvfs_result divide_records(node_split* split, std::uint16_t count, std::size_t* moved) {
+  const node_view& lower = split->split.view;
+  std::uint16_t begin = 0;
+  std::uint16_t end = 0;
+  if (split->index > count || !read_offset(lower, count, &end) || !read_offset(lower, split->index, &begin) ||
+      begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
+    KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Records from %hu on of node %lu are not in order.\n",
+                  split->index, to_ul(lower.number));
+    return kvfs_inconsistent;
+  }
+  *moved = static_cast<std::size_t>(end - begin);
+  const std::size_t needed = *moved + kOffsetEntrySize * (std::size_t{count} + 1) + sizeof(BTNodeDescriptor);
+  if (needed > split->tree->nodeSize) {
+    KVFS_CRITICAL_AS(kSplitFunction, "Unexpected: Oversized split node data (expected maximum: %hu actual: %zu).\n",
+                     split->tree->nodeSize, needed);
+    return kvfs_internal;
+  }
+  move_upper_records(split, count, begin, *moved);
+  return kvfs_ok;
+}
+
+// Writes what a split has changed, the claimed node first, and moves the open locators along.
+static kvfs_result write_split(node_split* split, std::uint16_t count, std::size_t moved) {
+  kvfs_btree* const tree = split->tree;
+  kvfs_result result = write_node(tree, split->claimed);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified claimed node.\n ");
+    return result;
+  }
+  // Data offsets change by the bytes moved, not by the distance of the nodes: this must stay. The next opening of the
+  // record puts its locator's offset right.
+  kvfs_btree_shift_locators(tree, split->split.view.number, split->index, count - split->index,
+                            split->claimed.view.number, true, split->index, static_cast<std::uint32_t>(moved));
+  result = write_node(tree, split->split);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified split node.\n ");
+    return result;
+  }
+  if (split->neighbour != 0) {
+    result = kvfs_fork_write(tree->fork, fork_position(tree, split->neighbour, 0), &split->neighbour_descriptor,
+                             sizeof(BTNodeDescriptor), nullptr);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified node descriptor.\n");
+      return result;
+    }
+  }
+  if (split->header_changed) {
+    result = write_header_record(tree, *split->header);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kSplitFunction, "Error while writing out modified B-tree header record.\n");
+    }
+  }
+  return result;
+}
+
+// Splits the node that `split` has read, with the claimed node's number.
+static kvfs_result split_to_claimed_node(node_split* split, std::uint32_t claimed) {
+  const std::uint16_t count = split->split_descriptor.numRecords.get();
+  kvfs_result result = read_claimed_node(split, claimed);
+  if (result == kvfs_ok) {
+    result = link_claimed_node(split);
+  }
+  std::size_t moved = 0;
+  if (result == kvfs_ok) {
+    result = divide_records(split, count, &moved);
+  }
+  if (result == kvfs_ok) {
+    result = write_split(split, count, moved);
+  }
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const unsigned char* const key = key_at(kSplitFunction, split->claimed.view, kBTFirstRecordOffset);
+  if (key == nullptr) {
+    return kvfs_inconsistent;
+  }
+  result = kvfs_btree_add_index_record(split->tree, key, static_cast<std::uint8_t>(split->split_descriptor.height + 1),
+                                       claimed);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSplitFunction, "Error while inserting new index record for claimed node.\n");
+  }
+  return result;
+}
+
+kvfs_result kvfs_btree_split_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t split_index,
+                                  std::uint32_t* out_new_node) {
+  std::uint32_t claimed = 0;
+  kvfs_result result = kvfs_btree_claim_node(tree, &claimed);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while claiming node.\n");
+    return result;
+  }
+  node_split split = {};
+  split.tree = tree;
+  split.index = split_index;
+  result = read_split_node(&split, node);
+  if (result == kvfs_ok) {
+    result = split_to_claimed_node(&split, claimed);
+  }
+  if (result == kvfs_ok) {
+    *out_new_node = claimed;
+  }
+  return result;
+}
+
+// ---- Claiming ------------------------------------------------------------------------------------------------------
+
+// A walk over the node bitmap, which begins in the map record of the header node and goes on in map nodes.
+struct bitmap_walk {
+  kvfs_btree* tree;
+  std::uint32_t total_nodes;
+  mapping header_map;    // of the header node
+  mapping map;           // of the current map node, once the walk has left the header node
+  node_view node;        // that holds the current segment
+  std::uint32_t start;   // of the segment in its node
+  std::uint32_t length;  // of the segment, bytes
+  std::uint32_t next;    // node with the next segment; 0 when there is none
+  std::uint32_t behind;  // bytes of the bitmap in the segments before
+};
+
+static const char kClaimFunction[] = "kvfs_btree_claim_node";
+
+// A map node has a single record, which may fill it up to the two entries of its offset table.
+static constexpr std::uint16_t kMapNodeRecords = 1;
+static constexpr std::uint32_t kMapNodeTableSize = 2 * kOffsetEntrySize;
+
+// Unmapping a map node is tried again until it succeeds, but not for ever.
+static constexpr int kUnmapTries = 64;
+
+static unsigned char node_bit(std::uint32_t node) {
+  return static_cast<unsigned char>(0x80U >> (node % 8));
+}
+
+// The first segment: the map record of the header node.
+static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
+  kvfs_btree* const tree = walk->tree;
+  const kvfs_result result = map_node(tree, 0, &walk->header_map);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kClaimFunction, "Error while mapping complete header node of B-tree.\n");
+    return result;
+  }
+  if (tree->nodeSize < kBTHeaderNodeOverhead) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Node of %hu bytes cannot hold a map record.\n", tree->nodeSize);
+    return kvfs_inconsistent;
+  }
+  walk->node = view_of(tree, 0, walk->header_map);
+  walk->total_nodes = kvfs_view_as<BTHeaderRec>(walk->node.bytes + kBTHeaderRecordOffset)->totalNodes.get();
+  walk->next = descriptor_of(walk->node).fLink.get();
+  if (walk->next > walk->total_nodes) {
+    KVFS_ERROR_AS(kClaimFunction,
+                  "Invalid node data: Value of 'fLink' (%lu) in node 0 exceeds the total number of nodes (%lu).\n",
+                  to_ul(walk->next), to_ul(walk->total_nodes));
+    return kvfs_inconsistent;
+  }
+  walk->start = offset_at(walk->node, kBTHeaderNodeRecords - 1);
+  walk->length = tree->nodeSize - kBTHeaderNodeOverhead;
+  return kvfs_ok;
+}
+
+static kvfs_result check_map_descriptor(const bitmap_walk& walk, const BTNodeDescriptor& descriptor) {
+  if (descriptor.kind != kBTMapNode) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Expected map node, got node kind %hhd.\n", descriptor.kind);
+    return kvfs_inconsistent;
+  }
+  if (descriptor.numRecords.get() != kMapNodeRecords) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Unexpected number of records in map node (%hu).\n",
+                  descriptor.numRecords.get());
+    return kvfs_inconsistent;
+  }
+  if (descriptor.fLink.get() > walk.total_nodes) {
+    KVFS_ERROR_AS(kClaimFunction,
+                  "Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number of nodes (%lu).\n",
+                  to_ul(descriptor.fLink.get()), to_ul(walk.node.number), to_ul(walk.total_nodes));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+// Takes the record of a map node as the current segment.
+static kvfs_result take_up_map_record(bitmap_walk* walk) {
+  const std::uint32_t limit = walk->node.size - kMapNodeTableSize;
+  const std::uint16_t first = offset_at(walk->node, 0);
+  const std::uint16_t end = offset_at(walk->node, 1);
+  walk->behind += walk->length;
+  if (first < kBTFirstRecordOffset || first > limit) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: First record offset is out of range (%hu).", first);
+    return kvfs_inconsistent;
+  }
+  if (end < kBTFirstRecordOffset || end > limit) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Free space offset is out of range (%hu).", end);
+    return kvfs_inconsistent;
+  }
+  if (first > end) {
+    KVFS_ERROR_AS(
+        kClaimFunction,
+        "Invalid node data: Records offsets out of order in map node %lu (first offset: %hu, free space: %hu)\n",
+        to_ul(walk->node.number), first, end);
+    return kvfs_inconsistent;
+  }
+  walk->start = first;
+  walk->length = std::uint32_t{end} - first;
+  return kvfs_ok;
+}
+
+// Moves on to the next map node; `node` is the tree node whose bit is looked for.
+static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
+  kvfs_result result = unmap_range(&walk->map);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kClaimFunction, "Error %llu while unmapping previously mapped map node data.\n", to_ull(result));
+    return result;
+  }
+  if (walk->next == 0) {
+    KVFS_ERROR_AS(kClaimFunction, "Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
+                  to_ul(walk->node.number), to_ul((walk->total_nodes - node) / 8));
+    return kvfs_inconsistent;
+  }
+  result = map_node(walk->tree, walk->next, &walk->map);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kClaimFunction, "Error %llu while mapping next map node into memory.\n", to_ull(result));
+    return result;
+  }
+  walk->node = view_of(walk->tree, walk->next, walk->map);
+  const BTNodeDescriptor descriptor = descriptor_of(walk->node);
+  result = check_map_descriptor(*walk, descriptor);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  walk->next = descriptor.fLink.get();
+  return take_up_map_record(walk);
+}
+
+// The byte of the bitmap at an index of the current segment; null, with a message, when it lies outside of the node.
+static unsigned char* bitmap_byte_at(const bitmap_walk& walk, std::uint32_t index) {
+  const std::uint64_t position = std::uint64_t{walk.start} + index;
+  if (position >= walk.node.size) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Byte %lu of the node bitmap lies outside of node %lu.\n",
+                  to_ul(index), to_ul(walk.node.number));
+    return nullptr;
+  }
+  return walk.node.bytes + position;
+}
+
+// Finds the first node whose bit is clear. A byte index that equals the segment's length still counts to the segment,
+// and the node that makes the walk move on is looked for in the new segment by its index in the old one. Both decide
+// which node is claimed and must stay as they are.
+static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
+  std::uint32_t node = 1;
+  while (node < walk->total_nodes) {
+    const std::uint32_t index = node / 8 - walk->behind;
+    const bool moves = index > walk->length;
+    if (moves) {
+      const kvfs_result result = next_segment(walk, node);
+      if (result != kvfs_ok) {
+        return result;
+      }
+    }
+    const unsigned char* const byte = bitmap_byte_at(*walk, index);
+    if (byte == nullptr) {
+      return kvfs_inconsistent;
+    }
+    if ((*byte & node_bit(node)) == 0) {
+      *free_node = node;
+      return kvfs_ok;
+    }
+    const bool whole_byte_used = *byte == 0xFF && node % 8 == 0 && !moves && walk->total_nodes - node > 8;
+    node += whole_byte_used ? 8 : 1;
+  }
+  KVFS_ERROR_AS(kClaimFunction, "Need to expand B-tree, but this is not yet implemented.\n");
+  return kvfs_limit;
+}
+
+// Takes the node out of the count of free nodes and sets its bit.
+static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
+  kvfs_btree* const tree = walk.tree;
+  BTHeaderRec header =
+      *kvfs_view_as<BTHeaderRec>(static_cast<unsigned char*>(walk.header_map.bytes) + kBTHeaderRecordOffset);
+  header.freeNodes.set(header.freeNodes.get() - 1);
+  kvfs_result result = write_header_record(tree, header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kClaimFunction, "Error while writing out modified tree header record after claiming node.\n");
+    return result;
+  }
+  const std::uint32_t index = node / 8 - walk.behind;
+  const unsigned char* const byte = bitmap_byte_at(walk, index);
+  if (byte == nullptr) {
+    return kvfs_inconsistent;
+  }
+  if ((*byte & node_bit(node)) != 0) {
+    KVFS_CRITICAL_AS(kClaimFunction, "Internal error: Node is already allocated!\n");
+    return kvfs_internal;
+  }
+  const unsigned char used = static_cast<unsigned char>(*byte | node_bit(node));
+  const std::uint64_t position = fork_position(tree, walk.node.number, std::uint64_t{walk.start} + index);
+  result = kvfs_fork_write(tree->fork, position, &used, sizeof(used), nullptr);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kClaimFunction, "Error while writing out modified bitmap byte after claiming node.\n");
+  }
+  return result;
+}
+
+static void unmap_map_node(bitmap_walk* walk) {
+  for (int tries = 0; tries < kUnmapTries; ++tries) {
+    const kvfs_result result = unmap_range(&walk->map);
+    if (result == kvfs_ok) {
+      return;
+    }
+    KVFS_ERROR_AS(kClaimFunction, "Error %llu while unmapping previously mapped map node data.\n", to_ull(result));
+  }
+}
+
+kvfs_result kvfs_btree_claim_node(kvfs_btree* tree, std::uint32_t* out_node) {
+  bitmap_walk walk = {};
+  walk.tree = tree;
+  std::uint32_t node = 0;
+  kvfs_result result = begin_bitmap_walk(&walk);
+  if (result == kvfs_ok) {
+    result = find_free_node(&walk, &node);
+  }
+  if (result == kvfs_ok) {
+    result = mark_node_used(walk, node);
+  }
+  unmap_map_node(&walk);
+  const kvfs_result unmapped = unmap_range(&walk.header_map);
+  if (unmapped != kvfs_ok) {
+    KVFS_ERROR("Error while unmapping complete header node of B-tree.\n");
+  }
+  result = kvfs_result_keep(result, unmapped);
+  if (result == kvfs_ok) {
+    *out_node = node;
+  }
+  return result;
+}
+
+// ---- Deletion ------------------------------------------------------------------------------------------------------
+
+// A record on its way out of the tree.
+struct deletion {
+  kvfs_btree* tree;
+  kvfs_btree_record_locator* locator;
+  mapping header;
+  node_buffer node;
+  BTNodeDescriptor descriptor;
+  std::uint32_t index;
+};
+
+static const char kDeleteFunction[] = "kvfs_btree_delete_record_internal";
+
+// Where the record lies, and what lies behind it.
+struct record_extent {
+  std::uint16_t begin;
+  std::uint16_t end;
+  std::uint16_t free_space;
+};
+
+static kvfs_result read_deleted_extent(const deletion& removal, record_extent* extent) {
+  const node_view& node = removal.node.view;
+  const std::uint32_t count = removal.descriptor.numRecords.get();
+  if (removal.index >= count || !read_offset(node, count, &extent->free_space)) {
+    KVFS_ERROR_AS(kDeleteFunction, "Invalid position: Node %lu of %lu records has no record %lu.\n", to_ul(node.number),
+                  to_ul(count), to_ul(removal.index));
+    return kvfs_inconsistent;
+  }
+  extent->begin = offset_at(node, removal.index);
+  extent->end = offset_at(node, removal.index + 1);
+  if (extent->begin > extent->end) {
+    KVFS_ERROR_AS(kDeleteFunction, "$$$: This record offset is greater than the next. Impossible\n");
+    return kvfs_inconsistent;
+  }
+  if (extent->free_space > node.size || extent->free_space < extent->end) {
+    KVFS_ERROR_AS(kDeleteFunction, "$$$: Free space of %d is greater than node size. Impossible\n",
+                  static_cast<int>(extent->free_space));
+    return kvfs_inconsistent;
+  }
+  if (static_cast<std::uint32_t>(extent->end - extent->begin) > node.size - extent->begin) {
+    KVFS_ERROR_AS(kDeleteFunction, "$$$: This record size is greater than the node size. Impossible\n");
+    return kvfs_inconsistent;
+  }
+  if (extent->begin < kBTFirstRecordOffset || extent->free_space > offset_table_start(node, count)) {
+    KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: Records of node %lu overlap its descriptor or offset table.\n",
+                  to_ul(node.number));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+// Closes the gap in the node buffer. The bytes that become free, and the last entry of the table, stay as they are.
+static void remove_record(deletion* removal, const record_extent& extent) {
+  const node_view& node = removal->node.view;
+  const std::uint32_t count = removal->descriptor.numRecords.get();
+  const std::uint32_t size = static_cast<std::uint32_t>(extent.end - extent.begin);
+  std::memmove(node.bytes + extent.begin, node.bytes + extent.end,
+               static_cast<std::size_t>(extent.free_space - extent.end));
+  for (std::uint32_t record = removal->index + 1; record < count; ++record) {
+    store_offset(removal->node, record, offset_at(node, record + 1) - size);
+  }
+  removal->descriptor.numRecords.set(static_cast<std::uint16_t>(count - 1));
+  store_descriptor(removal->node, removal->descriptor);
+}
+
+static kvfs_result count_deleted_leaf_record(const deletion& removal) {
+  BTHeaderRec header = *kvfs_view_as<BTHeaderRec>(removal.header.bytes);
+  header.leafRecords.set(header.leafRecords.get() - 1);
+  const kvfs_result result = write_header_record(removal.tree, header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while writing out decremented 'leafRecords' in B-tree header record.\n");
+  }
+  return result;
+}
+
+// Deletes the index record that leads to the node by its former first key.
+static kvfs_result delete_index_record(const deletion& removal, std::uint8_t height) {
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  kvfs_result result =
+      kvfs_btree_search_node_internal(removal.tree, removal.locator->key, 0, kSearchToHeight, height, &found);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while searching for index record of deleted record's node.\n");
+    return result;
+  }
+  if (found.locator == nullptr) {
+    KVFS_CRITICAL_AS(kDeleteFunction, "Unexpected: kvfs_btree_search_node returned NULL locator with no error.\n");
+    return kvfs_internal;
+  }
+  if (found.found == 0) {
+    KVFS_ERROR_AS(kDeleteFunction, "Index record of deleted record's node not found.\n");
+    result = kvfs_inconsistent;
+  } else {
+    result = kvfs_btree_delete_record_internal(removal.tree, found.locator, 0);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kDeleteFunction, "Error while deleting index record from B-tree.\n");
+    }
+  }
+  kvfs_btree_record_locator_release(&found.locator, false);
+  return result;
+}
+
+// Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the deleted
+// record, so that it is indexed under the deleted key again: this must stay as it is.
+static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
+  std::uint8_t height = 0;
+  kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, &height);
+  if (result == kvfs_ok) {
+    result = delete_index_record(removal, height);
+  }
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const unsigned char* const key = key_at(kDeleteFunction, removal.node.view, kBTFirstRecordOffset);
+  if (key == nullptr) {
+    return kvfs_inconsistent;
+  }
+  result = kvfs_btree_add_index_record(removal.tree, key, height, removal.node.view.number);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while inserting index record.\n");
+  }
+  return result;
+}
+
+// Brings counts and index in line with a record that is gone.
+static kvfs_result maintain_after_deletion(const deletion& removal) {
+  if (removal.descriptor.kind == kBTLeafNode) {
+    const kvfs_result result = count_deleted_leaf_record(removal);
+    if (result != kvfs_ok) {
+      return result;
+    }
+  }
+  const std::uint16_t depth = kvfs_view_as<BTHeaderRec>(removal.header.bytes)->treeDepth.get();
+  if (removal.index != 0 || removal.descriptor.height >= depth) {
+    return kvfs_ok;
+  }
+  const kvfs_result result = check_maintained_depth(kDeleteFunction, depth);
+  return result == kvfs_ok ? replace_index_record_of_deleted(removal) : result;
+}
+
+// Deletes with the header record mapped.
+static kvfs_result delete_from_node(deletion* removal) {
+  kvfs_btree* const tree = removal->tree;
+  if (!allocate_node(tree, &removal->node)) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while allocating temporary copy of node data.\n");
+    return kvfs_no_memory;
+  }
+  kvfs_result result = read_node(tree, *removal->locator->node, &removal->node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while mapping raw node data.\n");
+    return result;
+  }
+  removal->descriptor = descriptor_of(removal->node.view);
+  record_extent extent = {};
+  result = read_deleted_extent(*removal, &extent);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  remove_record(removal, extent);
+  result = write_node(tree, removal->node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while writing out modified node %lu.\n", to_ul(removal->node.view.number));
+    return result;
+  }
+  removal->locator->priv->deleted = 1;
+  // The other open locators of the node keep their indexes although records have moved: this must stay as it is.
+  return maintain_after_deletion(*removal);
+}
+
+kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_record_locator* locator,
+                                              std::uint32_t /*flag*/) {
+  if (locator->priv->deleted != 0) {
+    KVFS_CRITICAL("Attempted to delete a record that was deleted before.\n");
+    return kvfs_internal;
+  }
+  deletion removal = {};
+  removal.tree = tree;
+  removal.locator = locator;
+  removal.index = *locator->index;
+  kvfs_result result = map_header_record(tree, &removal.header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while mapping B-tree header record.\n");
+    return result;
+  }
+  result = delete_from_node(&removal);
+  const kvfs_result unmapped = unmap_range(&removal.header);
+  if (unmapped != kvfs_ok) {
+    KVFS_ERROR("Error while unmapping B-tree header record.\n");
+  }
+  return kvfs_result_keep(result, unmapped);
+}
+
+kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag) {
+  kvfs_write_guard guard(tree->priv->open_locators_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
+    return guard.result();
+  }
+  const kvfs_result result = kvfs_btree_delete_record_internal(tree, locator, flag);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
   }
   return kvfs_result_keep(result, unlocked);
 }

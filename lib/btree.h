@@ -19,8 +19,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "format.h"
 #include "fork.h"
+#include "format.h"
 #include "result.h"
 
 struct kvfs_btree_private;
@@ -135,5 +135,42 @@ kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree
 // allocation or the lock.
 kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
                                        kvfs_btree_record_locator** out_locator);
+
+// ---- Changes -------------------------------------------------------------------------------------------------------
+//
+// A change is made in the fork's cache; kvfs_fork_flush brings it to the device. A change that fails half-way leaves in
+// the cache what it had done so far: discard the tree without flushing it.
+
+// Inserts a record, splitting nodes and updating index records as needed. A tree never grows in height: a record that
+// would need a split of the root is refused.
+//
+//   key          begins with its length; on-disk order
+//   data         on-disk order; data_size bytes
+//   hint         the result of an earlier search for the key: the record goes there without a search and without a test
+//                whether the key exists. It stays the caller's. Null has the routine search itself
+//   out_locator  receives a locator on the new record, owned by the caller; unchanged on failure
+//
+// Open locators on records behind the new one follow their records.
+//
+// Locks: the tree's lock for writing.
+// Returns kvfs_ok; kvfs_exists; kvfs_limit when the record is too large for a node or no node is free; kvfs_internal
+// when the root is full; kvfs_inconsistent when the tree contradicts itself; kvfs_no_memory; or the failure of the fork
+// or the lock.
+kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const void* data, std::uint16_t data_size,
+                                     const kvfs_btree_search_result* hint, kvfs_btree_record_locator** out_locator);
+
+// Deletes the record that a locator is open on. The locator stays open and readable; it is marked deleted and has to be
+// closed by its owner. A node that becomes empty stays in the tree.
+//
+// Open locators on records behind the deleted one do NOT follow their records: they keep their index and their place,
+// where another record lies now. Callers rely on that as it stands; close such locators before deleting, or search
+// anew.
+//
+//   flag  not used; 0
+//
+// Locks: the tree's lock for writing.
+// Returns kvfs_ok; kvfs_internal when the record was deleted before; kvfs_inconsistent when the tree contradicts itself;
+// kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
+kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag);
 
 #endif  // KVFS_BTREE_H

@@ -52,8 +52,8 @@ kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t
 //   position      of the record in the tree's fork, bytes
 //   out_locator   receives the locator; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_internal; kvfs_no_memory; kvfs_inconsistent when an
-// open locator has no room for a record that has grown.
+// Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_no_memory; kvfs_internal when the open locator belongs
+// to another tree or its copy has no room for a record that has grown.
 kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node, std::uint16_t index,
                                            const unsigned char* record, std::size_t record_size, std::uint64_t position,
                                            kvfs_btree_record_locator** out_locator);
@@ -84,5 +84,50 @@ kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, s
 
 kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
                                                 kvfs_btree_record_locator** out_locator);
+
+// ---- Changes; the caller holds the tree's lock for writing ---------------------------------------------------------
+
+// Deepest tree whose index is maintained. Replacing the first key of a node takes two steps in the level above, four in
+// the next one, and so on: a damaged tree that claims to be deeper would keep a change busy for ever, and no volume has
+// one, since 2^32 nodes of seven records each make twelve levels.
+inline constexpr std::uint16_t kMaximumMaintainedDepth = 12;
+
+kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
+                                              std::uint16_t data_size, const kvfs_btree_search_result* hint,
+                                              kvfs_btree_record_locator** out_locator);
+
+kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag);
+
+// Assembles a record: the key with its length, the data, and a pad byte behind each that is odd.
+//
+//   key_length   bytes of the key behind its length field
+//   destination  receives record_size bytes
+//
+// Returns kvfs_ok, or kvfs_internal when the parts do not fill record_size bytes exactly.
+kvfs_result kvfs_btree_node_make_record(const void* key, std::uint16_t key_length, const void* data,
+                                        std::uint16_t data_size, unsigned char* destination, std::uint16_t record_size);
+
+// Moves the records of a node from `split_index` on to a node that it claims, links that node behind the first one and
+// adds its index record.
+//
+//   out_new_node  receives the number of the claimed node; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_internal for the root and for a node whose records would not fit; or the failure of claiming,
+// of the fork, of an allocation or of adding the index record.
+kvfs_result kvfs_btree_split_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t split_index,
+                                  std::uint32_t* out_new_node);
+
+// Adds the index record that leads to `child` in the level of `height`.
+//
+// Returns kvfs_ok, kvfs_exists, or the failure of the search or the insertion.
+kvfs_result kvfs_btree_add_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t child);
+
+// Marks the first free node of the tree as used. Its contents stay as they are.
+//
+//   out_node  receives its number; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_limit when no node is free; kvfs_inconsistent when the node bitmap is damaged; kvfs_internal; or
+// the failure of the fork.
+kvfs_result kvfs_btree_claim_node(kvfs_btree* tree, std::uint32_t* out_node);
 
 #endif  // KVFS_BTREE_PRIVATE_H

@@ -20,12 +20,14 @@ static void make_key(HFSPlusCatalogKey* key, kvfs_be32 parent, const kvfs_be16* 
   key->keyLength.set(key_length_for(name_length));
   key->parentID = parent;
   key->nodeName.length.set(static_cast<std::uint16_t>(name_length));
-  std::memmove(key->nodeName.unicode, name, name_length * sizeof(kvfs_be16));
+  std::memcpy(key->nodeName.unicode, name, name_length * sizeof(kvfs_be16));
 }
 
 // Builds the key of an item's thread record: the item itself and an empty name.
 static void make_thread_key(HFSPlusCatalogKey* key, kvfs_be32 cnid) {
-  make_key(key, cnid, key->nodeName.unicode, 0);
+  key->keyLength.set(key_length_for(0));
+  key->parentID = cnid;
+  key->nodeName.length.set(0);
 }
 
 // The type of a locator's record, host order; 0, which is none, for a record too short to have one.
@@ -126,8 +128,8 @@ kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSP
     KVFS_ERROR("Error while creating open locators list lock.\n");
     return result;
   }
-  result = kvfs_btree_create(device, extents, 0, volume_header, kHFSCatalogFileID, kvfs_catalog_compare_keys,
-                             &priv->btree);
+  result =
+      kvfs_btree_create(device, extents, 0, volume_header, kHFSCatalogFileID, kvfs_catalog_compare_keys, &priv->btree);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while reading Catalog B-Tree into memory.\n");
     if (kvfs_rwlock_destroy(&priv->open_locators_lock) != kvfs_ok) {
@@ -567,8 +569,7 @@ static kvfs_result enter_current_folder(path_walk* walk) {
 
 static kvfs_result search_component(path_walk* walk) {
   HFSPlusCatalogKey key;
-  make_key(&key, kvfs_be32::of(walk->parent_cnid), walk->component,
-           static_cast<std::uint32_t>(walk->component_length));
+  make_key(&key, kvfs_be32::of(walk->parent_cnid), walk->component, static_cast<std::uint32_t>(walk->component_length));
   const kvfs_result result = kvfs_catalog_search_node(walk->catalog, &key, &walk->current);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kPathFunction, "Error while searching for intermediate path component.\n");
@@ -612,8 +613,7 @@ static kvfs_result accept_current_record(path_walk* walk) {
 
 static kvfs_result next_component(path_walk* walk) {
   walk->component_length = 0;
-  kvfs_result result =
-      walk->source(walk->context, walk->component, kHFSPlusMaxNameLength, &walk->component_length);
+  kvfs_result result = walk->source(walk->context, walk->component, kHFSPlusMaxNameLength, &walk->component_length);
   if (result == kvfs_ok && walk->component_length > kHFSPlusMaxNameLength) {
     result = kvfs_invalid;
   }
@@ -692,4 +692,327 @@ kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_comp
   }
   *out_result = walk.current;
   return kvfs_ok;
+}
+
+// ---- Insertion -----------------------------------------------------------------------------------------------------
+
+kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatalogKey* key, const void* data,
+                                       std::uint16_t data_length, const kvfs_catalog_search_result* hint,
+                                       kvfs_catalog_record_locator** out_locator) {
+  kvfs_btree_search_result place;
+  kvfs_btree_search_result_init(&place);
+  if (hint != nullptr && hint->locator != nullptr) {
+    place = {hint->found, hint->after, hint->locator->btree_locator};
+  }
+  kvfs_btree_record_locator* inserted = nullptr;
+  kvfs_result result = kvfs_btree_insert_record(btree_of(catalog), key, data, data_length,
+                                                place.locator != nullptr ? &place : nullptr, &inserted);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error in kvfs_btree_insert_record.\n");
+    return result;
+  }
+  if (inserted == nullptr) {
+    KVFS_CRITICAL("Unexpected: kvfs_btree_insert_record returned NULL locator but no error.\n");
+    return kvfs_internal;
+  }
+  result = kvfs_catalog_record_locator_open(catalog, inserted, 0, nullptr, 0, out_locator);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while creating kvfs_catalog_record_locator.\n");
+    kvfs_btree_record_locator_close(&inserted);
+  }
+  return result;
+}
+
+// ---- Valence -------------------------------------------------------------------------------------------------------
+
+// Finder type and creator of a file that is a hard link to a directory.
+static constexpr std::uint32_t kDirectoryLinkType = 0x66647270;     // 'fdrp'
+static constexpr std::uint32_t kDirectoryLinkCreator = 0x4D414353;  // 'MACS'
+
+static bool counts_as_folder(const void* record_data) {
+  if (kvfs_view_as<kvfs_be16>(record_data)->get() == kHFSPlusFolderRecord) {
+    return true;
+  }
+  const HFSPlusCatalogFile* const file = kvfs_view_as<HFSPlusCatalogFile>(record_data);
+  return file->userInfo.fdType.get() == kDirectoryLinkType && file->userInfo.fdCreator.get() == kDirectoryLinkCreator &&
+         (file->flags.get() & kHFSHasLinkChainMask) != 0;
+}
+
+// Rewrites the folder record of the parent, in the name of kvfs_catalog_update_valence.
+static void change_counts(const void* child_record_data, kvfs_catalog_record_locator* parent, std::uint32_t change) {
+  static const char* const kFunction = "kvfs_catalog_update_valence";
+  HFSPlusCatalogFolder folder;
+  if (parent->btree_locator->data_size < sizeof(folder)) {
+    KVFS_ERROR_AS(kFunction, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
+                  sizeof(folder), std::size_t{parent->btree_locator->data_size});
+    return;
+  }
+  std::memcpy(&folder, parent->btree_locator->data, sizeof(folder));
+  if (counts_as_folder(child_record_data) && (folder.flags.get() & kHFSHasFolderCountMask) != 0) {
+    folder.folderCount.set(folder.folderCount.get() + change);
+  }
+  folder.valence.set(folder.valence.get() + change);
+  if (kvfs_btree_record_locator_write_data(parent->btree_locator, &folder, sizeof(folder)) != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while writing out updated parent valence.\n");
+  }
+}
+
+kvfs_result kvfs_catalog_update_valence(kvfs_catalog* /*catalog*/, const void* child_record_data,
+                                        kvfs_catalog_record_locator* parent, int increment) {
+  const std::uint16_t type = kvfs_view_as<kvfs_be16>(child_record_data)->get();
+  if (is_thread(type)) {
+    KVFS_ERROR("Invalid parameter: Child record data is a thread record.\n");
+  } else if (type != kHFSPlusFolderRecord && type != kHFSPlusFileRecord) {
+    KVFS_CRITICAL("Unexpected - Bad data in child_record_data (not a catalog record, record type: 0x%hX).\n", type);
+  } else {
+    change_counts(child_record_data, parent, increment != 0 ? 1U : 0U - 1U);
+  }
+  return kvfs_ok;  // in every case: callers rely on it
+}
+
+kvfs_result kvfs_catalog_increment_valence(kvfs_catalog* catalog, const void* child_record_data,
+                                           kvfs_catalog_record_locator* parent) {
+  return kvfs_catalog_update_valence(catalog, child_record_data, parent, 1);
+}
+
+kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* child_record_data,
+                                           kvfs_catalog_record_locator* parent) {
+  return kvfs_catalog_update_valence(catalog, child_record_data, parent, 0);
+}
+
+// ---- Rename --------------------------------------------------------------------------------------------------------
+
+// An item that is being renamed, with a copy of its record.
+struct renaming {
+  kvfs_catalog* catalog;
+  union {
+    HFSPlusCatalogFolder folder;
+    HFSPlusCatalogFile file;
+  } record;
+  std::uint16_t record_size;
+  bool is_folder;
+  bool is_root;
+  kvfs_be32 cnid;
+  kvfs_be32 new_parent;
+  const kvfs_be16* name;
+  std::uint32_t name_length;
+};
+
+static const char kRenameFunction[] = "kvfs_catalog_rename_record";
+
+// Copies the record of the item, which has to be a file or a folder.
+static kvfs_result copy_renamed_record(renaming* item, const kvfs_catalog_record_locator* locator) {
+  const std::uint16_t type = record_type_of(locator);
+  if (type != kHFSPlusFileRecord && type != kHFSPlusFolderRecord) {
+    KVFS_ERROR_AS(kRenameFunction, "Invalid record type (0x%hX) in record data!\n", type);
+    return kvfs_invalid;
+  }
+  item->is_folder = type == kHFSPlusFolderRecord;
+  item->record_size = item->is_folder ? sizeof(HFSPlusCatalogFolder) : sizeof(HFSPlusCatalogFile);
+  if (locator->btree_locator->data_size < item->record_size) {
+    KVFS_ERROR_AS(kRenameFunction, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n",
+                  std::size_t{item->record_size}, std::size_t{locator->btree_locator->data_size});
+    return kvfs_inconsistent;
+  }
+  if (item->is_folder) {
+    std::memcpy(&item->record.folder, locator->btree_locator->data, sizeof(item->record.folder));
+    item->cnid = item->record.folder.folderID;
+  } else {
+    std::memcpy(&item->record.file, locator->btree_locator->data, sizeof(item->record.file));
+    item->cnid = item->record.file.fileID;
+  }
+  return kvfs_ok;
+}
+
+// Checks what can be checked before anything is deleted.
+static kvfs_result prepare_rename(renaming* item, kvfs_catalog_record_locator* const* locator) {
+  if (locator == nullptr || *locator == nullptr) {
+    KVFS_ERROR_AS(kRenameFunction, "No catalog record pointer specified.\n");
+    return kvfs_invalid;
+  }
+  const kvfs_btree_record_locator* const record = (*locator)->btree_locator;
+  const bool under_root_parent = record->key_length >= kHFSPlusCatalogKeyNameOffset &&
+                                 kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get() == kHFSRootParentID;
+  if (*(*locator)->parent == nullptr && !under_root_parent) {
+    KVFS_ERROR_AS(kRenameFunction, "Supplied catalog record locator has no parent locator.\n");
+    return kvfs_invalid;
+  }
+  const kvfs_result copied = copy_renamed_record(item, *locator);
+  if (copied != kvfs_ok) {
+    return copied;
+  }
+  item->is_root = item->cnid.get() == kHFSRootFolderID;
+  if (item->is_root && item->new_parent.get() != kHFSRootParentID) {
+    KVFS_ERROR_AS(kRenameFunction,
+                  "Attempting to move root directory to other (non-root parent) folder. This is not allowed.\n");
+    return kvfs_invalid;
+  }
+  return kvfs_ok;
+}
+
+// Takes the item out of its old folder's valence. The root folder's parent has no record and so no valence.
+static kvfs_result leave_old_folder(renaming* item, const kvfs_catalog_record_locator* locator) {
+  if (item->is_root) {
+    return kvfs_ok;
+  }
+  if (*locator->parent == nullptr) {
+    KVFS_ERROR_AS(kRenameFunction, "%s: Unable to decrement valence!\n", kRenameFunction);
+    return kvfs_internal;
+  }
+  const kvfs_result result = kvfs_catalog_decrement_valence(item->catalog, &item->record, *locator->parent);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kRenameFunction, "Error when decrementing valence of old parent folder.\n");
+  }
+  return result;
+}
+
+static kvfs_result insert_renamed_record(const renaming& item) {
+  HFSPlusCatalogKey key;
+  make_key(&key, item.new_parent, item.name, item.name_length);
+  kvfs_catalog_record_locator* inserted = nullptr;
+  const kvfs_result result =
+      kvfs_catalog_insert_record(item.catalog, &key, &item.record, item.record_size, nullptr, &inserted);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kRenameFunction, "Error while inserting record into catalog.\n");
+    return result;
+  }
+  if (inserted == nullptr) {
+    KVFS_CRITICAL_AS(
+        kRenameFunction,
+        "Unexpected: kvfs_catalog_insert_record returned NULL locator but no error after inserting new record for renamed item into catalog.\n");
+    return kvfs_internal;
+  }
+  kvfs_catalog_record_locator_close(&inserted);
+  return kvfs_ok;
+}
+
+// Counts the item in where it is now, given the search for the folder.
+static kvfs_result count_in_new_folder(const renaming& item, const kvfs_catalog_search_result& folder) {
+  if (folder.locator == nullptr) {
+    KVFS_CRITICAL_AS(
+        kRenameFunction,
+        "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error after searching for new containing folder of renamed item by CNID.\n");
+    return kvfs_internal;
+  }
+  if (folder.found == 0) {
+    KVFS_CRITICAL_AS(kRenameFunction,
+                     "Unable to find containing parent with CNID %lu when attempting to increment valence.\n",
+                     to_ul(item.new_parent.get()));
+    return kvfs_inconsistent;
+  }
+  const kvfs_result result = kvfs_catalog_increment_valence(item.catalog, &item.record, folder.locator);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kRenameFunction, "Error when incrementing valence of new parent folder.\n");
+  }
+  return result;
+}
+
+static kvfs_result enter_new_folder(const renaming& item) {
+  if (item.is_root) {
+    return kvfs_ok;
+  }
+  kvfs_catalog_search_result folder;
+  kvfs_catalog_search_result_init(&folder);
+  kvfs_result result = kvfs_catalog_search_by_cnid(item.catalog, item.new_parent.get(), true, &folder);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kRenameFunction, "Error while searching for containing folder of newly inserted record by CNID.\n");
+    return result;
+  }
+  result = count_in_new_folder(item, folder);
+  kvfs_catalog_search_result_release(&folder);
+  return result;
+}
+
+// Inserts the new thread record where the old one stood or would have stood.
+static kvfs_result insert_thread_record(const renaming& item, const kvfs_catalog_search_result& place) {
+  HFSPlusCatalogKey key;
+  make_thread_key(&key, item.cnid);
+  HFSPlusCatalogThread thread = {};
+  thread.recordType.set(item.is_folder ? kHFSPlusFolderThreadRecord : kHFSPlusFileThreadRecord);
+  thread.parentID = item.new_parent;
+  thread.nodeName.length.set(static_cast<std::uint16_t>(item.name_length));
+  if (item.name_length != 0) {
+    std::memcpy(thread.nodeName.unicode, item.name, item.name_length * sizeof(kvfs_be16));
+  }
+  const std::uint16_t size =
+      static_cast<std::uint16_t>(kHFSPlusCatalogThreadNameOffset + item.name_length * sizeof(kvfs_be16));
+  kvfs_catalog_record_locator* inserted = nullptr;
+  const kvfs_result result = kvfs_catalog_insert_record(item.catalog, &key, &thread, size, &place, &inserted);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kRenameFunction, "Error while inserting thread record for renamed entry.\n");
+    return result;
+  }
+  if (inserted == nullptr) {
+    KVFS_CRITICAL_AS(
+        kRenameFunction,
+        "Unexpected: kvfs_catalog_insert_record returned NULL locator but no error after inserting new thread record.\n");
+    return kvfs_internal;
+  }
+  kvfs_catalog_record_locator_close(&inserted);
+  return kvfs_ok;
+}
+
+// Replaces the thread record that a search has found, or adds one where there was none.
+static kvfs_result replace_found_thread(const renaming& item, const kvfs_catalog_search_result& thread) {
+  if (thread.locator == nullptr) {
+    KVFS_CRITICAL_AS(
+        kRenameFunction,
+        "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error when seaching for thread of inserted record.\n");
+    return kvfs_internal;
+  }
+  if (thread.found == 0) {
+    KVFS_WARNING_AS(kRenameFunction,
+                    "Missing thread record for original file in rename. Creating new thread record...\n");
+  } else {
+    const kvfs_result result = kvfs_btree_delete_record(btree_of(item.catalog), thread.locator->btree_locator, 0);
+    if (result != kvfs_ok) {
+      KVFS_ERROR_AS(kRenameFunction, "Error while deleting catalog thread record from B-tree.\n");
+      return result;
+    }
+  }
+  return insert_thread_record(item, thread);
+}
+
+static kvfs_result replace_thread_record(const renaming& item) {
+  kvfs_catalog_search_result thread;
+  kvfs_catalog_search_result_init(&thread);
+  kvfs_result result = kvfs_catalog_search_by_cnid(item.catalog, item.cnid.get(), false, &thread);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kRenameFunction, "Error while searching for thread record by CNID.\n");
+    return result;
+  }
+  result = replace_found_thread(item, thread);
+  kvfs_catalog_search_result_release(&thread);
+  return result;
+}
+
+kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_record_locator** locator,
+                                       kvfs_be32 new_parent, const kvfs_be16* name, std::size_t name_length) {
+  renaming item = {};
+  item.catalog = catalog;
+  item.new_parent = new_parent;
+  item.name = name;
+  kvfs_result result = prepare_rename(&item, locator);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_btree_delete_record(btree_of(catalog), (*locator)->btree_locator, 0);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while deleting record from B-tree.\n");
+    return result;
+  }
+  result = leave_old_folder(&item, *locator);
+  kvfs_catalog_record_locator_close(locator);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (name_length > kHFSPlusMaxNameLength) {
+    return kvfs_invalid;  // only now, with the record gone, and without a message: this must stay as it is
+  }
+  item.name_length = static_cast<std::uint32_t>(name_length);
+  result = insert_renamed_record(item);
+  if (result == kvfs_ok) {
+    result = enter_new_folder(item);
+  }
+  return result == kvfs_ok ? replace_thread_record(item) : result;
 }

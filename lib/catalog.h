@@ -38,9 +38,10 @@ struct kvfs_catalog_record_locator {
 
 // What a search found.
 struct kvfs_catalog_search_result {
-  std::uint32_t found;                   // nonzero when a record with exactly the key exists
-  std::uint32_t after;                   // the B-tree search's flag, for use as an insertion hint
-  kvfs_catalog_record_locator* locator;  // the record found, or the place where the key belongs; null when there is none
+  std::uint32_t found;  // nonzero when a record with exactly the key exists
+  std::uint32_t after;  // the B-tree search's flag, for use as an insertion hint
+  kvfs_catalog_record_locator*
+      locator;  // the record found, or the place where the key belongs; null when there is none
 };
 
 // ---- The catalog ---------------------------------------------------------------------------------------------------
@@ -156,5 +157,52 @@ using kvfs_catalog_component_source = kvfs_result (*)(void* context, kvfs_be16* 
 // a thread leads nowhere; kvfs_internal when a component is asked for in what is no folder; or the failure of `source`.
 kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_component_source source, void* context,
                                         kvfs_catalog_record_locator* start, kvfs_catalog_search_result* out_result);
+
+// ---- Changes -------------------------------------------------------------------------------------------------------
+//
+// A change is made in the cache of the catalog's fork; flushing that fork brings it to the device. Nothing is undone
+// when a step fails: discard the volume without flushing it then. A deletion moves the records behind it in their node
+// without their open locators (see kvfs_btree_delete_record): hold no others than those that are handed in.
+
+// Inserts a record.
+//
+//   key, data    on-disk order; data_length bytes
+//   hint         the result of an earlier search for the key, where the record then goes without a search and without a
+//                test whether the key exists; it stays the caller's. Null has the routine search itself
+//   out_locator  receives a locator on the new record; unchanged on failure
+//
+// Returns kvfs_ok, kvfs_internal or the failure of the B-tree.
+kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatalogKey* key, const void* data,
+                                       std::uint16_t data_length, const kvfs_catalog_search_result* hint,
+                                       kvfs_catalog_record_locator** out_locator);
+
+// Moves a file or folder to a new folder and name, with its thread record and the valences of both folders.
+//
+//   locator         of the record, with its parent's locator unless it is the root folder. It is closed, and the
+//                   caller's pointer null, on success and on every failure after the record was deleted
+//   new_parent      catalog node ID of the folder that will hold the item, on-disk order; the root folder stays under 1
+//   name, name_length  new name, big-endian and decomposed; units. A name of more than 255 units is refused only after
+//                   the record was deleted: callers check the length before
+//
+// Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's locator,
+// for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is missing or a
+// record is too short; kvfs_internal; or the failure of the B-tree.
+kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_record_locator** locator,
+                                       kvfs_be32 new_parent, const kvfs_be16* name, std::size_t name_length);
+
+// Counts a child in or out of a folder's valence and, when the folder keeps one and the child counts as a folder, its
+// folder count. A hard link to a directory counts as a folder. Counts wrap without a check.
+//
+//   child_record_data  the child's whole file or folder record, on-disk order
+//   parent             locator of the folder
+//   increment          1 adds the child, 0 takes it away
+//
+// Returns kvfs_ok in every case, also when nothing was changed: failures are in the log only, and callers rely on that.
+kvfs_result kvfs_catalog_update_valence(kvfs_catalog* catalog, const void* child_record_data,
+                                        kvfs_catalog_record_locator* parent, int increment);
+kvfs_result kvfs_catalog_increment_valence(kvfs_catalog* catalog, const void* child_record_data,
+                                           kvfs_catalog_record_locator* parent);
+kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* child_record_data,
+                                           kvfs_catalog_record_locator* parent);
 
 #endif  // KVFS_CATALOG_H

@@ -187,3 +187,17 @@ kvfs_result kvfs_extents_search(kvfs_extents* extents, std::uint8_t fork_type, s
   }
   return result;
 }
+
+kvfs_result kvfs_extents_insert(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
+                                std::uint32_t start_block, const HFSPlusExtentRecord* record) {
+  const HFSPlusExtentKey key = make_key(fork_type, file_id, start_block);
+  kvfs_btree_record_locator* inserted = nullptr;
+  const kvfs_result result =
+      kvfs_btree_insert_record(extents->btree, &key, record, sizeof(*record), nullptr, &inserted);
+  if (result != kvfs_ok) {
+    report_key_failure(__func__, fork_type, file_id, start_block);
+    return result;
+  }
+  kvfs_btree_record_locator_close(&inserted);
+  return kvfs_ok;
+}

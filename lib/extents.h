@@ -43,8 +43,8 @@ kvfs_result kvfs_extents_destroy(kvfs_extents** extents);
 // Returns kvfs_ok whatever the verdict; kvfs_invalid when `out_valid` is null; or the failure of reading the header.
 kvfs_result kvfs_extents_validate(kvfs_btree* btree, int* out_valid);
 
-// Orders two extent keys, on disk order, by file, then fork type, then start block: -1, 0 or 1. A key of any other length than
-// an extent key's is reported and orders first.
+// Orders two extent keys, on-disk order, by file, then fork type, then start block: -1, 0 or 1. A key of another length
+// than an extent key's is reported and orders first.
 //
 //   key_a, key_b  HFSPlusExtentKey, at least the two bytes of their length
 //   compare_type  ignored
@@ -70,5 +70,11 @@ kvfs_result kvfs_extents_get_next_extent_record(kvfs_extents* extents, std::uint
 // Returns kvfs_ok, found or not, or the failure of the search.
 kvfs_result kvfs_extents_search(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
                                 std::uint32_t start_block, kvfs_btree_search_result* out_result);
+
+// Inserts an extent record under a key, given as above. The record is in on-disk order.
+//
+// Returns kvfs_ok, kvfs_exists or the failure of the insertion.
+kvfs_result kvfs_extents_insert(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
+                                std::uint32_t start_block, const HFSPlusExtentRecord* record);
 
 #endif  // KVFS_EXTENTS_H

@@ -1,10 +1,9 @@
 #include "fork.h"
 
-#include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstring>
 
+#include "arithmetic.h"
 #include "device.h"
 #include "extents.h"
 #include "fork_private.h"
@@ -16,14 +15,9 @@
 
 static constexpr std::uint64_t kMaximum32 = 0xFFFFFFFF;
 
-// Without a sum that could wrap: logical sizes come from disk.
-static constexpr std::uint64_t divide_rounding_up(std::uint64_t dividend, std::uint64_t divisor) {
-  return dividend / divisor + (dividend % divisor != 0 ? 1 : 0);
-}
-
 // Bytes of an item's bitmap, one bit for each block.
 static constexpr std::size_t bitmap_size(std::uint32_t item_size, std::uint32_t transfer_unit) {
-  return static_cast<std::size_t>((divide_rounding_up(item_size, transfer_unit) + 7) / 8);
+  return static_cast<std::size_t>((kvfs_divide_rounding_up(item_size, transfer_unit) + 7) / 8);
 }
 
 static constexpr std::uint32_t bitmap_byte(std::uint64_t block) {
@@ -51,8 +45,11 @@ static bool is_inside(const kvfs_fork* fork, std::uint64_t offset, std::uint64_t
 
 // The number of items with modified blocks. It changes under dirty_lock, but a flush looks at it before it takes that
 // lock, while another flush may be at work.
-static std::atomic_ref<std::size_t> dirty_items(kvfs_fork* fork) {
-  return std::atomic_ref<std::size_t>(fork->priv->dirty_items);
+static std::size_t dirty_items(const kvfs_fork* fork) {
+  return __atomic_load_n(&fork->priv->dirty_items, __ATOMIC_RELAXED);
+}
+static void set_dirty_items(kvfs_fork* fork, std::size_t count) {
+  __atomic_store_n(&fork->priv->dirty_items, count, __ATOMIC_RELAXED);
 }
 
 // ---- Extents -------------------------------------------------------------------------------------------------------
@@ -90,14 +87,17 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
 static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32_t used,
                                   kvfs_owned<HFSPlusExtentDescriptor>* array, std::uint32_t* count) {
   // realloc copies a large array by moving its pages, so that many overflow records do not cost quadratic copying.
-  const std::size_t size = (std::size_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
-  void* const grown = std::realloc(array->get(), size == 0 ? sizeof(HFSPlusExtentDescriptor) : size);
+  const std::uint64_t size = (std::uint64_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
+  HFSPlusExtentDescriptor* const old = array->release();
+  void* const grown =
+      size > SIZE_MAX ? nullptr : std::realloc(old, static_cast<std::size_t>(size == 0 ? sizeof(*old) : size));
   if (grown == nullptr) {
-    KVFS_ERROR_AS("kvfs_fork_resolve_extents", "Error while allocating %zu bytes of memory for expanded fork_extents array.",
-                  size);
+    array->reset(old);
+    KVFS_ERROR_AS("kvfs_fork_resolve_extents",
+                  "Error while allocating %zu bytes of memory for expanded fork_extents array.",
+                  static_cast<std::size_t>(size));
     return kvfs_no_memory;
   }
-  (void)array->release();  // realloc has freed or reused the old block
   array->reset(static_cast<HFSPlusExtentDescriptor*>(grown));
   std::memcpy(array->get() + *count, record.extents, used * sizeof(HFSPlusExtentDescriptor));
   *count += used;
@@ -112,7 +112,8 @@ static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cni
   const kvfs_result result =
       kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
+    KVFS_ERROR_AS(kFunction,
+                  "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
                   to_ul(cnid), to_ul(found));
     return result;
   }
@@ -162,7 +163,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
 // The numbers of the item array of a fork; each has to fit 32 bits.
 static kvfs_result item_array_length(std::uint64_t logical_size, std::uint32_t* length, std::size_t* size) {
   static const char* const kFunction = "kvfs_fork_private_create";
-  const std::uint64_t items_length = divide_rounding_up(logical_size, kForkItemSize);
+  const std::uint64_t items_length = kvfs_divide_rounding_up(logical_size, kForkItemSize);
   const std::uint64_t items_size = items_length * sizeof(kvfs_fork_cache_item*);
   if (items_size > kMaximum32) {
     KVFS_ERROR_AS(kFunction, "Items array too large for address space.\n");
@@ -191,7 +192,7 @@ static kvfs_result create_items(kvfs_fork_private* priv, std::size_t items_size)
     return result;
   }
   // calloc leaves the pages of a large array untouched until a slot is used.
-  priv->items = static_cast<kvfs_fork_cache_item**>(std::calloc(1, std::max<std::size_t>(items_size, 1)));
+  priv->items = static_cast<kvfs_fork_cache_item**>(std::calloc(1, kvfs_max<std::size_t>(items_size, 1)));
   if (priv->items == nullptr) {
     KVFS_ERROR_AS(kFunction, "Error while allocating fork cache item array (%llu bytes).\n", to_ull(items_size));
     return kvfs_no_memory;
@@ -260,7 +261,7 @@ kvfs_result kvfs_fork_create(kvfs_device* device, kvfs_extents* extents, int par
                              const HFSPlusVolumeHeader* volume_header, std::uint32_t cnid, HFSPlusForkData* fork_data,
                              std::uint32_t min_block_size, kvfs_fork** out_fork) {
   const std::uint32_t block_size = volume_header->blockSize.get();
-  const std::uint32_t transfer_unit = std::max(device->sector_size, min_block_size);
+  const std::uint32_t transfer_unit = kvfs_max(device->sector_size, min_block_size);
   kvfs_owned<kvfs_fork> fork = kvfs_allocate_zeroed<kvfs_fork>();
   if (!fork) {
     KVFS_ERROR("Error while allocating %llu bytes for kvfs_fork.\n", to_ull(sizeof(kvfs_fork)));
@@ -312,7 +313,8 @@ static kvfs_result fill_cache_item(kvfs_fork_cache_item* item, std::uint32_t ite
   }
   item->modification_bitmap = static_cast<unsigned char*>(std::calloc(1, bitmap_bytes));
   if (item->modification_bitmap == nullptr) {
-    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data modification bitmap.\n", bitmap_bytes);
+    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data modification bitmap.\n",
+                  bitmap_bytes);
     return kvfs_no_memory;
   }
   item->data_size = item_size;
@@ -390,7 +392,7 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
   static const char* const kFunction = "kvfs_fork_read_into_cache";
   const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
   const std::uint64_t offset_in_item = unit * (block % (fork->priv->item_size / unit));
-  const std::uint64_t length = std::min(unit, fork->priv->logical_size - block * unit);
+  const std::uint64_t length = kvfs_min(unit, fork->priv->logical_size - block * unit);
   if (length > item->data_size || offset_in_item > item->data_size - length) {
     KVFS_CRITICAL_AS(kFunction,
                      "Unexpected: Read offset is outside the bounds of the cache item (%llu, maximum expected: %zu)!\n",
@@ -400,8 +402,7 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
   unsigned char* const read_ptr_orig = item->data + offset_in_item;
   unsigned char* read_ptr = read_ptr_orig;
   kvfs_fork_read_context context = {fork->priv->device, read_ptr, 0};
-  const kvfs_result result =
-      kvfs_fork_do_device_io(fork, block * unit, length, kvfs_fork_process_read_io, &context);
+  const kvfs_result result = kvfs_fork_do_device_io(fork, block * unit, length, kvfs_fork_process_read_io, &context);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kFunction, "Error %d while reading block %llu from device offset %llu.\n", static_cast<int>(result),
                   to_ull(block), to_ull(block * unit));
@@ -449,7 +450,7 @@ static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::
     return result;
   }
   const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
-  const std::uint64_t end = divide_rounding_up(offset + length, unit);
+  const std::uint64_t end = kvfs_divide_rounding_up(offset + length, unit);
   for (std::uint64_t block = offset / unit; block < end && result == kvfs_ok; ++block) {
     result = make_block_valid(fork, block);
   }
@@ -527,9 +528,9 @@ kvfs_result kvfs_fork_do_device_io(kvfs_fork* fork, std::uint64_t io_offset, std
     const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[i];
     const std::uint64_t extent_end = position + extent_length(fork, extent);
     if (extent_end > io_offset) {
-      const std::uint64_t begin = std::max(position, io_offset);
+      const std::uint64_t begin = kvfs_max(position, io_offset);
       const std::uint64_t device_offset = std::uint64_t{fork->block_size} * extent.startBlock.get();
-      result = process(context, device_offset + (begin - position), begin, std::min(extent_end, io_end) - begin);
+      result = process(context, device_offset + (begin - position), begin, kvfs_min(extent_end, io_end) - begin);
       if (result != kvfs_ok) {
         KVFS_ERROR("Error while processing I/O request.\n");
         return result;
@@ -614,8 +615,8 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
   destination += run.count * sector_size;
   if (run.lead_out != 0) {
     // The bytes are taken from the end of the sector, not its beginning: this must stay as it is.
-    result = read_partial_sector(read->device, run.first + run.count, sector_size - run.lead_out, run.lead_out,
-                                 destination);
+    result =
+        read_partial_sector(read->device, run.first + run.count, sector_size - run.lead_out, run.lead_out, destination);
     if (result != kvfs_ok) {
       KVFS_ERROR("Error while reading lead-out sector %llu.\n", to_ull(run.first + run.count));
       return result;
@@ -729,7 +730,8 @@ static kvfs_result drop_reference(kvfs_fork_cache_item* item, std::uint64_t inde
   kvfs_result result = kvfs_invalid;
   void* const expected = item->data + offset_in_item;
   if (*pointer != expected) {
-    KVFS_ERROR_AS(kFunction, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected, *pointer);
+    KVFS_ERROR_AS(kFunction, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected,
+                  *pointer);
   } else if (item->references == 0) {
     KVFS_ERROR_AS(kFunction, "Cache item %llu has no active references and cannot be unmapped.\n", to_ull(index));
   } else {
@@ -747,16 +749,18 @@ static kvfs_result drop_reference(kvfs_fork_cache_item* item, std::uint64_t inde
 static kvfs_result check_unmap_range(kvfs_fork* fork, std::uint64_t offset, std::size_t length, item_range items) {
   static const char* const kFunction = "kvfs_fork_unmap";
   if (!is_inside(fork, offset, length)) {
-    KVFS_CRITICAL_AS(kFunction,
-                     "Attempted to unmap region outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
-                     to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
+    KVFS_CRITICAL_AS(
+        kFunction,
+        "Attempted to unmap region outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
+        to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
     return kvfs_invalid;
   }
   const kvfs_result result = check_item_numbers(kFunction, fork, items);
   if (result == kvfs_ok && items.first != items.last) {
-    KVFS_ERROR_AS(kFunction,
-                  "Cannot unmap region crossing cache item borders (offset: %llu, length: %zu, first_cache_item: %llu, last_cache_item: %llu).\n",
-                  to_ull(offset), length, to_ull(items.first), to_ull(items.last));
+    KVFS_ERROR_AS(
+        kFunction,
+        "Cannot unmap region crossing cache item borders (offset: %llu, length: %zu, first_cache_item: %llu, last_cache_item: %llu).\n",
+        to_ull(offset), length, to_ull(items.first), to_ull(items.last));
     return kvfs_invalid;
   }
   return result;
@@ -799,8 +803,7 @@ static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset
   std::memcpy(buffer, item->data + offset_in_item, length);
   if (item->references == 0) {
     KVFS_CRITICAL_AS(
-        kFunction,
-        "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
+        kFunction, "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
     if (guard.release() != kvfs_ok) {
       KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock.\n");  // the words must stay
     }
@@ -827,7 +830,7 @@ static kvfs_result copy_from_items(kvfs_fork* fork, item_range items, std::uint6
                        static_cast<std::size_t>(index));
       return kvfs_internal;
     }
-    const std::size_t part = std::min<std::size_t>(remaining, item->data_size - offset_in_item);
+    const std::size_t part = kvfs_min<std::size_t>(remaining, item->data_size - offset_in_item);
     const kvfs_result result = copy_from_item(item, offset_in_item, buffer + (length - remaining), part);
     if (result != kvfs_ok) {
       return result;
@@ -896,10 +899,9 @@ static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
   const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
   const std::uint64_t end = range->offset + range->length;
   const std::uint64_t aligned_start = range->offset / unit * unit;
-  const std::uint64_t aligned_end = divide_rounding_up(end, unit) * unit;
+  const std::uint64_t aligned_end = kvfs_divide_rounding_up(end, unit) * unit;
   if (range->offset != aligned_start) {
-    const kvfs_result result =
-        kvfs_fork_read_into_cache(fork, range->offset, aligned_start + unit - range->offset);
+    const kvfs_result result = kvfs_fork_read_into_cache(fork, range->offset, aligned_start + unit - range->offset);
     if (result != kvfs_ok) {
       KVFS_ERROR_AS(kFunction, "Error while reading first block in write range into cache.\n");
       return result;
@@ -923,7 +925,7 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
   const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
   const bool was_clean = item->dirty_blocks == 0;
   std::memcpy(item->data + offset_in_item, bytes, length);
-  const std::uint64_t end = divide_rounding_up(offset_in_item + length, unit);
+  const std::uint64_t end = kvfs_divide_rounding_up(offset_in_item + length, unit);
   for (std::uint64_t block = offset_in_item / unit; block < end; ++block) {
     unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];
     if ((*modified & bitmap_mask(block)) == 0) {
@@ -932,7 +934,7 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
     }
   }
   if (was_clean && item->dirty_blocks != 0) {
-    ++dirty_items(fork);
+    set_dirty_items(fork, dirty_items(fork) + 1);
   }
 }
 
@@ -957,7 +959,7 @@ static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, con
       return result;
     }
     kvfs_fork_cache_item* const item = fork->priv->items[index];
-    const std::size_t part = std::min<std::size_t>(remaining, item->data_size - offset_in_item);
+    const std::size_t part = kvfs_min<std::size_t>(remaining, item->data_size - offset_in_item);
     copy_to_item(fork, item, offset_in_item, bytes + (range.length - remaining), part);
     if (index == range.items.first && range.first_block_read) {
       result = return_reference(item);
@@ -1040,7 +1042,7 @@ static std::size_t shrink_pattern(std::size_t size) {
 static kvfs_result write_pattern(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length,
                                  const unsigned char* pattern, std::size_t pattern_size, std::uint64_t* done) {
   while (*done < length) {
-    const std::size_t part = static_cast<std::size_t>(std::min<std::uint64_t>(length - *done, pattern_size));
+    const std::size_t part = static_cast<std::size_t>(kvfs_min<std::uint64_t>(length - *done, pattern_size));
     const std::uint64_t start = offset + *done;
     const kvfs_result result = kvfs_fork_write(fork, start, pattern, part, nullptr);
     if (result != kvfs_ok) {
@@ -1055,7 +1057,7 @@ static kvfs_result write_pattern(kvfs_fork* fork, std::uint64_t offset, std::uin
 
 kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length, std::uint8_t value,
                            std::uint64_t* out_bytes_filled) {
-  std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(length, kLargestPattern));
+  std::size_t size = static_cast<std::size_t>(kvfs_min<std::uint64_t>(length, kLargestPattern));
   if (out_bytes_filled != nullptr) {
     *out_bytes_filled = 0;
   }
@@ -1071,7 +1073,7 @@ kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t 
     large_pattern.reset(static_cast<unsigned char*>(std::malloc(size)));
   }
   unsigned char* const pattern = large_pattern ? large_pattern.get() : small_pattern;
-  std::memset(pattern, value, std::max<std::size_t>(size, 1));
+  std::memset(pattern, value, kvfs_max<std::size_t>(size, 1));
   std::uint64_t done = 0;
   const kvfs_result result = write_pattern(fork, offset, length, pattern, size, &done);
   if (out_bytes_filled != nullptr) {
@@ -1159,7 +1161,7 @@ static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* i
     const std::uint64_t block = offset_in_item / unit;
     const std::uint64_t lead = (offset_in_item % unit) >> flush->sector_shift;  // sectors in an earlier piece
     const std::uint64_t rest = flush->sectors_per_block - lead;
-    const std::uint64_t count = std::min(rest, end - piece->position);
+    const std::uint64_t count = kvfs_min(rest, end - piece->position);
     unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];
     if ((*modified & bitmap_mask(block)) != 0) {
       const kvfs_result result = write_block_sectors(*piece, item, item_index, block, count);
@@ -1199,7 +1201,7 @@ static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, st
     KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item's item lock.\n");
   }
   if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
-    --dirty_items(fork);
+    set_dirty_items(fork, dirty_items(fork) - 1);
   }
   return kvfs_result_keep(result, unlocked);
 }
@@ -1215,7 +1217,7 @@ static kvfs_result flush_piece_items(flush_piece* piece) {
       return kvfs_internal;
     }
     const std::uint64_t item_end = (index + 1) * priv->item_size - piece->fork_offset;
-    const std::uint64_t end = std::min(piece->sectors, item_end >> piece->flush->sector_shift);
+    const std::uint64_t end = kvfs_min(piece->sectors, item_end >> piece->flush->sector_shift);
     kvfs_fork_cache_item* const item = item_at(piece->flush->fork, index);
     if (item == nullptr || item->dirty_blocks == 0) {
       piece->position = end;
@@ -1245,7 +1247,7 @@ kvfs_result kvfs_fork_process_write_io(void* context, std::uint64_t device_offse
     }
     end = logical_size;
   }
-  const std::uint64_t sectors = divide_rounding_up(end, sector_size) - fork_offset / sector_size;
+  const std::uint64_t sectors = kvfs_divide_rounding_up(end, sector_size) - fork_offset / sector_size;
   flush_piece piece = {flush, fork_offset, device_offset >> flush->sector_shift, sectors, 0};
   result = flush_piece_items(&piece);
   if (result != kvfs_ok) {
@@ -1358,7 +1360,7 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
   const std::size_t still_dirty = dirty_items(fork);
   if (result == kvfs_ok && still_dirty != 0) {
     KVFS_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", still_dirty);
-    dirty_items(fork) = 0;  // the count is forgotten, the bits are not: this must stay as it is
+    set_dirty_items(fork, 0);  // the count is forgotten, the bits are not: this must stay as it is
   }
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {

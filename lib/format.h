@@ -78,9 +78,9 @@ Structure* kvfs_view_as(void* bytes) {
 }
 
 // Proves that a structure has its published size, lies at any address and ends with the field where it should.
-#define KVFS_CHECK_LAYOUT(structure, size, last_field, last_offset)                               \
-  static_assert(sizeof(structure) == (size) && alignof(structure) == 1);                          \
-  static_assert(offsetof(structure, last_field) == (last_offset));                                \
+#define KVFS_CHECK_LAYOUT(structure, size, last_field, last_offset)      \
+  static_assert(sizeof(structure) == (size) && alignof(structure) == 1); \
+  static_assert(offsetof(structure, last_field) == (last_offset));       \
   static_assert(std::is_standard_layout_v<structure> && std::is_trivially_copyable_v<structure>)
 
 // ---- Volume header -------------------------------------------------------------------------------------------------
@@ -170,12 +170,12 @@ inline constexpr std::int8_t kBTMapNode = 2;
 
 // Begins every node.
 struct BTNodeDescriptor {
-  kvfs_be32 fLink;        // next node of this kind and level, 0 for none
-  kvfs_be32 bLink;        // previous node, 0 for none
-  std::int8_t kind;       // one of the kinds above
-  std::uint8_t height;    // level: 1 for leaves, the tree's depth for the root
-  kvfs_be16 numRecords;   // records in the node
-  kvfs_be16 reserved;     // 0
+  kvfs_be32 fLink;       // next node of this kind and level, 0 for none
+  kvfs_be32 bLink;       // previous node, 0 for none
+  std::int8_t kind;      // one of the kinds above
+  std::uint8_t height;   // level: 1 for leaves, the tree's depth for the root
+  kvfs_be16 numRecords;  // records in the node
+  kvfs_be16 reserved;    // 0
 };
 KVFS_CHECK_LAYOUT(BTNodeDescriptor, 14, reserved, 12);
 
@@ -264,7 +264,7 @@ inline constexpr std::uint16_t kHFSPlusFolderThreadRecord = 3;
 inline constexpr std::uint16_t kHFSPlusFileThreadRecord = 4;
 
 inline constexpr std::uint16_t kHFSHasFolderCountMask = 0x1000;  // folder flags: folderCount is kept
-inline constexpr std::uint16_t kHFSHasLinkChainMask = 0x0020;         // file flags: part of a chain of hard links
+inline constexpr std::uint16_t kHFSHasLinkChainMask = 0x0020;    // file flags: part of a chain of hard links
 
 struct HFSPlusBSDInfo {
   kvfs_be32 ownerID;

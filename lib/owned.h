@@ -16,8 +16,11 @@ class kvfs_owned {
  public:
   kvfs_owned() = default;
   explicit kvfs_owned(T* pointer) : pointer_(pointer) {}
-  kvfs_owned(const kvfs_owned&) = delete;
-  kvfs_owned& operator=(const kvfs_owned&) = delete;
+  kvfs_owned(kvfs_owned&& other) noexcept : pointer_(other.release()) {}
+  kvfs_owned& operator=(kvfs_owned&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
   ~kvfs_owned() { std::free(pointer_); }
 
   T* get() const { return pointer_; }

@@ -19,6 +19,8 @@
 //   kvfs_overflow             a result does not fit the space given for it
 //   kvfs_exists               the record to be inserted is there already
 //   kvfs_limit                a limit of this implementation is reached
+// The formatter takes the attribute for a name.
+// clang-format off
 enum [[nodiscard]] kvfs_result : std::uint64_t {
   kvfs_ok = 0,
   kvfs_failed = 1,
@@ -32,6 +34,7 @@ enum [[nodiscard]] kvfs_result : std::uint64_t {
   kvfs_exists = 9,
   kvfs_limit = 10,
 };
+// clang-format on
 
 // The result of two steps of which the second is always made, such as work under a lock and the release of that lock:
 // the first failure counts, so a later one replaces a success only.

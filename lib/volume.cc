@@ -8,6 +8,7 @@
 #include "device.h"
 #include "extents.h"
 #include "owned.h"
+#include "rwlock_guard.h"
 #include "support.h"
 #include "volume_private.h"
 
@@ -88,8 +89,7 @@ static const char* variant_of(const HFSPlusVolumeHeader* header) {
   return nullptr;
 }
 
-static kvfs_result open_files(kvfs_device* device, int skip_allocation_file, const char* variant,
-                              volume_parts* parts) {
+static kvfs_result open_files(kvfs_device* device, int skip_allocation_file, const char* variant, volume_parts* parts) {
   kvfs_result result = kvfs_extents_create(device, parts->header, &parts->extents);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kSetupFunction, "Error while loading extents overflow file from HFS%s volume.\n", variant);
@@ -243,13 +243,102 @@ void kvfs_volume_destroy(kvfs_volume** volume) {
 kvfs_result kvfs_volume_flush(kvfs_volume* volume) {
   const kvfs_volume_private* const priv = volume->priv;
   const std::uint32_t sector_size = volume->device->sector_size;
-  const kvfs_result result =
-      kvfs_device_write_disk_sectors(volume->device, kVolumeHeaderOffset / sector_size,
-                                     priv->sector_buffer_size / sector_size, priv->sector_buffer);
+  const kvfs_result result = kvfs_device_write_disk_sectors(
+      volume->device, kVolumeHeaderOffset / sector_size, priv->sector_buffer_size / sector_size, priv->sector_buffer);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while flushing volume header.\n");
   }
   return result;
+}
+
+// ---- Label ---------------------------------------------------------------------------------------------------------
+
+static const char kSetLabelFunction[] = "kvfs_volume_set_label";
+
+// Renames the root folder; the locator of `root` is consumed unless the rename failed early.
+static kvfs_result rename_root_folder(kvfs_volume* volume, const kvfs_be16* units, std::size_t length,
+                                      kvfs_catalog_search_result* root) {
+  kvfs_result result = kvfs_catalog_search_by_cnid(volume->catalog, kHFSRootFolderID, true, root);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSetLabelFunction, "Error while looking up catalog record of root directory.\n");
+    return result;
+  }
+  if (root->locator == nullptr) {
+    KVFS_CRITICAL_AS(kSetLabelFunction,
+                     "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error.\n");
+    return kvfs_internal;
+  }
+  if (root->found == 0) {
+    KVFS_ERROR_AS(kSetLabelFunction, "Could not find catalog record of root directory.\n");
+    return kvfs_inconsistent;
+  }
+  result = kvfs_catalog_rename_record(volume->catalog, &root->locator, kvfs_be32::of(kHFSRootParentID), units, length);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSetLabelFunction, "Error while renaming record.\n");
+  }
+  return result;
+}
+
+kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, std::size_t length) {
+  if (length > kHFSPlusMaxNameLength) {
+    KVFS_ERROR("Label length (%zu) too large.\n", length);
+    return kvfs_invalid;
+  }
+  kvfs_catalog_search_result root;
+  kvfs_catalog_search_result_init(&root);
+  kvfs_result result = rename_root_folder(volume, units, length, &root);
+  if (result != kvfs_ok) {
+    kvfs_catalog_search_result_release(&root);
+    return result;
+  }
+  kvfs_write_guard guard(volume->priv->lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while acquiring exclusive volume lock.\n");
+    result = guard.result();
+  } else {
+    if (length != 0) {
+      std::memcpy(volume->priv->label, units, length * sizeof(kvfs_be16));
+    }
+    volume->priv->label_length = static_cast<std::uint32_t>(length);
+  }
+  if (root.locator != nullptr && result == kvfs_ok) {
+    KVFS_WARNING("'loc' non-NULL (%p) on successful return.\n", static_cast<void*>(root.locator));
+  }
+  kvfs_catalog_search_result_release(&root);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Error while unlocking volume lock.\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+// ---- Fork data -----------------------------------------------------------------------------------------------------
+
+static HFSPlusForkData* fork_data_slot(HFSPlusVolumeHeader* header, std::uint32_t cnid) {
+  switch (cnid) {
+    case kHFSExtentsFileID:
+      return &header->extentsFile;
+    case kHFSCatalogFileID:
+      return &header->catalogFile;
+    case kHFSAllocationFileID:
+      return &header->allocationFile;
+    case kHFSStartupFileID:
+      return &header->startupFile;
+    case kHFSAttributesFileID:
+      return &header->attributesFile;
+    default:
+      return nullptr;
+  }
+}
+
+void kvfs_volume_update_fork_data(kvfs_volume* volume, std::uint32_t cnid, const HFSPlusForkData* fork_data) {
+  HFSPlusForkData* const slot = fork_data_slot(volume->header, cnid);
+  if (slot == nullptr) {
+    // Without a line feed: the next message goes on in the same line, and this must stay as it is.
+    KVFS_CRITICAL("Unexpected catalog node ID for volume header file: %lu", to_ul(cnid));
+    return;
+  }
+  std::memmove(slot, fork_data, sizeof(*slot));  // callers may hand in the slot itself
 }
 
 // ---- Counters ------------------------------------------------------------------------------------------------------

@@ -10,6 +10,7 @@
 #ifndef KVFS_VOLUME_H
 #define KVFS_VOLUME_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "format.h"
@@ -49,6 +50,24 @@ void kvfs_volume_destroy(kvfs_volume** volume);
 
 // Writes the sectors of the volume header back as they are in memory. Returns kvfs_ok or the failure of the device.
 kvfs_result kvfs_volume_flush(kvfs_volume* volume);
+
+// Renames the root folder, which renames the volume, and then changes the label in memory. The catalog's changes are in
+// its fork's cache: flush that fork to bring them to the device. The volume header does not change.
+//
+//   units, length  the new label, big-endian and decomposed; UTF-16 units, at most 255
+//
+// Locks: the volume lock for writing while the label in memory changes.
+// Returns kvfs_ok; kvfs_invalid when the label is too long; kvfs_inconsistent when the root folder is missing;
+// kvfs_internal; or the failure of the search, the rename or the lock. The label in memory changes on success only.
+kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, std::size_t length);
+
+// Copies a special file's fork data, on-disk order, into the header in memory.
+//
+//   cnid  catalog node ID of the extents overflow, catalog, allocation, startup or attributes file; any other is
+//         reported, and the header stays as it is
+//
+// Locks: none.
+void kvfs_volume_update_fork_data(kvfs_volume* volume, std::uint32_t cnid, const HFSPlusForkData* fork_data);
 
 // ---- Counters of the volume header ---------------------------------------------------------------------------------
 //

@@ -4,6 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "btree.h"
+#include "catalog.h"
+#include "fork.h"
 #include "owned.h"
 #include "support.h"
 #include "unicode.h"
@@ -66,7 +69,75 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
 
 // ---- Setting -------------------------------------------------------------------------------------------------------
 
-kvfs_result kvfslabel_set_label(kvfs_volume* /*volume*/, const char* /*label*/) {
-  std::fputs("Setting the label is not supported yet.\n", stderr);
-  return kvfs_limit;
+// A text of UTF-16 units in host order.
+struct utf16_text {
+  kvfs_owned<std::uint16_t> units;
+  std::size_t length;
+};
+
+static kvfs_result convert_new_label(const char* label, utf16_text* text) {
+  std::uint16_t* units = nullptr;
+  const std::size_t bytes = std::strlen(label);
+  kvfs_result result = kvfs_unicode_utf8_to_unistr(label, bytes, &units, &text->length);
+  if (result == kvfs_ok && units == nullptr && bytes != 0) {
+    result = kvfs_no_memory;  // the converter calls that an empty text; a volume must not lose its label over it
+  }
+  if (result != kvfs_ok) {
+    std::fputs("Error when converting volume label from UTF-8 to UTF-16.\n", stderr);
+    return result;
+  }
+  text->units.reset(units);
+  return kvfs_ok;
+}
+
+// A unit decomposes into this many at most.
+static constexpr std::size_t kDecompositionFactor = kUnicodeMaxDecomposedUnits;
+
+// Decomposes a text. `decomposed` is allocated, with room for the longest outcome.
+static kvfs_result decompose_label(const utf16_text& text, utf16_text* decomposed) {
+  const std::size_t capacity = kDecompositionFactor * text.length;
+  const std::size_t size = capacity * sizeof(std::uint16_t);
+  decomposed->units.reset(static_cast<std::uint16_t*>(static_cast<void*>(kvfs_allocate_bytes(size).release())));
+  if (!decomposed->units) {
+    std::fprintf(stderr, "Error when allocating %zu bytes for decomposed volume label.\n", size);
+    return kvfs_no_memory;
+  }
+  if (kvfs_unicode_decompose(text.units.get(), text.length, decomposed->units.get(), capacity, &decomposed->length) !=
+      0) {
+    std::fputs("Unexpected: Overflow when decomposing volume label.\n", stderr);
+    return kvfs_overflow;
+  }
+  return kvfs_ok;
+}
+
+// Brings the units of a text into the stored byte order, where they are.
+static const kvfs_be16* swap_to_big_endian(const utf16_text& text) {
+  kvfs_be16* const stored = kvfs_view_as<kvfs_be16>(static_cast<void*>(text.units.get()));
+  for (std::size_t i = 0; i < text.length; ++i) {
+    stored[i].set(text.units[i]);
+  }
+  return stored;
+}
+
+kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label) {
+  utf16_text text = {};
+  kvfs_result result = convert_new_label(label, &text);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  utf16_text decomposed = {};
+  result = decompose_label(text, &decomposed);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_volume_set_label(volume, swap_to_big_endian(decomposed), decomposed.length);
+  if (result != kvfs_ok) {
+    std::fputs("Error while changing volume label.\n", stderr);
+    return result;
+  }
+  result = kvfs_fork_flush((*volume->catalog->btree)->fork);
+  if (result != kvfs_ok) {
+    std::fputs("Error while flushing changes to catalog file.\n", stderr);
+  }
+  return result;
 }

@@ -1,5 +1,7 @@
 // Block devices and disk images on POSIX systems.
 
+#include "device.h"
+
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -8,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "device.h"
 #include "owned.h"
 #include "support.h"
 
