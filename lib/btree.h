@@ -173,4 +173,15 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
 // kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag);
 
+// Grows the catalog's B-tree by the clump size of its fork; any other tree is left as it is. When the bitmap in the
+// header node is too short for all nodes, a map node is added to the chain, each time anew. On failure what was done is
+// undone, except that a node claimed for the chain stays marked as used.
+//
+//   volume  opened with its allocation file; its header changes in memory
+//
+// Locks: the tree's lock for writing.
+// Returns kvfs_ok; kvfs_inconsistent when the chain of map nodes is damaged; or the failure of growing the fork, of
+// claiming a node, of the fork or of the lock.
+kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume);
+
 #endif  // KVFS_BTREE_H

@@ -2,12 +2,16 @@
 
 #include <cstring>
 
+#include "arithmetic.h"
+#include "bitmap.h"
 #include "catalog_private.h"
+#include "device.h"
 #include "extents.h"
 #include "owned.h"
 #include "rwlock_guard.h"
 #include "support.h"
 #include "unicode.h"
+#include "volume.h"
 
 // ---- Keys and records ----------------------------------------------------------------------------------------------
 
@@ -694,6 +698,35 @@ kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_comp
   return kvfs_ok;
 }
 
+// ---- UTF-8 paths ---------------------------------------------------------------------------------------------------
+
+static constexpr char kPathSeparator = '/';
+
+kvfs_result kvfs_catalog_utf8_path_component(void* context, kvfs_be16* buffer, std::size_t capacity,
+                                             std::size_t* out_length) {
+  kvfs_catalog_utf8_path* const path = static_cast<kvfs_catalog_utf8_path*>(context);
+  while (*path->rest == kPathSeparator) {
+    ++path->rest;
+  }
+  const char* const name = path->rest;
+  while (*path->rest != '\0' && *path->rest != kPathSeparator) {
+    ++path->rest;
+  }
+  std::uint16_t composed[kHFSPlusMaxNameLength];
+  std::uint16_t* units = composed;
+  std::size_t length = kHFSPlusMaxNameLength;
+  const kvfs_result result =
+      kvfs_unicode_utf8_to_unistr(name, static_cast<std::size_t>(path->rest - name), &units, &length);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (kvfs_unicode_windows_to_hfsplus_capped(composed, length, buffer, capacity, out_length) != 0) {
+    KVFS_ERROR("Path component of %zu units is too long.\n", length);
+    return kvfs_overflow;
+  }
+  return kvfs_ok;
+}
+
 // ---- Insertion -----------------------------------------------------------------------------------------------------
 
 kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatalogKey* key, const void* data,
@@ -1015,4 +1048,384 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
     result = enter_new_folder(item);
   }
   return result == kvfs_ok ? replace_thread_record(item) : result;
+}
+
+// ---- Deletion ------------------------------------------------------------------------------------------------------
+
+// Copies a record of a known size out of a locator; false, with a message, when the record is shorter.
+static bool copy_record(const char* function, const kvfs_catalog_record_locator* locator, void* record,
+                        std::size_t size) {
+  const kvfs_btree_record_locator* const stored = locator->btree_locator;
+  if (stored->data_size < size) {
+    KVFS_ERROR_AS(function, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n", size,
+                  std::size_t{stored->data_size});
+    return false;
+  }
+  std::memcpy(record, stored->data, size);
+  return true;
+}
+
+// The folder that holds the record of a locator; 0, which no folder has, when its key is too short to tell.
+static std::uint32_t key_parent_of(const kvfs_catalog_record_locator* locator) {
+  const kvfs_btree_record_locator* const record = locator->btree_locator;
+  return record->key_length < kHFSPlusCatalogKeyNameOffset
+             ? 0
+             : kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get();
+}
+
+// Looks at the record behind the place of a folder's thread record, which comes before all of the folder's items.
+static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_search_result& thread,
+                                      std::uint32_t folder_id, int* out_empty) {
+  static const char* const kFunction = "kvfs_catalog_is_directory_empty";
+  if (thread.locator == nullptr) {
+    KVFS_CRITICAL_AS(kFunction, "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator with no error.\n");
+    return kvfs_internal;
+  }
+  kvfs_catalog_record_locator* next = nullptr;
+  const kvfs_result result = kvfs_catalog_get_next_record(catalog, thread.locator, &next);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kFunction, "Error while looking up the next record after directory thread record.\n");
+    return result;
+  }
+  *out_empty = next != nullptr && key_parent_of(next) == folder_id ? 0 : 1;
+  if (next != nullptr) {
+    kvfs_catalog_record_locator_close(&next);
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
+                                            int* out_empty) {
+  HFSPlusCatalogFolder record;
+  if (!copy_record(__func__, folder, &record, sizeof(record))) {
+    return kvfs_inconsistent;
+  }
+  const std::uint32_t folder_id = record.folderID.get();
+  kvfs_catalog_search_result thread;
+  kvfs_catalog_search_result_init(&thread);
+  kvfs_result result = kvfs_catalog_search_by_cnid(catalog, folder_id, false, &thread);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while searching for directory thread by CNID.\n");
+    return result;
+  }
+  result = look_behind_thread(catalog, thread, folder_id, out_empty);
+  kvfs_catalog_search_result_release(&thread);
+  return result;
+}
+
+kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
+                                         int* out_can_delete) {
+  if (locator == nullptr) {
+    return kvfs_invalid;
+  }
+  if (record_type_of(locator) != kHFSPlusFolderRecord) {
+    *out_can_delete = 1;
+    return kvfs_ok;
+  }
+  const kvfs_result result = kvfs_catalog_is_directory_empty(catalog, locator, out_can_delete);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while checking if directory is empty.\n");
+  }
+  return result;
+}
+
+// An item that is being deleted, with a copy of its record.
+struct catalog_deletion {
+  kvfs_catalog* catalog;
+  kvfs_volume* volume;
+  kvfs_catalog_record_locator* locator;
+  union {
+    HFSPlusCatalogFolder folder;
+    HFSPlusCatalogFile file;
+  } record;
+  bool is_folder;
+  kvfs_be32 cnid;
+  std::uint32_t freed_blocks;
+};
+
+static const char kDeleteFunction[] = "kvfs_catalog_delete";
+
+// Frees the blocks of the data fork; the resource fork's stay allocated. A failure does not stop the deletion.
+static void free_data_fork(catalog_deletion* item) {
+  const HFSPlusForkData* const fork_data = &item->record.file.dataFork;
+  kvfs_bitmap* const bitmap = item->volume->bitmap;
+  if (bitmap == nullptr ||
+      FreeExtentAllocationBlocks(fork_data, 0, fork_data->totalBlocks.get(), bitmap, &item->freed_blocks) != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while freeing allocation blocks of deleted file on cleanup.\n");
+  }
+}
+
+static kvfs_result take_up_deleted_item(catalog_deletion* item) {
+  const std::uint16_t type = record_type_of(item->locator);
+  if (type != kHFSPlusFolderRecord && type != kHFSPlusFileRecord) {
+    KVFS_ERROR_AS(kDeleteFunction,
+                  "Invalid parameter: Record to delete is not a file or folder record (record type: %hd).\n",
+                  static_cast<short>(type));
+    return kvfs_invalid;
+  }
+  item->is_folder = type == kHFSPlusFolderRecord;
+  if (item->is_folder) {
+    if (!copy_record(kDeleteFunction, item->locator, &item->record.folder, sizeof(item->record.folder))) {
+      return kvfs_inconsistent;
+    }
+    item->cnid = item->record.folder.folderID;
+    return kvfs_ok;
+  }
+  if (!copy_record(kDeleteFunction, item->locator, &item->record.file, sizeof(item->record.file))) {
+    return kvfs_inconsistent;
+  }
+  item->cnid = item->record.file.fileID;
+  free_data_fork(item);
+  return kvfs_ok;
+}
+
+static kvfs_result leave_parent(const catalog_deletion& item) {
+  kvfs_catalog_record_locator* const parent = *item.locator->parent;
+  if (parent == nullptr) {
+    KVFS_WARNING_AS(kDeleteFunction, "INFO: No parent rec in delete..This is a todo\n");
+    return kvfs_ok;
+  }
+  const kvfs_result result = kvfs_catalog_decrement_valence(item.catalog, &item.record, parent);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "%s: Failed to set parent valence.\n", kDeleteFunction);
+  }
+  return result;
+}
+
+// Counts the item out of the volume.
+static void count_out(const catalog_deletion& item) {
+  if (item.is_folder) {
+    kvfs_volume_subtract_folder_count(item.volume, 1);
+  } else {
+    kvfs_volume_subtract_file_count(item.volume, 1);
+  }
+  kvfs_volume_add_free_blocks(item.volume, item.freed_blocks);
+}
+
+// Deletes the thread record, or what stands in its place: whether it was found is not asked, and that must stay.
+static kvfs_result delete_thread_record(const catalog_deletion& item) {
+  HFSPlusCatalogKey key;
+  make_thread_key(&key, item.cnid);
+  kvfs_catalog_search_result thread;
+  kvfs_catalog_search_result_init(&thread);
+  kvfs_result result = kvfs_catalog_search_node(item.catalog, &key, &thread);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while searching for catalog thread record to destroy.\n");
+    return result;
+  }
+  if (thread.locator == nullptr) {
+    KVFS_WARNING_AS(kDeleteFunction, "No thread record found for deleted %s.\n", item.is_folder ? "folder" : "file");
+    return kvfs_ok;
+  }
+  result = kvfs_btree_delete_record(btree_of(item.catalog), thread.locator->btree_locator, 0);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kDeleteFunction, "Error while deleting thread record from B-tree.\n");
+  } else {
+    count_out(item);
+  }
+  kvfs_catalog_search_result_release(&thread);
+  return result;
+}
+
+kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator) {
+  catalog_deletion item = {};
+  item.catalog = catalog;
+  item.volume = volume;
+  item.locator = locator;
+  kvfs_result result = take_up_deleted_item(&item);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = kvfs_btree_delete_record(btree_of(catalog), locator->btree_locator, 0);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while deleting file/folder record from B-tree.\n");
+    return result;
+  }
+  result = leave_parent(item);
+  return result == kvfs_ok ? delete_thread_record(item) : result;
+}
+
+// ---- File records --------------------------------------------------------------------------------------------------
+
+static constexpr std::uint32_t kHardLinkType = 0x686C6E6B;     // 'hlnk'
+static constexpr std::uint32_t kHardLinkCreator = 0x6866732B;  // 'hfs+'
+static constexpr std::uint32_t kSymLinkType = 0x736C6E6B;      // 'slnk'
+static constexpr std::uint32_t kSymLinkCreator = 0x72686170;   // 'rhap'
+static constexpr std::uint16_t kSymLinkFinderFlags = 0x8000;   // the Finder shows it as an alias
+static constexpr std::uint16_t kSymLinkFileMode = 0xA1FF;      // a symbolic link with all permissions
+
+int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record) {
+  const std::uint32_t type = record->userInfo.fdType.get();
+  const std::uint32_t creator = record->userInfo.fdCreator.get();
+  if (type == kHardLinkType && creator == kHardLinkCreator) {
+    return kvfs_hard_link;
+  }
+  return type == kSymLinkType && creator == kSymLinkCreator ? kvfs_symbolic_link : kvfs_plain_file;
+}
+
+static std::uint64_t size_of_forks(const HFSPlusCatalogFile& file) {
+  const std::uint64_t data_size = file.dataFork.logicalSize.get();
+  return data_size != 0 ? data_size : file.resourceFork.logicalSize.get();
+}
+
+// Reads the record of the file that a hard link stands for.
+static bool read_link_target(kvfs_catalog* catalog, const HFSPlusCatalogFile* link, HFSPlusCatalogFile* file) {
+  kvfs_catalog_search_result target;
+  kvfs_catalog_search_result_init(&target);
+  bool read = kvfs_catalog_follow_hard_link(catalog, link, &target) == kvfs_ok && target.found != 0;
+  if (read) {
+    read = copy_record("kvfs_catalog_record_get_file_size", target.locator, file, sizeof(*file));
+  }
+  kvfs_catalog_search_result_release(&target);
+  return read;
+}
+
+std::uint64_t kvfs_catalog_record_get_file_size(const HFSPlusCatalogFile* record, kvfs_catalog* catalog) {
+  if (kvfs_catalog_file_link_kind(record) != kvfs_hard_link) {
+    return size_of_forks(*record);
+  }
+  HFSPlusCatalogFile file;
+  if (!read_link_target(catalog, record, &file)) {
+    KVFS_ERROR("Error while following hard link.\n");
+    return 0;
+  }
+  return size_of_forks(file);
+}
+
+void kvfs_catalog_record_set_file_size(void* record, std::uint64_t size) {
+  if (record == nullptr) {
+    KVFS_ERROR("Error in %s - no record\n", __func__);
+    return;
+  }
+  const std::uint16_t type = kvfs_view_as<kvfs_be16>(record)->get();
+  if (type != kHFSPlusFileRecord) {
+    KVFS_ERROR("%s: Can only set size for a file record - This is a record of type: %d\n", __func__,
+               static_cast<int>(type));
+  }
+  kvfs_view_as<HFSPlusCatalogFile>(record)->dataFork.logicalSize.set(size);  // into any record: this must stay
+}
+
+kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCatalogFile* record,
+                                          kvfs_catalog_search_result* out_result) {
+  HFSPlusCatalogKey key;
+  make_thread_key(&key, record->permissions.special);
+  kvfs_catalog_search_result thread;
+  kvfs_catalog_search_result_init(&thread);
+  kvfs_result result = kvfs_catalog_search_node(catalog, &key, &thread);
+  if (result != kvfs_ok) {
+    KVFS_ERROR("Error while searching for catalog record of hard linked file.\n");
+    return result;
+  }
+  if (thread.locator == nullptr) {
+    return kvfs_internal;
+  }
+  result = thread.found != 0 ? make_target_key(__func__, thread.locator, &key) : kvfs_inconsistent;
+  if (result == kvfs_ok) {
+    result = kvfs_catalog_search_node(catalog, &key, out_result);
+    if (result != kvfs_ok) {
+      KVFS_ERROR("Error while searching for hard link target.\n");
+    }
+  }
+  kvfs_catalog_search_result_release(&thread);
+  return result;
+}
+
+// ---- Symbolic links ------------------------------------------------------------------------------------------------
+
+static const char kSymLinkFunction[] = "kvfs_catalog_mksymlink";
+
+// Longest target, UTF-8.
+static constexpr std::size_t kMaximumTargetSize = 255;
+
+// Finds a free block for the target.
+static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFile& file, std::uint32_t* block) {
+  kvfs_allocation_location location = {};
+  kvfs_result result = FindWriteLocation(file.fileID.get(), kHFSDataForkType, &file.dataFork, volume, 0,
+                                         volume->header->blockSize.get(), &location);
+  if (result == kvfs_ok && location.block_count == 0) {
+    result = kvfs_limit;
+  }
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSymLinkFunction, "Error while searching for symlink data write location.\n");
+    return result;
+  }
+  *block = location.start_block;
+  return kvfs_ok;
+}
+
+// Writes the target, converted to UTF-8, to the first sector of a block; `size` receives its bytes.
+static kvfs_result write_target(kvfs_volume* volume, std::uint32_t block, const kvfs_be16* target_name,
+                                std::size_t target_length, std::size_t* size) {
+  kvfs_device* const device = volume->device;
+  const std::size_t buffer_size = kvfs_max<std::size_t>(device->sector_size, kMaximumTargetSize + 1);
+  const kvfs_owned<char> sector(static_cast<char*>(std::calloc(1, buffer_size)));
+  if (!sector) {
+    KVFS_ERROR_AS(kSymLinkFunction, "Error while allocating %zu bytes for symlink data.\n", buffer_size);
+    return kvfs_no_memory;
+  }
+  *size = kvfs_catalog_widechar_to_utf8(target_name, target_length, sector.get(), kMaximumTargetSize + 1);
+  if (*size == 0 && target_length != 0) {
+    return kvfs_invalid;  // the conversion has said why
+  }
+  const std::uint64_t first = std::uint64_t{block} * volume->header->blockSize.get() / device->sector_size;
+  return kvfs_device_write_disk_sectors(device, first, 1, sector.get());
+}
+
+// Makes the record that of a symbolic link with its target in one block.
+static void set_link_fields(HFSPlusCatalogFile* file, std::uint32_t block) {
+  file->dataFork.extents.extents[0] = {kvfs_be32::of(block), kvfs_be32::of(1)};
+  file->dataFork.totalBlocks.set(1);
+}
+
+// Writes the target, marks its block as used and writes the record back.
+static kvfs_result store_link(kvfs_catalog_record_locator* locator, HFSPlusCatalogFile* file,
+                              const kvfs_be16* target_name, std::size_t target_length, kvfs_volume* volume) {
+  std::uint32_t block = 0;
+  kvfs_result result = find_target_block(volume, *file, &block);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  std::size_t size = 0;
+  result = write_target(volume, block, target_name, target_length, &size);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  set_link_fields(file, block);
+  result = AllocateExtentAllocationBlocks(block, 1, volume);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSymLinkFunction, "Error while marking block %lu as allocated.\n", to_ul(block));
+    return result;
+  }
+  kvfs_catalog_record_set_file_size(file, size);
+  result = kvfs_btree_record_locator_write_data(locator->btree_locator, file, sizeof(*file));
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kSymLinkFunction, "Error while writing back modified HFSPlusCatalogFile to catalog.\n");
+  }
+  return result;
+}
+
+// The value of a failure exit, which must not be taken for a success.
+static kvfs_result failure_value(kvfs_result result) {
+  if (result == kvfs_ok) {
+    KVFS_WARNING_AS(kSymLinkFunction, "At error with no error value set!\n");
+    return kvfs_failed;
+  }
+  return result;
+}
+
+kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const kvfs_be16* target_name,
+                                   std::size_t target_length, kvfs_volume* volume) {
+  if (locator == nullptr) {
+    return kvfs_invalid;
+  }
+  HFSPlusCatalogFile file;
+  if (!copy_record(__func__, locator, &file, sizeof(file))) {
+    return kvfs_inconsistent;
+  }
+  file.userInfo.fdType.set(kSymLinkType);
+  file.userInfo.fdCreator.set(kSymLinkCreator);
+  file.userInfo.fdFlags.set(kSymLinkFinderFlags);
+  file.permissions.fileMode.set(kSymLinkFileMode);
+  const kvfs_result result = store_link(locator, &file, target_name, target_length, volume);
+  return result == kvfs_ok ? kvfs_ok : failure_value(result);
 }

@@ -21,6 +21,7 @@
 
 struct kvfs_catalog_private;
 struct kvfs_catalog_record_locator_private;
+struct kvfs_volume;
 
 struct kvfs_catalog {
   kvfs_btree* const* btree;  // the catalog's B-tree, which lies first in the private part
@@ -158,6 +159,19 @@ using kvfs_catalog_component_source = kvfs_result (*)(void* context, kvfs_be16* 
 kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_component_source source, void* context,
                                         kvfs_catalog_record_locator* start, kvfs_catalog_search_result* out_result);
 
+// A path in UTF-8 as components: names between slashes, however many; "." and ".." mean nothing special. `rest` is what
+// is still to be looked up, and may be read after a search to see how far it came.
+struct kvfs_catalog_utf8_path {
+  const char* rest;  // NUL-terminated; borrowed
+};
+
+// A component source over a kvfs_catalog_utf8_path, which is its context. Each name is decomposed.
+//
+// Returns kvfs_ok; kvfs_invalid for malformed UTF-8 or a name too long for the buffer before it is decomposed;
+// kvfs_overflow for one that is too long after.
+kvfs_result kvfs_catalog_utf8_path_component(void* context, kvfs_be16* buffer, std::size_t capacity,
+                                             std::size_t* out_length);
+
 // ---- Changes -------------------------------------------------------------------------------------------------------
 //
 // A change is made in the cache of the catalog's fork; flushing that fork brings it to the device. Nothing is undone
@@ -204,5 +218,85 @@ kvfs_result kvfs_catalog_increment_valence(kvfs_catalog* catalog, const void* ch
                                            kvfs_catalog_record_locator* parent);
 kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* child_record_data,
                                            kvfs_catalog_record_locator* parent);
+
+// ---- Deletion ------------------------------------------------------------------------------------------------------
+
+// Tells whether a folder holds no items: whether the record behind its thread record belongs to another folder.
+//
+//   out_empty  receives 1 or 0; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_inconsistent when the record is too short; kvfs_internal; or the failure of a search.
+kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
+                                            int* out_empty);
+
+// Tells whether a record may be deleted: a folder only while it is empty, anything else at any time.
+//
+//   out_can_delete  receives 1 or 0; unchanged on failure
+//
+// Returns kvfs_ok; kvfs_invalid without a locator; or the failure of looking into the folder.
+kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
+                                         int* out_can_delete);
+
+// Deletes a file or folder: its record and its thread record, its place in the parent's valence, the blocks of a file's
+// data fork, and its place in the counts of the volume header. The locator stays open; the caller closes it.
+//
+// What callers have to know, and some rely on:
+// - whether a folder is empty is not asked: see kvfs_catalog_can_delete_file;
+// - the resource fork's blocks and the extents in the overflow file stay allocated;
+// - when the thread record is missing, the record in the place where it would stand is deleted in its stead;
+// - without the parent's locator the parent's valence stays as it is;
+// - each block is freed as FreeAllocationBlock does it, and a failure to free is logged and ignored.
+//
+//   volume  opened with its allocation file
+//
+// Returns kvfs_ok; kvfs_invalid for another kind of record; kvfs_inconsistent when the record is too short; or the
+// failure of the B-tree or of the search for the thread. What was done before a failure stays done.
+kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator);
+
+// ---- File records --------------------------------------------------------------------------------------------------
+
+// Kinds of file by Finder type and creator.
+inline constexpr int kvfs_plain_file = 0;
+inline constexpr int kvfs_hard_link = 1;
+inline constexpr int kvfs_symbolic_link = 2;
+
+// Tells what kind of file a whole file record, on-disk order, describes.
+int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);
+
+// Reads the size of a file, following a hard link: of the data fork or, when that is empty, of the resource fork.
+//
+//   record  whole file record, on-disk order
+//
+// Returns bytes; 0 on failure too, which is in the log.
+std::uint64_t kvfs_catalog_record_get_file_size(const HFSPlusCatalogFile* record, kvfs_catalog* catalog);
+
+// Sets the size of a file's data fork in a record. The size goes into bytes 88 to 95 whatever the record is: the buffer
+// must hold 96 bytes even for a folder record, whose kind is reported but not refused. Callers rely on that.
+//
+//   record  record data, on-disk order; null is reported and nothing done
+//   size    bytes
+void kvfs_catalog_record_set_file_size(void* record, std::uint64_t size);
+
+// Finds the file that a hard link stands for, by its link reference.
+//
+//   record  whole file record of the link, on-disk order
+//
+// Returns kvfs_ok (`found` in the result tells whether the file exists); kvfs_inconsistent when the reference has no
+// thread record; kvfs_internal; or the failure of a search.
+kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCatalogFile* record,
+                                          kvfs_catalog_search_result* out_result);
+
+// Turns a file into a symbolic link whose target lies in one allocation block. What the file held before is not freed,
+// and nothing is undone when a step fails: the block is written before it is marked as used.
+//
+//   locator                     of the file's record
+//   target_name, target_length  the target, big-endian; units; "\" becomes "/". 255 bytes at most in UTF-8
+//   volume                      opened with its allocation file
+//
+// Returns kvfs_ok; kvfs_invalid without a locator or for a target that cannot be stored; kvfs_inconsistent when the
+// record is too short; kvfs_limit when no block is free; kvfs_no_memory; or the failure of the device, the allocation
+// file or the B-tree.
+kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const kvfs_be16* target_name,
+                                   std::size_t target_length, kvfs_volume* volume);
 
 #endif  // KVFS_CATALOG_H

@@ -4,12 +4,14 @@
 #include <cstring>
 
 #include "arithmetic.h"
+#include "bitmap.h"
 #include "device.h"
 #include "extents.h"
 #include "fork_private.h"
 #include "owned.h"
 #include "rwlock_guard.h"
 #include "support.h"
+#include "volume.h"
 
 // ---- Arithmetic of blocks, items and extents -----------------------------------------------------------------------
 
@@ -283,6 +285,11 @@ void kvfs_fork_destroy(kvfs_fork** fork) {
     if (priv->items[i] != nullptr) {
       kvfs_fork_cache_item_destroy(&priv->items[i]);
     }
+  }
+  while (priv->dropped_items != nullptr) {
+    kvfs_fork_cache_item* dropped = priv->dropped_items;
+    priv->dropped_items = dropped->next_dropped;
+    kvfs_fork_cache_item_destroy(&dropped);
   }
   free_private(priv);
   kvfs_zero_and_free(*fork);
@@ -1362,6 +1369,339 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
     KVFS_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", still_dirty);
     set_dirty_items(fork, 0);  // the count is forgotten, the bits are not: this must stay as it is
   }
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  return kvfs_result_keep(result, unlocked);
+}
+
+// ---- Growing and shrinking -----------------------------------------------------------------------------------------
+
+kvfs_result UpdateForkExtents(HFSPlusForkData* fork_data, const kvfs_allocation_location* location) {
+  if (fork_data == nullptr) {
+    KVFS_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return kvfs_invalid;
+  }
+  if (location->extent_index >= kHFSPlusExtentDensity) {
+    KVFS_ERROR("Unable to update fork extents beyond the first 8 extents.");
+    return kvfs_unsupported_extents;
+  }
+  HFSPlusExtentDescriptor* const extent = &fork_data->extents.extents[location->extent_index];
+  const std::uint32_t count = extent->blockCount.get();
+  if (extent->startBlock.get() + count == location->start_block) {
+    extent->blockCount.set(count + location->block_count);
+  } else {
+    extent->startBlock.set(location->start_block);
+    extent->blockCount.set(location->block_count);
+  }
+  fork_data->totalBlocks.set(fork_data->totalBlocks.get() + location->block_count);
+  return kvfs_ok;
+}
+
+// Forks whose fork data is in the volume header.
+static bool is_in_volume_header(std::uint32_t cnid) {
+  return cnid == kHFSExtentsFileID || cnid == kHFSCatalogFileID || cnid == kHFSAllocationFileID ||
+         cnid == kHFSStartupFileID || cnid == kHFSAttributesFileID;
+}
+
+// The size that a fork is about to get, with what has to be allocated for it.
+struct fork_resize {
+  kvfs_fork* fork;
+  kvfs_volume* volume;
+  HFSPlusForkData saved;                        // the fork data as it was
+  std::uint64_t total_blocks;                   // the new size
+  std::uint64_t items_length;                   // for the new size
+  kvfs_owned<kvfs_fork_cache_item*> items;      // the new item array
+  kvfs_owned<HFSPlusExtentDescriptor> extents;  // the new extents
+  std::uint32_t extents_count;
+};
+
+static std::uint64_t new_logical_size(const fork_resize& resize) {
+  return resize.total_blocks * resize.fork->block_size;
+}
+
+static void set_total_blocks(fork_resize* resize, std::uint64_t total_blocks) {
+  resize->total_blocks = total_blocks;
+  resize->items_length = kvfs_divide_rounding_up(new_logical_size(*resize), resize->fork->priv->item_size);
+}
+
+static void store_fork_data(const fork_resize& resize, const HFSPlusForkData& fork_data) {
+  kvfs_volume_update_fork_data(resize.volume, resize.fork->priv->cnid, &fork_data);
+}
+
+// Allocates the arrays of the new size.
+static kvfs_result allocate_resized_arrays(const char* function, fork_resize* resize) {
+  const std::size_t length = static_cast<std::size_t>(kvfs_max<std::uint64_t>(resize->items_length, 1));
+  resize->items.reset(static_cast<kvfs_fork_cache_item**>(std::calloc(length, sizeof(kvfs_fork_cache_item*))));
+  if (!resize->items) {
+    KVFS_ERROR_AS(function, "Error while allocating new items array.\n");
+    return kvfs_no_memory;
+  }
+  const std::size_t size = sizeof(HFSPlusExtentRecord);
+  resize->extents.reset(static_cast<HFSPlusExtentDescriptor*>(std::malloc(size)));
+  if (!resize->extents) {
+    KVFS_ERROR_AS(function, "Error while allocating %zu bytes for the new extents.\n", size);
+    return kvfs_no_memory;
+  }
+  return kvfs_ok;
+}
+
+// Takes the extents of the new fork data. A fork that changes its size has no others.
+static void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data) {
+  resize->extents_count = 0;
+  for (const HFSPlusExtentDescriptor& extent : fork_data.extents.extents) {
+    if (extent.blockCount.get() == 0) {
+      break;
+    }
+    resize->extents[resize->extents_count++] = extent;
+  }
+}
+
+// Puts the new size into effect: nothing can fail any more. Items behind the new end are not destroyed, since somebody
+// may hold a mapping of them; they wait for the end of the fork.
+static void apply_resize(fork_resize* resize) {
+  kvfs_fork_private* const priv = resize->fork->priv;
+  for (std::uint32_t i = 0; i < priv->items_length; ++i) {
+    kvfs_fork_cache_item* const item = priv->items[i];
+    if (i < resize->items_length) {
+      resize->items[i] = item;
+    } else if (item != nullptr) {
+      item->next_dropped = priv->dropped_items;
+      priv->dropped_items = item;
+    }
+  }
+  std::free(priv->items);
+  std::free(priv->fork_extents);
+  priv->items = resize->items.release();
+  priv->fork_extents = resize->extents.release();
+  priv->fork_extents_count = resize->extents_count;
+  priv->items_length = static_cast<std::uint32_t>(resize->items_length);
+  priv->logical_size = new_logical_size(*resize);
+}
+
+// ---- Growing -------------------------------------------------------------------------------------------------------
+
+static const char kExpandFunction[] = "kvfs_fork_expand";
+
+static kvfs_result check_expanded_size(const fork_resize& resize) {
+  const std::uint64_t items_size = resize.items_length * sizeof(kvfs_fork_cache_item*);
+  if (resize.items_length < resize.fork->priv->items_length) {
+    KVFS_CRITICAL_AS(kExpandFunction, "Internal error: New items array is smaller than old items array.\n");
+    return kvfs_internal;
+  }
+  if (resize.total_blocks > kMaximum32) {
+    KVFS_ERROR_AS(kExpandFunction, "Cannot expand fork beyond 2^32 blocks (attempted to expand fork to %llu blocks).\n",
+                  to_ull(resize.total_blocks));
+    return kvfs_limit;
+  }
+  if (items_size > kMaximum32) {
+    KVFS_CRITICAL_AS(kExpandFunction, "size_t overflow in new_items_size (%llu).\n", to_ull(items_size));
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+// Writes the modified blocks from the new end of the fork on. A fork that grows has none there.
+static kvfs_result flush_trailing_part(const char* function, const fork_resize& resize) {
+  const std::uint64_t end = new_logical_size(resize);
+  const std::uint64_t logical_size = resize.fork->priv->logical_size;
+  if (end >= logical_size) {
+    return kvfs_ok;
+  }
+  const kvfs_result result = kvfs_fork_flush_internal(resize.fork, end, logical_size - end);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(function, "Error while flushing trailing part of fork.\n");
+  }
+  return result;
+}
+
+// Enters the run into the fork data and marks its blocks as used.
+static kvfs_result claim_run(fork_resize* resize, const kvfs_allocation_location& run) {
+  HFSPlusForkData changed = resize->saved;
+  kvfs_result result = UpdateForkExtents(&changed, &run);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kExpandFunction, "Error while updating fork extents.\n");
+    return result;
+  }
+  store_fork_data(*resize, changed);
+  take_extents(resize, changed);
+  result = AllocateExtentAllocationBlocks(run.start_block, run.block_count, resize->volume);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kExpandFunction,
+                  "Error while marking %lu blocks starting at block %lu as allocated in the allocation file.\n",
+                  to_ul(run.block_count), to_ul(run.start_block));
+    store_fork_data(*resize, resize->saved);
+  }
+  return result;
+}
+
+// Grows the fork by a run that was found; the caller holds items_lock for writing.
+static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump_blocks,
+                                 const kvfs_allocation_location& run) {
+  fork_resize resize = {};
+  resize.fork = fork;
+  resize.volume = volume;
+  resize.saved = *fork->priv->fork_data;
+  set_total_blocks(&resize, std::uint64_t{resize.saved.totalBlocks.get()} + clump_blocks);
+  kvfs_result result = check_expanded_size(resize);
+  if (result == kvfs_ok) {
+    result = flush_trailing_part(kExpandFunction, resize);
+  }
+  if (result == kvfs_ok) {
+    result = allocate_resized_arrays(kExpandFunction, &resize);
+  }
+  if (result == kvfs_ok) {
+    result = claim_run(&resize, run);
+  }
+  if (result == kvfs_ok) {
+    apply_resize(&resize);
+  }
+  return result;
+}
+
+// Finds the blocks for a fork to grow by.
+static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump, kvfs_allocation_location* run) {
+  kvfs_fork_private* const priv = fork->priv;
+  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
+    KVFS_ERROR_AS(kExpandFunction, "The allocation file in use cannot be resized.\n");
+    return kvfs_limit;
+  }
+  const kvfs_result result =
+      FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kExpandFunction, "Error while searching for write location for expanded fork.\n");
+    return result;
+  }
+  if (run->block_count == 0) {
+    KVFS_ERROR_AS(kExpandFunction, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
+    return kvfs_limit;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location) {
+  const std::uint32_t clump = fork->priv->fork_data->clumpSize.get();
+  if (!is_in_volume_header(fork->priv->cnid)) {
+    KVFS_ERROR(
+        "Invalid CNID for kvfs_fork_expand (%lu). We currently only support forks with their fork data in the volume header.\n",
+        to_ul(fork->priv->cnid));
+    return kvfs_internal;
+  }
+  kvfs_allocation_location run = {};
+  kvfs_result result = find_run(fork, volume, clump, &run);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_write_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while locking items lock.\n");
+    return guard.result();
+  }
+  result = expand_by_run(fork, volume, clump / fork->block_size, run);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  result = kvfs_result_keep(result, unlocked);
+  if (result == kvfs_ok) {
+    *out_location = run;
+  }
+  return result;
+}
+
+// ---- Shrinking -----------------------------------------------------------------------------------------------------
+
+static const char kShrinkFunction[] = "kvfs_fork_shrink";
+
+// Cuts the extents of a fork data at a number of blocks.
+static void cut_extents(HFSPlusForkData* fork_data, std::uint64_t total_blocks) {
+  std::uint64_t position = 0;
+  for (HFSPlusExtentDescriptor& extent : fork_data->extents.extents) {
+    const std::uint64_t end = position + extent.blockCount.get();
+    if (position >= total_blocks && end > total_blocks) {
+      extent = {};
+    } else if (end > total_blocks) {
+      extent.blockCount.set(static_cast<std::uint32_t>(total_blocks - position));
+    }
+    position = end;
+  }
+}
+
+// Frees the blocks behind the new end. The extents that hold them are those of the fork data as it was.
+static kvfs_result free_cut_blocks(const fork_resize& resize, std::uint32_t blocks) {
+  const std::uint32_t first = static_cast<std::uint32_t>(resize.total_blocks);
+  std::uint32_t freed = 0;
+  const kvfs_result result = FreeExtentAllocationBlocks(&resize.saved, first, blocks, resize.volume->bitmap, &freed);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kShrinkFunction, "Error while freeing %lu blocks in fork starting at block %lu.\n", to_ul(blocks),
+                  to_ul(first));
+    return result;
+  }
+  if (freed != blocks) {
+    KVFS_ERROR_AS(kShrinkFunction, "Unable to free all allocated blocks. Freed %lu / %lu blocks.\n", to_ul(freed),
+                  to_ul(blocks));
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+static kvfs_result release_cut_blocks(fork_resize* resize, std::uint32_t blocks) {
+  HFSPlusForkData changed = resize->saved;
+  cut_extents(&changed, resize->total_blocks);
+  changed.logicalSize.set(new_logical_size(*resize));
+  changed.totalBlocks.set(static_cast<std::uint32_t>(resize->total_blocks));
+  store_fork_data(*resize, changed);
+  take_extents(resize, changed);
+  const kvfs_result result = free_cut_blocks(*resize, blocks);
+  if (result != kvfs_ok) {
+    store_fork_data(*resize, resize->saved);
+  }
+  return result;
+}
+
+// Shrinks the fork; the caller holds items_lock for writing.
+static kvfs_result shrink_locked(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks) {
+  fork_resize resize = {};
+  resize.fork = fork;
+  resize.volume = volume;
+  resize.saved = *fork->priv->fork_data;
+  const std::uint32_t old_total = resize.saved.totalBlocks.get();
+  set_total_blocks(&resize, blocks > old_total ? kMaximum32 + 1 : old_total - blocks);
+  if (resize.total_blocks > old_total || resize.items_length > fork->priv->items_length) {
+    KVFS_CRITICAL_AS(kShrinkFunction, "Internal error: New items array is larger than old items array.\n");
+    return kvfs_internal;
+  }
+  kvfs_result result = flush_trailing_part(kShrinkFunction, resize);
+  if (result == kvfs_ok) {
+    result = allocate_resized_arrays(kShrinkFunction, &resize);
+  }
+  if (result == kvfs_ok) {
+    result = release_cut_blocks(&resize, blocks);
+  }
+  if (result == kvfs_ok) {
+    apply_resize(&resize);
+  }
+  return result;
+}
+
+kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks) {
+  if (!is_in_volume_header(fork->priv->cnid)) {
+    KVFS_ERROR(
+        "Invalid CNID for kvfs_fork_shrink (%lu). We currently only support forks with their fork data in the volume header.\n",
+        to_ul(fork->priv->cnid));
+    return kvfs_internal;
+  }
+  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
+    KVFS_ERROR("The allocation file in use cannot be resized.\n");
+    return kvfs_limit;
+  }
+  kvfs_write_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while locking items lock.\n");
+    return guard.result();
+  }
+  const kvfs_result result = shrink_locked(fork, volume, blocks);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
     KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");

@@ -25,9 +25,11 @@
 #include "format.h"
 #include "result.h"
 
+struct kvfs_allocation_location;
 struct kvfs_device;
 struct kvfs_extents;
 struct kvfs_fork_private;
+struct kvfs_volume;
 
 struct kvfs_fork {
   const std::uint64_t* logical_size;  // bytes; follows the fork when it grows or shrinks
@@ -122,5 +124,39 @@ kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t 
 // Returns kvfs_ok; kvfs_internal when the transfer unit is not a power of two; kvfs_inconsistent when extents and sizes
 // contradict each other; kvfs_io_error; or the failure of a lock.
 kvfs_result kvfs_fork_flush(kvfs_fork* fork);
+
+// ---- Growing and shrinking -----------------------------------------------------------------------------------------
+//
+// Both work on the forks whose fork data is in the volume header: extents overflow, catalog, allocation, startup and
+// attributes file; and on their eight extents there. The bits of the allocation file and the counts and the fork data of
+// the volume header change in memory. The volume must have been opened with its allocation file.
+//
+// Locks: items_lock for writing while the fork changes.
+
+// Grows a fork by its clump size. In the volume header the fork's block count and extents grow, its logical size does
+// not: the caller sets it (see kvfs_volume_update_fork_data) before the new part can be read or written.
+//
+//   out_location  receives the blocks that were added
+//
+// Returns kvfs_ok; kvfs_internal for another file; kvfs_unsupported_extents when a ninth extent would be needed;
+// kvfs_limit when there is no free run of that size or a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or
+// the failure of the allocation file or the lock. On failure the fork and its fork data are as they were.
+kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location);
+
+// Takes blocks off the end of a fork, after writing their modified bytes to the device. Mappings of the part that goes
+// stay readable until the fork is destroyed.
+//
+//   blocks  allocation blocks to take off
+//
+// Returns kvfs_ok; kvfs_internal for another file, for more blocks than the fork has, or when not all of them could be
+// freed; kvfs_no_memory; or the failure of the flush, the allocation file or the lock. On failure the fork data is as it
+// was; blocks that were freed stay free.
+kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
+
+// Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,
+// which it either continues or fills.
+//
+// Returns kvfs_ok; kvfs_invalid without fork data; kvfs_unsupported_extents beyond the eighth extent.
+kvfs_result UpdateForkExtents(HFSPlusForkData* fork_data, const kvfs_allocation_location* location);
 
 #endif  // KVFS_FORK_H

@@ -26,7 +26,8 @@ struct kvfs_fork_cache_item {
   unsigned char* modification_bitmap;  // owned; set: the block was written and not flushed yet
   std::size_t modification_bitmap_size;
   std::uint64_t references;
-  std::uint32_t dirty_blocks;  // bits set in modification_bitmap
+  std::uint32_t dirty_blocks;          // bits set in modification_bitmap
+  kvfs_fork_cache_item* next_dropped;  // links the items that shrinking has taken off the fork
 };
 
 struct kvfs_fork_private {
@@ -43,6 +44,7 @@ struct kvfs_fork_private {
   std::uint32_t modificationBitmapBlockSize;  // the transfer unit, bytes
   kvfs_rwlock* dirty_lock;                    // guards modification bitmaps and dirty counts
   std::size_t dirty_items;                    // items with dirty blocks
+  kvfs_fork_cache_item* dropped_items;  // owned; items behind the end since the fork was shrunk, still mapped perhaps
 };
 
 // ---- Opening -------------------------------------------------------------------------------------------------------
