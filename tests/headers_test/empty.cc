@@ -1,0 +1,1 @@
+// The headers under test come in on the command line.
