@@ -1248,7 +1248,7 @@ struct insertion {
 static const char kInsertFunction[] = "kvfs_btree_insert_record_internal";
 
 // Descriptor, two entries of the offset table: what a node with a single record holds besides it.
-static constexpr std::uint32_t kSingleRecordOverhead = sizeof(BTNodeDescriptor) + 2 * kOffsetEntrySize;
+static constexpr std::uint32_t kSingleRecordOverhead = sizeof(BTNodeDescriptor) + std::size_t{2} * kOffsetEntrySize;
 
 // A node is taken to be damaged when its table leaves no room for this many more entries.
 static constexpr std::uint32_t kSpareOffsetEntries = 8;

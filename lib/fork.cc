@@ -1321,7 +1321,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
     return kvfs_internal;
   }
   const std::uint32_t block_shift = unit_shift - sector_shift;
-  *flush = {fork, offset, sector_shift, block_shift, std::uint64_t{1} << block_shift};
+  *flush = {fork, offset, sector_shift, block_shift, unit / sector_size};
   return kvfs_ok;
 }
 
