@@ -63,6 +63,25 @@ static bool read_key_end(const node_view& node, std::uint32_t offset, std::uint3
   return *end <= node.size;
 }
 
+// Recognises that a walk from node to node goes in circles. Where a node leads depends on the node alone, so that coming
+// back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of two, finds that
+// with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
+struct cycle_finder {
+  std::uint32_t checkpoint;  // a node that was visited; the first one to begin with
+  std::uint32_t steps;
+};
+
+static bool comes_back(cycle_finder* finder, std::uint32_t next) {
+  if (next == finder->checkpoint) {
+    return true;
+  }
+  ++finder->steps;
+  if ((finder->steps & (finder->steps - 1)) == 0) {
+    finder->checkpoint = next;
+  }
+  return false;
+}
+
 // The fork position of an offset in a node.
 static std::uint64_t fork_position(const kvfs_btree* tree, std::uint32_t node, std::uint64_t offset) {
   return std::uint64_t{node} * tree->nodeSize + offset;
@@ -709,8 +728,7 @@ struct search_walk {
   std::uint32_t index;          // of the record looked at
   std::uint32_t previous_data;  // where the data of the record before it begins, in the node
 
-  std::uint32_t descents;
-  std::uint32_t checkpoint;  // a node visited before, for finding cycles
+  cycle_finder descents;
 
   bool done;
   kvfs_btree_search_result result;
@@ -766,7 +784,7 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
                   first, std::size_t{kBTFirstRecordOffset});
     return kvfs_inconsistent;
   }
-  walk->checkpoint = start;
+  walk->descents.checkpoint = start;
   return enter_node(walk, start);
 }
 
@@ -818,18 +836,12 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
   return result;
 }
 
-// Goes down to a child. What a search does in a node depends on the node alone, so that coming back to a node once
-// means coming back for ever: comparing with one checkpoint, moved at each power of two (R. P. Brent's method), finds
-// every cycle long before the bound on the number of descents would.
+// Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
-  ++walk->descents;
-  if (walk->descents == walk->header.totalNodes.get() || child == walk->checkpoint) {
+  if (comes_back(&walk->descents, child) || walk->descents.steps == walk->header.totalNodes.get()) {
     KVFS_ERROR_AS(kFunction, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
-  }
-  if ((walk->descents & (walk->descents - 1)) == 0) {
-    walk->checkpoint = child;
   }
   const std::uint64_t position = walk->map.offset;
   kvfs_result result = unmap_range(&walk->map);
@@ -2015,6 +2027,7 @@ struct bitmap_walk {
   std::uint32_t length;  // of the segment, bytes
   std::uint32_t next;    // node with the next segment; 0 when there is none
   std::uint32_t behind;  // bytes of the bitmap in the segments before
+  cycle_finder segments;
 };
 
 static const char kClaimFunction[] = "kvfs_btree_claim_node";
@@ -2111,6 +2124,10 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
   if (walk->next == 0) {
     KVFS_ERROR_AS(kClaimFunction, "Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
                   to_ul(walk->node.number), to_ul((walk->total_nodes - node) / 8));
+    return kvfs_inconsistent;
+  }
+  if (comes_back(&walk->segments, walk->next)) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: The map nodes form a ring at node %lu.\n", to_ul(walk->next));
     return kvfs_inconsistent;
   }
   result = map_node(walk->tree, walk->next, &walk->map);
