@@ -510,17 +510,13 @@ static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const
   }
 }
 
-// Adds a reference to an open locator. Its public lengths and pointers stay as they were: who opens a record again is
-// expected to find it at its old size.
+// Adds a reference to an open locator. Its public lengths and pointers stay as they were, and so does the room for its
+// copy: of a record that has outgrown it the copy takes the beginning. That happens when an index record is added behind
+// the last one of a node, since the search for its place has opened a locator there with the bytes of the record before.
 static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locator_arguments& arguments) {
   static const char* const kFunction = "kvfs_btree_record_locator_open";
   kvfs_btree_record_locator_private* const priv = locator->priv;
   const unsigned long node = to_ul(arguments.node);
-  if (arguments.record_size > record_capacity(priv)) {
-    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has grown beyond its open locator (from %zu to %zu bytes).\n",
-                  arguments.index, node, record_capacity(priv), arguments.record_size);
-    return kvfs_internal;
-  }
   if (priv->fork_data_offset != arguments.fork_data_offset) {
     KVFS_WARNING_AS(
         kFunction,
@@ -534,10 +530,11 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
     return kvfs_internal;
   }
   update_shared_offsets(priv, arguments);
-  if (std::memcmp(priv->record, arguments.record, arguments.record_size) != 0) {
+  const std::size_t size = kvfs_min(arguments.record_size, record_capacity(priv));
+  if (std::memcmp(priv->record, arguments.record, size) != 0) {
     KVFS_WARNING_AS(kFunction, "Mismatching record data for node %lu, record %hu. Using specified.\n", node,
                     arguments.index);
-    std::memcpy(priv->record, arguments.record, arguments.record_size);
+    std::memcpy(priv->record, arguments.record, size);
   }
   ++priv->reference_count;
   return kvfs_ok;
@@ -887,6 +884,7 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
     return finish_in_index_node(walk, record, order);
   }
   if (walk->mode != kSearchToLeaf && walk->target_height > walk->descriptor.height) {
+    walk->previous_data = record.data;
     ++walk->index;
     return kvfs_ok;
   }
@@ -1230,14 +1228,14 @@ static kvfs_result check_maintained_depth(const char* function, std::uint16_t de
   return kvfs_ok;
 }
 
-// The height of the level above a node, which has to fit a byte.
-static kvfs_result height_above(const char* function, std::uint8_t height, std::uint8_t* above) {
+// The height of the level above a node of a tree of some depth, which has to fit a byte.
+static kvfs_result height_above(const char* function, std::uint8_t height, std::uint16_t depth, std::uint8_t* above) {
   if (height == UINT8_MAX) {
     KVFS_ERROR_AS(function, "B-tree depth too large.\n");
     return kvfs_inconsistent;
   }
   *above = static_cast<std::uint8_t>(height + 1);
-  return kvfs_ok;
+  return check_maintained_depth(function, depth);
 }
 
 // ---- Insertion -----------------------------------------------------------------------------------------------------
@@ -1650,10 +1648,10 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
 }
 
 // Replaces the index record of a node that has a new first key.
-static kvfs_result replace_index_record(const insertion& insert) {
+static kvfs_result replace_index_record(const insertion& insert, std::uint16_t depth) {
   const std::uint32_t former_offset = kBTFirstRecordOffset + insert.record_size;
   std::uint8_t height = 0;
-  kvfs_result result = height_above(kInsertFunction, insert.descriptor.height, &height);
+  kvfs_result result = height_above(kInsertFunction, insert.descriptor.height, depth, &height);
   if (result != kvfs_ok) {
     return result;
   }
@@ -1691,8 +1689,7 @@ static kvfs_result maintain_after_insertion(const insertion& insert) {
   if (insert.index != 0 || insert.descriptor.height >= depth) {
     return kvfs_ok;
   }
-  result = check_maintained_depth(kInsertFunction, depth);
-  return result == kvfs_ok ? replace_index_record(insert) : result;
+  return replace_index_record(insert, depth);
 }
 
 // Inserts the record into a node that has room for it.
@@ -2352,9 +2349,9 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
 
 // Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the deleted
 // record, so that it is indexed under the deleted key again: this must stay as it is.
-static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
+static kvfs_result replace_index_record_of_deleted(const deletion& removal, std::uint16_t depth) {
   std::uint8_t height = 0;
-  kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, &height);
+  kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, depth, &height);
   if (result == kvfs_ok) {
     result = delete_index_record(removal, height);
   }
@@ -2384,8 +2381,7 @@ static kvfs_result maintain_after_deletion(const deletion& removal) {
   if (removal.index != 0 || removal.descriptor.height >= depth) {
     return kvfs_ok;
   }
-  const kvfs_result result = check_maintained_depth(kDeleteFunction, depth);
-  return result == kvfs_ok ? replace_index_record_of_deleted(removal) : result;
+  return replace_index_record_of_deleted(removal, depth);
 }
 
 // Deletes with the header record mapped.
