@@ -65,6 +65,25 @@ static bool read_key_end(const node_view& node, std::uint32_t offset, std::uint3
   return *end <= node.size;
 }
 
+// Recognises that a walk from node to node goes in circles. Where a node leads depends on the node alone, so that coming
+// back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of two, finds that
+// with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
+struct cycle_finder {
+  std::uint32_t checkpoint;  // a node that was visited; the first one to begin with
+  std::uint32_t steps;
+};
+
+static bool comes_back(cycle_finder* finder, std::uint32_t next) {
+  if (next == finder->checkpoint) {
+    return true;
+  }
+  ++finder->steps;
+  if ((finder->steps & (finder->steps - 1)) == 0) {
+    finder->checkpoint = next;
+  }
+  return false;
+}
+
 // The fork position of an offset in a node.
 static std::uint64_t fork_position(const kvfs_btree* tree, std::uint32_t node, std::uint64_t offset) {
   return std::uint64_t{node} * tree->nodeSize + offset;
@@ -493,17 +512,13 @@ static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const
   }
 }
 
-// Adds a reference to an open locator. Its public lengths and pointers stay as they were: who opens a record again is
-// expected to find it at its old size.
+// Adds a reference to an open locator. Its public lengths and pointers stay as they were, and so does the room for its
+// copy: of a record that has outgrown it the copy takes the beginning. That happens when an index record is added behind
+// the last one of a node, since the search for its place has opened a locator there with the bytes of the record before.
 static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locator_arguments& arguments) {
   static const char* const kFunction = "kvfs_btree_record_locator_open";
   kvfs_btree_record_locator_private* const priv = locator->priv;
   const unsigned long node = to_ul(arguments.node);
-  if (arguments.record_size > record_capacity(priv)) {
-    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has grown beyond its open locator (from %zu to %zu bytes).\n",
-                  arguments.index, node, record_capacity(priv), arguments.record_size);
-    return kvfs_internal;
-  }
   if (priv->fork_data_offset != arguments.fork_data_offset) {
     KVFS_WARNING_AS(
         kFunction,
@@ -517,10 +532,11 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
     return kvfs_internal;
   }
   update_shared_offsets(priv, arguments);
-  if (std::memcmp(priv->record, arguments.record, arguments.record_size) != 0) {
+  const std::size_t size = kvfs_min(arguments.record_size, record_capacity(priv));
+  if (std::memcmp(priv->record, arguments.record, size) != 0) {
     KVFS_WARNING_AS(kFunction, "Mismatching record data for node %lu, record %hu. Using specified.\n", node,
                     arguments.index);
-    std::memcpy(priv->record, arguments.record, arguments.record_size);
+    std::memcpy(priv->record, arguments.record, size);
   }
   ++priv->reference_count;
   return kvfs_ok;
@@ -711,8 +727,7 @@ struct search_walk {
   std::uint32_t index;          // of the record looked at
   std::uint32_t previous_data;  // where the data of the record before it begins, in the node
 
-  std::uint32_t descents;
-  std::uint32_t checkpoint;  // a node visited before, for finding cycles
+  cycle_finder descents;
 
   bool done;
   kvfs_btree_search_result result;
@@ -768,7 +783,7 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
                   first, std::size_t{kBTFirstRecordOffset});
     return kvfs_inconsistent;
   }
-  walk->checkpoint = start;
+  walk->descents.checkpoint = start;
   return enter_node(walk, start);
 }
 
@@ -820,18 +835,12 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
   return result;
 }
 
-// Goes down to a child. What a search does in a node depends on the node alone, so that coming back to a node once
-// means coming back for ever: comparing with one checkpoint, moved at each power of two (R. P. Brent's method), finds
-// every cycle long before the bound on the number of descents would.
+// Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
-  ++walk->descents;
-  if (walk->descents == walk->header.totalNodes.get() || child == walk->checkpoint) {
+  if (comes_back(&walk->descents, child) || walk->descents.steps == walk->header.totalNodes.get()) {
     KVFS_ERROR_AS(kFunction, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
-  }
-  if ((walk->descents & (walk->descents - 1)) == 0) {
-    walk->checkpoint = child;
   }
   const std::uint64_t position = walk->map.offset;
   kvfs_result result = unmap_range(&walk->map);
@@ -877,6 +886,7 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
     return finish_in_index_node(walk, record, order);
   }
   if (walk->mode != kSearchToLeaf && walk->target_height > walk->descriptor.height) {
+    walk->previous_data = record.data;
     ++walk->index;
     return kvfs_ok;
   }
@@ -1220,14 +1230,14 @@ static kvfs_result check_maintained_depth(const char* function, std::uint16_t de
   return kvfs_ok;
 }
 
-// The height of the level above a node, which has to fit a byte.
-static kvfs_result height_above(const char* function, std::uint8_t height, std::uint8_t* above) {
+// The height of the level above a node of a tree of some depth, which has to fit a byte.
+static kvfs_result height_above(const char* function, std::uint8_t height, std::uint16_t depth, std::uint8_t* above) {
   if (height == UINT8_MAX) {
     KVFS_ERROR_AS(function, "B-tree depth too large.\n");
     return kvfs_inconsistent;
   }
   *above = static_cast<std::uint8_t>(height + 1);
-  return kvfs_ok;
+  return check_maintained_depth(function, depth);
 }
 
 // ---- Insertion -----------------------------------------------------------------------------------------------------
@@ -1250,7 +1260,7 @@ struct insertion {
 static const char kInsertFunction[] = "kvfs_btree_insert_record_internal";
 
 // Descriptor, two entries of the offset table: what a node with a single record holds besides it.
-static constexpr std::uint32_t kSingleRecordOverhead = sizeof(BTNodeDescriptor) + 2 * kOffsetEntrySize;
+static constexpr std::uint32_t kSingleRecordOverhead = sizeof(BTNodeDescriptor) + std::size_t{2} * kOffsetEntrySize;
 
 // A node is taken to be damaged when its table leaves no room for this many more entries.
 static constexpr std::uint32_t kSpareOffsetEntries = 8;
@@ -1640,10 +1650,10 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
 }
 
 // Replaces the index record of a node that has a new first key.
-static kvfs_result replace_index_record(const insertion& insert) {
+static kvfs_result replace_index_record(const insertion& insert, std::uint16_t depth) {
   const std::uint32_t former_offset = kBTFirstRecordOffset + insert.record_size;
   std::uint8_t height = 0;
-  kvfs_result result = height_above(kInsertFunction, insert.descriptor.height, &height);
+  kvfs_result result = height_above(kInsertFunction, insert.descriptor.height, depth, &height);
   if (result != kvfs_ok) {
     return result;
   }
@@ -1681,8 +1691,7 @@ static kvfs_result maintain_after_insertion(const insertion& insert) {
   if (insert.index != 0 || insert.descriptor.height >= depth) {
     return kvfs_ok;
   }
-  result = check_maintained_depth(kInsertFunction, depth);
-  return result == kvfs_ok ? replace_index_record(insert) : result;
+  return replace_index_record(insert, depth);
 }
 
 // Inserts the record into a node that has room for it.
@@ -2017,6 +2026,7 @@ struct bitmap_walk {
   std::uint32_t length;  // of the segment, bytes
   std::uint32_t next;    // node with the next segment; 0 when there is none
   std::uint32_t behind;  // bytes of the bitmap in the segments before
+  cycle_finder segments;
 };
 
 static const char kClaimFunction[] = "kvfs_btree_claim_node";
@@ -2113,6 +2123,10 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
   if (walk->next == 0) {
     KVFS_ERROR_AS(kClaimFunction, "Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
                   to_ul(walk->node.number), to_ul((walk->total_nodes - node) / 8));
+    return kvfs_inconsistent;
+  }
+  if (comes_back(&walk->segments, walk->next)) {
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: The map nodes form a ring at node %lu.\n", to_ul(walk->next));
     return kvfs_inconsistent;
   }
   result = map_node(walk->tree, walk->next, &walk->map);
@@ -2337,9 +2351,9 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
 
 // Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the deleted
 // record, so that it is indexed under the deleted key again: this must stay as it is.
-static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
+static kvfs_result replace_index_record_of_deleted(const deletion& removal, std::uint16_t depth) {
   std::uint8_t height = 0;
-  kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, &height);
+  kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, depth, &height);
   if (result == kvfs_ok) {
     result = delete_index_record(removal, height);
   }
@@ -2369,8 +2383,7 @@ static kvfs_result maintain_after_deletion(const deletion& removal) {
   if (removal.index != 0 || removal.descriptor.height >= depth) {
     return kvfs_ok;
   }
-  const kvfs_result result = check_maintained_depth(kDeleteFunction, depth);
-  return result == kvfs_ok ? replace_index_record_of_deleted(removal) : result;
+  return replace_index_record_of_deleted(removal, depth);
 }
 
 // Deletes with the header record mapped.
@@ -2488,9 +2501,8 @@ static kvfs_result grow_fork(tree_expansion* expansion) {
 // Maps the descriptor of the last node in the chain that begins at the header node.
 static kvfs_result map_last_map_node(tree_expansion* expansion) {
   kvfs_btree* const tree = expansion->tree;
-  std::uint32_t node = 0;
-  std::uint32_t checkpoint = 0;
-  for (std::uint32_t steps = 1;; ++steps) {
+  cycle_finder chain = {0, 0};
+  for (std::uint32_t node = 0;;) {
     kvfs_result result = unmap_range(&expansion->last_map);
     if (result == kvfs_ok) {
       result = map_descriptor(tree, node, &expansion->last_map);
@@ -2506,12 +2518,9 @@ static kvfs_result map_last_map_node(tree_expansion* expansion) {
     if (next == 0) {
       return kvfs_ok;
     }
-    if (next == node || next == checkpoint) {
+    if (comes_back(&chain, next)) {
       KVFS_ERROR_AS(kExpandFunction, "Invalid node data: The map nodes form a ring at node %lu.\n", to_ul(next));
       return kvfs_inconsistent;
-    }
-    if ((steps & (steps - 1)) == 0) {
-      checkpoint = next;  // as in a search: coming back to it means coming back for ever
     }
     node = next;
   }

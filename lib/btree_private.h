@@ -52,8 +52,10 @@ kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t
 //   position      of the record in the tree's fork, bytes
 //   out_locator   receives the locator; unchanged on failure
 //
+// A shared locator keeps the size of its copy: of a record that has grown beyond it the copy takes the beginning.
+//
 // Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_no_memory; kvfs_internal when the open locator belongs
-// to another tree or its copy has no room for a record that has grown.
+// to another tree.
 kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node, std::uint16_t index,
                                            const unsigned char* record, std::size_t record_size, std::uint64_t position,
                                            kvfs_btree_record_locator** out_locator);

@@ -1096,6 +1096,9 @@ static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_
 
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty) {
+  if (folder == nullptr) {
+    return kvfs_invalid;
+  }
   HFSPlusCatalogFolder record;
   if (!copy_record(__func__, folder, &record, sizeof(record))) {
     return kvfs_inconsistent;
@@ -1228,6 +1231,9 @@ static kvfs_result delete_thread_record(const catalog_deletion& item) {
 }
 
 kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator) {
+  if (locator == nullptr) {
+    return kvfs_invalid;
+  }
   catalog_deletion item = {};
   item.catalog = catalog;
   item.volume = volume;
@@ -1337,17 +1343,23 @@ static const char kSymLinkFunction[] = "kvfs_catalog_mksymlink";
 // Longest target, UTF-8.
 static constexpr std::size_t kMaximumTargetSize = 255;
 
+// The value of a failure exit, which must not be taken for a success.
+static kvfs_result failure_value(kvfs_result result) {
+  if (result == kvfs_ok) {
+    KVFS_WARNING_AS(kSymLinkFunction, "At error with no error value set!\n");
+    return kvfs_failed;
+  }
+  return result;
+}
+
 // Finds a free block for the target.
 static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFile& file, std::uint32_t* block) {
   kvfs_allocation_location location = {};
-  kvfs_result result = FindWriteLocation(file.fileID.get(), kHFSDataForkType, &file.dataFork, volume, 0,
-                                         volume->header->blockSize.get(), &location);
-  if (result == kvfs_ok && location.block_count == 0) {
-    result = kvfs_limit;
-  }
-  if (result != kvfs_ok) {
+  const kvfs_result result = FindWriteLocation(file.fileID.get(), kHFSDataForkType, &file.dataFork, volume, 0,
+                                               volume->header->blockSize.get(), &location);
+  if (result != kvfs_ok || location.block_count == 0) {
     KVFS_ERROR_AS(kSymLinkFunction, "Error while searching for symlink data write location.\n");
-    return result;
+    return failure_value(result);  // a volume without a free block has not failed the search
   }
   *block = location.start_block;
   return kvfs_ok;
@@ -1404,15 +1416,6 @@ static kvfs_result store_link(kvfs_catalog_record_locator* locator, HFSPlusCatal
   return result;
 }
 
-// The value of a failure exit, which must not be taken for a success.
-static kvfs_result failure_value(kvfs_result result) {
-  if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kSymLinkFunction, "At error with no error value set!\n");
-    return kvfs_failed;
-  }
-  return result;
-}
-
 kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const kvfs_be16* target_name,
                                    std::size_t target_length, kvfs_volume* volume) {
   if (locator == nullptr) {
@@ -1426,6 +1429,5 @@ kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const k
   file.userInfo.fdCreator.set(kSymLinkCreator);
   file.userInfo.fdFlags.set(kSymLinkFinderFlags);
   file.permissions.fileMode.set(kSymLinkFileMode);
-  const kvfs_result result = store_link(locator, &file, target_name, target_length, volume);
-  return result == kvfs_ok ? kvfs_ok : failure_value(result);
+  return store_link(locator, &file, target_name, target_length, volume);
 }

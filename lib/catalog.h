@@ -225,7 +225,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_inconsistent when the record is too short; kvfs_internal; or the failure of a search.
+// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record is too short; kvfs_internal; or the
+// failure of a search.
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty);
 
@@ -249,8 +250,8 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 //
 //   volume  opened with its allocation file
 //
-// Returns kvfs_ok; kvfs_invalid for another kind of record; kvfs_inconsistent when the record is too short; or the
-// failure of the B-tree or of the search for the thread. What was done before a failure stays done.
+// Returns kvfs_ok; kvfs_invalid without a locator or for another kind of record; kvfs_inconsistent when the record is too
+// short; or the failure of the B-tree or of the search for the thread. What was done before a failure stays done.
 kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator);
 
 // ---- File records --------------------------------------------------------------------------------------------------
@@ -294,7 +295,7 @@ kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCa
 //   volume                      opened with its allocation file
 //
 // Returns kvfs_ok; kvfs_invalid without a locator or for a target that cannot be stored; kvfs_inconsistent when the
-// record is too short; kvfs_limit when no block is free; kvfs_no_memory; or the failure of the device, the allocation
+// record is too short; kvfs_failed when no block is free; kvfs_no_memory; or the failure of the device, the allocation
 // file or the B-tree.
 kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const kvfs_be16* target_name,
                                    std::size_t target_length, kvfs_volume* volume);

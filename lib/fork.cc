@@ -56,8 +56,14 @@ static void set_dirty_items(kvfs_fork* fork, std::size_t count) {
 
 // ---- Extents -------------------------------------------------------------------------------------------------------
 
+// The blocks that extents account for. The sum has 32 bits, as a fork's block count has.
+struct found_blocks {
+  std::uint32_t count;
+  bool wrapped;  // whether the sum has left the 32 bits
+};
+
 // Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents.
-static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, std::uint32_t* found,
+static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, found_blocks* found,
                                       std::uint32_t* used) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
   for (*used = 0; *used < kHFSPlusExtentDensity; ++*used) {
@@ -68,19 +74,14 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
         KVFS_ERROR_AS(kFunction, "Found zero-sized extent with non-0 start block.\n");
         return kvfs_inconsistent;
       }
-      if (*found != total) {
+      if (found->count != total) {
         KVFS_ERROR_AS(kFunction, "Last extent ends before the end of the fork.\n");
         return kvfs_inconsistent;
       }
       return kvfs_ok;
     }
-    if (count > kMaximum32 - *found) {
-      // A sum that wraps could lead back to a record that was used already, without end.
-      KVFS_ERROR_AS(kFunction, "Extents hold more blocks than a volume can have (at block %lu of the fork).\n",
-                    to_ul(*found));
-      return kvfs_inconsistent;
-    }
-    *found += count;
+    found->wrapped = found->wrapped || count > kMaximum32 - found->count;
+    found->count += count;
   }
   return kvfs_ok;
 }
@@ -106,22 +107,27 @@ static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32
   return kvfs_ok;
 }
 
-// Reads the overflow record that goes on at block `found` of the fork.
-static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, std::uint32_t found,
+// Reads the overflow record that goes on behind the blocks found so far.
+static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, found_blocks found,
                                         HFSPlusExtentRecord* record) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
+  if (found.wrapped) {
+    // The sum could lead back to a record that was used already, without end.
+    KVFS_ERROR_AS(kFunction, "Extents of CNID %lu hold more blocks than a volume can have.\n", to_ul(cnid));
+    return kvfs_inconsistent;
+  }
   int exists = 0;
   const kvfs_result result =
-      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
+      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found.count, &exists, record);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kFunction,
                   "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
-                  to_ul(cnid), to_ul(found));
+                  to_ul(cnid), to_ul(found.count));
     return result;
   }
   if (exists == 0) {
     KVFS_ERROR_AS(kFunction, "No overflow extent found for CNID %lu starting with block %lu.\n", to_ul(cnid),
-                  to_ul(found));
+                  to_ul(found.count));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -134,7 +140,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
   HFSPlusExtentRecord record = fork_data->extents;
   kvfs_owned<HFSPlusExtentDescriptor> array;
   std::uint32_t count = 0;
-  std::uint32_t found = 0;
+  found_blocks found = {0, false};
   for (;;) {
     std::uint32_t used = 0;
     kvfs_result result = scan_extent_record(record, total, &found, &used);
@@ -144,7 +150,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
     if (result != kvfs_ok) {
       return result;
     }
-    if (found == total || (extents == nullptr && partial != 0)) {
+    if (found.count == total || (extents == nullptr && partial != 0)) {
       *out_array = array.release();
       *out_count = count;
       return kvfs_ok;
@@ -281,7 +287,7 @@ kvfs_result kvfs_fork_create(kvfs_device* device, kvfs_extents* extents, int par
 
 void kvfs_fork_destroy(kvfs_fork** fork) {
   kvfs_fork_private* const priv = (*fork)->priv;
-  for (std::uint32_t i = 0; i < priv->items_length; ++i) {
+  for (std::uint32_t i = 0; i < priv->items_end; ++i) {
     if (priv->items[i] != nullptr) {
       kvfs_fork_cache_item_destroy(&priv->items[i]);
     }
@@ -379,6 +385,7 @@ static kvfs_result ensure_item(const char* function, kvfs_fork* fork, std::uint6
     KVFS_ERROR_AS(function, "Unable to create cache item %zu.\n", static_cast<std::size_t>(index));
     return kvfs_no_memory;
   }
+  fork->priv->items_end = kvfs_max(fork->priv->items_end, static_cast<std::uint32_t>(index) + 1);
   return kvfs_ok;
 }
 
@@ -1278,7 +1285,7 @@ static std::uint32_t lowest_set_bit(std::uint64_t value, std::uint32_t width) {
 }
 
 // Sectors and blocks are counted by shifts, which needs powers of two.
-static kvfs_result check_flush_units(std::uint32_t sector_size, std::size_t transfer_unit, std::uint32_t item_size) {
+static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t transfer_unit) {
   static const char* const kFunction = "kvfs_fork_flush_internal";
   if (!std::has_single_bit(sector_size)) {
     KVFS_CRITICAL_AS(kFunction, "Sector size is not a power of two: %lu\n", to_ul(sector_size));
@@ -1293,9 +1300,15 @@ static kvfs_result check_flush_units(std::uint32_t sector_size, std::size_t tran
                      to_ull(transfer_unit), to_ul(sector_size));
     return kvfs_internal;
   }
-  if (transfer_unit > item_size) {
+  if (transfer_unit > fork->priv->item_size) {
     KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size (%llu) is larger than a cache item.\n",
                      to_ull(transfer_unit));
+    return kvfs_inconsistent;
+  }
+  if (fork->block_size % sector_size != 0) {
+    // The last sector of an extent would reach into a block of somebody else.
+    KVFS_ERROR_AS(kFunction, "Allocation block size (%lu) is not a multiple of sector size (%lu).\n",
+                  to_ul(fork->block_size), to_ul(sector_size));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -1307,7 +1320,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   constexpr std::uint32_t kUnitBits = sizeof(std::size_t) * 8;
   const std::uint32_t sector_size = fork->priv->device->sector_size;
   const std::size_t unit = fork->priv->modificationBitmapBlockSize;
-  const kvfs_result checked = check_flush_units(sector_size, unit, fork->priv->item_size);
+  const kvfs_result checked = check_flush_units(fork, sector_size, unit);
   if (checked != kvfs_ok) {
     return checked;
   }
@@ -1328,7 +1341,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
     return kvfs_internal;
   }
   const std::uint32_t block_shift = unit_shift - sector_shift;
-  *flush = {fork, offset, sector_shift, block_shift, std::uint64_t{1} << block_shift};
+  *flush = {fork, offset, sector_shift, block_shift, unit / sector_size};
   return kvfs_ok;
 }
 
@@ -1462,7 +1475,7 @@ static void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data) 
 // may hold a mapping of them; they wait for the end of the fork.
 static void apply_resize(fork_resize* resize) {
   kvfs_fork_private* const priv = resize->fork->priv;
-  for (std::uint32_t i = 0; i < priv->items_length; ++i) {
+  for (std::uint32_t i = 0; i < priv->items_end; ++i) {
     kvfs_fork_cache_item* const item = priv->items[i];
     if (i < resize->items_length) {
       resize->items[i] = item;
@@ -1477,6 +1490,7 @@ static void apply_resize(fork_resize* resize) {
   priv->fork_extents = resize->extents.release();
   priv->fork_extents_count = resize->extents_count;
   priv->items_length = static_cast<std::uint32_t>(resize->items_length);
+  priv->items_end = kvfs_min(priv->items_end, priv->items_length);
   priv->logical_size = new_logical_size(*resize);
 }
 

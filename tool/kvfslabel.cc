@@ -122,6 +122,20 @@ static bool check_not_mounted(const char* path) {
   return !mounted;
 }
 
+// ---- The device file -----------------------------------------------------------------------------------------------
+
+// Opens a file away from the descriptors of the standard streams. Where one of these was closed, the file would take its
+// place, and messages would be written over the volume. Returns the descriptor, or -1.
+static int open_device_file(const char* path, int flags) {
+  const int fd = open64(path, flags);
+  if (fd == -1 || fd > STDERR_FILENO) {
+    return fd;
+  }
+  const int moved = fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
+  (void)close(fd);
+  return moved;
+}
+
 // ---- The run -------------------------------------------------------------------------------------------------------
 
 // Works on the volume of an open device.
@@ -169,7 +183,7 @@ int main(int argc, char** argv) {
   }
   const bool reading = asked.new_label == nullptr;
   const char* const mode = reading ? "" : "/write";
-  const int fd = open64(asked.device, reading ? O_RDONLY : O_RDWR);
+  const int fd = open_device_file(asked.device, reading ? O_RDONLY : O_RDWR);
   if (fd == -1) {
     // The three messages that name the mode speak of volume, device and volume in turn: they must stay as they are.
     std::fprintf(stderr, "Error while opening HFS+ volume in read%s mode.\n", mode);

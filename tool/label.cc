@@ -12,8 +12,6 @@
 #include "unicode.h"
 #include "volume.h"
 
-std::uint32_t output_mode = kOutputComposed;
-
 // ---- Printing ------------------------------------------------------------------------------------------------------
 
 // Brings the stored label into host order, composed or as it is. `native` has room for as many units as are stored:

@@ -13,7 +13,7 @@ struct kvfs_volume;
 // How the label is printed: kOutputComposed recomposes it for display, kOutputRaw prints it as stored, decomposed.
 inline constexpr std::uint32_t kOutputRaw = 0;
 inline constexpr std::uint32_t kOutputComposed = 1;
-extern std::uint32_t output_mode;
+inline std::uint32_t output_mode = kOutputComposed;
 
 // Prints the label and a line feed on standard output, in UTF-8.
 //

@@ -36,7 +36,7 @@ class Environment {
     const char* const limit = std::getenv("KVFS_FAULT_LIMIT");
     if (limit != nullptr) {
       char* end = nullptr;
-      faults_.refuse_allocations_above(std::strtoull(limit, &end, 10));
+      faults_.refuse_allocations_above(static_cast<std::size_t>(std::strtoull(limit, &end, 10)));
       if (*limit == '\0' || *end != '\0') {
         refuse("KVFS_FAULT_LIMIT");
       }

@@ -1,0 +1,309 @@
+// The command line, the mount table and the opening of the device, with the built tool.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <mntent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tool_runner.h"
+#include "volume_builder.h"
+
+namespace kvfs_test {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr char kUsage[] =
+    "kvfslabel 3014.8.10\n"
+    "usage: kvfslabel [--output-mode=<raw|composed>] <device> [<new label>]\n";
+constexpr char kRefusing[] = "Refusing to open mounted file system.\n";
+
+// A volume that is named "Café", decomposed.
+Volume cafe_volume() {
+  VolumeDescription description;
+  description.set_label("Café");
+  return build_volume(description);
+}
+
+constexpr char kComposed[] = "Caf\xC3\xA9\n";
+constexpr char kDecomposed[] = "Cafe\xCC\x81\n";
+
+// ---- Operands and options ------------------------------------------------------------------------------------------
+
+TEST(ToolArguments, WrongNumber_PrintsUsage) {
+  const ScratchFile image(cafe_volume());
+  const std::string& path = image.path();
+  EXPECT_EQ(run_tool({}), failed(kUsage));
+  EXPECT_EQ(run_tool({path, "label", "one more"}), failed(kUsage));
+  EXPECT_EQ(run_tool({path, "a", "b", "c"}), failed(kUsage));
+  EXPECT_EQ(run_tool({"--output-mode=raw", path, "label", "one more"}), failed(kUsage));
+  EXPECT_EQ(run_tool({"--output-mode=raw"}), failed(kUsage));
+  EXPECT_EQ(run_tool({"--output-mode=composed"}), failed(kUsage));
+}
+
+TEST(ToolArguments, UnknownOutputMode_PrintsUsage) {
+  const ScratchFile image(cafe_volume());
+  for (const char* const mode : {"", "RAW", "Composed", "raw ", "rawx", "ra", "compose", "=raw", "0"}) {
+    EXPECT_EQ(run_tool({"--output-mode=" + std::string(mode), image.path()}), failed(kUsage)) << mode;
+  }
+}
+
+TEST(ToolArguments, Usage_TouchesNothing) {
+  const ScratchFile image(cafe_volume());
+  const TracedRun traced = run_traced({image.path(), "a", "b"});
+  EXPECT_EQ(traced.run, failed(kUsage));
+  EXPECT_THAT(traced.calls, IsEmpty());
+}
+
+TEST(ToolArguments, Usage_NamesTheToolWhateverItWasCalledBy) {
+  const ScratchFile place;
+  const std::string link = place.path() + "-other-name";
+  ASSERT_EQ(symlink(KVFSLABEL_PATH, link.c_str()), 0);
+  EXPECT_EQ(run_program(link, {}), failed(kUsage));
+  unlink(link.c_str());
+}
+
+TEST(ToolArguments, OutputMode_ChoosesTheForm) {
+  const ScratchFile image(cafe_volume());
+  EXPECT_EQ(run_tool({image.path()}), printed(kComposed));
+  EXPECT_EQ(run_tool({"--output-mode=composed", image.path()}), printed(kComposed));
+  EXPECT_EQ(run_tool({"--output-mode=raw", image.path()}), printed(kDecomposed));
+}
+
+TEST(ToolArguments, OptionWithoutItsEqualsSign_IsTheDevice) {
+  const TracedRun traced = run_traced({"--output-mode"});
+  EXPECT_EQ(traced.run, failed("Error while opening HFS+ volume in read mode.\n"));
+  EXPECT_THAT(traced.calls, Contains("open64 --output-mode flags=0 = -1"));
+}
+
+TEST(ToolArguments, OtherOptions_AreTheDevice) {
+  for (const char* const text : {"--help", "-h", "--version", "--Output-mode=raw", "-", "--"}) {
+    const TracedRun traced = run_traced({text});
+    EXPECT_EQ(traced.run, failed("Error while opening HFS+ volume in read mode.\n")) << text;
+    EXPECT_THAT(traced.calls, Contains("open64 " + std::string(text) + " flags=0 = -1"));
+  }
+}
+
+TEST(ToolArguments, SecondOption_IsTheDevice) {
+  const TracedRun traced = run_traced({"--output-mode=raw", "--output-mode=raw"});
+  EXPECT_EQ(traced.run, failed("Error while opening HFS+ volume in read mode.\n"));
+  EXPECT_THAT(traced.calls, Contains("open64 --output-mode=raw flags=0 = -1"));
+}
+
+TEST(ToolArguments, EmptyDevice_IsOpenedLikeAnyOther) {
+  EXPECT_EQ(run_tool({""}), failed("Error while opening HFS+ volume in read mode.\n"));
+}
+
+TEST(ToolArguments, OptionBehindTheDevice_IsANewLabel) {
+  const ScratchFile image(cafe_volume());
+  const TracedRun traced = run_traced({image.path(), "--output-mode=raw"}, "flock:1:errno=5");
+  EXPECT_EQ(traced.run.status, 1);
+  EXPECT_EQ(traced.run.out, "");
+  EXPECT_THAT(traced.calls_of("open64"), ElementsAre(StartsWith("open64 " + image.path() + " flags=2 = ")));
+}
+
+TEST(ToolArguments, EmptyNewLabel_StillSets) {
+  const ScratchFile image(cafe_volume());
+  const TracedRun traced = run_traced({"--output-mode=raw", image.path(), ""}, "flock:1:errno=5");
+  EXPECT_EQ(traced.run.out, "");
+  EXPECT_THAT(traced.calls_of("open64"), ElementsAre(StartsWith("open64 " + image.path() + " flags=2 = ")));
+}
+
+// ---- The mount table -----------------------------------------------------------------------------------------------
+
+// The devices that are mounted on this machine, as its own mount table names them.
+std::set<std::string> mounted_devices() {
+  std::set<std::string> devices;
+  std::FILE* const table = setmntent("/proc/mounts", "r");
+  if (table == nullptr) {
+    return devices;
+  }
+  for (const mntent* entry = getmntent(table); entry != nullptr; entry = getmntent(table)) {
+    devices.insert(entry->mnt_fsname);
+  }
+  endmntent(table);
+  return devices;
+}
+
+TEST(ToolMountTable, EveryDeviceMountedHere_IsRefused) {
+  const std::set<std::string> devices = mounted_devices();
+  ASSERT_THAT(devices, Not(IsEmpty())) << "this machine has no mount table";
+  for (const std::string& device : devices) {
+    const TracedRun traced = run_traced({device});
+    EXPECT_EQ(traced.run, failed(kRefusing)) << device;
+    EXPECT_THAT(traced.calls_of("open64"), IsEmpty()) << device;
+    EXPECT_EQ(run_tool({"--output-mode=raw", device}), failed(kRefusing)) << device;
+    EXPECT_EQ(run_tool({device, "label"}), failed(kRefusing)) << device;
+  }
+}
+
+// Prints the label of an image while the mount table has the given text.
+ToolRun run_with_mounts(const std::string& path, const std::string& mounts) {
+  const ScratchFile table(mounts);
+  return run_traced({path}, "", {.environment = {{"KVFS_MOUNTS", table.path()}}}).run;
+}
+
+TEST(ToolMountTable, DeviceUnderExactlyItsPath_IsRefused) {
+  const ScratchFile image(cafe_volume());
+  const std::string entry = " /mnt hfsplus rw 0 0\n";
+  EXPECT_EQ(run_with_mounts(image.path(), image.path() + entry), failed(kRefusing));
+  EXPECT_EQ(
+      run_with_mounts(image.path(), "proc /proc proc rw 0 0\n" + image.path() + entry + "sys /sys sysfs rw 0 0\n"),
+      failed(kRefusing));
+}
+
+TEST(ToolMountTable, OtherEntries_DoNotMatter) {
+  const ScratchFile image(cafe_volume());
+  const std::string& path = image.path();
+  EXPECT_EQ(run_with_mounts(path, ""), printed(kComposed));
+  EXPECT_EQ(run_with_mounts(path, "proc /proc proc rw 0 0\n"), printed(kComposed));
+  EXPECT_EQ(run_with_mounts(path, "/dev/sda1 " + path + " hfsplus rw 0 0\n"), printed(kComposed))
+      << "mount points are not compared";
+  EXPECT_EQ(run_with_mounts(path, path + "x /mnt hfsplus rw 0 0\n"), printed(kComposed)) << "a longer path";
+  EXPECT_EQ(run_with_mounts(path, path.substr(0, path.size() - 1) + " /mnt hfsplus rw 0 0\n"), printed(kComposed))
+      << "a shorter path";
+}
+
+TEST(ToolMountTable, SameDeviceUnderAnotherPath_IsNotDetected) {
+  const ScratchFile image(cafe_volume());
+  const std::string link = image.path() + "-link";
+  ASSERT_EQ(symlink(image.path().c_str(), link.c_str()), 0);
+  EXPECT_EQ(run_with_mounts(link, image.path() + " /mnt hfsplus rw 0 0\n"), printed(kComposed));
+  unlink(link.c_str());
+  const std::size_t slash = image.path().rfind('/');
+  const std::string detour = image.path().substr(0, slash) + "/." + image.path().substr(slash);
+  EXPECT_EQ(run_with_mounts(detour, image.path() + " /mnt hfsplus rw 0 0\n"), printed(kComposed));
+}
+
+TEST(ToolMountTable, EscapedPath_IsRefusedInEitherForm) {
+  // The C library hands this out decoded ...
+  EXPECT_EQ(run_with_mounts("/no such\tdisk\\", "/no\\040such\\011disk\\134 /mnt hfsplus rw 0 0\n"), failed(kRefusing));
+  // ... and this as the escape sequence that another C library leaves in place.
+  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134040such\\134040disk /mnt hfsplus rw 0 0\n"), failed(kRefusing));
+  EXPECT_EQ(run_with_mounts("/no\\040such", "/no\\134040such /mnt hfsplus rw 0 0\n"), failed(kRefusing));
+}
+
+TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
+  const std::string missing = "Error while opening HFS+ volume in read mode.\n";
+  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\13440such /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134048such /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\040such /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(run_with_mounts("/nosuch", "/nosuch\\134 /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(run_with_mounts("/no", "/no\\134000x /mnt hfsplus rw 0 0\n"), failed(missing));
+}
+
+TEST(ToolMountTable, TableThatCannotBeOpened_IsAFailureWithItsReason) {
+  const ScratchFile image(cafe_volume());
+  for (const auto& [number, text] : {std::pair{2, "No such file or directory"}, {13, "Permission denied"}}) {
+    const TracedRun traced = run_traced({image.path()}, "fopen64:1:errno=" + std::to_string(number));
+    EXPECT_EQ(traced.run, failed("Error while opening /proc/mounts for reading: " + std::string(text) + " (" +
+                                 std::to_string(number) + ")\n"));
+    EXPECT_THAT(traced.calls, ElementsAre("fopen64 /proc/mounts"));
+  }
+}
+
+// ---- Opening the device --------------------------------------------------------------------------------------------
+
+TEST(ToolDevice, Printing_OpensReadOnlyAndLocksShared) {
+  const ScratchFile image(cafe_volume());
+  const TracedRun traced = run_traced({image.path()});
+  EXPECT_EQ(traced.run, printed(kComposed));
+  ASSERT_GE(traced.calls.size(), 4u);
+  EXPECT_EQ(traced.calls[0], "fopen64 /proc/mounts");
+  EXPECT_THAT(traced.calls_of("open64"), ElementsAre(StartsWith("open64 " + image.path() + " flags=0 = ")));
+  EXPECT_THAT(traced.calls_of("flock"),
+              ElementsAre(MatchesRegex("flock [0-9]+ LOCK_SH = 0"), MatchesRegex("flock [0-9]+ LOCK_UN = 0")));
+  EXPECT_THAT(traced.calls.back(), MatchesRegex("flock [0-9]+ LOCK_UN = 0")) << "the device is closed last";
+  EXPECT_THAT(traced.calls_of("pwrite64"), IsEmpty());
+}
+
+TEST(ToolDevice, Setting_OpensForWritingAndLocksExclusively) {
+  const ScratchFile image{SparseImage(8192)};
+  const TracedRun traced = run_traced({image.path(), "label"});
+  EXPECT_EQ(traced.run, failed("ERROR kvfs_volume_setup Invalid signature word for HFS+ volume: 0x0\n"
+                               "ERROR kvfs_volume_create Error while setting up HFS volume.\n"
+                               "Error while opening volume in read/write mode.\n"));
+  EXPECT_THAT(traced.calls_of("open64"), ElementsAre(StartsWith("open64 " + image.path() + " flags=2 = ")));
+  EXPECT_THAT(traced.calls_of("flock"),
+              ElementsAre(MatchesRegex("flock [0-9]+ LOCK_EX = 0"), MatchesRegex("flock [0-9]+ LOCK_UN = 0")));
+}
+
+// A device that is opened while a standard descriptor is closed must not take its number: messages would go into it.
+TEST(ToolDevice, ClosedStandardDescriptors_NeverLeadIntoTheVolume) {
+  const SparseImage zeros(8192);
+  for (const std::vector<int>& closed : {std::vector<int>{2}, {1, 2}, {0, 1, 2}}) {
+    const ScratchFile image(zeros);
+    EXPECT_EQ(run_tool({image.path(), "label"}, {.closed = closed}).status, 1);
+    EXPECT_TRUE(zeros == image.volume());
+  }
+}
+
+TEST(ToolDevice, FileThatCannotBeOpened_IsReportedAsAVolume) {
+  const ScratchFile file;
+  const std::string below_a_file = file.path() + "/volume";
+  const std::string missing = file.path() + "-missing";
+  const std::string circle = file.path() + "-circle";
+  ASSERT_EQ(symlink(circle.c_str(), circle.c_str()), 0);
+  for (const std::string& path : {below_a_file, missing, circle}) {
+    EXPECT_EQ(run_tool({path}), failed("Error while opening HFS+ volume in read mode.\n")) << path;
+    EXPECT_EQ(run_tool({path, "label"}), failed("Error while opening HFS+ volume in read/write mode.\n")) << path;
+  }
+  unlink(circle.c_str());
+  EXPECT_EQ(run_tool({::testing::TempDir(), "label"}), failed("Error while opening HFS+ volume in read/write mode.\n"))
+      << "a folder cannot be opened for writing";
+  EXPECT_NE(access(missing.c_str(), F_OK), 0) << "nothing is created";
+}
+
+TEST(ToolDevice, NoPermission_IsReportedAsAVolume) {
+  const ScratchFile image(cafe_volume());
+  EXPECT_EQ(run_traced({image.path()}, "open64:1:errno=13").run,
+            failed("Error while opening HFS+ volume in read mode.\n"));
+  EXPECT_EQ(run_traced({image.path(), "label"}, "open64:1:errno=13").run,
+            failed("Error while opening HFS+ volume in read/write mode.\n"));
+}
+
+TEST(ToolDevice, RefusedLock_IsReportedAsADevice) {
+  const ScratchFile image(cafe_volume());
+  const TracedRun printing = run_traced({image.path()}, "flock:1:errno=11");
+  EXPECT_EQ(
+      printing.run,
+      failed(
+          "ERROR kvfs_device_create Error while locking device for shared access: Resource temporarily unavailable (11).\n"
+          "Error while opening device in read mode.\n"));
+  EXPECT_THAT(printing.calls_of("pread64"), IsEmpty());
+  const TracedRun setting = run_traced({image.path(), "label"}, "flock:1:errno=37");
+  EXPECT_EQ(
+      setting.run,
+      failed("ERROR kvfs_device_create Error while locking device for exclusive access: No locks available (37).\n"
+             "Error while opening device in read/write mode.\n"));
+}
+
+TEST(ToolDevice, RefusedUnlock_IsAWarningAlone) {
+  const ScratchFile image(cafe_volume());
+  EXPECT_EQ(
+      run_traced({image.path()}, "flock:2:errno=5").run,
+      (ToolRun{
+          0, kComposed,
+          "WARNING kvfs_device_destroy Error while unlocking device on destroy: Input/output error (5) Ignoring...\n"}));
+}
+
+TEST(ToolDevice, NoMemoryForTheDevice_IsSilentButForTheTool) {
+  const ScratchFile image(cafe_volume());
+  for (const char* const n : {"1", "2"}) {
+    EXPECT_EQ(run_traced({image.path()}, "allocation:" + std::string(n)).run,
+              failed("Error while opening device in read mode.\n"));
+  }
+}
+
+}  // namespace
+}  // namespace kvfs_test

@@ -1,0 +1,106 @@
+// Runs the built programs and looks at what they leave behind.
+//
+//   const ScratchFile image(build_volume(description));
+//   const ToolRun run = run_tool({image.path()});
+//   EXPECT_EQ(run, printed("Untitled\n"));
+
+#ifndef KVFS_TOOL_RUNNER_H
+#define KVFS_TOOL_RUNNER_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "sparse_image.h"
+#include "volume_image.h"
+
+namespace kvfs_test {
+
+// How a program ended and what it wrote. Line numbers are taken out of log lines: "LEVEL function text".
+struct ToolRun {
+  int status = -1;  // exit status; 1000 + signal when it was killed
+  std::string out;
+  std::string err;
+
+  friend bool operator==(const ToolRun&, const ToolRun&) = default;
+};
+
+std::ostream& operator<<(std::ostream& stream, const ToolRun& run);
+
+// A run that prints, and one that fails with these messages and prints nothing.
+ToolRun printed(const std::string& out);
+ToolRun failed(const std::string& err);
+
+// A file in the folder for temporary files, gone when the object is.
+class ScratchFile {
+ public:
+  explicit ScratchFile(const std::string& content = "");
+  explicit ScratchFile(const SparseImage& image);
+  ~ScratchFile();
+  ScratchFile(const ScratchFile&) = delete;
+  ScratchFile& operator=(const ScratchFile&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+  [[nodiscard]] std::string content() const;
+  [[nodiscard]] Volume volume() const { return Volume::load(path_); }
+
+ private:
+  std::string path_;
+};
+
+// How a program is run.
+struct RunOptions {
+  std::map<std::string, std::string> environment = {};  // besides what the test has
+  std::string out_path = {};                            // where standard output goes instead of into ToolRun::out
+  std::vector<int> closed = {};                         // descriptors that are closed before the program begins
+};
+
+// A program on its way. It is waited for by finish(), at the latest by the destructor.
+class RunningTool {
+ public:
+  RunningTool(const std::string& program, const std::vector<std::string>& arguments, const RunOptions& options = {});
+  ~RunningTool();
+  RunningTool(const RunningTool&) = delete;
+  RunningTool& operator=(const RunningTool&) = delete;
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  [[nodiscard]] bool has_ended();
+  ToolRun finish();
+
+ private:
+  ScratchFile out_;
+  ScratchFile err_;
+  pid_t pid_ = -1;
+  int wait_status_ = 0;
+  bool ended_ = false;
+};
+
+ToolRun run_program(const std::string& program, const std::vector<std::string>& arguments,
+                    const RunOptions& options = {});
+
+// The tool as it is shipped.
+ToolRun run_tool(const std::vector<std::string>& arguments, const RunOptions& options = {});
+
+// The same tool with faults injected ("" for none), as KVFS_FAULT has them, and a record of its calls.
+struct TracedRun {
+  ToolRun run;
+  std::vector<std::string> calls;       // "open64 PATH flags=0 = 3", ... without the last line
+  std::map<std::string, long> balance;  // of the last line: allocations, bytes, peak, locks, delivered
+
+  // Calls that begin with this text.
+  [[nodiscard]] std::vector<std::string> calls_of(const std::string& name) const;
+};
+
+TracedRun run_traced(const std::vector<std::string>& arguments, const std::string& faults = "",
+                     RunOptions options = {});
+
+// Whether a program is there to be run.
+bool has_program(const std::string& name);
+
+}  // namespace kvfs_test
+
+#endif  // KVFS_TOOL_RUNNER_H
