@@ -513,8 +513,9 @@ static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const
 }
 
 // Adds a reference to an open locator. Its public lengths and pointers stay as they were, and so does the room for its
-// copy: of a record that has outgrown it the copy takes the beginning. That happens when an index record is added behind
-// the last one of a node, since the search for its place has opened a locator there with the bytes of the record before.
+// copy: who opens a record again is expected to find it at its old size. Only a vacant place may have become a longer
+// record: the search for the place of a new index record behind the last one of a node opens a locator there with the
+// bytes of the record before, and inserting finds it open.
 static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locator_arguments& arguments) {
   static const char* const kFunction = "kvfs_btree_record_locator_open";
   kvfs_btree_record_locator_private* const priv = locator->priv;
@@ -529,6 +530,11 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
   if (priv->tree != arguments.tree) {
     KVFS_CRITICAL_AS(kFunction, "Mismatching btree pointers (%p != %p)! Internal error...\n",
                      static_cast<void*>(priv->tree), static_cast<void*>(arguments.tree));
+    return kvfs_internal;
+  }
+  if (arguments.record_size > record_capacity(priv) && priv->is_vacant == 0) {
+    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has grown beyond its open locator (from %zu to %zu bytes).\n",
+                  arguments.index, node, record_capacity(priv), arguments.record_size);
     return kvfs_internal;
   }
   update_shared_offsets(priv, arguments);
@@ -802,9 +808,14 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
     return report_bad_record(walk->node.number, index);
   }
   const std::uint32_t node = walk->node.number;
-  return kvfs_btree_record_locator_open(walk->tree, node, static_cast<std::uint16_t>(index),
-                                        walk->node.bytes + record.offset, record.end - record.offset,
-                                        fork_position(walk->tree, node, record.offset), &walk->result.locator);
+  const kvfs_result result = kvfs_btree_record_locator_open(
+      walk->tree, node, static_cast<std::uint16_t>(index), walk->node.bytes + record.offset, record.end - record.offset,
+      fork_position(walk->tree, node, record.offset), &walk->result.locator);
+  if (result == kvfs_ok && index >= walk->descriptor.numRecords.get() &&
+      walk->result.locator->priv->reference_count == 1) {
+    walk->result.locator->priv->is_vacant = 1;
+  }
+  return result;
 }
 
 // A node of another kind, or one above the height that is looked for, was walked to its end.

@@ -25,6 +25,8 @@ struct kvfs_btree_record_locator_private {
   kvfs_btree_record_locator* next;
   std::uint64_t reference_count;
   std::uint32_t deleted;  // nonzero once the record was deleted
+  std::uint32_t
+      is_vacant;  // nonzero for a place behind the last record of its node, where no record was when it opened
   std::uint32_t node;
   std::uint16_t index;
   std::uint64_t fork_data_offset;  // of the record's data in the tree's fork, bytes
@@ -52,10 +54,9 @@ kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t
 //   position      of the record in the tree's fork, bytes
 //   out_locator   receives the locator; unchanged on failure
 //
-// A shared locator keeps the size of its copy: of a record that has grown beyond it the copy takes the beginning.
-//
 // Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_no_memory; kvfs_internal when the open locator belongs
-// to another tree.
+// to another tree or the record has grown beyond its copy. (The copy of a vacant place, which nobody reads, takes the
+// beginning of the record instead.)
 kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node, std::uint16_t index,
                                            const unsigned char* record, std::size_t record_size, std::uint64_t position,
                                            kvfs_btree_record_locator** out_locator);

@@ -382,9 +382,23 @@ TEST_F(BtreeLocator, SharedLocatorOfAnotherTree_IsAnInternalError) {
   release(locator);
 }
 
-// As when an index record is added behind the last one of a node: the place is open with the bytes of a shorter record.
-TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_LeavesItsBeginningInTheCopy) {
+TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_IsAnInternalError) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10, 1));
+  kvfs_btree_record_locator* again = nullptr;
+  LogCapture log;
+  EXPECT_EQ(open_at(1, 2, record_of(4, 12, 9), 600, &again), kvfs_internal);
+  EXPECT_EQ(again, nullptr);
+  EXPECT_EQ(locator->priv->reference_count, 1u);
+  EXPECT_EQ(locator->priv->record_size, 16u);
+  EXPECT_EQ(Bytes(locator->key, locator->key + 16), record_of(4, 10, 1));
+  EXPECT_LOG(log, open_error("Record 2 of node 1 has grown beyond its open locator (from 16 to 18 bytes)."));
+  release(locator);
+}
+
+// As when an index record is added behind the last one of a node: the place is open with the bytes of a shorter record.
+TEST_F(BtreeLocator, LongerRecordInAVacantPlace_LeavesItsBeginningInTheCopy) {
+  kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10, 1));
+  locator->priv->is_vacant = 1;
   kvfs_btree_record_locator* again = nullptr;
   LogCapture log;
   EXPECT_EQ(open_at(1, 2, record_of(4, 12, 9), 600, &again), kvfs_ok);
