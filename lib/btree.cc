@@ -2576,7 +2576,15 @@ static kvfs_result allocate_map_node(const tree_expansion& expansion, std::uint3
     KVFS_ERROR_AS(kExpandFunction, "Error while allocating new map node.\n");
     return result;
   }
-  result = kvfs_fork_fill(tree->fork, fork_position(tree, *node, 0), tree->nodeSize, 0, nullptr);
+  // A block has to be read before all of it is overwritten, or a later reading would bring its old bytes back.
+  mapping old_bytes;
+  result = map_node(tree, *node, &old_bytes);
+  if (result == kvfs_ok) {
+    result = unmap_range(&old_bytes);
+  }
+  if (result == kvfs_ok) {
+    result = kvfs_fork_fill(tree->fork, fork_position(tree, *node, 0), tree->nodeSize, 0, nullptr);
+  }
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kExpandFunction, "Error while writing back modified tree header record.\n");  // the words must stay
   }

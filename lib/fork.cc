@@ -1451,7 +1451,8 @@ static kvfs_result allocate_resized_arrays(const char* function, fork_resize* re
     KVFS_ERROR_AS(function, "Error while allocating new items array.\n");
     return kvfs_no_memory;
   }
-  const std::size_t size = sizeof(HFSPlusExtentRecord);
+  const std::size_t count = kvfs_max(resize->fork->priv->fork_extents_count, kHFSPlusExtentDensity);
+  const std::size_t size = count * sizeof(HFSPlusExtentDescriptor);
   resize->extents.reset(static_cast<HFSPlusExtentDescriptor*>(std::malloc(size)));
   if (!resize->extents) {
     KVFS_ERROR_AS(function, "Error while allocating %zu bytes for the new extents.\n", size);
@@ -1460,15 +1461,19 @@ static kvfs_result allocate_resized_arrays(const char* function, fork_resize* re
   return kvfs_ok;
 }
 
-// Takes the extents of the new fork data. A fork that changes its size has no others.
+// Takes the extents of the new fork data, and behind them those in the overflow file, which do not change.
 static void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data) {
-  resize->extents_count = 0;
-  for (const HFSPlusExtentDescriptor& extent : fork_data.extents.extents) {
-    if (extent.blockCount.get() == 0) {
-      break;
-    }
-    resize->extents[resize->extents_count++] = extent;
+  const kvfs_fork_private* const priv = resize->fork->priv;
+  std::uint32_t count = 0;
+  while (count < kHFSPlusExtentDensity && fork_data.extents.extents[count].blockCount.get() != 0) {
+    resize->extents[count] = fork_data.extents.extents[count];
+    ++count;
   }
+  while (count >= kHFSPlusExtentDensity && count < priv->fork_extents_count) {
+    resize->extents[count] = priv->fork_extents[count];
+    ++count;
+  }
+  resize->extents_count = count;
 }
 
 // Puts the new size into effect: nothing can fail any more. Items behind the new end are not destroyed, since somebody
