@@ -39,7 +39,7 @@ struct kvfs_fork_private {
   kvfs_rwlock* items_lock;       // guards `items` and the creation of items
   kvfs_fork_cache_item** items;  // owned; null where no item was created yet
   std::uint32_t items_length;
-  std::uint32_t items_end;  // no slot from here on has an item: a huge array is never walked whole
+  std::uint32_t items_end;                    // no slot from here on has an item: a huge array is never walked whole
   std::uint32_t item_size;                    // kForkItemSize
   std::uint32_t modificationBitmapBlockSize;  // the transfer unit, bytes
   kvfs_rwlock* dirty_lock;                    // guards modification bitmaps and dirty counts
