@@ -65,9 +65,9 @@ static bool read_key_end(const node_view& node, std::uint32_t offset, std::uint3
   return *end <= node.size;
 }
 
-// Recognises that a walk from node to node goes in circles. Where a node leads depends on the node alone, so that coming
-// back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of two, finds that
-// with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
+// Recognises that a walk from node to node goes in circles. Where a node leads depends on the node alone, so that
+// coming back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of two,
+// finds that with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
 struct cycle_finder {
   std::uint32_t checkpoint;  // a node that was visited; the first one to begin with
   std::uint32_t steps;
@@ -2360,8 +2360,8 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
   return result;
 }
 
-// Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the deleted
-// record, so that it is indexed under the deleted key again: this must stay as it is.
+// Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the
+// deleted record, so that it is indexed under the deleted key again: this must stay as it is.
 static kvfs_result replace_index_record_of_deleted(const deletion& removal, std::uint16_t depth) {
   std::uint8_t height = 0;
   kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, depth, &height);

@@ -65,7 +65,8 @@ struct kvfs_btree_search_result {
 // Opens the B-tree of a special file and checks its header node.
 //
 //   device, extents, partial  handed to kvfs_fork_create unchanged
-//   volume_header             on-disk order; it holds the fork data of the file and is borrowed for the life of the tree
+//   volume_header             on-disk order; it holds the fork data of the file and is borrowed for the life of the
+//                             tree
 //   tree_kind                 catalog node ID of the file: extents overflow, catalog or attributes file
 //   compare                   orders the tree's keys
 //   out_tree                  receives the tree, owned by the caller; unchanged on failure
@@ -97,8 +98,8 @@ void ReadAttrNode(const unsigned char* node, std::size_t node_size);
 //   data_size  bytes; must be the locator's data_size, since records do not change their size in place
 //
 // Locks: the tree's lock for reading.
-// Returns kvfs_ok; kvfs_internal when the record was deleted; kvfs_invalid for another size; or the failure of the write
-// or the lock.
+// Returns kvfs_ok; kvfs_internal when the record was deleted; kvfs_invalid for another size; or the failure of the
+// write or the lock.
 kvfs_result kvfs_btree_record_locator_write_data(kvfs_btree_record_locator* locator, const void* data,
                                                  std::size_t data_size);
 
@@ -169,8 +170,8 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
 //   flag  not used; 0
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok; kvfs_internal when the record was deleted before; kvfs_inconsistent when the tree contradicts itself;
-// kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
+// Returns kvfs_ok; kvfs_internal when the record was deleted before; kvfs_inconsistent when the tree contradicts
+// itself; kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag);
 
 // Grows the catalog's B-tree by the clump size of its fork; any other tree is left as it is. When the bitmap in the

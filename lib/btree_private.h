@@ -54,9 +54,9 @@ kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t
 //   position      of the record in the tree's fork, bytes
 //   out_locator   receives the locator; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_no_memory; kvfs_internal when the open locator belongs
-// to another tree or the record has grown beyond its copy. (The copy of a vacant place, which nobody reads, takes the
-// beginning of the record instead.)
+// Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_no_memory; kvfs_internal when the open locator
+// belongs to another tree or the record has grown beyond its copy. (The copy of a vacant place, which nobody reads,
+// takes the beginning of the record instead.)
 kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node, std::uint16_t index,
                                            const unsigned char* record, std::size_t record_size, std::uint64_t position,
                                            kvfs_btree_record_locator** out_locator);
@@ -129,8 +129,8 @@ kvfs_result kvfs_btree_add_index_record(kvfs_btree* tree, const void* key, std::
 //
 //   out_node  receives its number; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_limit when no node is free; kvfs_inconsistent when the node bitmap is damaged; kvfs_internal; or
-// the failure of the fork.
+// Returns kvfs_ok; kvfs_limit when no node is free; kvfs_inconsistent when the node bitmap is damaged; kvfs_internal;
+// or the failure of the fork.
 kvfs_result kvfs_btree_claim_node(kvfs_btree* tree, std::uint32_t* out_node);
 
 #endif  // KVFS_BTREE_PRIVATE_H

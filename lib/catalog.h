@@ -154,8 +154,9 @@ using kvfs_catalog_component_source = kvfs_result (*)(void* context, kvfs_be16* 
 //   out_result       receives the last component's record, or the place in its folder of the first component that is
 //                    missing; its locator has the locator of the folder as its parent and the record type filled in
 //
-// Returns kvfs_invalid when `start` is no folder; kvfs_inconsistent when a record has an unknown type or a wrong size or
-// a thread leads nowhere; kvfs_internal when a component is asked for in what is no folder; or the failure of `source`.
+// Returns kvfs_invalid when `start` is no folder; kvfs_inconsistent when a record has an unknown type or a wrong size
+// or a thread leads nowhere; kvfs_internal when a component is asked for in what is no folder; or the failure of
+// `source`.
 kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_component_source source, void* context,
                                         kvfs_catalog_record_locator* start, kvfs_catalog_search_result* out_result);
 
@@ -198,9 +199,9 @@ kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatal
 //   name, name_length  new name, big-endian and decomposed; units. A name of more than 255 units is refused only after
 //                   the record was deleted: callers check the length before
 //
-// Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's locator,
-// for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is missing or a
-// record is too short; kvfs_internal; or the failure of the B-tree.
+// Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's
+// locator, for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is
+// missing or a record is too short; kvfs_internal; or the failure of the B-tree.
 kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_record_locator** locator,
                                        kvfs_be32 new_parent, const kvfs_be16* name, std::size_t name_length);
 

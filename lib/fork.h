@@ -120,9 +120,9 @@ kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t 
 // transfer for each block. It stops at the first failure; the blocks written before are clean, and the next flush tries
 // the rest again.
 //
-// Locks: items_lock for reading, dirty_lock for writing, the lock of each item for writing while its blocks are written.
+// Locks: items_lock for reading, dirty_lock for writing, each item's lock for writing while its blocks are written.
 // Returns kvfs_ok; kvfs_internal when the transfer unit is not a power of two; kvfs_inconsistent when extents and sizes
-// contradict each other; kvfs_io_error; or the failure of a lock.
+// contradict each other or blocks are not made of whole sectors; kvfs_io_error; or the failure of a lock.
 kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 
 // ---- Growing and shrinking -----------------------------------------------------------------------------------------

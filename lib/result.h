@@ -9,7 +9,8 @@
 // numbers are the library's own: they are neither errno values nor the numbers of the thread library.
 //
 //   value                     raised when
-//   kvfs_failed               a lock could not be taken or released; the volume signature is wrong; no better value was set
+//   kvfs_failed               a lock could not be taken or released; the volume signature is wrong; no better value
+//                             was set
 //   kvfs_no_memory            an allocation failed
 //   kvfs_invalid              an argument or an input text is not acceptable
 //   kvfs_io_error             the device failed, or moved fewer bytes than asked for

@@ -41,8 +41,8 @@ struct kvfs_volume {
 //   skip_allocation_file  nonzero leaves the allocation file unopened: `bitmap` is then null
 //   out_volume            receives the volume, owned by the caller; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_no_memory; kvfs_failed when the device holds no HFS Plus volume; kvfs_inconsistent when the root
-// folder is missing or its name is too long; or the failure of the device or of a special file.
+// Returns kvfs_ok; kvfs_no_memory; kvfs_failed when the device holds no HFS Plus volume; kvfs_inconsistent when the
+// root folder is missing or its name is too long; or the failure of the device or of a special file.
 kvfs_result kvfs_volume_create(kvfs_device* device, int skip_allocation_file, kvfs_volume** out_volume);
 
 // Closes a volume without writing anything; the handle becomes null. The device stays open.

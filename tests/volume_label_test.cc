@@ -55,7 +55,6 @@ kvfs_result wrap_search(kvfs_catalog* catalog, std::uint32_t cnid, bool follow, 
 namespace kvfs_test {
 namespace {
 
-
 VolumeDescription small_description() {
   VolumeDescription description;
   description.label = u"Untitled";

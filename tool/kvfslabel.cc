@@ -124,8 +124,8 @@ static bool check_not_mounted(const char* path) {
 
 // ---- The device file -----------------------------------------------------------------------------------------------
 
-// Opens a file away from the descriptors of the standard streams. Where one of these was closed, the file would take its
-// place, and messages would be written over the volume. Returns the descriptor, or -1.
+// Opens a file away from the descriptors of the standard streams. Where one of these was closed, the file would take
+// its place, and messages would be written over the volume. Returns the descriptor, or -1.
 static int open_device_file(const char* path, int flags) {
   const int fd = open64(path, flags);
   if (fd == -1 || fd > STDERR_FILENO) {
