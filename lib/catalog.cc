@@ -24,7 +24,9 @@ static void make_key(HFSPlusCatalogKey* key, kvfs_be32 parent, const kvfs_be16* 
   key->keyLength.set(key_length_for(name_length));
   key->parentID = parent;
   key->nodeName.length.set(static_cast<std::uint16_t>(name_length));
-  std::memcpy(key->nodeName.unicode, name, name_length * sizeof(kvfs_be16));
+  if (name_length != 0) {
+    std::memcpy(key->nodeName.unicode, name, name_length * sizeof(kvfs_be16));
+  }
 }
 
 // Builds the key of an item's thread record: the item itself and an empty name.

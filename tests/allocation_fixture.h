@@ -95,8 +95,8 @@ struct FailedOperation {
   Lines log;  // "LEVEL function text", addresses as "{*}"
 };
 
-// Runs the operation with its first call failing, with its second one, and so on until it has no more. After each run no
-// lock may be held and, once the volume is closed, no memory be left.
+// Runs the operation with its first call failing, with its second one, and so on until it has no more. After each run
+// no lock may be held and, once the volume is closed, no memory be left.
 std::vector<FailedOperation> fail_each(const SetFault& set_fault, const FaultScenario& scenario);
 
 // Each operation as its result, a colon and its log in one line, consecutive equal ones once. With functions given only

@@ -92,21 +92,29 @@ const std::string kUnmapUnlock =
 
 // Those of a lack of memory for the first cache item of a fork.
 const std::string kNoItem = " ERROR kvfs_fork_read_into_cache Unable to create cache item 0.\n " + kMapMissing;
+const std::string kNoItemLock =
+    "ERROR kvfs_rwlock_create Error while allocating memory for kvfs_rwlock: Cannot allocate memory (12)\n"
+    " ERROR kvfs_fork_cache_item_create Error while creating item_lock.\n";
 const Lines kNoMemoryForItem = {
     "ERROR kvfs_fork_cache_item_create Error while allocating {*} bytes of memory for kvfs_fork_cache_item struct.\n",
-    "ERROR kvfs_rwlock_create Error while allocating memory for kvfs_rwlock: Cannot allocate memory (12)\n"
-    " ERROR kvfs_fork_cache_item_create Error while creating item_lock.\n",
-    "ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for data buffer.\n",
+    kNoItemLock, "ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for data buffer.\n",
     "ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for valid data bitmap.\n",
     "ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for data modification bitmap.\n"};
 
-// What a lack of memory gives, when `message` is that of the routine under test: with the size of the item masked.
-Lines no_memory_for_item(const std::string& message) {
+// The same message behind each of several texts.
+Lines with_result(const std::string& result, const Lines& reasons, const std::string& message) {
   Lines lines;
-  for (const std::string& reason : kNoMemoryForItem) {
-    lines.push_back("2: " + reason + kNoItem + " " + message);
+  for (const std::string& reason : reasons) {
+    std::string line = result;
+    line.append(": ").append(reason).append(" ").append(message);
+    lines.push_back(line);
   }
   return lines;
+}
+
+// What a lack of memory gives, when `message` is that of the routine under test: with the size of the item masked.
+Lines no_memory_for_item(const std::string& message) {
+  return with_result("2", kNoMemoryForItem, kNoItem + " " + message);
 }
 
 // The size of a cache item differs between systems.
@@ -119,15 +127,6 @@ Lines without_item_size(Lines lines) {
       const std::size_t begin = line.rfind(before, end) + before.size();
       line.replace(begin, end - begin, "{*}");
     }
-  }
-  return lines;
-}
-
-// The same message behind each of several texts.
-Lines with_result(const std::string& result, const Lines& reasons, const std::string& message) {
-  Lines lines;
-  for (const std::string& reason : reasons) {
-    lines.push_back(result + ": " + reason + " " + message);
   }
   return lines;
 }
@@ -1007,12 +1006,13 @@ TEST(FindWriteLocation, FailedSearch_SaysForHowManyBlocks) {
     return result;
   };
   const std::string search = "ERROR FindWriteLocation Error while searching the bitmap for a free region of 3.\n";
+  const std::string mapping = kFindMap + " " + search;
+  const std::string unmapping = kFindUnmap + " " + search;
   const Lines own = {"FindWriteLocation", "FindContiguousUnallocated"};
-  EXPECT_EQ(summary(fail_each(each(Call::kPread64), scenario), own), Lines{"4: " + kFindMap + " " + search});
-  EXPECT_EQ(summary(fail_each(each_allocation(), scenario), own), Lines{"2: " + kFindMap + " " + search});
+  EXPECT_EQ(summary(fail_each(each(Call::kPread64), scenario), own), Lines{"4: " + mapping});
+  EXPECT_EQ(summary(fail_each(each_allocation(), scenario), own), Lines{"2: " + mapping});
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-    EXPECT_EQ(summary(fail_each(each(call), scenario), own),
-              (Lines{"1: " + kFindMap + " " + search, "1: " + kFindUnmap + " " + search}));
+    EXPECT_EQ(summary(fail_each(each(call), scenario), own), (Lines{"1: " + mapping, "1: " + unmapping}));
   }
 }
 

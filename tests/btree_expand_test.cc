@@ -270,8 +270,8 @@ Volume full_catalog() {
   return image;
 }
 
-// The claim takes the byte behind the header's map record for its last one. That byte belongs to the offset table: it is
-// the upper half of the free-space offset, 504, and marking node 2048 there makes it 33272.
+// The claim takes the byte behind the header's map record for its last one. That byte belongs to the offset table: it
+// is the upper half of the free-space offset, 504, and marking node 2048 there makes it 33272.
 TEST(ExpandTree, WithEveryNodeUsed_MarksItsMapNodeBehindTheHeadersMapRecord) {
   OpenVolume volume(full_catalog());
   LogCapture log;
@@ -287,7 +287,8 @@ TEST(ExpandTree, WithEveryNodeUsed_MarksItsMapNodeBehindTheHeadersMapRecord) {
 }
 
 // The seven clear bits of that byte serve seven nodes. Then the walk goes on to the map node: the node that moves it on
-// is looked for by its byte in the old segment and marked by its byte in the new one, so that it is found again and again.
+// is looked for by its byte in the old segment and marked by its byte in the new one, so that it is found again and
+// again.
 TEST(ExpandTree, WithEveryNodeUsed_OffersTheNodesBehindTheHeadersMapRecordAndOneMore) {
   OpenVolume volume(full_catalog());
   for (unsigned i = 0; i < 3; ++i) {
@@ -551,12 +552,13 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
 TEST(ExpandTree, UndoneWithItsNewMapNodeMapped_CannotUnmapIt) {
   FaultScenario scenario = {full_catalog(), {}, {}, {}};
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
+  const std::string expected = "1: " + kNewFailed + " " + kUnmapNew;
   bool seen = false;
   for (const FailedOperation& failure : fail_each(each(Call::kRwlockWrlock), scenario)) {
     if (collapsed(failure).find(kNewFailed) != std::string::npos) {
       seen = true;
       EXPECT_EQ(failure.result, kvfs_failed);
-      EXPECT_EQ(collapsed(failure), "1: " + kNewFailed + " " + kUnmapNew);
+      EXPECT_EQ(collapsed(failure), expected);
       EXPECT_NE(joined(failure.log)
                     .find("CRITICAL kvfs_fork_unmap Attempted to unmap region outside allocated fork "
                           "size! Offset: 1048576, Length: 14, fork data size: 1048576\n"),
@@ -736,8 +738,8 @@ Volume with_moved_bits(Volume volume) {
   return volume;
 }
 
-// A catalog that outgrows what its header node describes while folders are added. What is wrong with it then is the byte
-// behind the header's map record alone, until the nodes run out that a claim can reach.
+// A catalog that outgrows what its header node describes while folders are added. What is wrong with it then is the
+// byte behind the header's map record alone, until the nodes run out that a claim can reach.
 TEST(ExpandTree, OutgrowingItsHeadersMapRecord_GoesOnUntilNoNodeIsReached) {
   VolumeDescription description;
   description.block_size = 512;

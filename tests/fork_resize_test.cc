@@ -320,8 +320,8 @@ TEST(ExpandFork, InconsistentExtents_AreReportedByTheSearch) {
              "ERROR kvfs_fork_expand Error while searching for write location for expanded fork.\n");
 }
 
-// The blocks of its last extent are marked free: the search takes the rest of their byte and does not look at the end of
-// the run, where a block is in use.
+// The blocks of its last extent are marked free: the search takes the rest of their byte and does not look at the end
+// of the run, where a block is in use.
 StartupShape run_with_used_block() {
   return {.extents = {{200, 3}}, .clump_blocks = 8, .used = {{210, 1}}};
 }
@@ -515,8 +515,8 @@ TEST(ExpandFork, WhenTheDeviceFails_LeavesEverythingAsItWas) {
             Lines{"4: " + kExpandSearch});
 }
 
-// Of the locks of the marking only the last one, for giving its mapping back, comes too late: the blocks are marked then
-// although the fork data is that of before.
+// Of the locks of the marking only the last one, for giving its mapping back, comes too late: the blocks are marked
+// then although the fork data is that of before.
 TEST(ExpandFork, WhenALockIsNotGranted_GivesTheForkDataBack) {
   FaultScenario scenario = expand_scenario();
   const std::function<void(OpenVolume&)> is_undone = scenario.check;

@@ -1,8 +1,8 @@
 // Threads that search, iterate, map, read and flush on one volume while another one renames.
 //
 // What the locks promise: every lookup sees the tree between two of its changes, and lists, counts and the cache stay
-// whole. What they do not: the bytes of a record that somebody changes, and locators of records that move. So the readers
-// keep to files that lie in other nodes than those that are renamed.
+// whole. What they do not: the bytes of a record that somebody changes, and locators of records that move. The readers
+// therefore keep to files that lie in other nodes than those that are renamed.
 
 #include <gtest/gtest.h>
 
@@ -81,6 +81,7 @@ class BusyVolume {
 
   void run(const std::vector<Reader>& readers) {
     std::vector<std::thread> threads;
+    threads.reserve(readers.size());
     for (const Reader& reader : readers) {
       threads.emplace_back([this, &reader] {
         for (unsigned round = 0; round < kFewestRounds || !done_; ++round) {

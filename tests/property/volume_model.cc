@@ -187,7 +187,7 @@ bool VolumeModel::is_used(std::uint64_t block) const {
   return (bitmap_.at(static_cast<std::size_t>(block / 8)) & 0x80U >> block % 8) != 0;
 }
 
-// The bits of a byte are tested all, in whatever order: from inside a byte it begins in its middle and goes round in it.
+// All bits of a byte are tested: from a position inside a byte the test begins there and goes round in that byte.
 ModelRun VolumeModel::find_run(std::uint32_t wanted, std::uint32_t hint) const {
   const std::uint64_t begin = std::min<std::uint64_t>(hint != 0 ? hint : next_allocation, total_blocks - 1);
   bool wrapped = false;

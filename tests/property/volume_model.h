@@ -1,8 +1,8 @@
 // A model of a volume: what its files, blocks and counters are after each change, told without the code under test.
 //
 // It has the odd sides of the system's behaviour too: freeing a block writes its byte to the start of a chunk of the
-// allocation file, searches test bits of the wrong bytes from inside a byte, deleting a file leaves its resource fork and
-// its overflow extents behind. From that it tells what the checker of volumes has to find, and nothing else.
+// allocation file, searches from inside a byte test bits of the wrong bytes, deleting a file leaves its resource fork
+// and its overflow extents behind. From that it tells what the checker of volumes has to find, and nothing else.
 
 #ifndef KVFS_VOLUME_MODEL_H
 #define KVFS_VOLUME_MODEL_H

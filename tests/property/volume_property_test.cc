@@ -1,6 +1,7 @@
 // Random changes to whole volumes, against a model.
 //
-// KVFS_PROPERTY_RUNS is the number of volumes (default: a few seconds' worth), KVFS_PROPERTY_SEED the first one's seed.
+// KVFS_PROPERTY_ROUNDS makes a run longer (default 1: seconds), KVFS_PROPERTY_OPERATIONS is the number of changes of a
+// volume, and KVFS_PROPERTY_SEED is the first volume's seed.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -565,14 +566,14 @@ void ChangingVolume::compare() {
 }
 
 TEST(VolumeProperty, RandomChanges_LeaveWhatTheModelHasAndNothingElse) {
-  constexpr unsigned kChangesOfAVolume = 60;
   const unsigned long first = number_from("KVFS_PROPERTY_SEED", 1);
-  const unsigned long runs = number_from("KVFS_PROPERTY_RUNS", 12);
+  const unsigned long runs = 12 * number_from("KVFS_PROPERTY_ROUNDS", 1);
+  const unsigned long changes = number_from("KVFS_PROPERTY_OPERATIONS", 60);
   std::map<std::string, unsigned> counts;
   for (unsigned long seed = first; seed < first + runs; ++seed) {
     ChangingVolume volume(seed);
     std::string history;
-    for (unsigned i = 0; i < kChangesOfAVolume && !::testing::Test::HasFailure(); ++i) {
+    for (unsigned long i = 0; i < changes && !::testing::Test::HasFailure(); ++i) {
       const std::string change = volume.change();
       if (!change.empty()) {
         history += "\n  " + change;
@@ -584,7 +585,7 @@ TEST(VolumeProperty, RandomChanges_LeaveWhatTheModelHasAndNothingElse) {
   }
   for (const char* const change : {"rename ", "delete ", "make ", "insert ", "expand the catalog", "reopen",
                                    "expand the startup file", "shrink the startup file by ", "set the label "}) {
-    EXPECT_TRUE(runs < 10 || counts[change] >= 10) << change << counts[change];
+    EXPECT_TRUE(changes < 60 || counts[change] >= 10) << change << counts[change];
   }
 }
 
@@ -613,7 +614,7 @@ Lines output_of(const std::string& command) {
 std::string path_of(const VolumeModel& model, std::uint32_t cnid) {
   std::string path;
   for (; cnid != kRootFolderId; cnid = model.items.at(cnid).parent) {
-    path = to_utf8(model.items.at(cnid).name) + (path.empty() ? "" : "/") + path;
+    path.insert(0, path.empty() ? "" : "/").insert(0, to_utf8(model.items.at(cnid).name));
   }
   return path;
 }
@@ -663,7 +664,8 @@ void expect_listing_of_7z(const std::string& image, const VolumeModel& model) {
     } else if (line.starts_with("Folder = ")) {
       folder = line;
     } else if (line.starts_with("Size = ") && !path.empty() && !path.ends_with(":rsrc")) {
-      lines.push_back(path + " " + folder + " " + line);
+      path.append(" ").append(folder).append(" ").append(line);
+      lines.push_back(path);
     }
   }
   EXPECT_EQ(sorted(lines), listed(model, [&model](std::uint32_t cnid, const ModelItem& item) {
@@ -697,13 +699,13 @@ void expect_counts_of_fsstat(const std::string& image, const VolumeModel& model)
 }
 
 TEST(VolumeProperty, IndependentReaders_AgreeWithTheModel) {
-  constexpr unsigned kChangesOfAVolume = 60;
   const unsigned long first = number_from("KVFS_PROPERTY_SEED", 1);
-  const unsigned long runs = number_from("KVFS_PROPERTY_RUNS", 12);
+  const unsigned long runs = 3 * number_from("KVFS_PROPERTY_ROUNDS", 1);
+  const unsigned long changes = number_from("KVFS_PROPERTY_OPERATIONS", 60);
   const std::string path = ::testing::TempDir() + "kvfs-property-" + std::to_string(getpid()) + ".img";
-  for (unsigned long seed = first; seed < first + std::max(runs / 4, 1UL); ++seed) {
+  for (unsigned long seed = first; seed < first + runs; ++seed) {
     ChangingVolume volume(seed, true);
-    for (unsigned i = 0; i < kChangesOfAVolume; ++i) {
+    for (unsigned long i = 0; i < changes; ++i) {
       (void)volume.change();
       volume.compare();
     }
