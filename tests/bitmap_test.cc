@@ -91,7 +91,7 @@ const std::string kUnmapUnlock =
     kNoUnlock + " CRITICAL kvfs_fork_unmap Unexpected - Error while unlocking items lock!\n";
 
 // Those of a lack of memory for the first cache item of a fork.
-const std::string kNoItem = " ERROR kvfs_fork_read_into_cache Unable to create cache item 0.\n " + kMapMissing;
+const std::string kNoItem = "ERROR kvfs_fork_read_into_cache Unable to create cache item 0.\n " + kMapMissing;
 const std::string kNoItemLock =
     "ERROR kvfs_rwlock_create Error while allocating memory for kvfs_rwlock: Cannot allocate memory (12)\n"
     " ERROR kvfs_fork_cache_item_create Error while creating item_lock.\n";
