@@ -42,7 +42,7 @@ NodeContent ChangeTree::content(std::uint32_t node) const {
   content.number = node;
   content.forward = get_be32(bytes, kForwardLink);
   content.backward = get_be32(bytes, kBackwardLink);
-  content.kind = static_cast<std::int8_t>(bytes[kKind]);
+  content.kind = bytes[kKind] < 0x80 ? bytes[kKind] : bytes[kKind] - 0x100;
   content.height = bytes[kHeight];
   content.reserved = get_be16(bytes, kReserved);
   const std::uint16_t count = get_be16(bytes, kNumRecords);

@@ -580,7 +580,7 @@ Volume rename_in_alpha(const Volume& before, const Name& name, std::uint32_t new
   kvfs_catalog_record_locator_close(&parent);
   EXPECT_TRUE(catalog.open_locators().empty());
   EXPECT_EQ(catalog.tree()->priv->open_locators, nullptr);
-  const Volume after = catalog.flushed();
+  Volume after = catalog.flushed();
   EXPECT_EQ(joined(check_volume(after)), "");
   EXPECT_EQ(dump_records(after, Tree::kCatalog).size(), dump_records(before, Tree::kCatalog).size());
   EXPECT_EQ(record_of(after, new_parent, new_name), record_of(before, kAlpha, name));
@@ -725,8 +725,7 @@ const std::set<std::string>& rename_messages() {
       "ERROR kvfs_catalog_rename_record Error while deleting record from B-tree.\n",
       "ERROR kvfs_catalog_rename_record Error while inserting record into catalog.\n",
       "ERROR kvfs_catalog_rename_record Error while inserting thread record for renamed entry.\n",
-      "ERROR kvfs_catalog_rename_record Error while searching for containing folder of newly inserted record by "
-      "CNID.\n",
+      "ERROR kvfs_catalog_rename_record Error while searching for containing folder of newly inserted record by CNID.\n",
       "ERROR kvfs_catalog_rename_record Error while searching for thread record by CNID.\n",
   };
   return messages;

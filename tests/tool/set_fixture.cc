@@ -13,10 +13,12 @@ namespace kvfs_test {
 std::vector<ByteRange> writes_of(const TracedRun& traced) {
   std::vector<ByteRange> writes;
   for (const std::string& call : traced.calls_of("pwrite64 ")) {
-    unsigned long long offset = 0;
-    unsigned long long size = 0;
-    EXPECT_EQ(std::sscanf(call.c_str(), "pwrite64 %*d offset=%llu size=%llu", &offset, &size), 2) << call;
-    writes.push_back({offset, size});
+    const auto number_behind = [&call](const std::string& name) {
+      const std::size_t at = call.find(name);
+      EXPECT_NE(at, std::string::npos) << call;
+      return at == std::string::npos ? 0 : std::strtoull(call.c_str() + at + name.size(), nullptr, 10);
+    };
+    writes.push_back({number_behind(" offset="), number_behind(" size=")});
   }
   return writes;
 }
@@ -114,9 +116,12 @@ static std::string without_root(const std::string& list) {
   while (std::getline(lines, line)) {
     if (line.starts_with(kPath)) {
       root = root.empty() ? line : root;
-      line = line.starts_with(root) ? kPath + line.substr(root.size()) : line;
+      if (line.starts_with(root)) {
+        line.replace(0, root.size(), kPath);
+      }
     }
-    rest += line + "\n";
+    rest += line;
+    rest += '\n';
   }
   return rest;
 }
