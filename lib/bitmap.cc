@@ -181,8 +181,8 @@ static void roll_back_blocks(kvfs_fork* fork, const bitmap_mapping& map, std::ui
   }
 }
 
-// Sets the bits of a mapped run. The mapping leads into the cache that is written to, so that later blocks of a byte see
-// the bits of earlier ones.
+// Sets the bits of a mapped run. The mapping leads into the cache that is written to, so that later blocks of a byte
+// see the bits of earlier ones.
 static kvfs_result set_mapped_bits(kvfs_fork* fork, const bitmap_mapping& map, std::uint64_t start, std::uint64_t end) {
   for (std::uint64_t block = start; block < end; ++block) {
     const unsigned char byte = byte_of(map, block);
@@ -263,8 +263,8 @@ static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
   return result;
 }
 
-// Counts the clear bits from the position on, `count` at most. Bytes are counted from the start of the mapping, which is
-// exact once the position is a multiple of 8, as every one but the first is: this must stay as it is.
+// Counts the clear bits from the position on, `count` at most. Bytes are counted from the start of the mapping, which
+// is exact once the position is a multiple of 8, as every one but the first is: this must stay as it is.
 static std::uint64_t count_clear_bits(const free_run_search& search, std::uint64_t count) {
   const unsigned char* const bytes = static_cast<const unsigned char*>(search.map.bytes);
   std::uint64_t clear = 0;

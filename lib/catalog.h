@@ -226,8 +226,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record is too short; kvfs_internal; or the
-// failure of a search.
+// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record is too short; kvfs_internal; or
+// the failure of a search.
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty);
 
@@ -251,8 +251,8 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 //
 //   volume  opened with its allocation file
 //
-// Returns kvfs_ok; kvfs_invalid without a locator or for another kind of record; kvfs_inconsistent when the record is too
-// short; or the failure of the B-tree or of the search for the thread. What was done before a failure stays done.
+// Returns kvfs_ok; kvfs_invalid without a locator or for another kind of record; kvfs_inconsistent when the record is
+// too short; or the failure of the B-tree or of the search for the thread. What was done before a failure stays done.
 kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator);
 
 // ---- File records --------------------------------------------------------------------------------------------------

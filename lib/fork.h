@@ -128,8 +128,8 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 // ---- Growing and shrinking -----------------------------------------------------------------------------------------
 //
 // Both work on the forks whose fork data is in the volume header: extents overflow, catalog, allocation, startup and
-// attributes file; and on their eight extents there. The bits of the allocation file and the counts and the fork data of
-// the volume header change in memory. The volume must have been opened with its allocation file.
+// attributes file; and on their eight extents there. The bits of the allocation file and the counts and the fork data
+// of the volume header change in memory. The volume must have been opened with its allocation file.
 //
 // Locks: items_lock for writing while the fork changes.
 
@@ -149,8 +149,8 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 //   blocks  allocation blocks to take off
 //
 // Returns kvfs_ok; kvfs_internal for another file, for more blocks than the fork has, or when not all of them could be
-// freed; kvfs_no_memory; or the failure of the flush, the allocation file or the lock. On failure the fork data is as it
-// was; blocks that were freed stay free.
+// freed; kvfs_no_memory; or the failure of the flush, the allocation file or the lock. On failure the fork data is as
+// it was; blocks that were freed stay free.
 kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
 
 // Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,
