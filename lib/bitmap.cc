@@ -1,15 +1,12 @@
 #include "bitmap.h"
 
 #include "arithmetic.h"
+#include "bitmap_private.h"
 #include "extents.h"
 #include "fork.h"
 #include "owned.h"
 #include "support.h"
 #include "volume.h"
-
-struct kvfs_bitmap_private {
-  kvfs_fork* fork;  // owned
-};
 
 // ---- Life ----------------------------------------------------------------------------------------------------------
 
@@ -187,16 +184,19 @@ static kvfs_result set_mapped_bits(kvfs_fork* fork, const bitmap_mapping& map, s
   for (std::uint64_t block = start; block < end; ++block) {
     const unsigned char byte = byte_of(map, block);
     kvfs_result result = kvfs_failed;
+    std::uint64_t set_end = block;
     if ((byte & block_bit(block)) != 0) {
       KVFS_ERROR_AS(kAllocateFunction, "Block %d is already allocated.\n", static_cast<int>(block));
     } else {
       result = write_byte(fork, block / 8, static_cast<unsigned char>(byte | block_bit(block)));
       if (result != kvfs_ok) {
         KVFS_ERROR_AS(kAllocateFunction, "Error while writing out modified bitmap byte.\n");
+        // A write that fails only when it gives its locks back has set the bit.
+        set_end += (byte_of(map, block) & block_bit(block)) != 0 ? 1 : 0;
       }
     }
     if (result != kvfs_ok) {
-      roll_back_blocks(fork, map, start, block);
+      roll_back_blocks(fork, map, start, set_end);
       return result;
     }
   }
@@ -311,12 +311,13 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
                                       kvfs_allocation_location* out_location) {
   const std::uint32_t total = volume->header->totalBlocks.get();
   std::uint32_t start = hint != 0 ? hint : volume->header->nextAllocation.get();
+  start = kvfs_min(start, kvfs_max<std::uint32_t>(total, 1) - 1);
   kvfs_allocation_location location = {};
   if (total == 0 || wanted == 0) {
+    location.start_block = start;  // no blocks are free anywhere, there too
     *out_location = location;
     return kvfs_ok;
   }
-  start = kvfs_min(start, total - 1);
   free_run_search search = {volume->bitmap->priv->fork, total, wanted, start, start, false, {}};
   kvfs_result result = search_free_run(&search, &location);
   const kvfs_result unmapped = unmap_bytes(search.fork, &search.map);

@@ -2523,6 +2523,10 @@ static kvfs_result map_last_map_node(tree_expansion* expansion) {
       return result;
     }
     const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(expansion->last_map.bytes);
+    if (node != 0 && descriptor->kind != kBTMapNode) {
+      KVFS_ERROR_AS(kExpandFunction, "Invalid node data: Expected map node, got node kind %hhd.\n", descriptor->kind);
+      return kvfs_inconsistent;
+    }
     const std::uint32_t next = descriptor->fLink.get();
     expansion->last_map_node = node;
     expansion->saved_last_map = *descriptor;

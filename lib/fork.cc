@@ -1418,6 +1418,19 @@ static bool is_in_volume_header(std::uint32_t cnid) {
          cnid == kHFSStartupFileID || cnid == kHFSAttributesFileID;
 }
 
+// Refuses volumes without an allocation file, and the allocation file itself while its bits are in use.
+static kvfs_result check_resizable(const char* function, const kvfs_fork* fork, const kvfs_volume* volume) {
+  if (volume->bitmap == nullptr) {
+    KVFS_ERROR_AS(function, "The volume was opened without its allocation file.\n");
+    return kvfs_invalid;
+  }
+  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
+    KVFS_ERROR_AS(function, "The allocation file in use cannot be resized.\n");
+    return kvfs_limit;
+  }
+  return kvfs_ok;
+}
+
 // The size that a fork is about to get, with what has to be allocated for it.
 struct fork_resize {
   kvfs_fork* fork;
@@ -1579,15 +1592,25 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
   return result;
 }
 
+// Whether a run goes on behind the last extent of a fork. One behind an earlier extent, where the logical size ends
+// before the blocks do, would take the place of extents in use.
+static bool is_at_end(const kvfs_fork* fork, const kvfs_allocation_location& run) {
+  const std::uint32_t count = fork->priv->fork_extents_count;
+  if (run.extent_index >= count) {
+    return true;
+  }
+  const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[run.extent_index];
+  return run.extent_index == count - 1 && extent.startBlock.get() + extent.blockCount.get() == run.start_block;
+}
+
 // Finds the blocks for a fork to grow by.
 static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump, kvfs_allocation_location* run) {
   kvfs_fork_private* const priv = fork->priv;
-  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
-    KVFS_ERROR_AS(kExpandFunction, "The allocation file in use cannot be resized.\n");
-    return kvfs_limit;
+  kvfs_result result = check_resizable(kExpandFunction, fork, volume);
+  if (result != kvfs_ok) {
+    return result;
   }
-  const kvfs_result result =
-      FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
+  result = FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kExpandFunction, "Error while searching for write location for expanded fork.\n");
     return result;
@@ -1595,6 +1618,10 @@ static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t 
   if (run->block_count == 0) {
     KVFS_ERROR_AS(kExpandFunction, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
     return kvfs_limit;
+  }
+  if (!is_at_end(fork, *run)) {
+    KVFS_ERROR_AS(kExpandFunction, "The logical size of the fork ends before its last extent.\n");
+    return kvfs_inconsistent;
   }
   return kvfs_ok;
 }
@@ -1711,16 +1738,16 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
         to_ul(fork->priv->cnid));
     return kvfs_internal;
   }
-  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
-    KVFS_ERROR("The allocation file in use cannot be resized.\n");
-    return kvfs_limit;
+  kvfs_result result = check_resizable(kShrinkFunction, fork, volume);
+  if (result != kvfs_ok) {
+    return result;
   }
   kvfs_write_guard guard(fork->priv->items_lock);
   if (guard.result() != kvfs_ok) {
     KVFS_ERROR("Error while locking items lock.\n");
     return guard.result();
   }
-  const kvfs_result result = shrink_locked(fork, volume, blocks);
+  result = shrink_locked(fork, volume, blocks);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
     KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");

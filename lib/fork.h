@@ -134,13 +134,16 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 // Locks: items_lock for writing while the fork changes.
 
 // Grows a fork by its clump size. In the volume header the fork's block count and extents grow, its logical size does
-// not: the caller sets it (see kvfs_volume_update_fork_data) before the new part can be read or written.
+// not: the caller sets it (see kvfs_volume_update_fork_data) before the new part is read or written, and before
+// modified blocks are flushed.
 //
 //   out_location  receives the blocks that were added
 //
-// Returns kvfs_ok; kvfs_internal for another file; kvfs_unsupported_extents when a ninth extent would be needed;
-// kvfs_limit when there is no free run of that size or a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or
-// the failure of the allocation file or the lock. On failure the fork and its fork data are as they were.
+// Returns kvfs_ok; kvfs_internal for another file; kvfs_invalid without an allocation file; kvfs_unsupported_extents
+// when a ninth extent would be needed; kvfs_inconsistent when the logical size ends before the last extent; kvfs_limit
+// for the allocation file in use, without a free run of that size, or when a fork would have more than 2^32 - 1 blocks;
+// kvfs_no_memory; or the failure of the allocation file or the lock. On failure the fork and its fork data are as they
+// were.
 kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location);
 
 // Takes blocks off the end of a fork, after writing their modified bytes to the device. Mappings of the part that goes
@@ -148,9 +151,10 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 //
 //   blocks  allocation blocks to take off
 //
-// Returns kvfs_ok; kvfs_internal for another file, for more blocks than the fork has, or when not all of them could be
-// freed; kvfs_no_memory; or the failure of the flush, the allocation file or the lock. On failure the fork data is as
-// it was; blocks that were freed stay free.
+// Returns kvfs_ok; kvfs_invalid without an allocation file; kvfs_limit for the allocation file in use; kvfs_internal
+// for another file, for more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the
+// failure of the flush, the allocation file or the lock. On failure the fork data is as it was; blocks that were freed
+// stay free.
 kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
 
 // Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,

@@ -315,14 +315,17 @@ TEST(ExpandTree, WithEveryNodeUsed_OffersTheNodesBehindTheHeadersMapRecordAndOne
              "ERROR kvfs_btree_expand Error while allocating new map node.\n");
 }
 
+constexpr std::uint64_t kMapNodeKind = 2;
+
 TEST(ExpandTree, WithARingOfMapNodes_IsInconsistent) {
   Volume image = build_volume(full_map_description(3000));
   const std::uint64_t map_node = image.get_field("catalog.node[0].fLink");
-  for (const std::uint64_t target : {std::uint64_t{0} + map_node, std::uint64_t{1}}) {
+  for (const std::uint64_t target : {map_node, map_node + 1}) {
     Volume damaged = image;
     damaged.set_field("catalog.node[" + std::to_string(map_node) + "].fLink", target);
     if (target != map_node) {
-      damaged.set_field("catalog.node[1].fLink", map_node);
+      damaged.set_field("catalog.node[" + std::to_string(target) + "].fLink", map_node);
+      damaged.set_field("catalog.node[" + std::to_string(target) + "].kind", kMapNodeKind);
     }
     OpenVolume volume(damaged);
     const std::string fork = fork_text(volume);
@@ -333,6 +336,19 @@ TEST(ExpandTree, WithARingOfMapNodes_IsInconsistent) {
     EXPECT_EQ(fork_text(volume), fork);
     EXPECT_EQ(tree_text(volume), tree);
   }
+}
+
+TEST(ExpandTree, WithAnotherKindOfNodeInTheMapChain_IsInconsistent) {
+  Volume image = build_volume(small_description());
+  image.set_field("catalog.node[0].fLink", 1);
+  OpenVolume volume(image);
+  const std::string fork = fork_text(volume);
+  const std::string tree = tree_text(volume);
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_inconsistent);
+  EXPECT_LOG(log, "ERROR kvfs_btree_expand Invalid node data: Expected map node, got node kind -1.\n");
+  EXPECT_EQ(fork_text(volume), fork);
+  EXPECT_EQ(tree_text(volume), tree);
 }
 
 TEST(ExpandTree, WithAMapNodeBehindTheFork_CannotMapIt) {

@@ -7,10 +7,13 @@
 #include <bit>
 #include <cstdlib>
 
-// Takes the place of the lookup in the B-tree: the linker prefers it to the library's.
-kvfs_result kvfs_extents_get_next_extent_record(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
-                                                std::uint32_t start_block, int* out_found,
-                                                HFSPlusExtentRecord* out_record) {
+// Takes the place of the lookup in the B-tree: the linker is told to prefer it to the library's.
+kvfs_result wrapped_lookup(
+    kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id, std::uint32_t start_block, int* out_found,
+    HFSPlusExtentRecord*
+        out_record) __asm__("__wrap__Z35kvfs_extents_get_next_extent_recordP12kvfs_extentshjjPiP19HFSPlusExtentRecord");
+kvfs_result wrapped_lookup(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
+                           std::uint32_t start_block, int* out_found, HFSPlusExtentRecord* out_record) {
   return static_cast<kvfs_test::OverflowFile*>(extents)->look_up(fork_type, file_id, start_block, out_found,
                                                                  out_record);
 }

@@ -8,15 +8,11 @@
 #include <vector>
 
 #include "allocation_fixture.h"
+#include "bitmap_private.h"
 #include "fork.h"
 #include "fork_private.h"
 #include "log_capture.h"
 #include "volume_checker.h"
-
-// The same definition as in the bitmap unit: the allocation file's own fork is reached no other way.
-struct kvfs_bitmap_private {
-  kvfs_fork* fork;  // owned
-};
 
 namespace kvfs_test {
 namespace {
@@ -290,6 +286,54 @@ TEST(ExpandFork, OfTheAllocationFileInUse_IsRefused) {
   EXPECT_LOG(log, "ERROR kvfs_fork_expand The allocation file in use cannot be resized.\n");
   EXPECT_EQ(describe(added), kUntouchedText);
   EXPECT_EQ(volume.flushed(), image);
+}
+
+// Takes the allocation file from a volume, as one that was opened for reading its catalog alone has none.
+class WithoutAllocationFile {
+ public:
+  explicit WithoutAllocationFile(OpenVolume& volume) : volume_(volume.get()), bitmap_(volume_->bitmap) {
+    volume_->bitmap = nullptr;
+  }
+  ~WithoutAllocationFile() { volume_->bitmap = bitmap_; }
+  WithoutAllocationFile(const WithoutAllocationFile&) = delete;
+  WithoutAllocationFile& operator=(const WithoutAllocationFile&) = delete;
+
+ private:
+  kvfs_volume* volume_;
+  kvfs_bitmap* bitmap_;
+};
+
+TEST(ExpandFork, WithoutTheAllocationFile_IsRefused) {
+  OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
+  kvfs_fork* const fork = volume.fork(kStartup);
+  const WithoutAllocationFile without(volume);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(fork, volume.get(), &added), kvfs_invalid);
+  EXPECT_LOG(log, "ERROR kvfs_fork_expand The volume was opened without its allocation file.\n");
+  EXPECT_EQ(describe(added), kUntouchedText);
+}
+
+// The search begins where the logical size ends. A run for that place would be entered over the second extent, whose
+// blocks would be lost.
+TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtent_IsRefused) {
+  for (const std::vector<Extent>& used : {std::vector<Extent>{}, std::vector<Extent>{{208, 8}}}) {
+    const Volume image = startup_volume({.extents = {{200, 8}, {304, 8}}, .used = used, .logical_blocks = 5});
+    OpenVolume volume(image);
+    kvfs_allocation_location added = kUntouched;
+    LogCapture log;
+    EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_inconsistent);
+    EXPECT_LOG(log, "ERROR kvfs_fork_expand The logical size of the fork ends before its last extent.\n");
+    EXPECT_EQ(describe(added), kUntouchedText);
+    EXPECT_EQ(volume.flushed(), image);
+  }
+}
+
+TEST(ExpandFork, WhoseSizeEndsInItsLastExtent_GoesOnBehindThatExtent) {
+  OpenVolume volume(startup_volume({.extents = {{200, 8}, {304, 8}}, .logical_blocks = 13}));
+  kvfs_allocation_location added = kUntouched;
+  ASSERT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_ok);
+  EXPECT_EQ(describe(added), "start=312 count=4 index=1 bytes=16384 16384");
 }
 
 TEST(ExpandFork, WithoutAFreeRun_ReachesALimit) {
@@ -665,6 +709,15 @@ TEST(ShrinkFork, OfTheAllocationFileInUse_IsRefused) {
   EXPECT_EQ(kvfs_fork_shrink(volume.bitmap()->priv->fork, volume.get(), 1), kvfs_limit);
   EXPECT_LOG(log, "ERROR kvfs_fork_shrink The allocation file in use cannot be resized.\n");
   EXPECT_EQ(volume.flushed(), image);
+}
+
+TEST(ShrinkFork, WithoutTheAllocationFile_IsRefused) {
+  OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
+  kvfs_fork* const fork = volume.fork(kStartup);
+  const WithoutAllocationFile without(volume);
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_shrink(fork, volume.get(), 1), kvfs_invalid);
+  EXPECT_LOG(log, "ERROR kvfs_fork_shrink The volume was opened without its allocation file.\n");
 }
 
 TEST(ShrinkFork, WithModifiedBlocks_WritesThoseThatAreCutOff) {
