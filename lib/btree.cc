@@ -424,7 +424,7 @@ void ReadAttrNode(const unsigned char* node, std::size_t node_size) {
 // ---- Locators ------------------------------------------------------------------------------------------------------
 
 // The block of a locator; the record copy follows it. The tag marks locators in a memory dump and is never tested.
-struct locator_block {
+struct tree_locator_block {
   char tag[8];
   std::size_t size;  // of the whole block, to zero it before it is freed
   kvfs_btree_record_locator locator;
@@ -434,7 +434,7 @@ struct locator_block {
 static const char kLocatorTag[] = "kvfsbrla";
 
 static std::size_t record_capacity(const kvfs_btree_record_locator_private* priv) {
-  return static_cast<const locator_block*>(priv->allocation)->size - sizeof(locator_block);
+  return static_cast<const tree_locator_block*>(priv->allocation)->size - sizeof(tree_locator_block);
 }
 
 // Rejects bytes that cannot be a record and computes where a record's data begins.
@@ -550,8 +550,8 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
 
 // Allocates a locator with a copy of its record and links it at the head of the list.
 static kvfs_result create_locator(const locator_arguments& arguments, kvfs_btree_record_locator** out_locator) {
-  const std::size_t size = sizeof(locator_block) + arguments.record_size;
-  locator_block* const block = static_cast<locator_block*>(std::calloc(1, size));
+  const std::size_t size = sizeof(tree_locator_block) + arguments.record_size;
+  tree_locator_block* const block = static_cast<tree_locator_block*>(std::calloc(1, size));
   if (block == nullptr) {
     KVFS_ERROR_AS("kvfs_btree_record_locator_open",
                   "Error while allocating %zu bytes for kvfs_btree_record_locator allocation.\n", size);
@@ -626,7 +626,7 @@ void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool
     priv->tree->priv->open_locators = priv->next;
   }
   void* const allocation = priv->allocation;
-  std::memset(allocation, 0, static_cast<locator_block*>(allocation)->size);
+  std::memset(allocation, 0, static_cast<tree_locator_block*>(allocation)->size);
   asm volatile("" : : "r"(allocation) : "memory");  // the stores look dead to the compiler: the memory is freed next
   std::free(allocation);
 }

@@ -227,7 +227,7 @@ std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t co
 // ---- Locators ------------------------------------------------------------------------------------------------------
 
 // The block of a locator. The tag marks locators in a memory dump and is never tested.
-struct locator_block {
+struct catalog_locator_block {
   char tag[8];
   kvfs_catalog_record_locator locator;
   kvfs_catalog_record_locator_private priv;
@@ -271,10 +271,10 @@ static void unlink_locator(kvfs_catalog_record_locator* locator) {
 kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_record_locator* btree_locator,
                                              std::uint32_t record_type, kvfs_catalog_record_locator* parent,
                                              std::uint32_t reserved, kvfs_catalog_record_locator** out_locator) {
-  kvfs_owned<locator_block> block = kvfs_allocate_zeroed<locator_block>();
+  kvfs_owned<catalog_locator_block> block = kvfs_allocate_zeroed<catalog_locator_block>();
   if (!block) {
     KVFS_ERROR("Error while allocating %llu bytes for kvfs_catalog_record_locator allocation.\n",
-               to_ull(sizeof(locator_block)));
+               to_ull(sizeof(catalog_locator_block)));
     return kvfs_no_memory;
   }
   kvfs_write_guard guard(catalog->priv->open_locators_lock);
@@ -333,7 +333,7 @@ kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locat
     (void)kvfs_catalog_record_locator_close_internal(&priv->parent);  // it has no failures
   }
   kvfs_btree_record_locator_close(&closed->btree_locator);
-  kvfs_zero_and_free(static_cast<locator_block*>(priv->allocation));
+  kvfs_zero_and_free(static_cast<catalog_locator_block*>(priv->allocation));
   return kvfs_ok;
 }
 

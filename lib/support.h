@@ -25,10 +25,18 @@
 void kvfs_log(const char* file, int line, const char* function, const char* level, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
+// kvfs_log at one level. A message stands wherever something can fail, so that each argument less saves kilobytes.
+void kvfs_log_error(const char* function, int line, const char* format, ...)
+    __attribute__((cold, format(printf, 3, 4)));
+void kvfs_log_warning(const char* function, int line, const char* format, ...)
+    __attribute__((cold, format(printf, 3, 4)));
+void kvfs_log_critical(const char* function, int line, const char* format, ...)
+    __attribute__((cold, format(printf, 3, 4)));
+
 // Logs as the routine named, for helpers that report on behalf of the routine that calls them.
-#define KVFS_ERROR_AS(function, ...) kvfs_log(__FILE_NAME__, __LINE__, (function), "ERROR", __VA_ARGS__)
-#define KVFS_WARNING_AS(function, ...) kvfs_log(__FILE_NAME__, __LINE__, (function), "WARNING", __VA_ARGS__)
-#define KVFS_CRITICAL_AS(function, ...) kvfs_log(__FILE_NAME__, __LINE__, (function), "CRITICAL", __VA_ARGS__)
+#define KVFS_ERROR_AS(function, ...) kvfs_log_error((function), __LINE__, __VA_ARGS__)
+#define KVFS_WARNING_AS(function, ...) kvfs_log_warning((function), __LINE__, __VA_ARGS__)
+#define KVFS_CRITICAL_AS(function, ...) kvfs_log_critical((function), __LINE__, __VA_ARGS__)
 
 // Logs as the enclosing routine.
 #define KVFS_ERROR(...) KVFS_ERROR_AS(__func__, __VA_ARGS__)

@@ -417,34 +417,40 @@ std::uint16_t compose_hangul(std::span<const kvfs_be16> units, std::size_t* extr
 
 // ---- Decomposition table -------------------------------------------------------------------------------------------
 
-constexpr std::size_t sequence_length(const decomposition_row& row) {
+// Unit `i` of a decomposition; zero behind its end.
+constexpr std::uint16_t sequence_unit(std::size_t number, std::size_t i) {
+  return i == 0 ? kFirstUnits[number] : kTails[kTailNumbers[number]][i - 1];
+}
+
+constexpr std::size_t sequence_length(std::size_t number) {
   std::size_t length = 0;
-  while (length < kUnicodeMaxDecomposedUnits && row.units[length] != 0) {
+  while (length < kUnicodeMaxDecomposedUnits && sequence_unit(number, length) != 0) {
     ++length;
   }
   return length;
 }
 
-constexpr bool rows_ascend() {
-  for (std::size_t i = 1; i < kDecompositionCount; ++i) {
-    if (kDecompositions[i - 1].composed >= kDecompositions[i].composed) {
+constexpr bool runs_ascend() {
+  for (std::size_t i = 0; i < kComposedRunCount; ++i) {
+    const std::uint32_t length = std::uint32_t{kComposedRuns[i + 1].number} - kComposedRuns[i].number;
+    if (length == 0 || kComposedRuns[i].first + length > kComposedRuns[i + 1].first) {
       return false;
     }
   }
-  return true;
+  return kComposedRuns[0].number == 0 && kComposedRuns[kComposedRunCount].number == kDecompositionCount;
 }
-static_assert(rows_ascend());
+static_assert(runs_ascend());
 
 // Strictly ascending also means that no position occurs twice, so that all of them occur.
 constexpr bool sequences_ascend() {
   for (std::size_t i = 1; i < kDecompositionCount; ++i) {
-    const decomposition_row& before = kDecompositions[kCompositionOrder[i - 1]];
-    const decomposition_row& row = kDecompositions[kCompositionOrder[i]];
+    const std::size_t before = kCompositionOrder[i - 1];
+    const std::size_t number = kCompositionOrder[i];
     std::size_t same = 0;
-    while (same < kUnicodeMaxDecomposedUnits && before.units[same] == row.units[same]) {
+    while (same < kUnicodeMaxDecomposedUnits && sequence_unit(before, same) == sequence_unit(number, same)) {
       ++same;
     }
-    if (same == kUnicodeMaxDecomposedUnits || before.units[same] > row.units[same]) {
+    if (same == kUnicodeMaxDecomposedUnits || sequence_unit(before, same) > sequence_unit(number, same)) {
       return false;
     }
   }
@@ -452,49 +458,66 @@ constexpr bool sequences_ascend() {
 }
 static_assert(sequences_ascend());
 
-const decomposition_row* find_decomposition(std::uint16_t composed) {
+// The last of `count` runs that does not begin behind a value; none when all of them do.
+template <typename Run>
+constexpr const Run* find_run(const Run* runs, std::size_t count, std::uint16_t Run::*begin, std::size_t value) {
   std::size_t low = 0;
-  std::size_t end = kDecompositionCount;
+  std::size_t end = count;
   while (low < end) {
     const std::size_t middle = low + (end - low) / 2;
-    if (kDecompositions[middle].composed == composed) {
-      return &kDecompositions[middle];
-    }
-    if (kDecompositions[middle].composed < composed) {
+    if (runs[middle].*begin <= value) {
       low = middle + 1;
     } else {
       end = middle;
     }
   }
-  return nullptr;
+  return low == 0 ? nullptr : &runs[low - 1];
 }
 
-// Where a row's sequence sorts against a text: 0 when the text begins with it. A sequence that the text ends within
+constexpr std::size_t kNoDecomposition = kDecompositionCount;
+
+// The number of a character's decomposition.
+std::size_t find_decomposition(std::uint16_t composed) {
+  const composed_run* const run = find_run(kComposedRuns, kComposedRunCount, &composed_run::first, composed);
+  if (run == nullptr) {
+    return kNoDecomposition;
+  }
+  const std::size_t number = std::size_t{run->number} + composed - run->first;
+  return number < run[1].number ? number : kNoDecomposition;
+}
+
+// The character with a decomposition.
+std::uint16_t composed_character(std::size_t number) {
+  const composed_run* const run = find_run(kComposedRuns, kComposedRunCount, &composed_run::number, number);
+  return static_cast<std::uint16_t>(run->first + (number - run->number));
+}
+
+// Where a decomposition sorts against a text: 0 when the text begins with it. A sequence that the text ends within
 // sorts behind it.
-int compare_sequence(const decomposition_row& row, std::span<const kvfs_be16> text) {
-  for (std::size_t i = 0; i < kUnicodeMaxDecomposedUnits && row.units[i] != 0; ++i) {
+int compare_sequence(std::size_t number, std::span<const kvfs_be16> text) {
+  for (std::size_t i = 0; i < kUnicodeMaxDecomposedUnits && sequence_unit(number, i) != 0; ++i) {
     if (i == text.size()) {
       return 1;
     }
     const std::uint16_t unit = text[i].get();
-    if (row.units[i] != unit) {
-      return row.units[i] < unit ? -1 : 1;
+    if (sequence_unit(number, i) != unit) {
+      return sequence_unit(number, i) < unit ? -1 : 1;
     }
   }
   return 0;
 }
 
-// Finds a row whose sequence the text begins with. Several may be such; which of them is met, and whether one is,
+// Finds a decomposition that the text begins with. Several may be such; which of them is met, and whether one is,
 // depends on where the search looks, so that its bounds and middle must stay as they are for names to be shown as ever.
-const decomposition_row* find_composition(std::span<const kvfs_be16> text) {
+std::size_t find_composition(std::span<const kvfs_be16> text) {
   int low = 0;
   int high = static_cast<int>(kDecompositionCount) - 1;
   while (low <= high) {
     const int middle = low + (high - low) / 2;
-    const decomposition_row& row = kDecompositions[kCompositionOrder[middle]];
-    const int order = compare_sequence(row, text);
+    const std::size_t number = kCompositionOrder[middle];
+    const int order = compare_sequence(number, text);
     if (order == 0) {
-      return &row;
+      return number;
     }
     if (order < 0) {
       low = middle + 1;
@@ -502,7 +525,7 @@ const decomposition_row* find_composition(std::span<const kvfs_be16> text) {
       high = middle - 1;
     }
   }
-  return nullptr;
+  return kNoDecomposition;
 }
 
 }  // namespace
@@ -511,14 +534,14 @@ std::size_t kvfs_unicode_decompose_char(std::uint16_t c, std::uint16_t out[kUnic
   if (is_syllable(c)) {
     return decompose_syllable(c, out);
   }
-  const decomposition_row* const row = find_decomposition(c);
-  if (row == nullptr) {
+  const std::size_t number = find_decomposition(c);
+  if (number == kNoDecomposition) {
     out[0] = c;
     return 1;
   }
-  const std::size_t length = sequence_length(*row);
+  const std::size_t length = sequence_length(number);
   for (std::size_t i = 0; i < length; ++i) {
-    out[i] = row->units[i];
+    out[i] = sequence_unit(number, i);
   }
   return length;
 }
@@ -530,12 +553,12 @@ std::uint16_t kvfs_unicode_compose_char(const kvfs_be16* src, std::size_t remain
   if (*extra != 0) {
     return composed;
   }
-  const decomposition_row* const row = find_composition(text);
-  if (row == nullptr) {
+  const std::size_t number = find_composition(text);
+  if (number == kNoDecomposition) {
     return composed;
   }
-  *extra = sequence_length(*row) - 1;
-  return row->composed;
+  *extra = sequence_length(number) - 1;
+  return composed_character(number);
 }
 
 // ---- Names ---------------------------------------------------------------------------------------------------------
@@ -652,9 +675,17 @@ int kvfs_unicode_compose(const kvfs_be16* src, std::size_t src_count, std::uint1
 
 namespace {
 
+static_assert(kFoldingRuns[0].first == 0);
+constexpr std::uint32_t kAsciiEnd = 0x80;
+
 std::uint16_t fold_case(std::uint16_t unit) {
-  const std::uint8_t page = kFoldingIndex[unit / kFoldingPageSize];
-  return page == 0 ? unit : kFoldingPages[page - 1][unit % kFoldingPageSize];
+  if (in_range(unit, 1, kAsciiEnd - 1)) {  // what most names are made of
+    return in_range(unit, 'A', 26) ? static_cast<std::uint16_t>(unit + ('a' - 'A')) : unit;
+  }
+  const folding_run* const run = find_run(kFoldingRuns, kFoldingRunCount, &folding_run::first, unit);
+  const std::uint32_t distance = std::uint32_t{unit} - run->first;  // the first run begins at 0
+  const bool folds = (distance & (run->step - 1U)) == 0 && distance < std::uint32_t{run->count} * run->step;
+  return folds ? static_cast<std::uint16_t>(unit + run->added) : unit;
 }
 
 // What is left of a name that is being compared.

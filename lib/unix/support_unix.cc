@@ -16,17 +16,42 @@
 // 1 while the next message begins a line. It is set before any code runs, so that the very first message is prefixed.
 static std::uint32_t g_at_line_start = 1;
 
-void kvfs_log(const char* /*file*/, int line, const char* function, const char* level, const char* format, ...) {
+static void log_message(const char* level, const char* function, int line, const char* format, va_list arguments) {
   if (g_at_line_start != 0) {
     std::fprintf(stderr, "[%s: %s, line %d] ", level, function, line);
   }
-  va_list arguments;
-  va_start(arguments, format);
   std::vfprintf(stderr, format, arguments);
-  va_end(arguments);
   // The format decides, not the text that it gave: callers leave a line open on purpose by leaving the feed out there.
   const std::size_t length = std::strlen(format);
   g_at_line_start = length > 0 && format[length - 1] == '\n' ? 1 : 0;
+}
+
+void kvfs_log(const char* /*file*/, int line, const char* function, const char* level, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  log_message(level, function, line, format, arguments);
+  va_end(arguments);
+}
+
+void kvfs_log_error(const char* function, int line, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  log_message("ERROR", function, line, format, arguments);
+  va_end(arguments);
+}
+
+void kvfs_log_warning(const char* function, int line, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  log_message("WARNING", function, line, format, arguments);
+  va_end(arguments);
+}
+
+void kvfs_log_critical(const char* function, int line, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  log_message("CRITICAL", function, line, format, arguments);
+  va_end(arguments);
 }
 
 // ---- Reader-writer lock --------------------------------------------------------------------------------------------
