@@ -34,6 +34,9 @@ static kvfs_result convert_stored_label(const kvfs_volume* volume, std::uint16_t
 
 // The one place that writes to standard output. A label that was not delivered is a failure.
 static kvfs_result deliver(const char* text, std::size_t length) {
+  // With a buffer of its own the stream asks for no memory, and not whether it is a terminal.
+  static char buffer[BUFSIZ];
+  (void)std::setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
   if (std::printf("%.*s\n", static_cast<int>(length), text) < 0 || std::fflush(stdout) != 0) {
     const int error = errno;
     std::fprintf(stderr, "Error while writing label to standard output: %s (%d)\n", std::strerror(error), error);
