@@ -817,12 +817,13 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 
 // ---- Rename --------------------------------------------------------------------------------------------------------
 
-// An item that is being renamed, with a copy of its record.
+// An item that is being renamed, with a copy of its record, whose place its new thread record takes in the end.
 struct renaming {
   kvfs_catalog* catalog;
   union {
     HFSPlusCatalogFolder folder;
     HFSPlusCatalogFile file;
+    HFSPlusCatalogThread thread;
   } record;
   std::uint16_t record_size;
   bool is_folder;
@@ -901,7 +902,9 @@ static kvfs_result leave_old_folder(renaming* item, const kvfs_catalog_record_lo
   return result;
 }
 
-static kvfs_result insert_renamed_record(const renaming& item) {
+// Keys and thread records take half a KiB each. The two routines that insert records are not inlined, so that no frame
+// holds more than one of them: the stacks of small systems are small.
+[[gnu::noinline]] static kvfs_result insert_renamed_record(const renaming& item) {
   HFSPlusCatalogKey key;
   make_key(&key, item.new_parent, item.name, item.name_length);
   kvfs_catalog_record_locator* inserted = nullptr;
@@ -959,20 +962,21 @@ static kvfs_result enter_new_folder(const renaming& item) {
 }
 
 // Inserts the new thread record where the old one stood or would have stood.
-static kvfs_result insert_thread_record(const renaming& item, const kvfs_catalog_search_result& place) {
+[[gnu::noinline]] static kvfs_result insert_thread_record(renaming* item, const kvfs_catalog_search_result& place) {
   HFSPlusCatalogKey key;
-  make_thread_key(&key, item.cnid);
-  HFSPlusCatalogThread thread = {};
-  thread.recordType.set(item.is_folder ? kHFSPlusFolderThreadRecord : kHFSPlusFileThreadRecord);
-  thread.parentID = item.new_parent;
-  thread.nodeName.length.set(static_cast<std::uint16_t>(item.name_length));
-  if (item.name_length != 0) {
-    std::memcpy(thread.nodeName.unicode, item.name, item.name_length * sizeof(kvfs_be16));
+  make_thread_key(&key, item->cnid);
+  HFSPlusCatalogThread* const thread = &item->record.thread;
+  *thread = {};
+  thread->recordType.set(item->is_folder ? kHFSPlusFolderThreadRecord : kHFSPlusFileThreadRecord);
+  thread->parentID = item->new_parent;
+  thread->nodeName.length.set(static_cast<std::uint16_t>(item->name_length));
+  if (item->name_length != 0) {
+    std::memcpy(thread->nodeName.unicode, item->name, item->name_length * sizeof(kvfs_be16));
   }
   const std::uint16_t size =
-      static_cast<std::uint16_t>(kHFSPlusCatalogThreadNameOffset + item.name_length * sizeof(kvfs_be16));
+      static_cast<std::uint16_t>(kHFSPlusCatalogThreadNameOffset + item->name_length * sizeof(kvfs_be16));
   kvfs_catalog_record_locator* inserted = nullptr;
-  const kvfs_result result = kvfs_catalog_insert_record(item.catalog, &key, &thread, size, &place, &inserted);
+  const kvfs_result result = kvfs_catalog_insert_record(item->catalog, &key, thread, size, &place, &inserted);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kRenameFunction, "Error while inserting thread record for renamed entry.\n");
     return result;
@@ -988,7 +992,7 @@ static kvfs_result insert_thread_record(const renaming& item, const kvfs_catalog
 }
 
 // Replaces the thread record that a search has found, or adds one where there was none.
-static kvfs_result replace_found_thread(const renaming& item, const kvfs_catalog_search_result& thread) {
+static kvfs_result replace_found_thread(renaming* item, const kvfs_catalog_search_result& thread) {
   if (thread.locator == nullptr) {
     KVFS_CRITICAL_AS(
         kRenameFunction,
@@ -999,7 +1003,7 @@ static kvfs_result replace_found_thread(const renaming& item, const kvfs_catalog
     KVFS_WARNING_AS(kRenameFunction,
                     "Missing thread record for original file in rename. Creating new thread record...\n");
   } else {
-    const kvfs_result result = kvfs_btree_delete_record(btree_of(item.catalog), thread.locator->btree_locator, 0);
+    const kvfs_result result = kvfs_btree_delete_record(btree_of(item->catalog), thread.locator->btree_locator, 0);
     if (result != kvfs_ok) {
       KVFS_ERROR_AS(kRenameFunction, "Error while deleting catalog thread record from B-tree.\n");
       return result;
@@ -1008,10 +1012,10 @@ static kvfs_result replace_found_thread(const renaming& item, const kvfs_catalog
   return insert_thread_record(item, thread);
 }
 
-static kvfs_result replace_thread_record(const renaming& item) {
+static kvfs_result replace_thread_record(renaming* item) {
   kvfs_catalog_search_result thread;
   kvfs_catalog_search_result_init(&thread);
-  kvfs_result result = kvfs_catalog_search_by_cnid(item.catalog, item.cnid.get(), false, &thread);
+  kvfs_result result = kvfs_catalog_search_by_cnid(item->catalog, item->cnid.get(), false, &thread);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kRenameFunction, "Error while searching for thread record by CNID.\n");
     return result;
@@ -1049,7 +1053,7 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
   if (result == kvfs_ok) {
     result = enter_new_folder(item);
   }
-  return result == kvfs_ok ? replace_thread_record(item) : result;
+  return result == kvfs_ok ? replace_thread_record(&item) : result;
 }
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
