@@ -487,13 +487,22 @@ kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std
 
 // ---- Pieces of extents ---------------------------------------------------------------------------------------------
 
+static std::uint64_t sum_of_extents(const kvfs_fork_private* priv) {
+  std::uint64_t sum = 0;
+  for (std::uint32_t i = 0; i < priv->fork_extents_count && !is_empty(priv->fork_extents[i]); ++i) {
+    sum += priv->fork_extents[i].blockCount.get();
+  }
+  return sum;
+}
+
 // The extents must hold as many blocks as the fork data says at most, and no fewer than its bytes need.
 static kvfs_result check_extent_sum(const kvfs_fork* fork, std::uint64_t logical_size, std::uint32_t total_blocks) {
   static const char* const kFunction = "kvfs_fork_do_device_io";
-  std::uint64_t sum = 0;
-  for (std::uint32_t i = 0; i < fork->priv->fork_extents_count && !is_empty(fork->priv->fork_extents[i]); ++i) {
-    sum += fork->priv->fork_extents[i].blockCount.get();
+  kvfs_fork_private* const priv = fork->priv;
+  if (priv->fork_extents_blocks == 0) {
+    priv->fork_extents_blocks = sum_of_extents(priv);
   }
+  const std::uint64_t sum = priv->fork_extents_blocks;
   if (sum > total_blocks) {
     KVFS_ERROR_AS(kFunction, "Inconsistent fork data (more blocks than specified found in extent record).\n");
     return kvfs_inconsistent;
@@ -533,15 +542,18 @@ kvfs_result kvfs_fork_do_device_io(kvfs_fork* fork, std::uint64_t io_offset, std
     return result;
   }
   const std::uint64_t io_end = io_offset + io_length;
-  std::uint64_t position = 0;  // where the extent begins in the fork, bytes
-  for (std::uint32_t i = 0; position < io_end; ++i) {
-    if (i == fork->priv->fork_extents_count || is_empty(fork->priv->fork_extents[i])) {
+  kvfs_fork_private* const priv = fork->priv;
+  const bool goes_on = priv->cursor.position <= io_offset;
+  std::uint64_t position = goes_on ? priv->cursor.position : 0;  // where the extent begins in the fork, bytes
+  for (std::uint32_t i = goes_on ? priv->cursor.index : 0; position < io_end; ++i) {
+    if (i == priv->fork_extents_count || is_empty(priv->fork_extents[i])) {
       KVFS_CRITICAL("Unexpected: Reached the end of the allocation before all bytes have been processed.\n");
       return kvfs_inconsistent;
     }
-    const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[i];
+    const HFSPlusExtentDescriptor& extent = priv->fork_extents[i];
     const std::uint64_t extent_end = position + extent_length(fork, extent);
     if (extent_end > io_offset) {
+      priv->cursor = {i, position};
       const std::uint64_t begin = kvfs_max(position, io_offset);
       const std::uint64_t device_offset = std::uint64_t{fork->block_size} * extent.startBlock.get();
       result = process(context, device_offset + (begin - position), begin, kvfs_min(extent_end, io_end) - begin);
@@ -1507,6 +1519,8 @@ static void apply_resize(fork_resize* resize) {
   priv->items = resize->items.release();
   priv->fork_extents = resize->extents.release();
   priv->fork_extents_count = resize->extents_count;
+  priv->fork_extents_blocks = 0;
+  priv->cursor = {};
   priv->items_length = static_cast<std::uint32_t>(resize->items_length);
   priv->items_end = kvfs_min(priv->items_end, priv->items_length);
   priv->logical_size = new_logical_size(*resize);

@@ -30,6 +30,12 @@ struct kvfs_fork_cache_item {
   kvfs_fork_cache_item* next_dropped;  // links the items that shrinking has taken off the fork
 };
 
+// Where the last transfer ended, so that the next one need not walk over all extents again.
+struct kvfs_fork_extent_cursor {
+  std::uint32_t index;     // of an extent
+  std::uint64_t position;  // where it begins in the fork, bytes
+};
+
 struct kvfs_fork_private {
   kvfs_device* device;                    // borrowed
   std::uint32_t cnid;                     // host order
@@ -37,8 +43,10 @@ struct kvfs_fork_private {
   std::uint64_t logical_size;             // bytes
   HFSPlusExtentDescriptor* fork_extents;  // owned; all extents in the fork's order, in on-disk byte order
   std::uint32_t fork_extents_count;
-  kvfs_rwlock* items_lock;       // guards `items` and the creation of items
-  kvfs_fork_cache_item** items;  // owned; null where no item was created yet
+  std::uint64_t fork_extents_blocks;  // the sum of their block counts, 0 until the first transfer forms it
+  kvfs_fork_extent_cursor cursor;     // like the sum used by transfers alone, of which the locks allow one at a time
+  kvfs_rwlock* items_lock;            // guards `items` and the creation of items
+  kvfs_fork_cache_item** items;       // owned; null where no item was created yet
   std::uint32_t items_length;
   std::uint32_t items_end;                    // no slot from here on has an item: a huge array is never walked whole
   std::uint32_t item_size;                    // kForkItemSize

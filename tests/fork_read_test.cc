@@ -322,6 +322,16 @@ TEST(ForkDeviceIo, DescriptorWithAStartAlone_IsPassedOver) {
             (Lines{"device 24576 fork 4096 length 4096", "device 81920 fork 8192 length 4096"}));
 }
 
+TEST(ForkDeviceIo, RangesInAnyOrder_FindTheirExtents) {
+  const OpenFork fork({.logical_size = 16384, .extents = {{5, 1}, {9, 2}, {20, 1}}});
+  EXPECT_EQ(pieces_of(fork, 12288, 4096), Lines{"device 81920 fork 12288 length 4096"});
+  EXPECT_EQ(pieces_of(fork, 4096, 1), Lines{"device 36864 fork 4096 length 1"});
+  EXPECT_EQ(pieces_of(fork, 8192, 8192),
+            (Lines{"device 40960 fork 8192 length 4096", "device 81920 fork 12288 length 4096"}));
+  EXPECT_EQ(pieces_of(fork, 4095, 2), (Lines{"device 24575 fork 4095 length 1", "device 36864 fork 4096 length 1"}));
+  EXPECT_EQ(pieces_of(fork, 12287, 1), Lines{"device 45055 fork 12287 length 1"});
+}
+
 TEST(ForkDeviceIo, PieceThatFails_EndsTheWalkWithItsResult) {
   const OpenFork fork(kThreeExtents);
   LogCapture log;
