@@ -1,0 +1,149 @@
+#include "fuzz_volume.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+
+#include "volume_builder.h"
+
+namespace kvfs_fuzz {
+
+using kvfs_test::kRootFolderId;
+using kvfs_test::Tree;
+using kvfs_test::Volume;
+using kvfs_test::VolumeDescription;
+
+namespace {
+
+constexpr std::uint64_t kLargestChange = 8;
+constexpr unsigned kMostChanges = 7;
+constexpr std::uint32_t kSpareBlocks = 8;  // small volumes are restored faster
+
+void small_nodes(VolumeDescription& d) {
+  d.block_size = d.catalog.node_size = d.extents.node_size = 512;
+  (void)d.add_files(kRootFolderId, 40);
+}
+
+// One description for each shape.
+std::vector<std::function<void(VolumeDescription&)>> shapes() {
+  return {
+      [](VolumeDescription& /*d*/) {},
+      [](VolumeDescription& d) { (void)d.add_files(kRootFolderId, 30); },
+      small_nodes,
+      [](VolumeDescription& d) {
+        small_nodes(d);
+        d.catalog.extent_count = 20;
+      },
+      [](VolumeDescription& d) {
+        small_nodes(d);
+        d.catalog.leaf_fill[0].free_bytes = 0;
+      },
+      [](VolumeDescription& d) {
+        small_nodes(d);
+        d.catalog.total_nodes = 3000;
+      },
+      [](VolumeDescription& d) {
+        (void)d.add_files(kRootFolderId, 100);
+        d.catalog.height = 4;
+        d.catalog.leaf_free_bytes = 300;
+      },
+      [](VolumeDescription& d) {
+        d.hfsx = d.case_sensitive = d.folder_counts = true;
+        (void)d.add_folders(kRootFolderId, 10);
+        const std::uint32_t target = d.add_inode(100);
+        (void)d.add_hard_link(kRootFolderId, u"link", target);
+        (void)d.add_symlink(kRootFolderId, u"symlink", "target");
+        (void)d.add_file(kRootFolderId, u"data", 40000, 5);
+      },
+  };
+}
+
+std::vector<std::unique_ptr<FuzzDevice>> build_devices() {
+  std::vector<std::unique_ptr<FuzzDevice>> devices;
+  for (const auto& shape : shapes()) {
+    VolumeDescription description;
+    description.spare_blocks = kSpareBlocks;
+    description.attributes_file = false;
+    shape(description);
+    devices.push_back(std::make_unique<FuzzDevice>(build_volume(description)));
+  }
+  return devices;
+}
+
+}  // namespace
+
+void require(bool holds, const char* what) {
+  if (!holds) {
+    std::fprintf(stderr, "does not hold: %s\n", what);
+    std::abort();
+  }
+}
+
+FuzzDevice::FuzzDevice(const Volume& volume)
+    : fd_(memfd_create("volume", MFD_CLOEXEC)), original_(volume.read(0, static_cast<std::size_t>(volume.size()))) {
+  restore();
+  require(kvfs_device_create(fd_, 0, 512, 0, &device_) == kvfs_ok, "the device opens");
+  places_.emplace_back(kvfs_test::kHeaderOffset, 512);
+  for (const Tree tree : {Tree::kExtents, Tree::kCatalog}) {
+    const char* const name = tree == Tree::kCatalog ? "catalog.header.nodeSize" : "extents.header.nodeSize";
+    const std::uint64_t node_size = volume.get_field(name);
+    const std::uint64_t nodes = volume.fork(tree).size() / node_size;
+    for (std::uint32_t node = 0; node < nodes && node < 24; ++node) {
+      places_.emplace_back(volume.node_device_offset(tree, node), node_size);
+    }
+  }
+}
+
+FuzzDevice::~FuzzDevice() {
+  kvfs_device_destroy(&device_);
+  close(fd_);
+}
+
+FuzzDevice& FuzzDevice::choose(Input* input) {
+  static const std::vector<std::unique_ptr<FuzzDevice>> devices = build_devices();
+  FuzzDevice& device = *devices[input->below(devices.size())];
+  device.restore();
+  return device;
+}
+
+void FuzzDevice::restore() {
+  require(ftruncate(fd_, 0) == 0, "the device is emptied");
+  require(pwrite(fd_, original_.data(), original_.size(), 0) == static_cast<ssize_t>(original_.size()),
+          "the device is filled");
+}
+
+// A change replaces up to eight bytes. Its place counts from either end of a structure: a node's offset table is at the
+// end.
+void FuzzDevice::damage(Input* input) {
+  const unsigned changes = input->byte() % (kMostChanges + 1);
+  for (unsigned i = 0; i < changes && !input->at_end(); ++i) {
+    const auto& [offset, length] = places_[input->below(places_.size())];
+    const std::uint16_t where = input->unit();
+    const std::uint64_t position = (where & 0x8000) != 0 ? length - 1 - (where & 0x7FFF) % length : where % length;
+    std::vector<std::uint8_t> bytes = input->bytes(1 + input->byte() % kLargestChange);
+    bytes.resize(std::min<std::size_t>(bytes.size(), static_cast<std::size_t>(length - position)));
+    require(pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset + position)) ==
+                static_cast<ssize_t>(bytes.size()),
+            "the device is changed");
+  }
+}
+
+std::vector<std::uint8_t> FuzzDevice::bytes() const {
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(lseek(fd_, 0, SEEK_END)));
+  require(pread(fd_, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()), "the device is read");
+  return bytes;
+}
+
+std::u16string OpenedVolume::label() const {
+  std::u16string label;
+  for (std::uint32_t i = 0; i < *volume_->label_length; ++i) {
+    label.push_back(static_cast<char16_t>(volume_->label[i].get()));
+  }
+  return label;
+}
+
+}  // namespace kvfs_fuzz
