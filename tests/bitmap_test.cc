@@ -712,6 +712,14 @@ TEST(FindRun, OfNoBlocks_IsWhereTheSearchStarts) {
   EXPECT_EQ(find_run(image, 0, kBlocks), "start=1023 count=0 index=0 bytes=0 0");
 }
 
+TEST(FindRun, OnAVolumeWithoutBlocks_GivesNoRun) {
+  OpenVolume volume(volume_with_used({}));
+  volume.header()->totalBlocks.set(0);
+  kvfs_allocation_location location = kUntouched;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 4, 16, &location), kvfs_ok);
+  EXPECT_EQ(describe(location), kNothing);
+}
+
 TEST(FindRun, FullBitmap_GivesNoRunAndNoError) {
   EXPECT_EQ(find_run(volume_with_used({{0, kBlocks}}), 1, 0), kNothing);
   EXPECT_EQ(find_run(volume_with_used({{0, kBlocks}}), 1, 512), kNothing);
@@ -1000,6 +1008,15 @@ TEST(FindWriteLocation, FailedLookupOfAnOverflowRecord_IsPassedOn) {
   EXPECT_EQ(outcome.location, kUntouchedText);
   ASSERT_FALSE(outcome.log.empty());
   EXPECT_EQ(outcome.log.back(), "ERROR FindWriteLocation Error while looking up next extent record.\n");
+}
+
+TEST(FindWriteLocation, OnAVolumeWithoutABlockSize_WantsNoBlocks) {
+  OpenVolume volume(volume_with_used({}));
+  volume.header()->blockSize.set(0);
+  const HFSPlusForkData fork_data = fork_data_of(8 * 4096, {{40, 8}});
+  kvfs_allocation_location location = kUntouched;
+  EXPECT_EQ(FindWriteLocation(4, kHFSDataForkType, &fork_data, volume.get(), 4096, 4096, &location), kvfs_ok);
+  EXPECT_EQ(describe(location), "start=48 count=0 index=0 bytes=0 0");
 }
 
 TEST(FindWriteLocation, FailedSearch_SaysForHowManyBlocks) {

@@ -1,5 +1,5 @@
-// Volumes made to hurt whoever opens them: each has its story. The tool is run on them, to print and to set, with 64 MiB
-// of memory and ten seconds of processor time, and has to come to its end with a clear message.
+// Volumes made to hurt whoever opens them: each has its story. The tool is run on them, to print and to set, with
+// 64 MiB of memory and ten seconds of processor time, and has to come to its end with a clear message.
 
 #include <gtest/gtest.h>
 

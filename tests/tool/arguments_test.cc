@@ -197,6 +197,8 @@ TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
   const std::string missing = "Error while opening HFS+ volume in read mode.\n";
   EXPECT_EQ(run_with_mounts("/no such disk", "/no\\13440such /mnt hfsplus rw 0 0\n"), failed(missing));
   EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134048such /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134084such /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134/40such /mnt hfsplus rw 0 0\n"), failed(missing));
   EXPECT_EQ(run_with_mounts("/no such disk", "/no\\040such /mnt hfsplus rw 0 0\n"), failed(missing));
   EXPECT_EQ(run_with_mounts("/nosuch", "/nosuch\\134 /mnt hfsplus rw 0 0\n"), failed(missing));
   EXPECT_EQ(run_with_mounts("/no", "/no\\134000x /mnt hfsplus rw 0 0\n"), failed(missing));
