@@ -45,6 +45,9 @@ Volume expect_set(const ScratchFile& image, const std::string& label, const Name
   EXPECT_EQ(traced.balance["allocations"], 0);
   EXPECT_EQ(traced.balance["locks"], 0);
   Volume after = image.volume();
+  const ScratchFile copy(before);
+  EXPECT_EQ(run_tool({copy.path(), label}), printed(""));
+  EXPECT_TRUE(copy.volume() == after) << "the tool as it is shipped does something else";
   EXPECT_EQ(faults_of_change(before, after, stored, options), "");
   std::set<std::uint32_t> nodes = changed_nodes(before, after);
   nodes.merge(nodes_of_label(before));
@@ -65,6 +68,7 @@ void expect_refused(const ScratchFile& image, const std::string& label, const st
   EXPECT_EQ(traced.balance["allocations"], 0);
   EXPECT_EQ(traced.balance["locks"], 0);
   EXPECT_EQ(text_of(writes_of(traced)), "");
+  EXPECT_EQ(run_tool({image.path(), label}), failed(messages));
   EXPECT_TRUE(image.volume() == before) << "the image has changed";
 }
 

@@ -367,6 +367,12 @@ std::vector<Shape> extent_shapes() {
          describe_tree(d, 4096, 4096, 6000);
          d.catalog.extent_count = 50;
        }},
+      {"BeyondFourGibibytes",
+       [](VolumeDescription& d) {
+         describe_tree(d, 4096, 4096, 100);
+         d.size = std::uint64_t{6} << 30;
+         d.catalog.first_block = 5 << 18;  // at 5 GiB
+       }},
       {"TrailingSectors",
        [](VolumeDescription& d) {
          describe_tree(d, 4096, 4096, 5);

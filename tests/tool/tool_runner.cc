@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -105,9 +106,29 @@ static std::vector<std::string> environment_with(const std::map<std::string, std
   _exit(127);
 }
 
+static std::vector<std::string> words_of(const std::string& text) {
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), {}};
+}
+
+// The words that start a program. What has a path was built for the target, which may need an emulator here; the rest
+// are programs of this machine.
+static std::vector<std::string> command_of(const std::string& program) {
+  const char* const other_tool = std::getenv("KVFSLABEL_COMMAND");
+  if (other_tool != nullptr && program == KVFSLABEL_PATH) {
+    return words_of(other_tool);
+  }
+  std::vector<std::string> words;
+  if (program.find('/') != std::string::npos) {
+    words = words_of(KVFS_EMULATOR);
+  }
+  words.push_back(program);
+  return words;
+}
+
 RunningTool::RunningTool(const std::string& program, const std::vector<std::string>& arguments,
                          const RunOptions& options) {
-  std::vector<std::string> words = {program};
+  std::vector<std::string> words = command_of(program);
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> variables = environment_with(options.environment);
   const std::vector<char*> argv = pointers_to(words);
