@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "catalog.h"
@@ -55,6 +56,8 @@ class ItemLocator {
   ItemLocator& operator=(const ItemLocator&) = delete;
 
   [[nodiscard]] kvfs_catalog_record_locator* get() const { return locator_; }
+  // Hands the locator over.
+  [[nodiscard]] kvfs_catalog_record_locator* release() { return std::exchange(locator_, nullptr); }
   void close();
 
  private:

@@ -1,0 +1,242 @@
+// The order in which locks are taken, on every path of the library: whoever holds a lock takes none that comes before it.
+//
+//   label, catalog's list, B-tree's list, the overflow file's list, then of the fork: items, dirty, one cache item
+//
+// The allocation file's fork comes behind that of any file that grows or shrinks, which holds its own lock meanwhile.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bitmap.h"
+#include "bitmap_private.h"
+#include "btree.h"
+#include "btree_private.h"
+#include "catalog.h"
+#include "catalog_private.h"
+#include "extents.h"
+#include "fork.h"
+#include "fork_private.h"
+#include "item_fixture.h"
+#include "log_capture.h"
+#include "volume_private.h"
+
+namespace kvfs_test {
+namespace {
+
+// ---- The checker ---------------------------------------------------------------------------------------------------
+
+struct RankedLock {
+  int rank;
+  std::string name;
+};
+
+using Ranks = std::map<const void*, RankedLock>;
+
+bool takes(const LockCall& call) {
+  return (call.call == Call::kRwlockRdlock || call.call == Call::kRwlockWrlock) && call.result == 0;
+}
+
+// What is wrong with a series of calls of one thread; empty when all is well. A lock without a rank is wrong as well.
+std::vector<std::string> violations(const std::vector<LockCall>& calls, const Ranks& ranks) {
+  std::vector<std::string> found;
+  std::vector<const void*> held;
+  for (const LockCall& call : calls) {
+    if (takes(call)) {
+      const auto taken = ranks.find(call.lock);
+      if (taken == ranks.end()) {
+        found.emplace_back("a lock that nobody knows");
+        continue;
+      }
+      for (const void* const other : held) {
+        if (ranks.at(other).rank >= taken->second.rank) {
+          found.push_back(taken->second.name + " behind " + ranks.at(other).name);
+        }
+      }
+      held.push_back(call.lock);
+    } else if (call.call == Call::kRwlockUnlock) {
+      held.erase(std::remove(held.begin(), held.end(), call.lock), held.end());
+    }
+  }
+  return found;
+}
+
+TEST(LockOrderChecker, LocksInTheirOrder_AreRight) {
+  const int a = 0;
+  const int b = 0;
+  const Ranks ranks = {{&a, {1, "a"}}, {&b, {2, "b"}}};
+  EXPECT_EQ(
+      violations({{Call::kRwlockRdlock, &a, 0}, {Call::kRwlockWrlock, &b, 0}, {Call::kRwlockUnlock, &a, 0}}, ranks),
+      std::vector<std::string>());
+  EXPECT_EQ(
+      violations({{Call::kRwlockRdlock, &b, 0}, {Call::kRwlockUnlock, &b, 0}, {Call::kRwlockRdlock, &a, 0}}, ranks),
+      std::vector<std::string>());
+}
+
+TEST(LockOrderChecker, LocksOutOfTheirOrder_AreNamed) {
+  const int a = 0;
+  const int b = 0;
+  const Ranks ranks = {{&a, {1, "a"}}, {&b, {2, "b"}}};
+  EXPECT_EQ(violations({{Call::kRwlockRdlock, &b, 0}, {Call::kRwlockWrlock, &a, 0}}, ranks),
+            std::vector<std::string>{"a behind b"});
+  EXPECT_EQ(violations({{Call::kRwlockRdlock, &a, 0}, {Call::kRwlockRdlock, &a, 0}}, ranks),
+            std::vector<std::string>{"a behind a"});
+  const int c = 0;
+  EXPECT_EQ(violations({{Call::kRwlockRdlock, &c, 0}}, ranks), std::vector<std::string>{"a lock that nobody knows"});
+}
+
+// ---- The locks of a volume -----------------------------------------------------------------------------------------
+
+enum Rank { kLabel, kCatalogList, kTreeList, kOverflowList, kItems, kDirty, kItem, kBehindOtherForks };
+
+void add_fork(const kvfs_fork* fork, const std::string& name, int base, Ranks* ranks) {
+  (*ranks)[fork->priv->items_lock] = {base + kItems, name + " items"};
+  (*ranks)[fork->priv->dirty_lock] = {base + kDirty, name + " dirty"};
+  for (std::uint32_t i = 0; i < fork->priv->items_end; ++i) {
+    if (fork->priv->items[i] != nullptr) {
+      (*ranks)[fork->priv->items[i]->item_lock] = {base + kItem, name + " item"};
+    }
+  }
+  for (const kvfs_fork_cache_item* item = fork->priv->dropped_items; item != nullptr; item = item->next_dropped) {
+    (*ranks)[item->item_lock] = {base + kItem, name + " item"};
+  }
+}
+
+void add_tree(const kvfs_btree* tree, const std::string& name, int rank, Ranks* ranks) {
+  (*ranks)[tree->priv->open_locators_lock] = {rank, name + " list"};
+  add_fork(tree->fork, name, 0, ranks);
+}
+
+Ranks locks_of(const OpenVolume& volume) {
+  Ranks ranks;
+  ranks[volume.get()->priv->lock] = {kLabel, "label"};
+  ranks[volume.catalog()->priv->open_locators_lock] = {kCatalogList, "catalog list"};
+  add_tree(volume.tree(), "catalog tree", kTreeList, &ranks);
+  add_tree(volume.get()->extents->btree, "extents tree", kOverflowList, &ranks);
+  add_fork(volume.get()->bitmap->priv->fork, "allocation file", kBehindOtherForks, &ranks);
+  return ranks;
+}
+
+// ---- The operations ------------------------------------------------------------------------------------------------
+
+struct Operation {
+  const char* name;
+  std::function<void(OpenVolume&)> run;
+  std::uint32_t extents = 10;  // of the catalog; those beyond eight are in the overflow file
+};
+
+void look_up(const OpenVolume& volume, const std::string& path) {
+  kvfs_catalog_utf8_path components = {path.c_str()};
+  kvfs_catalog_search_result result;
+  kvfs_catalog_search_result_init(&result);
+  EXPECT_EQ(
+      kvfs_catalog_search_by_path(volume.catalog(), kvfs_catalog_utf8_path_component, &components, nullptr, &result),
+      kvfs_ok);
+  kvfs_catalog_search_result_release(&result);
+}
+
+void iterate(const OpenVolume& volume) {
+  kvfs_catalog_search_result result;
+  kvfs_catalog_search_result_init(&result);
+  EXPECT_EQ(kvfs_catalog_search_by_cnid(volume.catalog(), kRootFolderId, false, &result), kvfs_ok);
+  while (result.locator != nullptr) {
+    kvfs_catalog_record_locator* next = nullptr;
+    EXPECT_EQ(kvfs_catalog_get_next_record(volume.catalog(), result.locator, &next), kvfs_ok);
+    kvfs_catalog_record_locator_close(&result.locator);
+    result.locator = next;
+  }
+}
+
+void rename(const OpenVolume& volume) {
+  ItemLocator item(volume, kRootFolderId, u"f000050");
+  std::vector<kvfs_be16> name(60, kvfs_be16::of(u'f'));
+  kvfs_catalog_record_locator* locator = item.release();
+  EXPECT_EQ(
+      kvfs_catalog_rename_record(volume.catalog(), &locator, kvfs_be32::of(kRootFolderId), name.data(), name.size()),
+      kvfs_ok);
+}
+
+void delete_file(const OpenVolume& volume) {
+  const ItemLocator item(volume, kRootFolderId, u"data");
+  int can_delete = 0;
+  EXPECT_EQ(kvfs_catalog_can_delete_file(volume.catalog(), item.get(), &can_delete), kvfs_ok);
+  EXPECT_EQ(kvfs_catalog_delete(volume.catalog(), volume.get(), item.get()), kvfs_ok);
+}
+
+void make_symlink(const OpenVolume& volume) {
+  const ItemLocator item(volume, kRootFolderId, u"f000020");
+  const kvfs_be16 target[] = {kvfs_be16::of(u'a'), kvfs_be16::of(u'b')};
+  EXPECT_EQ(kvfs_catalog_mksymlink(item.get(), target, std::size(target), volume.get()), kvfs_ok);
+}
+
+void set_label(const OpenVolume& volume) {
+  const std::vector<kvfs_be16> label(90, kvfs_be16::of(u'L'));
+  EXPECT_EQ(kvfs_volume_set_label(volume.get(), label.data(), label.size()), kvfs_ok);
+}
+
+void use_fork(const OpenVolume& volume) {
+  kvfs_fork* const fork = volume.tree()->fork;
+  void* bytes = nullptr;
+  EXPECT_EQ(kvfs_fork_map(fork, 4096, &bytes, 100, nullptr), kvfs_ok);
+  EXPECT_EQ(kvfs_fork_unmap(fork, 4096, &bytes, 100), kvfs_ok);
+  Bytes buffer(8192);
+  EXPECT_EQ(kvfs_fork_read(fork, 0, buffer.data(), buffer.size(), nullptr), kvfs_ok);
+  EXPECT_EQ(kvfs_fork_write(fork, 0, buffer.data(), buffer.size(), nullptr), kvfs_ok);
+  const std::uint64_t last_node = *fork->logical_size - 4096;  // not in use
+  EXPECT_EQ(kvfs_fork_fill(fork, last_node, 4096, 0, nullptr), kvfs_ok);
+}
+
+void flush(const OpenVolume& volume) {
+  EXPECT_EQ(kvfs_fork_flush(volume.tree()->fork), kvfs_ok);
+  EXPECT_EQ(kvfs_bitmap_flush(volume.get()->bitmap), kvfs_ok);
+  EXPECT_EQ(kvfs_volume_flush(volume.get()), kvfs_ok);
+}
+
+const std::vector<Operation>& operations() {
+  static const std::vector<Operation> all = {
+      {"LookUpPath", [](OpenVolume& volume) { look_up(volume, "/f000010"); }},
+      {"Iterate", iterate},
+      {"Rename", rename},
+      {"Delete", delete_file},
+      {"MakeSymlink", make_symlink},
+      {"SetLabel", set_label},
+      {"ExpandTree", [](OpenVolume& volume) { EXPECT_EQ(kvfs_btree_expand(volume.tree(), volume.get()), kvfs_ok); }, 5},
+      {"ShrinkFork",
+       [](OpenVolume& volume) { EXPECT_EQ(kvfs_fork_shrink(volume.tree()->fork, volume.get(), 1), kvfs_ok); }, 5},
+      {"UseFork", use_fork},
+      {"FlushChanges",
+       [](OpenVolume& volume) {
+         rename(volume);
+         make_symlink(volume);
+         flush(volume);
+       }},
+  };
+  return all;
+}
+
+class LockOrder : public ::testing::TestWithParam<Operation> {};
+
+TEST_P(LockOrder, OfEachOperation_IsKept) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 100);
+  (void)description.add_file(kRootFolderId, u"data", 40000);
+  description.catalog.leaf_fill[0].free_bytes = 0;  // so that a set splits
+  description.catalog.extent_count = GetParam().extents;
+  OpenVolume volume(build_volume(description));
+  LogCapture log;
+  FaultInjector calls;
+  GetParam().run(volume);
+  EXPECT_LOG(log);
+  EXPECT_EQ(violations(calls.lock_calls(), locks_of(volume)), std::vector<std::string>());
+  EXPECT_GT(calls.lock_calls().size(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, LockOrder, ::testing::ValuesIn(operations()),
+                         [](const auto& suite) { return std::string(suite.param.name); });
+
+}  // namespace
+}  // namespace kvfs_test
