@@ -1,4 +1,5 @@
-// The order in which locks are taken, on every path of the library: whoever holds a lock takes none that comes before it.
+// The order in which locks are taken, on every path of the library: whoever holds a lock takes none that comes before
+// it.
 //
 //   label, catalog's list, B-tree's list, the overflow file's list, then of the fork: items, dirty, one cache item
 //
