@@ -13,6 +13,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_bitmap_private;
 struct kvfs_device;
 struct kvfs_extents;
@@ -121,5 +123,7 @@ kvfs_result FindWriteLocation(std::uint32_t cnid, std::uint8_t fork_type, const 
 // failure of the search.
 kvfs_result UpdateForks(kvfs_volume* volume, HFSPlusForkData* fork_data, std::uint64_t offset, std::uint32_t length,
                         kvfs_allocation_location* out_location);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_BITMAP_H

@@ -23,6 +23,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_btree_private;
 struct kvfs_btree_record_locator_private;
 
@@ -184,5 +186,7 @@ kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator
 // Returns kvfs_ok; kvfs_inconsistent when the chain of map nodes is damaged; or the failure of growing the fork, of
 // claiming a node, of the fork or of the lock.
 kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_BTREE_H

@@ -19,6 +19,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_catalog_private;
 struct kvfs_catalog_record_locator_private;
 struct kvfs_volume;
@@ -300,5 +302,7 @@ kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCa
 // file or the B-tree.
 kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const kvfs_be16* target_name,
                                    std::size_t target_length, kvfs_volume* volume);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_CATALOG_H

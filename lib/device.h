@@ -7,6 +7,8 @@
 
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_device_private;
 
 // An opened device. It holds an advisory lock on the whole file for its lifetime, shared for reading and exclusive for
@@ -55,5 +57,7 @@ kvfs_result kvfs_device_read_disk_sectors(kvfs_device* device, std::uint64_t fir
 // Returns kvfs_ok, kvfs_invalid or kvfs_io_error, as reading does.
 kvfs_result kvfs_device_write_disk_sectors(kvfs_device* device, std::uint64_t first_sector, std::uint32_t sector_count,
                                            const void* buffer);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_DEVICE_H

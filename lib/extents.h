@@ -8,6 +8,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_btree;
 struct kvfs_btree_search_result;
 struct kvfs_device;
@@ -76,5 +78,7 @@ kvfs_result kvfs_extents_search(kvfs_extents* extents, std::uint8_t fork_type, s
 // Returns kvfs_ok, kvfs_exists or the failure of the insertion.
 kvfs_result kvfs_extents_insert(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
                                 std::uint32_t start_block, const HFSPlusExtentRecord* record);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_EXTENTS_H

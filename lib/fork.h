@@ -25,6 +25,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_allocation_location;
 struct kvfs_device;
 struct kvfs_extents;
@@ -162,5 +164,7 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
 //
 // Returns kvfs_ok; kvfs_invalid without fork data; kvfs_unsupported_extents beyond the eighth extent.
 kvfs_result UpdateForkExtents(HFSPlusForkData* fork_data, const kvfs_allocation_location* location);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_FORK_H

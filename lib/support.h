@@ -8,6 +8,8 @@
 
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 // ---- Log -----------------------------------------------------------------------------------------------------------
 
 // Writes one message to standard error, where the routine that detects a failure reports it.
@@ -78,5 +80,7 @@ kvfs_result kvfs_rwlock_lock_write(kvfs_rwlock* lock);
 
 // Gives back what either routine above granted. Returns kvfs_ok or kvfs_failed.
 kvfs_result kvfs_rwlock_unlock(kvfs_rwlock* lock);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_SUPPORT_H

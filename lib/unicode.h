@@ -20,6 +20,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 // ---- UTF-8 and UTF-16 ----------------------------------------------------------------------------------------------
 
 // How the units given to kvfs_unicode_unistr_to_utf8 lie in memory.
@@ -155,5 +157,7 @@ int kvfs_unicode_windows_to_hfsplus_capped(const std::uint16_t* src, std::size_t
 
 // Returns the units that the mapping of a foreign name to the stored form produces.
 std::size_t kvfs_unicode_windows_to_hfsplus_string_length(const std::uint16_t* src, std::size_t n);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_UNICODE_H

@@ -16,6 +16,8 @@
 #include "format.h"
 #include "result.h"
 
+#pragma GCC visibility push(default)
+
 struct kvfs_bitmap;
 struct kvfs_btree;
 struct kvfs_catalog;
@@ -82,5 +84,7 @@ void kvfs_volume_add_free_blocks(kvfs_volume* volume, std::uint32_t amount);
 void kvfs_volume_subtract_free_blocks(kvfs_volume* volume, std::uint32_t amount);
 void kvfs_volume_set_next_allocation(kvfs_volume* volume, std::uint32_t block);
 void kvfs_volume_increment_next_catalog_id(kvfs_volume* volume);
+
+#pragma GCC visibility pop
 
 #endif  // KVFS_VOLUME_H

@@ -1,0 +1,45 @@
+# What `cmake --install` puts where. An image builder takes the component `tool` alone.
+#
+#   tool         the tool, its man page, shell completions
+#   library      the shared library
+#   development  headers, static library, pkg-config file, CMake package
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS kvfslabel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tool)
+install(FILES man/kvfslabel.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tool)
+install(
+  FILES completions/kvfslabel.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+  RENAME kvfslabel
+  COMPONENT tool)
+install(FILES completions/_kvfslabel DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT tool)
+install(FILES completions/kvfslabel.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
+
+install(
+  TARGETS kvfs
+  EXPORT kvfs
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  FILE_SET HEADERS
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvfs
+    COMPONENT development)
+if(TARGET kvfs_shared)
+  install(
+    TARGETS kvfs_shared
+    EXPORT kvfs
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+            COMPONENT library
+            NAMELINK_COMPONENT development
+    FILE_SET HEADERS
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvfs
+      COMPONENT development)
+endif()
+
+configure_file(cmake/kvfs.pc.in "${PROJECT_BINARY_DIR}/kvfs.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/kvfs.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/kvfs)
+install(EXPORT kvfs NAMESPACE kvfs:: DESTINATION ${package_folder} FILE kvfs-targets.cmake COMPONENT development)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/kvfs-config-version.cmake" COMPATIBILITY SameMajorVersion)
+install(FILES cmake/kvfs-config.cmake "${PROJECT_BINARY_DIR}/kvfs-config-version.cmake" DESTINATION ${package_folder}
+        COMPONENT development)
