@@ -36,8 +36,8 @@ function(kvfs_set_shipped_options target)
 endfunction()
 
 # The compiler driver names the C++ runtime library on every link. --as-needed stands before it on the command line and
-# drops it, because nothing refers to it. The compiler's own support routines, if any are used, are linked in. The map tells
-# scripts/check-linkage what was.
+# drops it, because nothing refers to it. The compiler's own support routines, if any are used, are linked in. The map
+# tells scripts/check-linkage what was.
 function(kvfs_set_shipped_link_options target)
   target_link_options(${target} PRIVATE LINKER:--gc-sections LINKER:--as-needed -static-libgcc
                       LINKER:-Map=$<TARGET_FILE:${target}>.map)

@@ -31,8 +31,8 @@ endfunction()
 # kvfs_add_tool_test(name SOURCES file...)
 #
 # A test program that runs the built tool. It finds the programs through the macros KVFSLABEL_PATH, KVFSLABEL_FAULTY_PATH
-# (the tool with injected faults) and MAKE_VOLUME_PATH; KVFS_EMULATOR has the words that start programs of the target, if
-# they do not run by themselves.
+# (the tool with injected faults) and MAKE_VOLUME_PATH; KVFS_EMULATOR has the words that start programs of the target,
+# if they do not run by themselves.
 function(kvfs_add_tool_test name)
   kvfs_add_test(${name} LABEL tool ${ARGN})
   string(JOIN " " emulator ${CMAKE_CROSSCOMPILING_EMULATOR})

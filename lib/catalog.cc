@@ -149,6 +149,15 @@ kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSP
   return kvfs_ok;
 }
 
+// Takes a locator that is about to be freed from those that have it for their parent: none may follow a dead link.
+static void forget_parent(kvfs_catalog_private* priv, const kvfs_catalog_record_locator* parent) {
+  for (kvfs_catalog_record_locator* child = priv->open_locators; child != nullptr; child = child->priv->next) {
+    if (child->priv->parent == parent) {
+      child->priv->parent = nullptr;
+    }
+  }
+}
+
 // Closes the locators that are still open, from the head of the list. A head that somebody else references too stays,
 // and ends the clean-up.
 static void close_leaked_locators(kvfs_catalog_private* priv) {
@@ -157,6 +166,9 @@ static void close_leaked_locators(kvfs_catalog_private* priv) {
   while (priv->open_locators != nullptr) {
     kvfs_catalog_record_locator* const head = priv->open_locators;
     kvfs_catalog_record_locator* leaked = head;
+    if (head->priv->reference_count <= 1) {
+      forget_parent(priv, head);
+    }
     (void)kvfs_catalog_record_locator_close_internal(&leaked);  // it has no failures
     ++closed;
     if (priv->open_locators == head) {

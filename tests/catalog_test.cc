@@ -180,6 +180,19 @@ TEST(CatalogDestroy, ParentOlderThanItsChild_IsReleasedByTheChildAndThenClosed) 
   EXPECT_LOG(log, "WARNING kvfs_catalog_destroy Cleaned up 2 leaked catalog record locators on destroy.\n");
 }
 
+// Only the child holds the parent, which is met first.
+TEST(CatalogDestroy, ParentYoungerThanItsChild_IsForgottenByTheChild) {
+  OpenCatalog catalog(small_volume());
+  LogCapture log;
+  FaultInjector faults;
+  kvfs_catalog_record_locator* const child = catalog.open(kAlpha, u"beta");
+  kvfs_catalog_record_locator* folder = catalog.open(kRootFolderId, u"alpha");
+  ASSERT_EQ(kvfs_catalog_record_locator_set_parent_locator(child, folder), kvfs_ok);
+  kvfs_catalog_record_locator_close(&folder);
+  catalog.close();
+  EXPECT_LOG(log, "WARNING kvfs_catalog_destroy Cleaned up 2 leaked catalog record locators on destroy.\n");
+}
+
 TEST(CatalogDestroy, HeadWithTwoReferences_StopsTheCleanUpAtOnce) {
   OpenCatalog catalog(small_volume());
   kvfs_catalog_record_locator* const older = catalog.open(kRootFolderId, u"one");

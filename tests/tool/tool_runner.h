@@ -83,7 +83,7 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
                     const RunOptions& options = {});
 
 // The tool as it is shipped. The environment variable KVFSLABEL_COMMAND names another build of it to be run in its
-// place, words before its path (an emulator) included.
+// place, an emulator before its path included.
 ToolRun run_tool(const std::vector<std::string>& arguments, const RunOptions& options = {});
 
 // The same tool with faults injected ("" for none), as KVFS_FAULT has them, and a record of its calls.
