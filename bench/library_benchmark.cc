@@ -133,64 +133,48 @@ void set_tree_counters(benchmark::State& state, const OpenVolume& volume) {
 
 // ---- Reading a catalog ---------------------------------------------------------------------------------------------
 
-void lookup_by_key(benchmark::State& state) {
+// Looks files up in random order; `search` searches for one of them.
+template <typename Search>
+void look_up(benchmark::State& state, const Search& search) {
   const Catalog& catalog = catalog_of(state.range(0));
   const OpenVolume volume(*catalog.image);
   walk(volume);
   RandomFiles files(catalog);
   for (auto iteration : state) {
     (void)iteration;
-    const HFSPlusCatalogKey key = catalog.key_of(files.next());
     kvfs_catalog_search_result result;
     kvfs_catalog_search_result_init(&result);
-    expect_ok(kvfs_catalog_search_node(volume.catalog(), &key, &result), "search");
+    expect_ok(search(volume.catalog(), catalog, files.next(), &result), "search");
     if (result.found == 0) {
       state.SkipWithError("not found");
     }
     kvfs_catalog_search_result_release(&result);
   }
   set_tree_counters(state, volume);
+}
+
+void lookup_by_key(benchmark::State& state) {
+  look_up(state,
+          [](kvfs_catalog* open, const Catalog& catalog, std::uint32_t file, kvfs_catalog_search_result* result) {
+            const HFSPlusCatalogKey key = catalog.key_of(file);
+            return kvfs_catalog_search_node(open, &key, result);
+          });
 }
 
 void lookup_by_cnid(benchmark::State& state) {
-  const Catalog& catalog = catalog_of(state.range(0));
-  const OpenVolume volume(*catalog.image);
-  walk(volume);
-  RandomFiles files(catalog);
-  for (auto iteration : state) {
-    (void)iteration;
-    kvfs_catalog_search_result result;
-    kvfs_catalog_search_result_init(&result);
-    expect_ok(kvfs_catalog_search_by_cnid(volume.catalog(), catalog.first_file + files.next(), true, &result),
-              "search");
-    if (result.found == 0) {
-      state.SkipWithError("not found");
-    }
-    kvfs_catalog_search_result_release(&result);
-  }
-  set_tree_counters(state, volume);
+  look_up(state,
+          [](kvfs_catalog* open, const Catalog& catalog, std::uint32_t file, kvfs_catalog_search_result* result) {
+            return kvfs_catalog_search_by_cnid(open, catalog.first_file + file, true, result);
+          });
 }
 
 void lookup_by_path(benchmark::State& state) {
-  const Catalog& catalog = catalog_of(state.range(0));
-  const OpenVolume volume(*catalog.image);
-  walk(volume);
-  RandomFiles files(catalog);
-  for (auto iteration : state) {
-    (void)iteration;
-    const std::string path = catalog.path_of(files.next());
-    kvfs_catalog_utf8_path components = {path.c_str()};
-    kvfs_catalog_search_result result;
-    kvfs_catalog_search_result_init(&result);
-    expect_ok(
-        kvfs_catalog_search_by_path(volume.catalog(), kvfs_catalog_utf8_path_component, &components, nullptr, &result),
-        "search");
-    if (result.found == 0) {
-      state.SkipWithError("not found");
-    }
-    kvfs_catalog_search_result_release(&result);
-  }
-  set_tree_counters(state, volume);
+  look_up(state,
+          [](kvfs_catalog* open, const Catalog& catalog, std::uint32_t file, kvfs_catalog_search_result* result) {
+            const std::string path = catalog.path_of(file);
+            kvfs_catalog_utf8_path components = {path.c_str()};
+            return kvfs_catalog_search_by_path(open, kvfs_catalog_utf8_path_component, &components, nullptr, result);
+          });
 }
 
 void iterate(benchmark::State& state) {
