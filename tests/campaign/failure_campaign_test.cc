@@ -157,7 +157,7 @@ std::vector<Operation> opening_operations() {
   };
 }
 
-std::vector<Operation> reading_operations() {
+std::vector<Operation> searching_operations() {
   return {
       {"kvfs_catalog_search_by_cnid",
        [](OpenVolume& v) {
@@ -202,6 +202,11 @@ std::vector<Operation> reading_operations() {
          HFSPlusExtentRecord record = {};
          return kvfs_extents_get_next_extent_record(v.get()->extents, 0, 4, blocks, &found, &record);
        }},
+  };
+}
+
+std::vector<Operation> reading_operations() {
+  return {
       {"kvfs_fork_map and kvfs_fork_unmap",
        [](OpenVolume& v) {
          void* bytes = nullptr;
@@ -300,7 +305,7 @@ std::vector<Operation> changing_operations() {
 
 std::vector<Operation> operations() {
   std::vector<Operation> all;
-  for (const auto& some : {opening_operations(), reading_operations(), changing_operations()}) {
+  for (const auto& some : {opening_operations(), searching_operations(), reading_operations(), changing_operations()}) {
     all.insert(all.end(), some.begin(), some.end());
   }
   return all;
