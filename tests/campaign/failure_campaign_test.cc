@@ -35,8 +35,8 @@ SetFault each_transfer(Call call, Fault fault) {
   return [call, fault](FaultInjector& faults, unsigned long n) { faults.fail(call, n, fault); };
 }
 
-// Opening a fork gives 2 for whatever fails, and so do the trees and volumes that are opened with it. A lock that cannot
-// be destroyed is leaked on purpose; the units' tests look at that.
+// Opening a fork gives 2 for whatever fails, and so do the trees and volumes that are opened with it. A lock that
+// cannot be destroyed is leaked on purpose; the units' tests look at that.
 std::vector<Kind> kinds() {
   return {
       {"memory", each_allocation(), {kvfs_no_memory}},
