@@ -32,15 +32,12 @@ constexpr bool kLimitMemory = true;
 constexpr bool kLimitMemory = true;
 #endif
 
-// 64 MiB, and 16 for the program, its libraries and its stack; in KiB.
-constexpr const char* kMemory = "81920";
-constexpr const char* kSeconds = "10";
+// 64 MiB, and 16 for the program, its libraries and its stack.
+constexpr std::uint64_t kMemory = std::uint64_t{80} << 20;
+constexpr unsigned kSeconds = 10;
 
-ToolRun run_limited(std::vector<std::string> arguments) {
-  const std::string memory = kLimitMemory ? std::string("ulimit -v ") + kMemory + "; " : "";
-  arguments.insert(arguments.begin(),
-                   {"-c", memory + "ulimit -t " + kSeconds + "; exec \"$0\" \"$@\"", KVFSLABEL_PATH});
-  return run_program("/bin/sh", arguments);
+ToolRun run_limited(const std::vector<std::string>& arguments) {
+  return run_tool(arguments, {.memory = kLimitMemory ? kMemory : 0, .seconds = kSeconds});
 }
 
 // ---- Stories -------------------------------------------------------------------------------------------------------

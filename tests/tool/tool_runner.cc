@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -126,6 +127,14 @@ static std::vector<std::string> command_of(const std::string& program) {
   return words;
 }
 
+// Limits what this process, about to become another program, may use.
+static void limit(__rlimit_resource resource, std::uint64_t value) {
+  const rlimit limits = {static_cast<rlim_t>(value), static_cast<rlim_t>(value)};
+  if (value != 0 && setrlimit(resource, &limits) != 0) {
+    _exit(126);
+  }
+}
+
 RunningTool::RunningTool(const std::string& program, const std::vector<std::string>& arguments,
                          const RunOptions& options) {
   std::vector<std::string> words = command_of(program);
@@ -139,6 +148,8 @@ RunningTool::RunningTool(const std::string& program, const std::vector<std::stri
     throw std::system_error(errno, std::generic_category(), "fork");
   }
   if (pid_ == 0) {
+    limit(RLIMIT_AS, words.size() == arguments.size() + 1 ? options.memory : 0);
+    limit(RLIMIT_CPU, options.seconds);
     become(argv.data(), envp.data(), out.c_str(), err_.path().c_str(), options.closed);
   }
 }

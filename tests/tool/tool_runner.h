@@ -57,6 +57,8 @@ struct RunOptions {
   std::map<std::string, std::string> environment = {};  // besides what the test has
   std::string out_path = {};                            // where standard output goes instead of into ToolRun::out
   std::vector<int> closed = {};                         // descriptors that are closed before the program begins
+  std::uint64_t memory = 0;  // bytes of address space, 0: any; an emulator gets as much as it likes
+  unsigned seconds = 0;      // of processor time, 0: any
 };
 
 // A program on its way. It is waited for by finish(), at the latest by the destructor.
