@@ -659,7 +659,9 @@ static kvfs_result write_record_data(kvfs_btree_record_locator* locator, const v
     KVFS_ERROR_AS(kFunction, "Error while writing out record data.\n");
     return result;
   }
-  std::memcpy(priv->record + priv->record_data_offset, data, data_size);
+  if (data_size != 0) {
+    std::memcpy(priv->record + priv->record_data_offset, data, data_size);
+  }
   return kvfs_ok;
 }
 

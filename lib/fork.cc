@@ -826,7 +826,9 @@ static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset
     KVFS_ERROR_AS(kFunction, "Error while write-locking cur_item's item lock.\n");
     return guard.result();
   }
-  std::memcpy(buffer, item->data + offset_in_item, length);
+  if (length != 0) {  // a caller of nothing may have no buffer
+    std::memcpy(buffer, item->data + offset_in_item, length);
+  }
   if (item->references == 0) {
     KVFS_CRITICAL_AS(
         kFunction, "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
@@ -950,7 +952,9 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
                          const unsigned char* bytes, std::size_t length) {
   const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
   const bool was_clean = item->dirty_blocks == 0;
-  std::memcpy(item->data + offset_in_item, bytes, length);
+  if (length != 0) {  // a caller with nothing to write may have no bytes
+    std::memcpy(item->data + offset_in_item, bytes, length);
+  }
   const std::uint64_t end = kvfs_divide_rounding_up(offset_in_item + length, unit);
   for (std::uint64_t block = offset_in_item / unit; block < end; ++block) {
     unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];

@@ -599,6 +599,12 @@ TEST_F(BtreeWriteData, AnotherSize_IsInvalidAndChangesNothing) {
   }
 }
 
+TEST_F(BtreeLocator, WriteOfNothingFromNowhere_IsAllowedForARecordWithoutData) {
+  kvfs_btree_record_locator* locator = opened(1, 0, record_of(4, 0));
+  EXPECT_EQ(kvfs_btree_record_locator_write_data(locator, nullptr, 0), kvfs_ok);
+  release(locator);
+}
+
 TEST_F(BtreeWriteData, DeletedRecord_IsRefusedBeforeTheSizeIsLookedAt) {
   locator_->priv->deleted = 1;
   for (const std::size_t size : {old_.size(), old_.size() - 2}) {

@@ -1194,6 +1194,15 @@ TEST(ForkRead, WholeForkWithAPartialLastBlock_EndsWithTheFork) {
   EXPECT_EQ(bytes, fork.fork_bytes(0, bytes.size()));
 }
 
+TEST(ForkRead, NothingToNowhere_IsAllowedWithinAMappedBlock) {
+  OpenFork fork(kSmall);
+  void* pointer = nullptr;
+  ASSERT_EQ(kvfs_fork_map(fork.get(), 0, &pointer, 4096, nullptr), kvfs_ok);
+  std::size_t bytes_read = 99;
+  ASSERT_EQ(kvfs_fork_read(fork.get(), 10, nullptr, 0, &bytes_read), kvfs_ok);
+  EXPECT_EQ(bytes_read, 0u);
+}
+
 TEST(ForkRead, DeviceThatFails_ReportsNothingRead) {
   OpenFork fork(kSmall);
   LogCapture log;

@@ -172,6 +172,15 @@ TEST(ForkWrite, NothingAtABlocksBeginning_ChangesNothing) {
   EXPECT_EQ(fork.dirty_items(), 0u);
 }
 
+TEST(ForkWrite, NothingFromNowhere_IsAllowed) {
+  OpenFork fork(kSmall);
+  for (const std::uint64_t offset : {std::uint64_t{4096}, std::uint64_t{4100}}) {
+    std::size_t written = 99;
+    ASSERT_EQ(kvfs_fork_write(fork.get(), offset, nullptr, 0, &written), kvfs_ok);
+    EXPECT_EQ(written, 0u);
+  }
+}
+
 TEST(ForkWrite, LastPartialBlock_IsReadUpToTheForksEnd) {
   OpenFork fork({.logical_size = 4096 + 1024, .extents = {{2, 2}}});
   FaultInjector faults;
