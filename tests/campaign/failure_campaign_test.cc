@@ -1,15 +1,12 @@
 // Every failure of every operation, one at a time: the first call of a kind fails, then the second, until the operation
 // has no more. No failure is silent, nothing is left behind, and nothing is written but by a flush.
 //
-// The figures are printed; with KVFS_CAMPAIGN_REPORT=FILE they are appended to a file as rows of a table. What each
-// failure says in detail is in the tests of the units.
+// What each failure says in detail is in the tests of the units.
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <set>
 #include <string>
@@ -18,6 +15,7 @@
 #include "allocation_fixture.h"
 #include "extents.h"
 #include "log_capture.h"
+#include "report.h"
 #include "unicode.h"
 
 namespace kvfs_test {
@@ -340,22 +338,12 @@ void expect_success(const Operation& operation, const FaultScenario& scenario) {
   EXPECT_LOG(log);
 }
 
-void report(const std::string& row) {
-  std::puts(row.c_str());
-  if (const char* const path = std::getenv("KVFS_CAMPAIGN_REPORT")) {
-    std::FILE* const file = std::fopen(path, "a");
-    ASSERT_NE(file, nullptr);
-    std::fprintf(file, "%s\n", row.c_str());
-    std::fclose(file);
-  }
-}
-
 class FailureCampaign : public ::testing::TestWithParam<Operation> {};
 
 TEST_P(FailureCampaign, EachFailure_IsReportedAndLeavesNothingBehind) {
   const FaultScenario scenario = scenario_of(GetParam());
   expect_success(GetParam(), scenario);
-  std::string row = std::string("| ") + GetParam().name + " |";
+  std::vector<std::size_t> counts;
   for (const Kind& kind : kinds()) {
     SCOPED_TRACE(kind.name);
     const std::vector<FailedOperation> outcomes = fail_each(kind.set, scenario);
@@ -363,9 +351,9 @@ TEST_P(FailureCampaign, EachFailure_IsReportedAndLeavesNothingBehind) {
       EXPECT_EQ(outcome.log.empty(), kind.name == GetParam().silent_about) << "result " << outcome.result;
       EXPECT_TRUE(outcome.result == kvfs_ok || kind.results.contains(outcome.result)) << outcome.result;
     }
-    row += " " + std::to_string(outcomes.size()) + " |";
+    counts.push_back(outcomes.size());
   }
-  report(row);
+  report_failures(std::string("`") + GetParam().name + "`", counts);
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FailureCampaign, ::testing::ValuesIn(operations()), [](const auto& suite) {

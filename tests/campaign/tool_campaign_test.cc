@@ -1,0 +1,156 @@
+// Every failure that a run of the tool can meet, one at a time: the first call of a kind fails, then the second, until
+// the run has no more. A run that fails says so, prints nothing and leaves the image alone unless it had begun to write;
+// one that succeeds has done all of its work. Nothing is left behind.
+//
+// What each failure says in detail is in print_test and set_faults_test.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "report.h"
+#include "tool_runner.h"
+#include "volume_builder.h"
+
+namespace kvfs_test {
+namespace {
+
+// ---- Kinds of failure ----------------------------------------------------------------------------------------------
+
+struct Kind {
+  std::string call;
+  std::string what = "";          // the usual failure of the call
+  bool can_succeed = false;       // some of these failures are got over,
+  bool can_be_silent = false;     // and some of those are of no interest to a user
+  bool leaves_something = false;  // what cannot be destroyed is left over
+};
+
+const std::vector<Kind>& kinds() {
+  static const std::vector<Kind> all = {
+      {.call = "allocation"},
+      {.call = "pthread_rwlock_init"},
+      {.call = "pthread_rwlockattr_init"},
+      {.call = "pthread_rwlockattr_setpshared"},
+      {.call = "pthread_rwlockattr_destroy", .can_succeed = true, .can_be_silent = true},
+      {.call = "pthread_rwlock_rdlock"},
+      {.call = "pthread_rwlock_wrlock", .can_succeed = true},  // a locator stays until its tree goes
+      {.call = "pthread_rwlock_unlock", .can_succeed = true},
+      {.call = "pthread_rwlock_destroy", .can_succeed = true, .leaves_something = true},
+      {.call = "fopen64"},
+      {.call = "open64"},
+      {.call = "flock", .can_succeed = true, .can_be_silent = true},  // the second one unlocks before the closing
+      {.call = "pread64", .what = "errno=5"},
+      {.call = "pread64", .what = "short=1"},
+      {.call = "pread64", .what = "return=0"},
+      {.call = "pwrite64", .what = "errno=5"},
+      {.call = "pwrite64", .what = "errno=28"},
+      {.call = "pwrite64", .what = "short=1"},
+      {.call = "pwrite64", .what = "return=0"},
+  };
+  return all;
+}
+
+// ---- Operations ----------------------------------------------------------------------------------------------------
+
+struct Operation {
+  const char* name;
+  std::vector<std::string> options;
+  std::string label;        // to be set; "" prints the label
+  bool first_leaf_is_full;  // so that a set splits it
+  std::uint32_t extents;    // of the catalog; those beyond eight are in the overflow file
+};
+
+std::vector<Operation> operations() {
+  return {
+      {"print", {}, "", false, 1},
+      {"print, raw", {"--output-mode=raw"}, "", false, 1},
+      {"print, twelve extents", {}, "", false, 12},
+      {"set", {}, "Backup", false, 1},
+      {"set, split, twelve extents", {}, std::string(100, 'L'), true, 12},
+  };
+}
+
+Volume volume_for(const Operation& operation) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 60);
+  description.catalog.extent_count = operation.extents;
+  if (operation.first_leaf_is_full) {
+    description.catalog.leaf_fill[0].free_bytes = 0;
+  }
+  return build_volume(description);
+}
+
+class ToolCampaign : public ::testing::TestWithParam<Operation> {
+ protected:
+  ToolCampaign() : before_(volume_for(GetParam())), image_(before_), arguments_(GetParam().options) {
+    arguments_.push_back(image_.path());
+    if (!GetParam().label.empty()) {
+      arguments_.push_back(GetParam().label);
+    }
+    options_.environment["ASAN_OPTIONS"] = "detect_leaks=0";  // what is left over is counted here, in every run
+    complete_run_ = run_tool(arguments_);
+    EXPECT_EQ(complete_run_.status, 0);
+    EXPECT_EQ(complete_run_.err, "");
+    complete_ = image_.volume();
+  }
+
+  void expect_sound(const TracedRun& traced, const Kind& kind) {
+    const ToolRun& run = traced.run;
+    const Volume after = image_.volume();
+    EXPECT_TRUE(run.err != "" || (kind.can_be_silent && run.status == 0));
+    if (run.status == 0) {
+      EXPECT_TRUE(kind.can_succeed);
+      EXPECT_EQ(run.out, complete_run_.out);
+      EXPECT_TRUE(after == complete_);
+    } else {
+      EXPECT_EQ(run.status, 1);
+      EXPECT_EQ(run.out, "");
+      EXPECT_TRUE(after == before_ || !traced.calls_of("pwrite64 ").empty());
+    }
+    if (!kind.leaves_something) {
+      EXPECT_EQ(traced.balance.at("allocations"), 0);
+    }
+    EXPECT_EQ(traced.balance.at("locks"), kind.leaves_something ? 1 : 0);
+  }
+
+  // Tries the first call, the second one and so on, and returns how many there are.
+  std::size_t fail_each(const Kind& kind) {
+    for (std::size_t n = 1;; ++n) {
+      const std::string fault = kind.call + ":" + std::to_string(n) + (kind.what.empty() ? "" : ":" + kind.what);
+      SCOPED_TRACE(fault);
+      before_.write_to(image_.path());
+      const TracedRun traced = run_traced(arguments_, fault, options_);
+      if (traced.balance.empty() || traced.balance.at("delivered") == 0) {
+        EXPECT_EQ(traced.run, complete_run_);
+        return n - 1;
+      }
+      expect_sound(traced, kind);
+    }
+  }
+
+  const Volume before_;
+  Volume complete_;
+  ToolRun complete_run_;
+  ScratchFile image_;
+  std::vector<std::string> arguments_;
+  RunOptions options_;
+};
+
+TEST_P(ToolCampaign, EachFailure_IsSaidAndLeavesNothingBehind) {
+  std::vector<std::size_t> counts;
+  for (const Kind& kind : kinds()) {
+    counts.push_back(fail_each(kind));
+  }
+  report_failures(std::string("`") + GetParam().name + "`", counts);
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, ToolCampaign, ::testing::ValuesIn(operations()), [](const auto& suite) {
+  std::string name = suite.param.name;
+  std::erase_if(name, [](char c) { return c == ' ' || c == ','; });
+  return name;
+});
+
+}  // namespace
+}  // namespace kvfs_test
