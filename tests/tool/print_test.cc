@@ -1,15 +1,10 @@
 // Printing the label with the built tool: what it writes, what it reads and what it holds.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -253,47 +248,11 @@ TEST(PrintDevice, FragmentedCatalog_CostsTheReadsOfItsOverflowRecords) {
 
 // ---- Other processes -----------------------------------------------------------------------------------------------
 
-// A lock on a file by another process, as flock sees it.
-class HeldLock {
- public:
-  HeldLock(const std::string& path, int operation) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    EXPECT_EQ(flock(fd_, operation), 0);
-  }
-  ~HeldLock() { release(); }
-  HeldLock(const HeldLock&) = delete;
-  HeldLock& operator=(const HeldLock&) = delete;
-  void release() {
-    if (fd_ >= 0) {
-      close(fd_);
-      fd_ = -1;
-    }
-  }
-
- private:
-  int fd_;
-};
-
-// Whether the kernel has the process on its list of those that wait for a lock.
-bool waits_for_lock(pid_t pid) {
-  std::ifstream locks("/proc/locks");
-  std::string line;
-  while (std::getline(locks, line)) {
-    if (line.find("->") != std::string::npos && line.find(" " + std::to_string(pid) + " ") != std::string::npos) {
-      return true;
-    }
-  }
-  return false;
-}
-
 TEST(PrintLock, ExclusiveLockOfAnother_IsWaitedFor) {
   const ScratchFile image(volume_named(u"Untitled"));
   HeldLock lock(image.path(), LOCK_EX);
   RunningTool running(KVFSLABEL_PATH, {image.path()});
-  // A tool that would not wait ends here by itself; how long one that waits takes to get there does not matter.
-  for (int i = 0; i < 500 && !running.has_ended() && !waits_for_lock(running.pid()); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_FALSE(running.has_ended());
+  EXPECT_TRUE(comes_to_wait(running));
   lock.release();
   EXPECT_EQ(running.finish(), printed("Untitled\n"));
 }

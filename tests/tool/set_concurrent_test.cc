@@ -1,12 +1,9 @@
 // Setting the label while other processes use the device.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,49 +24,11 @@ Volume some_volume() {
   return build_volume(description);
 }
 
-// The lock of another user of the file: one that this process takes.
-class HeldLock {
- public:
-  HeldLock(const ScratchFile& file, int operation) : fd_(open(file.path().c_str(), O_RDONLY | O_CLOEXEC)) {
-    EXPECT_EQ(flock(fd_, operation), 0);
-  }
-  ~HeldLock() { release(); }
-  HeldLock(const HeldLock&) = delete;
-  HeldLock& operator=(const HeldLock&) = delete;
-
-  void release() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-// Returns once the process waits for a lock on a file, as the system's table of locks shows, or false when it ends
-// instead.
-bool comes_to_wait(RunningTool& tool) {
-  while (!tool.has_ended()) {
-    std::ifstream locks("/proc/locks");
-    std::string line;
-    while (std::getline(locks, line)) {
-      const bool waits = line.find("->") != std::string::npos;
-      if (waits && line.find(" " + std::to_string(tool.pid()) + " ") != std::string::npos) {
-        return true;
-      }
-    }
-    usleep(1000);
-  }
-  return false;
-}
-
 TEST(ToolSetConcurrent, FileLockedByAnotherProcess_IsWaitedFor) {
   for (const int operation : {LOCK_EX, LOCK_SH}) {
     const Volume before = some_volume();
     const ScratchFile image(before);
-    HeldLock lock(image, operation);
+    HeldLock lock(image.path(), operation);
     RunningTool tool(KVFSLABEL_PATH, {image.path(), "new"});
     EXPECT_TRUE(comes_to_wait(tool));
     EXPECT_TRUE(image.volume() == before);
@@ -82,7 +41,7 @@ TEST(ToolSetConcurrent, FileLockedByAnotherProcess_IsWaitedFor) {
 TEST(ToolSetConcurrent, VolumeChangedWhileWaiting_IsReadAfterTheWait) {
   const Volume before = some_volume();
   const ScratchFile image(before);
-  HeldLock lock(image, LOCK_EX);
+  HeldLock lock(image.path(), LOCK_EX);
   RunningTool tool(KVFSLABEL_PATH, {image.path(), "new"});
   EXPECT_TRUE(comes_to_wait(tool));
   VolumeDescription description;
@@ -96,13 +55,13 @@ TEST(ToolSetConcurrent, VolumeChangedWhileWaiting_IsReadAfterTheWait) {
 
 TEST(ToolSetConcurrent, PrintingUnderASharedLock_DoesNotWait) {
   const ScratchFile image(some_volume());
-  const HeldLock lock(image, LOCK_SH);
+  const HeldLock lock(image.path(), LOCK_SH);
   EXPECT_EQ(run_tool({image.path()}), printed("Untitled\n"));
 }
 
 TEST(ToolSetConcurrent, PrintingUnderAnExclusiveLock_Waits) {
   const ScratchFile image(some_volume());
-  HeldLock lock(image, LOCK_EX);
+  HeldLock lock(image.path(), LOCK_EX);
   RunningTool tool(KVFSLABEL_PATH, {image.path()});
   EXPECT_TRUE(comes_to_wait(tool));
   lock.release();
@@ -114,7 +73,7 @@ TEST(ToolSetConcurrent, TwoSetsAtOnce_LeaveOneOfTheLabelsAndASoundVolume) {
   const std::string labels[] = {"one", std::string(100, 'L')};
   for (int round = 0; round < 20; ++round) {
     const ScratchFile image(before);
-    HeldLock lock(image, LOCK_EX);
+    HeldLock lock(image.path(), LOCK_EX);
     RunningTool one(KVFSLABEL_PATH, {image.path(), labels[round % 2]});
     RunningTool other(KVFSLABEL_PATH, {image.path(), labels[1 - round % 2]});
     EXPECT_TRUE(comes_to_wait(one));

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -177,9 +178,43 @@ ToolRun RunningTool::finish() {
   return run;
 }
 
+HeldLock::HeldLock(const std::string& path, int operation) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+  EXPECT_EQ(flock(fd_, operation), 0);
+}
+
+void HeldLock::release() {
+  if (fd_ >= 0) {
+    close(fd_);
+    fd_ = -1;
+  }
+}
+
+bool comes_to_wait(RunningTool& tool) {
+  while (!tool.has_ended()) {
+    std::ifstream locks("/proc/locks");
+    std::string line;
+    while (std::getline(locks, line)) {
+      const bool waits = line.find("->") != std::string::npos;
+      if (waits && line.find(" " + std::to_string(tool.pid()) + " ") != std::string::npos) {
+        return true;
+      }
+    }
+    usleep(1000);
+  }
+  return false;
+}
+
 ToolRun run_program(const std::string& program, const std::vector<std::string>& arguments, const RunOptions& options) {
   RunningTool running(program, arguments, options);
   return running.finish();
+}
+
+std::string tool_command() {
+  std::string command;
+  for (const std::string& word : command_of(KVFSLABEL_PATH)) {
+    command += (command.empty() ? "" : " ") + word;
+  }
+  return command;
 }
 
 ToolRun run_tool(const std::vector<std::string>& arguments, const RunOptions& options) {

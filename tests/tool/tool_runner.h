@@ -87,6 +87,8 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
 // The tool as it is shipped. The environment variable KVFSLABEL_COMMAND names another build of it to be run in its
 // place, an emulator before its path included.
 ToolRun run_tool(const std::vector<std::string>& arguments, const RunOptions& options = {});
+// What starts it, for a shell that splits the text into words.
+std::string tool_command();
 
 // The same tool with faults injected ("" for none), as KVFS_FAULT has them, and a record of its calls.
 struct TracedRun {
@@ -100,6 +102,24 @@ struct TracedRun {
 
 TracedRun run_traced(const std::vector<std::string>& arguments, const std::string& faults = "",
                      RunOptions options = {});
+
+// The lock of another user of a file: one that this process takes.
+class HeldLock {
+ public:
+  HeldLock(const std::string& path, int operation);
+  ~HeldLock() { release(); }
+  HeldLock(const HeldLock&) = delete;
+  HeldLock& operator=(const HeldLock&) = delete;
+
+  void release();
+
+ private:
+  int fd_;
+};
+
+// Returns once the process waits for a lock on a file, as the kernel's table of locks shows, or false when it ends
+// instead.
+bool comes_to_wait(RunningTool& tool);
 
 // Whether a program is there to be run.
 bool has_program(const std::string& name);
