@@ -1,5 +1,5 @@
-// Devices that shrink, disappear, refuse to be written or have no room, with the built tool: the label is not delivered,
-// the exit status says so, and a message says why.
+// Devices that shrink, disappear, refuse to be written or have no room, with the built tool: the label is not
+// delivered, the exit status says so, and a message says why.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
