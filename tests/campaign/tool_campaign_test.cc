@@ -1,5 +1,5 @@
 // Every failure that a run of the tool can meet, one at a time: the first call of a kind fails, then the second, until
-// the run has no more. A run that fails says so, prints nothing and leaves the image alone unless it had begun to write;
+// the run has no more. A run that fails says so, prints nothing and leaves the image alone unless it began to write;
 // one that succeeds has done all of its work. Nothing is left behind.
 //
 // What each failure says in detail is in print_test and set_faults_test.
