@@ -15,13 +15,17 @@
 
 // ---- Field types ---------------------------------------------------------------------------------------------------
 
-// Reverses the bytes of an unsigned integer; std::byteswap comes only with a later standard.
+// Reverses the two bytes of an integer; std::byteswap comes only with a later standard.
 inline std::uint16_t kvfs_reverse_bytes(std::uint16_t value) {
   return __builtin_bswap16(value);
 }
+
+// Reverses the four bytes of an integer.
 inline std::uint32_t kvfs_reverse_bytes(std::uint32_t value) {
   return __builtin_bswap32(value);
 }
+
+// Reverses the eight bytes of an integer.
 inline std::uint64_t kvfs_reverse_bytes(std::uint64_t value) {
   return __builtin_bswap64(value);
 }
@@ -71,6 +75,8 @@ const Structure* kvfs_view_as(const void* bytes) {
   static_assert(alignof(Structure) == 1 && std::is_trivially_copyable_v<Structure>);
   return static_cast<const Structure*>(bytes);
 }
+
+// Reads and changes a buffer as an on-disk structure, on the same terms.
 template <typename Structure>
 Structure* kvfs_view_as(void* bytes) {
   static_assert(alignof(Structure) == 1 && std::is_trivially_copyable_v<Structure>);
@@ -125,9 +131,9 @@ inline constexpr std::uint16_t kHFSXSigWord = 0x4858;     // "HX": an HFSX volum
 // A date counts seconds from the beginning of 1904, in UTC except for the volume's own createDate; 0 says that what it
 // dates has not happened.
 struct HFSPlusVolumeHeader {
-  kvfs_be16 signature;   // kHFSPlusSigWord or kHFSXSigWord
-  kvfs_be16 version;     // of the format: 4 on HFS Plus, 5 on HFSX
-  kvfs_be32 attributes;  // bits, such as 0x100 unmounted properly, 0x800 mounted for writing, 0x2000 has a journal
+  kvfs_be16 signature;           // kHFSPlusSigWord or kHFSXSigWord
+  kvfs_be16 version;             // of the format: 4 on HFS Plus, 5 on HFSX
+  kvfs_be32 attributes;          // bits, such as 0x100 unmounted properly, 0x800 in use, 0x2000 has a journal
   kvfs_be32 lastMountedVersion;  // four characters for the implementation that mounted the volume for writing last
   kvfs_be32 journalInfoBlock;    // allocation block that says where the journal is; holds when the volume has one
   kvfs_be32 createDate;          // when the volume was made, in local time
@@ -162,16 +168,14 @@ static_assert(offsetof(HFSPlusVolumeHeader, attributesFile) == 352);
 
 // ---- Catalog node IDs ----------------------------------------------------------------------------------------------
 
-// A catalog node ID names a file or folder for as long as it exists. Those below 16 are set aside; 5 stands
-// for blocks that cannot be used. Special files have no records in the catalog.
-inline constexpr std::uint32_t kHFSRootParentID = 1;  // names the root folder's parent, which has no record
-inline constexpr std::uint32_t kHFSRootFolderID = 2;  // root folder, whose name is the volume's label
-inline constexpr std::uint32_t kHFSExtentsFileID =
-    3;  // extents overflow file: extents of forks that have more than eight
+// A catalog node ID names a file or folder for as long as it exists. Those below 16 are set aside; 5 stands for blocks
+// that cannot be used. The special files have no records in the catalog: their fork data is in the volume header.
+inline constexpr std::uint32_t kHFSRootParentID = 1;      // names the root folder's parent, which has no record
+inline constexpr std::uint32_t kHFSRootFolderID = 2;      // root folder, whose name is the volume's label
+inline constexpr std::uint32_t kHFSExtentsFileID = 3;     // extents overflow file: the ninth extent and beyond
 inline constexpr std::uint32_t kHFSCatalogFileID = 4;     // catalog file: files and folders
 inline constexpr std::uint32_t kHFSAllocationFileID = 6;  // allocation file: one bit for each allocation block
-inline constexpr std::uint32_t kHFSStartupFileID =
-    7;  // startup file: for systems that boot from the volume without reading its catalog
+inline constexpr std::uint32_t kHFSStartupFileID = 7;     // startup file: what some systems boot from
 inline constexpr std::uint32_t kHFSAttributesFileID = 8;  // attributes file: named attributes of files and folders
 
 // ---- B-trees -------------------------------------------------------------------------------------------------------
@@ -214,20 +218,19 @@ struct BTHeaderRec {
 KVFS_CHECK_LAYOUT(BTHeaderRec, 106, reserved3, 42);
 static_assert(offsetof(BTHeaderRec, nodeSize) == 18 && offsetof(BTHeaderRec, attributes) == 38);
 
+// Values and bits of a header record.
 inline constexpr std::uint8_t kHFSBTreeType = 0;         // a tree of the file system, not of a program
 inline constexpr std::uint8_t kHFSCaseFolding = 0xCF;    // names that differ in case alone are equal
 inline constexpr std::uint8_t kHFSBinaryCompare = 0xBC;  // names are compared unit by unit; on HFSX only
 inline constexpr std::uint32_t kBTBigKeysMask = 0x2;     // keys begin with a length of two bytes: all of HFS Plus do
-inline constexpr std::uint32_t kBTVariableIndexKeysMask =
-    0x4;  // keys in index nodes are cut to their length, not all alike
+inline constexpr std::uint32_t kBTVariableIndexKeysMask = 0x4;  // keys in index nodes are of different lengths
 
 // The header node has three records: the header record, 128 bytes of user data and the map record. Together with the
 // descriptor and the four entries of its offset table they leave the map record nodeSize - 256 bytes.
 inline constexpr std::uint16_t kBTHeaderNodeRecords = 3;                          // records in the node
 inline constexpr std::uint32_t kBTHeaderRecordOffset = sizeof(BTNodeDescriptor);  // bytes to the header record
-inline constexpr std::uint32_t kBTHeaderEnd =
-    sizeof(BTNodeDescriptor) + sizeof(BTHeaderRec);          // bytes to its end: user data
-inline constexpr std::uint32_t kBTHeaderNodeOverhead = 256;  // bytes, all but the map
+inline constexpr std::uint32_t kBTHeaderEnd = sizeof(BTNodeDescriptor) + sizeof(BTHeaderRec);  // bytes to its end
+inline constexpr std::uint32_t kBTHeaderNodeOverhead = 256;                                    // bytes but the map's
 static_assert(kBTHeaderEnd + 128 + 4 * sizeof(kvfs_be16) == kBTHeaderNodeOverhead);
 
 // Bytes from a node's start to its record 0, which lies right behind the descriptor.
@@ -310,7 +313,7 @@ struct HFSPlusCatalogFolder {
   kvfs_be32 attributeModDate;    // when anything in this record changed last
   kvfs_be32 accessDate;          // when the folder's content was read last
   kvfs_be32 backupDate;          // when the folder was backed up last
-  HFSPlusBSDInfo permissions;    // of the folder, not of the items in it
+  HFSPlusBSDInfo permissions;    // owner and permissions of the folder itself
   unsigned char userInfo[16];    // how the folder is shown: its window's place, flags, its icon's place, kind of view
   unsigned char finderInfo[16];  // more of the same: how far its window is scrolled, further flags
   kvfs_be32 textEncoding;        // text encoding that the name was made with; a hint for systems without Unicode
