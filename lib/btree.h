@@ -49,7 +49,7 @@ struct kvfs_btree {
 // live as long as it does.
 struct kvfs_btree_record_locator {
   const std::uint32_t* node;                // node number
-  const std::uint16_t* index;               // of the record in its node
+  const std::uint16_t* index;               // number of the record in its node, from 0
   const unsigned char* key;                 // begins with its length
   std::uint32_t key_length;                 // bytes, the length field included
   const unsigned char* data;                // what the record says about its key, without padding

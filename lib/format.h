@@ -65,9 +65,10 @@ struct kvfs_big_endian {
   }
 };
 
-using kvfs_be16 = kvfs_big_endian<std::uint16_t>;  // name lengths, record types, offsets in a node
-using kvfs_be32 = kvfs_big_endian<std::uint32_t>;  // block and node numbers, catalog node IDs, dates
-using kvfs_be64 = kvfs_big_endian<std::uint64_t>;  // sizes of forks
+using kvfs_be16 =
+    kvfs_big_endian<std::uint16_t>;  // two bytes: the length of a name, a kind of record, an offset in a node
+using kvfs_be32 = kvfs_big_endian<std::uint32_t>;  // four bytes: a block or node number, a catalog node ID, a date
+using kvfs_be64 = kvfs_big_endian<std::uint64_t>;  // eight bytes: the size of a fork
 
 // Reads a buffer as an on-disk structure. The caller has checked that the buffer holds sizeof(Structure) bytes.
 template <typename Structure>
@@ -118,8 +119,8 @@ struct HFSPlusForkData {
 KVFS_CHECK_LAYOUT(HFSPlusForkData, 80, extents, 16);
 
 // The volume header lies 1024 bytes into the volume and ends with its sector.
-inline constexpr std::uint32_t kVolumeHeaderOffset = 1024;  // bytes from the start of the volume
-inline constexpr std::uint32_t kVolumeHeaderSize = 512;     // bytes
+inline constexpr std::uint32_t kVolumeHeaderOffset = 1024;  // bytes in front of it on the volume
+inline constexpr std::uint32_t kVolumeHeaderSize = 512;     // its bytes: a whole sector of the smallest size
 
 // What a volume header begins with.
 inline constexpr std::uint16_t kHFSPlusSigWord = 0x482B;  // "H+": an HFS Plus volume
@@ -190,7 +191,7 @@ inline constexpr std::int8_t kBTMapNode = 2;     // goes on with that map where 
 struct BTNodeDescriptor {
   kvfs_be32 fLink;       // next node of this kind and level, 0 for none
   kvfs_be32 bLink;       // previous node of this kind and level, 0 for none
-  std::int8_t kind;      // one of the kinds above
+  std::int8_t kind;      // kBTLeafNode, kBTIndexNode, kBTHeaderNode or kBTMapNode
   std::uint8_t height;   // level: 1 for leaves, the tree's depth for the root, 0 for header and map nodes
   kvfs_be16 numRecords;  // records in the node
   kvfs_be16 reserved;    // 0
@@ -244,7 +245,7 @@ inline constexpr std::uint8_t kHFSResourceForkType = 0xFF;  // structured data t
 
 // Key of a record of eight extents. Records are in the order of fileID, forkType and startBlock.
 struct HFSPlusExtentKey {
-  kvfs_be16 keyLength;    // kHFSPlusExtentKeyLength
+  kvfs_be16 keyLength;    // bytes behind this field: kHFSPlusExtentKeyLength
   std::uint8_t forkType;  // kHFSDataForkType or kHFSResourceForkType
   std::uint8_t pad;       // 0
   kvfs_be32 fileID;       // catalog node ID of the file
@@ -282,10 +283,10 @@ inline constexpr std::uint32_t kHFSPlusCatalogKeyNameOffset = 8;     // its byte
 static_assert(offsetof(HFSPlusCatalogKey, nodeName) + offsetof(HFSUniStr255, unicode) == kHFSPlusCatalogKeyNameOffset);
 
 // Record types: the first two bytes of every catalog record.
-inline constexpr std::uint16_t kHFSPlusFolderRecord = 1;        // HFSPlusCatalogFolder
-inline constexpr std::uint16_t kHFSPlusFileRecord = 2;          // HFSPlusCatalogFile
-inline constexpr std::uint16_t kHFSPlusFolderThreadRecord = 3;  // HFSPlusCatalogThread of a folder
-inline constexpr std::uint16_t kHFSPlusFileThreadRecord = 4;    // HFSPlusCatalogThread of a file
+inline constexpr std::uint16_t kHFSPlusFolderRecord = 1;        // the record is an HFSPlusCatalogFolder
+inline constexpr std::uint16_t kHFSPlusFileRecord = 2;          // the record is an HFSPlusCatalogFile
+inline constexpr std::uint16_t kHFSPlusFolderThreadRecord = 3;  // the record is an HFSPlusCatalogThread, of a folder
+inline constexpr std::uint16_t kHFSPlusFileThreadRecord = 4;    // the record is an HFSPlusCatalogThread, of a file
 
 // Bits in the flags of a file or folder record.
 inline constexpr std::uint16_t kHFSHasFolderCountMask = 0x1000;  // folder: folderCount is kept
@@ -307,7 +308,7 @@ struct HFSPlusCatalogFolder {
   kvfs_be16 recordType;          // kHFSPlusFolderRecord
   kvfs_be16 flags;               // bits, such as kHFSHasFolderCountMask
   kvfs_be32 valence;             // items in the folder itself, those in its child folders not counted
-  kvfs_be32 folderID;            // catalog node ID
+  kvfs_be32 folderID;            // catalog node ID of the folder, such as kHFSRootFolderID
   kvfs_be32 createDate;          // when the folder was made
   kvfs_be32 contentModDate;      // when an item was made, deleted, moved in or moved out last
   kvfs_be32 attributeModDate;    // when anything in this record changed last
@@ -335,7 +336,7 @@ struct HFSPlusCatalogFile {
   kvfs_be16 recordType;          // kHFSPlusFileRecord
   kvfs_be16 flags;               // bits: 0x1 locked, 0x2 has a thread record, as every file has; kHFSHasLinkChainMask
   kvfs_be32 reserved1;           // 0
-  kvfs_be32 fileID;              // catalog node ID
+  kvfs_be32 fileID;              // catalog node ID of the file, at least 16
   kvfs_be32 createDate;          // when the file was made
   kvfs_be32 contentModDate;      // when one of its forks changed last
   kvfs_be32 attributeModDate;    // when anything in this record changed last
