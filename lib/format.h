@@ -119,8 +119,8 @@ struct HFSPlusForkData {
 KVFS_CHECK_LAYOUT(HFSPlusForkData, 80, extents, 16);
 
 // The volume header lies 1024 bytes into the volume and ends with its sector.
-inline constexpr std::uint32_t kVolumeHeaderOffset = 1024;  // bytes in front of it on the volume
-inline constexpr std::uint32_t kVolumeHeaderSize = 512;     // its bytes: a whole sector of the smallest size
+inline constexpr std::uint32_t kVolumeHeaderOffset = 1024;  // bytes of the volume in front of the header
+inline constexpr std::uint32_t kVolumeHeaderSize = 512;     // bytes of the header: a whole sector of the smallest size
 
 // What a volume header begins with.
 inline constexpr std::uint16_t kHFSPlusSigWord = 0x482B;  // "H+": an HFS Plus volume
@@ -230,8 +230,8 @@ inline constexpr std::uint32_t kBTVariableIndexKeysMask = 0x4;  // keys in index
 // descriptor and the four entries of its offset table they leave the map record nodeSize - 256 bytes.
 inline constexpr std::uint16_t kBTHeaderNodeRecords = 3;                          // records in the node
 inline constexpr std::uint32_t kBTHeaderRecordOffset = sizeof(BTNodeDescriptor);  // bytes to the header record
-inline constexpr std::uint32_t kBTHeaderEnd = sizeof(BTNodeDescriptor) + sizeof(BTHeaderRec);  // bytes to its end
-inline constexpr std::uint32_t kBTHeaderNodeOverhead = 256;                                    // bytes but the map's
+inline constexpr std::uint32_t kBTHeaderEnd = sizeof(BTNodeDescriptor) + sizeof(BTHeaderRec);  // bytes to the user data
+inline constexpr std::uint32_t kBTHeaderNodeOverhead = 256;                                    // bytes without the map
 static_assert(kBTHeaderEnd + 128 + 4 * sizeof(kvfs_be16) == kBTHeaderNodeOverhead);
 
 // Bytes from a node's start to its record 0, which lies right behind the descriptor.
@@ -278,8 +278,9 @@ struct HFSPlusCatalogKey {
 KVFS_CHECK_LAYOUT(HFSPlusCatalogKey, 518, nodeName, 6);
 
 // A key with an empty name, such as a thread's.
-inline constexpr std::uint16_t kHFSPlusCatalogKeyMinimumLength = 6;  // its keyLength, the least that is valid
-inline constexpr std::uint32_t kHFSPlusCatalogKeyNameOffset = 8;     // its bytes; in any key the units begin here
+inline constexpr std::uint16_t kHFSPlusCatalogKeyMinimumLength = 6;  // keyLength of such a key, the least that is valid
+inline constexpr std::uint32_t kHFSPlusCatalogKeyNameOffset =
+    8;  // bytes of such a key; in any key the units begin here
 static_assert(offsetof(HFSPlusCatalogKey, nodeName) + offsetof(HFSUniStr255, unicode) == kHFSPlusCatalogKeyNameOffset);
 
 // Record types: the first two bytes of every catalog record.
