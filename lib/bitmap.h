@@ -21,8 +21,9 @@ struct kvfs_extents;
 struct kvfs_fork;
 struct kvfs_volume;
 
+// An open allocation file.
 struct kvfs_bitmap {
-  kvfs_bitmap_private* priv;
+  kvfs_bitmap_private* priv;  // owned: the file's fork
 };
 
 // Opens the allocation file. Its transfer unit is the allocation block.

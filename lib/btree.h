@@ -34,25 +34,27 @@ struct kvfs_btree_record_locator_private;
 // contradicts itself; the engine then ends its search with kvfs_inconsistent.
 using kvfs_btree_compare_keys = int (*)(const void* node_key, const void* search_key, std::uint8_t compare_type);
 
+// What a comparison gives for a key that contradicts itself.
 inline constexpr int kvfs_key_malformed = INT_MIN;
 
+// An open B-tree.
 struct kvfs_btree {
   kvfs_fork* fork;             // owned; every node is read and written through it
   std::uint16_t nodeSize;      // bytes, from the header record
   std::uint16_t maxKeyLength;  // bytes, from the header record
-  kvfs_btree_private* priv;
+  kvfs_btree_private* priv;    // owned: the kind of tree, the comparison, the list of open locators and its lock
 };
 
 // A handle on one record: where it is, and a copy of its bytes in on-disk order. The pointers lead into the locator and
 // live as long as it does.
 struct kvfs_btree_record_locator {
-  const std::uint32_t* node;   // node number
-  const std::uint16_t* index;  // of the record in its node
-  const unsigned char* key;    // begins with its length
-  std::uint32_t key_length;    // bytes, the length field included
-  const unsigned char* data;
-  std::uint32_t data_size;  // bytes
-  kvfs_btree_record_locator_private* priv;
+  const std::uint32_t* node;                // node number
+  const std::uint16_t* index;               // number of the record in its node, from 0
+  const unsigned char* key;                 // begins with its length
+  std::uint32_t key_length;                 // bytes, the length field included
+  const unsigned char* data;                // what the record says about its key, without padding
+  std::uint32_t data_size;                  // bytes
+  kvfs_btree_record_locator_private* priv;  // in the same allocation: references, place in the list, the copy
 };
 
 // What a search found.

@@ -25,9 +25,10 @@ struct kvfs_catalog_private;
 struct kvfs_catalog_record_locator_private;
 struct kvfs_volume;
 
+// An open catalog.
 struct kvfs_catalog {
-  kvfs_btree* const* btree;  // the catalog's B-tree, which lies first in the private part
-  kvfs_catalog_private* priv;
+  kvfs_btree* const* btree;    // the catalog's B-tree, which lies first in the private part
+  kvfs_catalog_private* priv;  // owned: the B-tree, the list of open locators and its lock
 };
 
 // A handle on one catalog record. Key and data are those of the B-tree locator.
@@ -36,15 +37,15 @@ struct kvfs_catalog_record_locator {
   std::uint32_t record_type;                   // host order; 0 unless a search by path has filled it in
   kvfs_catalog_record_locator* const* parent;  // where the private part keeps the parent's locator, or null
   std::uint32_t reserved;                      // as given by who opened the locator
-  kvfs_catalog_record_locator_private* priv;
+  kvfs_catalog_record_locator_private* priv;   // in the same allocation: references, place in the list, the parent
 };
 
 // What a search found.
 struct kvfs_catalog_search_result {
   std::uint32_t found;  // nonzero when a record with exactly the key exists
   std::uint32_t after;  // the B-tree search's flag, for use as an insertion hint
-  kvfs_catalog_record_locator*
-      locator;  // the record found, or the place where the key belongs; null when there is none
+  // The record found, or the place where the key belongs; null when there is none.
+  kvfs_catalog_record_locator* locator;
 };
 
 // ---- The catalog ---------------------------------------------------------------------------------------------------
@@ -217,8 +218,12 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
 // Returns kvfs_ok in every case, also when nothing was changed: failures are in the log only, and callers rely on that.
 kvfs_result kvfs_catalog_update_valence(kvfs_catalog* catalog, const void* child_record_data,
                                         kvfs_catalog_record_locator* parent, int increment);
+
+// Counts a child in, as above.
 kvfs_result kvfs_catalog_increment_valence(kvfs_catalog* catalog, const void* child_record_data,
                                            kvfs_catalog_record_locator* parent);
+
+// Counts a child out, as above.
 kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* child_record_data,
                                            kvfs_catalog_record_locator* parent);
 
@@ -260,9 +265,9 @@ kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs
 // ---- File records --------------------------------------------------------------------------------------------------
 
 // Kinds of file by Finder type and creator.
-inline constexpr int kvfs_plain_file = 0;
-inline constexpr int kvfs_hard_link = 1;
-inline constexpr int kvfs_symbolic_link = 2;
+inline constexpr int kvfs_plain_file = 0;     // holds its content itself
+inline constexpr int kvfs_hard_link = 1;      // stands for another file, named by a link reference
+inline constexpr int kvfs_symbolic_link = 2;  // holds the path of another item
 
 // Tells what kind of file a whole file record, on-disk order, describes.
 int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);

@@ -20,7 +20,7 @@ struct kvfs_device {
   std::uint32_t read_only;    // 1 when created for reading only: the file lock is then shared
   std::uint32_t sector_size;  // bytes; every position and size below counts sectors of this size
   std::uint64_t reserved;     // as given at creation; no operation reads it
-  kvfs_device_private* priv;
+  kvfs_device_private* priv;  // owned: keeps the borrowed file descriptor
 };
 
 // Wraps an open file descriptor and locks its file, waiting until the lock is granted.

@@ -19,8 +19,8 @@ struct kvfs_extents_private;
 //
 // Threads: lookups may run concurrently; opening and destroying may not. Locks: those of its B-tree.
 struct kvfs_extents {
-  kvfs_btree* btree;  // owned
-  kvfs_extents_private* priv;
+  kvfs_btree* btree;           // owned
+  kvfs_extents_private* priv;  // owned; not used
 };
 
 // Opens the extents overflow file and checks that its header is one of an extents overflow tree. Its own fork is opened

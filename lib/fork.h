@@ -33,10 +33,11 @@ struct kvfs_extents;
 struct kvfs_fork_private;
 struct kvfs_volume;
 
+// An open fork.
 struct kvfs_fork {
   const std::uint64_t* logical_size;  // bytes; follows the fork when it grows or shrinks
   std::uint32_t block_size;           // bytes in an allocation block of the volume
-  kvfs_fork_private* priv;
+  kvfs_fork_private* priv;            // owned: device, extents, cache items and locks
 };
 
 // ---- Life ----------------------------------------------------------------------------------------------------------

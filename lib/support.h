@@ -27,29 +27,39 @@
 void kvfs_log(const char* file, int line, const char* function, const char* level, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
-// kvfs_log at one level. A message stands wherever something can fail, so that each argument less saves kilobytes.
+// kvfs_log at the level "ERROR". A message stands wherever something can fail, so that each argument less saves
+// kilobytes.
 void kvfs_log_error(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
+
+// The same at the level "WARNING".
 void kvfs_log_warning(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
+
+// The same at the level "CRITICAL".
 void kvfs_log_critical(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
 
-// Logs as the routine named, for helpers that report on behalf of the routine that calls them.
+// Reports an error as the routine named, for helpers that report on behalf of the routine that calls them.
 #define KVFS_ERROR_AS(function, ...) kvfs_log_error((function), __LINE__, __VA_ARGS__)
+// Warns as the routine named.
 #define KVFS_WARNING_AS(function, ...) kvfs_log_warning((function), __LINE__, __VA_ARGS__)
+// Reports what cannot happen as the routine named.
 #define KVFS_CRITICAL_AS(function, ...) kvfs_log_critical((function), __LINE__, __VA_ARGS__)
 
-// Logs as the enclosing routine.
+// Reports an error as the enclosing routine, with a printf format and its arguments.
 #define KVFS_ERROR(...) KVFS_ERROR_AS(__func__, __VA_ARGS__)
+// Warns as the enclosing routine.
 #define KVFS_WARNING(...) KVFS_WARNING_AS(__func__, __VA_ARGS__)
+// Reports what cannot happen as the enclosing routine.
 #define KVFS_CRITICAL(...) KVFS_CRITICAL_AS(__func__, __VA_ARGS__)
 
-// printf has no portable conversion for the fixed-width types, so that messages print them through the types that
-// their formats name.
+// A number as its message's "%llu" wants it: printf has no portable conversion for the fixed-width types.
 constexpr unsigned long long to_ull(std::uint64_t value) {
   return value;
 }
+
+// A number as its message's "%lu" wants it.
 constexpr unsigned long to_ul(std::uint32_t value) {
   return value;
 }
@@ -74,8 +84,11 @@ kvfs_result kvfs_rwlock_create(kvfs_rwlock** out_lock);
 // Returns kvfs_ok, or kvfs_failed when the thread library refuses (the lock is held).
 kvfs_result kvfs_rwlock_destroy(kvfs_rwlock** lock);
 
-// Take the lock, shared or exclusive, waiting until it is granted. Return kvfs_ok, or kvfs_failed with nothing held.
+// Takes the lock together with other readers, waiting until no writer has it. Returns kvfs_ok, or kvfs_failed with
+// nothing held.
 kvfs_result kvfs_rwlock_lock_read(kvfs_rwlock* lock);
+
+// Takes the lock alone, waiting until nobody else has it. Returns kvfs_ok, or kvfs_failed with nothing held.
 kvfs_result kvfs_rwlock_lock_write(kvfs_rwlock* lock);
 
 // Gives back what either routine above granted. Returns kvfs_ok or kvfs_failed.

@@ -25,9 +25,9 @@
 // ---- UTF-8 and UTF-16 ----------------------------------------------------------------------------------------------
 
 // How the units given to kvfs_unicode_unistr_to_utf8 lie in memory.
-inline constexpr std::int32_t kUnicodeHostOrder = 0;
-inline constexpr std::int32_t kUnicodeBigEndian = 1;
-inline constexpr std::int32_t kUnicodeLittleEndian = 2;
+inline constexpr std::int32_t kUnicodeHostOrder = 0;     // as this machine keeps numbers
+inline constexpr std::int32_t kUnicodeBigEndian = 1;     // as names are stored
+inline constexpr std::int32_t kUnicodeLittleEndian = 2;  // the other way round
 
 // Converts UTF-16 to UTF-8 and appends a zero byte. Logs nothing about malformed text: its caller knows what it is.
 //
@@ -125,7 +125,7 @@ int kvfs_unicode_fast_compare(const kvfs_be16* a, std::size_t a_length, const kv
                               bool binary);
 
 // ---- Names of foreign systems --------------------------------------------------------------------------------------
-
+//
 // Systems other than the one HFS Plus was made for exchange names as precomposed UTF-16 in host order. All routines of
 // this section end a name at its length or at a zero unit.
 
