@@ -656,6 +656,38 @@ TEST(BtreeSearchCycle, CyclesOfEveryLengthWithEveryLeadIn_AreFound) {
   }
 }
 
+// Nodes 1 and 2 of 3,072 bytes on a device with sectors of 4,096: node 1 lies in two of them, and each mapping of it
+// leaves a reference behind.
+TEST(BtreeSearchCycle, NodesThatLieInTwoTransferUnits_LeaveReferencesThatClosingTells) {
+  constexpr std::uint16_t kNodeSize = 3072;
+  TestTree tree({.records = numbered_records(6), .shape = shape_of(4096), .sector_size = 4096});
+  tree.set16(0, kHeaderNodeSize, kNodeSize);
+  tree.set32(0, kHeaderRootNode, 1);
+  tree.set32(0, kHeaderTotalNodes, 0xFFFFFFFF);
+  for (const std::uint32_t node : {1u, 2u}) {
+    const std::uint32_t begin = node * kNodeSize;
+    tree.set8(0, begin + kKind, 0);
+    tree.set16(0, begin + kNumRecords, 1);
+    tree.set32(0, begin + 14, 0x00040000);  // the key 0, of four bytes
+    tree.set32(0, begin + 18, 0);
+    tree.set32(0, begin + 20, 3 - node);               // the child: the other node
+    tree.set32(0, begin + kNodeSize - 4, 0x0018000E);  // where the free space and the record begin
+  }
+  tree.open();
+  {
+    LogCapture log;
+    EXPECT_EQ(tree.search(10), "result 6");
+    EXPECT_LOG(log, kCyclic);
+    EXPECT_TRUE(tree.locators().empty());
+  }
+  const std::uint64_t references = tree.references();
+  EXPECT_GT(references, 0u);
+  LogCapture log;
+  tree.close();
+  EXPECT_LOG(log, "WARNING kvfs_fork_cache_item_destroy Destroying cache item {*} with " + std::to_string(references) +
+                      " remaining references.\n");
+}
+
 TEST(BtreeSearchCycle, LongWayWithoutACycle_IsWalkedToItsEnd) {
   TreeOptions options = {.records = numbered_records(80)};
   options.shape.max_leaf_records = 2;
