@@ -745,6 +745,11 @@ TEST(FindRun, AtTheEndOfTheVolume_IsReportedInFull) {
   EXPECT_EQ(find_run(volume_with_used({{0, 1016}}), 100, 1016), "start=1016 count=100 index=0 bytes=0 0");
 }
 
+TEST(FindRun, AtTheEndOfTheVolume_DoesNotLookAtTheBitsBehindIt) {
+  const Volume image = volume_with_used({{0, 1016}, {kBlocks, 64}});
+  EXPECT_EQ(find_run(image, 100, 1016), "start=1016 count=100 index=0 bytes=0 0");
+}
+
 // From a hint inside a byte the bits of the byte's earlier blocks are tested in the place of later ones: used blocks
 // before the hint in its byte make the search go on although the blocks behind the hint are free...
 TEST(FindRun, HintInsideAByteWithUsedBlocksBefore_IsPassedOver) {
