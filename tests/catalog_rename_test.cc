@@ -114,6 +114,7 @@ TEST(CatalogInsert, NewKey_IsInsertedAndHandedOut) {
             kvfs_ok);
   EXPECT_LOG(log);
   EXPECT_EQ(locator->record_type, 0u);
+  EXPECT_EQ(locator->reserved, 0u);
   EXPECT_EQ(*locator->parent, nullptr);
   EXPECT_EQ(std::memcmp(locator->btree_locator->data, data.data(), data.size()), 0);
   kvfs_catalog_record_locator_close(&locator);
