@@ -31,13 +31,13 @@ endfunction()
 # kvfs_add_tool_test(name SOURCES file...)
 #
 # A test program that runs the built tool. It finds the programs through the macros KVFSLABEL_PATH, KVFSLABEL_FAULTY_PATH
-# (the tool with injected faults) and MAKE_VOLUME_PATH; KVFS_EMULATOR has the words that start programs of the target,
+# (the tool with injected faults), MAKE_VOLUME_PATH and SET_AND_PRINT_PATH; KVFS_EMULATOR has the words that start programs of the target,
 # if they do not run by themselves.
 function(kvfs_add_tool_test name)
   kvfs_add_test(${name} LABEL tool ${ARGN})
   string(JOIN " " emulator ${CMAKE_CROSSCOMPILING_EMULATOR})
   target_compile_definitions(${name} PRIVATE KVFS_EMULATOR="${emulator}")
-  foreach(program IN ITEMS kvfslabel kvfslabel_faulty make_volume)
+  foreach(program IN ITEMS kvfslabel kvfslabel_faulty make_volume set_and_print)
     string(TOUPPER ${program} macro)
     target_compile_definitions(${name} PRIVATE ${macro}_PATH="$<TARGET_FILE:${program}>")
     add_dependencies(${name} ${program})

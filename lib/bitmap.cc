@@ -101,21 +101,13 @@ static kvfs_result clear_mapped_bit(kvfs_fork* fork, const bitmap_mapping& chunk
 kvfs_result FreeAllocationBlock(std::uint32_t block, kvfs_bitmap* bitmap) {
   kvfs_fork* const fork = bitmap->priv->fork;
   const std::uint64_t chunk_offset = block / 8 / kChunkSize * kChunkSize;
-  const std::uint64_t size = *fork->logical_size;
-  // The last chunk of an allocation file with small blocks is a short one.
-  const std::uint64_t length = chunk_offset < size ? kvfs_min(kChunkSize, size - chunk_offset) : kChunkSize;
   bitmap_mapping chunk = {};
-  kvfs_result result = map_bytes(fork, chunk_offset, length, &chunk);
+  kvfs_result result = map_bytes(fork, chunk_offset, kChunkSize, &chunk);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while mapping byte containing bit to clear in allocation file.\n");
     return result;
   }
-  if (block / 8 - chunk_offset < length) {
-    result = clear_mapped_bit(fork, chunk, block);
-  } else {
-    KVFS_ERROR("Block %lu lies behind the end of the allocation file.\n", to_ul(block));
-    result = kvfs_invalid;
-  }
+  result = clear_mapped_bit(fork, chunk, block);
   const kvfs_result unmapped = unmap_bytes(fork, &chunk);
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping chunk containing bit to clear.\n");
@@ -178,6 +170,15 @@ static void roll_back_blocks(kvfs_fork* fork, const bitmap_mapping& map, std::ui
   }
 }
 
+// The allocation file's fork, or null with a message when the volume was opened without that file.
+static kvfs_fork* fork_of_bits(const char* function, const kvfs_volume* volume) {
+  if (volume->bitmap == nullptr) {
+    KVFS_ERROR_AS(function, "The volume was opened without its allocation file.\n");
+    return nullptr;
+  }
+  return volume->bitmap->priv->fork;
+}
+
 // Sets the bits of a mapped run. The mapping leads into the cache that is written to, so that later blocks of a byte
 // see the bits of earlier ones.
 static kvfs_result set_mapped_bits(kvfs_fork* fork, const bitmap_mapping& map, std::uint64_t start, std::uint64_t end) {
@@ -204,7 +205,10 @@ static kvfs_result set_mapped_bits(kvfs_fork* fork, const bitmap_mapping& map, s
 }
 
 kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint32_t count, kvfs_volume* volume) {
-  kvfs_fork* const fork = volume->bitmap->priv->fork;
+  kvfs_fork* const fork = fork_of_bits(__func__, volume);
+  if (fork == nullptr) {
+    return kvfs_invalid;
+  }
   const std::uint64_t end = std::uint64_t{start_block} + count;
   const std::uint64_t first_byte = start_block / 8;
   bitmap_mapping map = {};
@@ -318,7 +322,11 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
     *out_location = location;
     return kvfs_ok;
   }
-  free_run_search search = {volume->bitmap->priv->fork, total, wanted, start, start, false, {}};
+  kvfs_fork* const fork = fork_of_bits(kFindFunction, volume);
+  if (fork == nullptr) {
+    return kvfs_invalid;
+  }
+  free_run_search search = {fork, total, wanted, start, start, false, {}};
   kvfs_result result = search_free_run(&search, &location);
   const kvfs_result unmapped = unmap_bytes(search.fork, &search.map);
   if (unmapped != kvfs_ok) {

@@ -51,7 +51,8 @@ bool kvfs_bitmap_works_on(const kvfs_bitmap* bitmap, const kvfs_fork* fork);
 //
 //   block  allocation block, host order
 //
-// Returns kvfs_ok; kvfs_failed, with nothing written, when the block is free already; or the failure of the fork.
+// Returns kvfs_ok; kvfs_failed, with nothing written, when the block is free already; kvfs_invalid when the allocation
+// file does not hold the whole chunk, as may be with allocation blocks smaller than one; or the failure of the fork.
 kvfs_result FreeAllocationBlock(std::uint32_t block, kvfs_bitmap* bitmap);
 
 // Marks a run of blocks as used and takes them out of the volume header's count of free blocks in memory. When the
@@ -60,7 +61,8 @@ kvfs_result FreeAllocationBlock(std::uint32_t block, kvfs_bitmap* bitmap);
 //
 //   start_block, count  the run; it must lie within one MiB of the allocation file
 //
-// Returns kvfs_ok; kvfs_failed when a block is used already; or the failure of the fork.
+// Returns kvfs_ok; kvfs_failed when a block is used already; kvfs_invalid when the volume was opened without its
+// allocation file; or the failure of the fork.
 kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint32_t count, kvfs_volume* volume);
 
 // Frees blocks of a fork, found through the eight extents of its fork data; extents in the overflow file are not
@@ -96,7 +98,8 @@ struct kvfs_allocation_location {
 //   out_location  receives start block and block count, both 0 when there is no such run; the rest is 0. Unchanged on
 //                 failure
 //
-// Returns kvfs_ok, found or not, or the failure of the fork.
+// Returns kvfs_ok, found or not; kvfs_invalid when the volume was opened without its allocation file; or the failure of
+// the fork.
 kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted, std::uint32_t hint,
                                       kvfs_allocation_location* out_location);
 
@@ -108,8 +111,8 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
 //   length           bytes
 //   out_location     receives the location; its block count is 0 when there is no run. Unchanged on failure
 //
-// Returns kvfs_ok, found or not; kvfs_invalid without fork data; kvfs_inconsistent when the extents contradict
-// themselves; kvfs_internal when an overflow record is missing; or the failure of the search.
+// Returns kvfs_ok, found or not; kvfs_invalid without fork data or allocation file; kvfs_inconsistent when the extents
+// contradict themselves; kvfs_internal when an overflow record is missing; or the failure of the search.
 kvfs_result FindWriteLocation(std::uint32_t cnid, std::uint8_t fork_type, const HFSPlusForkData* fork_data,
                               kvfs_volume* volume, std::uint64_t offset, std::uint32_t length,
                               kvfs_allocation_location* out_location);
@@ -118,10 +121,11 @@ kvfs_result FindWriteLocation(std::uint32_t cnid, std::uint8_t fork_type, const 
 //
 //   fork_data       on-disk order; changed
 //   offset, length  bytes: the extents are to reach offset + length
-//   out_location    receives the run added, or the extent that reaches there already. Unchanged on failure
+//   out_location    receives the run added, or the extent that reaches there already; its block count is 0 when nothing
+//                   was added, for want of a run too. Unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid without fork data; kvfs_unsupported_extents when eight extents do not suffice; or the
-// failure of the search.
+// Returns kvfs_ok, added or not; kvfs_invalid without fork data or allocation file; kvfs_unsupported_extents when eight
+// extents do not suffice; or the failure of the search.
 kvfs_result UpdateForks(kvfs_volume* volume, HFSPlusForkData* fork_data, std::uint64_t offset, std::uint32_t length,
                         kvfs_allocation_location* out_location);
 

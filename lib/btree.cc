@@ -336,11 +336,11 @@ static void release_leaked_locators(kvfs_btree_private* priv) {
   static const char* const kFunction = "kvfs_btree_destroy";
   std::uint64_t released = 0;
   while (priv->open_locators != nullptr) {
-    kvfs_btree_record_locator* const head = priv->open_locators;
-    kvfs_btree_record_locator* leaked = head;
+    kvfs_btree_record_locator* leaked = priv->open_locators;
+    const std::uintptr_t head = reinterpret_cast<std::uintptr_t>(leaked);
     kvfs_btree_record_locator_release(&leaked, true);
     ++released;
-    if (priv->open_locators == head) {
+    if (reinterpret_cast<std::uintptr_t>(priv->open_locators) == head) {
       KVFS_CRITICAL_AS(kFunction,
                        "Internal error: Closing head of B-tree open locators list did not change the head!\n");
       break;
@@ -907,11 +907,13 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
 }
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
-// that look like a key but leave the node are passed over there.
+// that look like a key but leave the node are passed over there. The records of the header node, where the search in an
+// empty tree begins, are compared nevertheless: it is the first node of its cache item, and whatever its map reads as
+// ends in there.
 static kvfs_result compare_record(const search_walk* walk, const node_record& record, int* order) {
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   *order = 0;
-  if (record.key_inside) {
+  if (record.key_inside || (walk->node.number == 0 && !has_keys)) {
     *order = walk->tree->priv->compare(walk->node.bytes + record.offset, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && (!record.key_inside || *order == kvfs_key_malformed)) {
@@ -1722,9 +1724,9 @@ static kvfs_result insert_in_place(insertion* insert, kvfs_btree_record_locator*
     KVFS_ERROR_AS(kInsertFunction, "Error while writing out modified node after inserting record.\n");
     return result;
   }
-  if (moves_records) {
+  if (moves_records) {  // and with them the place behind the last one, which a locator may stand for
     kvfs_btree_shift_locators(tree, node, static_cast<std::int32_t>(insert->index),
-                              static_cast<std::int32_t>(insert->count - insert->index), node, false, 1,
+                              static_cast<std::int32_t>(insert->count - insert->index + 1), node, false, 1,
                               insert->record_size);
   }
   result = maintain_after_insertion(*insert);
@@ -2049,7 +2051,7 @@ static constexpr std::uint16_t kMapNodeRecords = 1;
 static constexpr std::uint32_t kMapNodeTableSize = 2 * kOffsetEntrySize;
 
 // Unmapping a map node is tried again until it succeeds, but not for ever.
-static constexpr int kUnmapTries = 64;
+static constexpr int kCleanUpTries = 64;
 
 static unsigned char node_bit(std::uint32_t node) {
   return static_cast<unsigned char>(0x80U >> (node % 8));
@@ -2227,7 +2229,7 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
 }
 
 static void unmap_map_node(bitmap_walk* walk) {
-  for (int tries = 0; tries < kUnmapTries; ++tries) {
+  for (int tries = 0; tries < kCleanUpTries; ++tries) {
     const kvfs_result result = unmap_range(&walk->map);
     if (result == kvfs_ok) {
       return;
@@ -2663,7 +2665,7 @@ static kvfs_result expand_tree(tree_expansion* expansion) {
 
 // Writes the saved descriptor of the last map node back; it is tried again, but not for ever.
 static void restore_last_map_node(const tree_expansion& expansion) {
-  for (int tries = 0; tries < kUnmapTries; ++tries) {
+  for (int tries = 0; tries < kCleanUpTries; ++tries) {
     if (write_descriptor(expansion.tree, expansion.last_map_node, expansion.saved_last_map) == kvfs_ok) {
       return;
     }

@@ -245,6 +245,9 @@ struct catalog_locator_block {
   kvfs_catalog_record_locator_private priv;
 };
 
+// What the smallest machines pay for a locator, where pointers have 32 bits and 64-bit numbers are aligned to 8 bytes.
+static_assert(sizeof(void*) != 4 || alignof(catalog_locator_block) != 8 || sizeof(catalog_locator_block) == 64);
+
 static const char kLocatorTag[] = "kvfscrla";
 
 // Links a locator to a parent, or to none; the caller holds the catalog's lock for writing.
@@ -1395,7 +1398,10 @@ static kvfs_result write_target(kvfs_volume* volume, std::uint32_t block, const 
   }
   *size = kvfs_catalog_widechar_to_utf8(target_name, target_length, sector.get(), kMaximumTargetSize + 1);
   if (*size == 0 && target_length != 0) {
-    return kvfs_invalid;  // the conversion has said why
+    if (target_name[0].get() == 0) {
+      KVFS_ERROR_AS(kSymLinkFunction, "The target of a symbolic link cannot begin with a NUL.\n");
+    }
+    return kvfs_invalid;  // or else the conversion has said why
   }
   const std::uint64_t first = std::uint64_t{block} * volume->header->blockSize.get() / device->sector_size;
   return kvfs_device_write_disk_sectors(device, first, 1, sector.get());

@@ -302,9 +302,9 @@ kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCa
 //   target_name, target_length  the target, big-endian; units; "\" becomes "/". 255 bytes at most in UTF-8
 //   volume                      opened with its allocation file
 //
-// Returns kvfs_ok; kvfs_invalid without a locator or for a target that cannot be stored; kvfs_inconsistent when the
-// record is too short; kvfs_failed when no block is free; kvfs_no_memory; or the failure of the device, the allocation
-// file or the B-tree.
+// Returns kvfs_ok; kvfs_invalid without a locator or an allocation file or for a target that cannot be stored, such as
+// one that begins with a NUL, which ends a target; kvfs_inconsistent when the record is too short; kvfs_failed when no
+// block is free; kvfs_no_memory; or the failure of the device, the allocation file or the B-tree.
 kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const kvfs_be16* target_name,
                                    std::size_t target_length, kvfs_volume* volume);
 

@@ -95,7 +95,7 @@ static kvfs_result open_valid_tree(kvfs_device* device, HFSPlusVolumeHeader* vol
     result = kvfs_inconsistent;
   }
   if (result != kvfs_ok) {
-    kvfs_btree_destroy(&tree);
+    kvfs_btree_destroy(&tree);  // nobody else has it
     return result;
   }
   *out_tree = tree;

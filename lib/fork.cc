@@ -30,8 +30,8 @@ static constexpr unsigned char bitmap_mask(std::uint64_t block) {
   return static_cast<unsigned char>(1U << (block % 8));
 }
 
-// Bytes of the fork in an extent. A product of 32 bits: larger extents do not exist on a volume that is sound, and one
-// that claims to be larger ends up short and is refused when the range is not covered.
+// Bytes of the fork in an extent. The product has 32 bits and must stay so: of an extent of 4 GiB and more only the
+// remainder is seen, and the fork goes on behind that with the next extent.
 static std::uint32_t extent_length(const kvfs_fork* fork, const HFSPlusExtentDescriptor& extent) {
   return fork->block_size * extent.blockCount.get();
 }
@@ -1633,7 +1633,7 @@ static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t 
     KVFS_ERROR_AS(kExpandFunction, "Error while searching for write location for expanded fork.\n");
     return result;
   }
-  if (run->block_count == 0) {
+  if (run->block_count == 0 && run->extent_index < kHFSPlusExtentDensity) {  // beyond, the extents are the limit
     KVFS_ERROR_AS(kExpandFunction, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
     return kvfs_limit;
   }

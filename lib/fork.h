@@ -66,8 +66,8 @@ void kvfs_fork_destroy(kvfs_fork** fork);
 // Makes a range of the fork readable in memory without copying it. The range must not cross the border of a cache item.
 //
 //   offset, length     bytes; inside the logical size
-//   out_pointer        receives the address of the first byte, good until the fork is destroyed or shrunk; it belongs
-//                      to the fork and is given back with kvfs_fork_unmap; unchanged on failure
+//   out_pointer        receives the address of the first byte, good until the fork is destroyed; it belongs to the
+//                      fork and is given back with kvfs_fork_unmap; unchanged on failure
 //   out_mapped_length  may be null; receives `length` on success and 0 on failure
 //
 // Locks: items_lock for writing while missing blocks are read, then for reading.
@@ -79,7 +79,7 @@ kvfs_result kvfs_fork_map(kvfs_fork* fork, std::uint64_t offset, void** out_poin
 // Gives back a mapping.
 //
 //   offset, length  those of the mapping, bytes
-//   pointer         in: the address that the mapping gave; out: null on success, unchanged on failure
+//   pointer         in: the address that the mapping gave; out: null once the mapping is given back
 //
 // Locks: items_lock for reading, the item's lock for writing.
 // Returns kvfs_ok; kvfs_invalid when the range or the pointer is not one of a mapping or nothing is mapped;
@@ -104,8 +104,9 @@ kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, 
 //   out_bytes_written  may be null; receives `length` on success and 0 on failure
 //
 // Locks: items_lock and dirty_lock, both for writing.
-// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_no_memory; kvfs_internal; or the failure of
-// reading a block or of a lock. After a failure bytes copied so far stay in the cache, marked modified.
+// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit does not fit a
+// cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a lock. After a failure bytes
+// copied so far stay in the cache, marked modified.
 kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* buffer, std::size_t length,
                             std::size_t* out_bytes_written);
 
@@ -142,11 +143,11 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 //
 //   out_location  receives the blocks that were added
 //
-// Returns kvfs_ok; kvfs_internal for another file; kvfs_invalid without an allocation file; kvfs_unsupported_extents
-// when a ninth extent would be needed; kvfs_inconsistent when the logical size ends before the last extent; kvfs_limit
-// for the allocation file in use, without a free run of that size, or when a fork would have more than 2^32 - 1 blocks;
-// kvfs_no_memory; or the failure of the allocation file or the lock. On failure the fork and its fork data are as they
-// were.
+// Returns kvfs_ok; kvfs_internal for another file or when the array of cache items cannot be that large; kvfs_invalid
+// without an allocation file; kvfs_unsupported_extents when a ninth extent would be needed; kvfs_inconsistent when the
+// logical size ends before the last extent; kvfs_limit for the allocation file in use, without a free run of that size,
+// or when a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of the allocation file or the
+// lock. On failure the fork and its fork data are as they were, unless only the release of the lock has failed.
 kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location);
 
 // Takes blocks off the end of a fork, after writing their modified bytes to the device. Mappings of the part that goes
@@ -156,8 +157,8 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 //
 // Returns kvfs_ok; kvfs_invalid without an allocation file; kvfs_limit for the allocation file in use; kvfs_internal
 // for another file, for more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the
-// failure of the flush, the allocation file or the lock. On failure the fork data is as it was; blocks that were freed
-// stay free.
+// failure of the flush, the allocation file or the lock. On failure the fork data is as it was, unless only the release
+// of the lock has failed; blocks that were freed stay free.
 kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
 
 // Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,

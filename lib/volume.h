@@ -44,8 +44,9 @@ struct kvfs_volume {
 //   skip_allocation_file  nonzero leaves the allocation file unopened: `bitmap` is then null
 //   out_volume            receives the volume, owned by the caller; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_no_memory; kvfs_failed when the device holds no HFS Plus volume; kvfs_inconsistent when the
-// root folder is missing or its name is too long; or the failure of the device or of a special file.
+// Returns kvfs_ok; kvfs_no_memory; kvfs_invalid for a device without a sector size; kvfs_failed when the device holds
+// no HFS Plus volume; kvfs_inconsistent when the root folder is missing or its name is too long; kvfs_internal; or the
+// failure of the device, a special file, the search for the root folder or the making of the volume lock.
 kvfs_result kvfs_volume_create(kvfs_device* device, int skip_allocation_file, kvfs_volume** out_volume);
 
 // Closes a volume without writing anything; the handle becomes null. The device stays open.
@@ -61,7 +62,8 @@ kvfs_result kvfs_volume_flush(kvfs_volume* volume);
 //
 // Locks: the volume lock for writing while the label in memory changes.
 // Returns kvfs_ok; kvfs_invalid when the label is too long; kvfs_inconsistent when the root folder is missing;
-// kvfs_internal; or the failure of the search, the rename or the lock. The label in memory changes on success only.
+// kvfs_internal; or the failure of the search, the rename or the lock. The label in memory changes once the rename has
+// succeeded; when the lock is not granted it stays the old one, and when the lock is not released it is the new one.
 kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, std::size_t length);
 
 // Copies a special file's fork data, on-disk order, into the header in memory.

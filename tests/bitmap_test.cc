@@ -295,19 +295,16 @@ TEST(FreeBlock, WithBlocksSmallerThanAChunk_LeavesReferencesBehind) {
   EXPECT_LOG(log, "WARNING kvfs_fork_cache_item_destroy Destroying cache item {*} with 7 remaining references.\n");
 }
 
-TEST(FreeBlock, InAnAllocationFileShorterThanAChunk_Succeeds) {
+// Allocation files of blocks smaller than a chunk may end within one: what is freed there would be written over the
+// chunk's first byte anyway.
+TEST(FreeBlock, InAChunkThatTheAllocationFileDoesNotFill_CannotBeMapped) {
   OpenVolume volume(volume_with_used({{0, 16}}, 512, 4096));
   LogCapture log;
-  EXPECT_EQ(FreeAllocationBlock(5, volume.bitmap()), kvfs_ok);
-  EXPECT_LOG(log);
-  EXPECT_EQ(used_runs(volume.flushed()), "0+5 6+10");
-}
-
-TEST(FreeBlock, BehindTheLastByteOfAShortChunk_IsRefused) {
-  OpenVolume volume(volume_with_used({{0, 16}}, 512, 4096));
-  LogCapture log;
-  EXPECT_EQ(FreeAllocationBlock(4096, volume.bitmap()), kvfs_invalid);
-  EXPECT_LOG(log, "ERROR FreeAllocationBlock Block 4096 lies behind the end of the allocation file.\n");
+  EXPECT_EQ(FreeAllocationBlock(5, volume.bitmap()), kvfs_invalid);
+  EXPECT_LOG(log,
+             "CRITICAL kvfs_fork_map Attempted to read outside allocated fork size! Offset: 0, Length: 4096, fork data "
+             "size: 512\n",
+             "ERROR FreeAllocationBlock Error while mapping byte containing bit to clear in allocation file.\n");
   EXPECT_EQ(used_runs(volume.flushed()), "0+16");
 }
 
@@ -785,6 +782,19 @@ TEST(FindRun, FromTheLastBlockOfAFullAllocationFile_CannotBeMapped) {
              "size: 512\n",
              "ERROR FindContiguousUnallocated Error while mapping region of bitmap data.\n");
   EXPECT_EQ(describe(location), kUntouchedText);
+}
+
+TEST(FindRun, OnAVolumeOpenedWithoutItsAllocationFile_IsRefused) {
+  OpenVolume volume(volume_with_used({}));
+  kvfs_bitmap* const bitmap = std::exchange(volume.get()->bitmap, nullptr);
+  kvfs_allocation_location location = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 4, 16, &location), kvfs_invalid);
+  EXPECT_EQ(AllocateExtentAllocationBlocks(16, 4, volume.get()), kvfs_invalid);
+  EXPECT_LOG(log, "ERROR FindContiguousUnallocated The volume was opened without its allocation file.\n",
+             "ERROR AllocateExtentAllocationBlocks The volume was opened without its allocation file.\n");
+  EXPECT_EQ(describe(location), describe(kUntouched));
+  volume.get()->bitmap = bitmap;
 }
 
 TEST(FindRun, MarksNothing) {

@@ -131,6 +131,7 @@ TEST(ExpandTree, OfAnotherKind_DoesNothing) {
 TEST(ExpandTree, WithAClumpSmallerThanANode_GainsNone) {
   VolumeDescription description;
   description.block_size = 512;
+  description.allocation_file_in_chunks = true;
   description.catalog.total_nodes = 16;
   description.catalog.clump_size = 2048;
   OpenVolume volume(build_volume(description));
@@ -177,6 +178,7 @@ TEST(ExpandTree, WithoutAFreeRun_ReachesALimit) {
 TEST(ExpandTree, AsLargeAsItsHeadersMapRecord_NeedsNoMapNode) {
   VolumeDescription description;
   description.block_size = 512;
+  description.allocation_file_in_chunks = true;
   description.catalog.node_size = 512;
   description.catalog.total_nodes = 2044;
   OpenVolume volume(build_volume(description));
@@ -194,6 +196,7 @@ constexpr std::uint32_t kHeaderMapNodes = 2048;
 VolumeDescription full_map_description(std::uint32_t nodes = kHeaderMapNodes) {
   VolumeDescription description;
   description.block_size = 512;
+  description.allocation_file_in_chunks = true;
   description.spare_blocks = 400;
   description.catalog.node_size = 512;
   description.catalog.total_nodes = nodes;
@@ -500,7 +503,7 @@ TEST(ExpandTree, AfterUndoing_LeavesTheClaimedNodeAndTheBlocksMarked) {
   EXPECT_EQ(joined(check_volume(after)),
             "catalog: node 2: marked used but not reached\n"
             "blocks 3 to 7: used, marked free\n"
-            "blocks 2136 to 2139: marked used, belong to nothing\n"
+            "blocks 2144 to 2147: marked used, belong to nothing\n"
             "freeBlocks is 400, not 405\n");
 }
 
@@ -722,6 +725,7 @@ TEST(ExpandTree, FilledAndExpandedTimeAndAgain_StaysSound) {
 TEST(ExpandTree, OfThreeLevelsWithRandomNames_StaysSound) {
   VolumeDescription description;
   description.block_size = 1024;
+  description.allocation_file_in_chunks = true;
   description.spare_blocks = 2000;
   description.catalog.node_size = 1024;
   description.catalog.height = 3;
@@ -759,6 +763,7 @@ Volume with_moved_bits(Volume volume) {
 TEST(ExpandTree, OutgrowingItsHeadersMapRecord_GoesOnUntilNoNodeIsReached) {
   VolumeDescription description;
   description.block_size = 512;
+  description.allocation_file_in_chunks = true;
   description.spare_blocks = 400;
   description.catalog.node_size = 512;
   description.catalog.spare_nodes = 1;

@@ -460,6 +460,16 @@ TEST_F(BtreeInsert, LocatorsBehindTheRecord_FollowTheirRecords) {
   }
 }
 
+// A deletion leaves locators where they are, so that one may stand at the free space.
+TEST_F(BtreeInsert, LocatorAtTheFreeSpace_IsMovedWithIt) {
+  kvfs_btree_record_locator* const locator = tree_.locate(80);
+  ASSERT_EQ(tree_.remove(60), kvfs_ok);
+  EXPECT_EQ(tree_.locators(), Lines{"2 3 x1"});
+  ASSERT_EQ(tree_.insert(65), kvfs_ok);
+  EXPECT_EQ(tree_.locators(), Lines{"2 4 x1"});
+  release(locator);
+}
+
 TEST_F(BtreeInsert, LocatorMovedByAnInsertion_WritesToItsRecord) {
   kvfs_btree_record_locator* const locator = tree_.locate(70);
   ASSERT_EQ(tree_.insert(65), kvfs_ok);

@@ -487,8 +487,8 @@ TEST(CatalogMksymlink, NoLocator_IsRefusedWithoutAMessage) {
 
 // Fails to make a link of a file of the root folder, and expects the volume unchanged.
 void expect_no_link(const Volume& before, const Name& name, const Name& target, kvfs_result expected,
-                    const Lines& messages) {
-  OpenVolume volume(before);
+                    const Lines& messages, bool skip_allocation_file = false) {
+  OpenVolume volume(before, skip_allocation_file);
   ItemLocator file(volume, kRootFolderId, name);
   LogCapture log;
   EXPECT_EQ(make_link(volume, file, target), expected);
@@ -512,6 +512,20 @@ TEST(CatalogMksymlink, MalformedTarget_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name{u'a', 0xD800}, Name{0xDC00, u'a'}, Name{0xD800, u'a'}}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid, {kNotDecoded});
   }
+}
+
+TEST(CatalogMksymlink, TargetThatBeginsWithANul_IsRefusedAndChangesNothing) {
+  for (const Name& target : {Name(1, u'\0'), Name(u"\0target", 7)}) {
+    expect_no_link(volume_made(), u"nothing", target, kvfs_invalid,
+                   {"ERROR kvfs_catalog_mksymlink The target of a symbolic link cannot begin with a NUL.\n"});
+  }
+}
+
+TEST(CatalogMksymlink, VolumeWithoutItsAllocationFile_IsRefusedAndChangesNothing) {
+  expect_no_link(volume_made(), u"nothing", u"a", kvfs_invalid,
+                 {"ERROR FindContiguousUnallocated The volume was opened without its allocation file.\n",
+                  "ERROR FindWriteLocation Error while searching the bitmap for a free region of 1.\n", kNoLocation},
+                 true);
 }
 
 TEST(CatalogMksymlink, Folder_IsRefusedAndChangesNothing) {

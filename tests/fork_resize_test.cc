@@ -350,6 +350,20 @@ TEST(ExpandFork, WithoutAFreeRun_ReachesALimit) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+TEST(ExpandFork, WithEightExtentsAndNoFreeRun_IsRefusedForItsExtents) {
+  Volume image = startup_volume({.extents = kEightExtents});
+  for (std::uint32_t block = 0; block < kBlocks; ++block) {
+    image.set_block_used(block, true);
+  }
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_unsupported_extents);
+  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(describe(added), kUntouchedText);
+  EXPECT_EQ(volume.flushed(), image);
+}
+
 TEST(ExpandFork, InconsistentExtents_AreReportedByTheSearch) {
   Volume image = startup_volume({.extents = {{200, 8}}});
   OpenVolume volume(image);

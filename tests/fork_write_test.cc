@@ -936,6 +936,7 @@ TEST(ForkFlushInternal, RangeThatBeginsWithinABlock_WritesTheRestOfIt) {
   ASSERT_EQ(kvfs_fork_flush_internal(fork.get(), 1024, 7168), kvfs_ok);
   EXPECT_EQ(transfers(faults), (Lines{"write 9216 3072", "write 12288 4096"}));
   EXPECT_EQ(fork.read_image(9216, 3072), cached_bytes(fork, 0, 1024, 3072));
+  EXPECT_EQ(fork.item(0), "refs=0 valid={} modified={0} dirty=1");  // its beginning is not written yet
 }
 
 TEST(ForkFlushInternal, RangeBehindTheForksEnd_IsRefused) {

@@ -25,8 +25,9 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume);
 //
 //   label  UTF-8, NUL-terminated; at most 255 UTF-16 units once it is decomposed
 //
-// Returns kvfs_ok; kvfs_invalid when the label is malformed or too long; kvfs_no_memory; kvfs_overflow; or the failure
-// of the rename or the flush. Nothing on the device has changed unless the flush had begun.
+// Returns kvfs_ok; kvfs_invalid when the label is malformed or too long; kvfs_internal for a character of four bytes
+// that is out of range; kvfs_no_memory; kvfs_overflow; or the failure of the rename or the flush. Nothing on the device
+// has changed unless the flush had begun.
 kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label);
 
 #endif  // KVFSLABEL_LABEL_H

@@ -6,8 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
+#include <cstdint>
 #include <cstring>
 
 #include "owned.h"

@@ -60,6 +60,7 @@ Volume random_volume(Random& random) {
   static constexpr std::uint32_t kBlockSizes[] = {512, 1024, 4096};
   VolumeDescription description;
   description.block_size = kBlockSizes[below(random, 3)];
+  description.allocation_file_in_chunks = true;
   description.hfsx = below(random, 2) == 0;
   description.case_sensitive = description.hfsx && below(random, 2) == 0;
   description.folder_counts = below(random, 2) == 0;

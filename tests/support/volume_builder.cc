@@ -148,6 +148,7 @@ class Builder {
   void set_size();
 
   void write_items(Volume& volume) const;
+  [[nodiscard]] std::uint64_t bitmap_blocks_for(std::uint64_t total_blocks) const;
   void write_bitmap(Volume& volume) const;
   void write_header(Volume& volume) const;
   [[nodiscard]] Bytes header() const;
@@ -369,6 +370,16 @@ void Builder::plan_other_trees() {
   extents_ = place_tree(extents_plan_, description_.extents);
 }
 
+// Blocks of an allocation file for so many blocks.
+std::uint64_t Builder::bitmap_blocks_for(std::uint64_t total_blocks) const {
+  constexpr std::uint64_t kChunk = 4096;
+  std::uint64_t bytes = (total_blocks + 7) / 8;
+  if (description_.allocation_file_in_chunks) {
+    bytes = (bytes + kChunk - 1) / kChunk * kChunk;
+  }
+  return (bytes + block_size_ - 1) / block_size_;
+}
+
 // Size of a volume that was left open: what is placed, the allocation file that describes it, the spare blocks and the
 // last 1024 bytes.
 void Builder::set_size() {
@@ -379,7 +390,7 @@ void Builder::set_size() {
     bitmap_blocks = wanted;
     total_blocks_ = placed + bitmap_blocks;
     total_blocks_ += (1024 + block_size_ - 1) / block_size_;
-    wanted = ((total_blocks_ + 7) / 8 + block_size_ - 1) / block_size_;
+    wanted = bitmap_blocks_for(total_blocks_);
   }
   if (total_blocks_ > 0xFFFFFFFFU) {
     throw std::invalid_argument("the volume has too many blocks");
@@ -391,7 +402,7 @@ void Builder::place_allocation_file() {
   if (description_.size == 0) {
     set_size();
   }
-  const std::uint64_t blocks = ((total_blocks_ + 7) / 8 + block_size_ - 1) / block_size_;
+  const std::uint64_t blocks = bitmap_blocks_for(total_blocks_);
   allocation_.logical_size = blocks * block_size_;
   allocation_.clump_size = static_cast<std::uint32_t>(blocks * block_size_);
   allocation_.extents = blocks_.allocate({blocks, description_.allocation_extent_count, 1, 0, 0});

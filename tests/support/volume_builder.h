@@ -103,6 +103,7 @@ class VolumeDescription {
   TreeShape attributes_tree;
   std::uint32_t startup_blocks = 0;  // size of the startup file
   std::uint32_t allocation_extent_count = 1;
+  bool allocation_file_in_chunks = false;  // of 4,096 bytes, which freeing blocks maps; else in blocks
   std::vector<Item> items;
   std::vector<Record> extra_catalog_records;  // put in order among the others; keys with their length field
   std::vector<Record> extra_extents_records;
