@@ -29,8 +29,9 @@ expect_label() {
   [[ $("$@" "$work/volume") == Installed ]] || fail "$* does not print the label"
 }
 
-# archive_version NAME: the version in the name of an archive of the sources.
-archive_version() {
-  local version=${1#kvfs-}
+# packages_version FOLDER: the version in the name of the archive of the sources there.
+packages_version() {
+  local found=("$1"/kvfs-*.tar.xz) version
+  version=${found[0]##*/kvfs-}
   echo "${version%.tar.xz}"
 }
