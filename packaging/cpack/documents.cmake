@@ -14,11 +14,11 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   configure_file("${CPACK_KVFS_SOURCE_DIR}/packaging/debian/copyright" "${documents}/copyright" COPYONLY)
   configure_file("${CPACK_KVFS_SOURCE_DIR}/CHANGELOG.md" "${documents}/changelog" COPYONLY)
   file(WRITE "${documents}/changelog.Debian" "${changelog}")
-  file(CHMOD_RECURSE "${root}${CPACK_KVFS_DOC_DIR}"
-       FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
-       DIRECTORY_PERMISSIONS ${CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
 
   file(GLOB_RECURSE pages "${root}${CPACK_KVFS_MAN_DIR}/*")
   execute_process(COMMAND gzip -9n "${documents}/changelog" "${documents}/changelog.Debian" ${pages}
                   COMMAND_ERROR_IS_FATAL ANY)
+
+  # Whatever the umask of whoever makes the packages.
+  execute_process(COMMAND chmod --recursive u=rwX,go=rX "${root}" COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

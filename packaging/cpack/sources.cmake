@@ -14,3 +14,6 @@ foreach(file IN LISTS files)
   get_filename_component(folder "${file}" DIRECTORY)
   file(COPY "${CPACK_KVFS_SOURCE_DIR}/${file}" DESTINATION "${CMAKE_INSTALL_PREFIX}/${folder}")
 endforeach()
+
+# Whatever the umask of whoever makes the archive.
+execute_process(COMMAND chmod --recursive u=rwX,go=rX "${CMAKE_INSTALL_PREFIX}" COMMAND_ERROR_IS_FATAL ANY)
