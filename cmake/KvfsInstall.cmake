@@ -2,7 +2,7 @@
 #
 #   tool         the tool, its man page, shell completions
 #   library      the shared library
-#   development  headers, static library, pkg-config file, CMake package
+#   development  headers, static library, their man page, pkg-config file, CMake package
 
 include(CMakePackageConfigHelpers)
 
@@ -35,6 +35,7 @@ if(TARGET kvfs_shared)
       COMPONENT development)
 endif()
 
+install(FILES man/kvfs.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 configure_file(cmake/kvfs.pc.in "${PROJECT_BINARY_DIR}/kvfs.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/kvfs.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
