@@ -2,7 +2,7 @@
 // redirects the calls listed in `Call` (--wrap). A program that links kvfs_test_support gets the redirection.
 //
 //   FaultInjector faults;                                   // armed from here to the end of the scope
-//   faults.fail(Call::kPread64, 2, Fault::error(EIO));      // the second read fails
+//   faults.fail(Call::kPread64, 2);                         // the second read fails
 //   const kvfs_result result = kvfs_device_read_disk_sectors(...);
 //   EXPECT_EQ(faults.count(Call::kPread64), 2u);
 //   EXPECT_EQ(faults.outstanding_allocations(), 0u);        // whatever was allocated in the scope was freed
