@@ -567,6 +567,24 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
   EXPECT_EQ(retried.back(), "1: " + kNewFailed + " " + kUndoLast);
 }
 
+TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredFor64Tries_GivesUp) {
+  FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
+  scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
+  std::vector<std::size_t> tries;
+  for (const FailedOperation& failure : fail_each(
+           [](FaultInjector&faults, unsigned long n) {
+             for (unsigned long i = 0; i < 65; ++i) {  // the failure, and every try
+               faults.fail(Call::kRwlockWrlock, n + i);
+             }
+           },
+           scenario)) {
+    tries.push_back(static_cast<std::size_t>(
+        std::count(failure.log.begin(), failure.log.end(),
+                   "ERROR kvfs_btree_expand Error while rolling back modifications to last map node.\n")));
+  }
+  EXPECT_EQ(*std::max_element(tries.begin(), tries.end()), 64u);
+}
+
 // The new map node lies in the part that undoing cuts off, where its mapping cannot be given back.
 TEST(ExpandTree, UndoneWithItsNewMapNodeMapped_CannotUnmapIt) {
   FaultScenario scenario = {full_catalog(), {}, {}, {}};
