@@ -326,8 +326,10 @@ TEST(ForkPrivateCreate, LargestItemArray_PassesTheCheck) {
   EXPECT_EQ(kvfs_fork_private_create(medium.device(), nullptr, 1, 4, medium.fork_data(), 512, &priv), kvfs_no_memory);
   EXPECT_EQ(faults.outstanding_allocations(), 0u);
   EXPECT_EQ(faults.locks_alive(), 0);
+  constexpr std::size_t kArray = kLargestForkItems * sizeof(kvfs_fork_cache_item*);
+  EXPECT_EQ(faults.allocation_sizes().back(), kArray);
   EXPECT_LOG(log, "ERROR kvfs_fork_private_create Error while allocating fork cache item array (" +
-                      std::to_string(kLargestForkItems * sizeof(kvfs_fork_cache_item*)) + " bytes).\n");
+                      std::to_string(kArray) + " bytes).\n");
 }
 
 TEST(ForkPrivateCreate, NeitherOverflowFileNorPartial_IsRefused) {
