@@ -239,6 +239,16 @@ TEST(BtreeClaim, NodeWithoutRoomForAMapRecord_IsInconsistent) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+TEST(BtreeClaim, NodeWithRoomForAMapRecordOfNoBytes_StillHasTheByteBehindIt) {
+  ChangeTree tree(tree_of(16));
+  tree.open();
+  tree.get()->nodeSize = 256;
+  LogCapture log;
+  EXPECT_EQ(claim(tree), "node 1");
+  EXPECT_LOG(log);
+  tree.get()->nodeSize = 512;
+}
+
 // ---- Map nodes -----------------------------------------------------------------------------------------------------
 //
 // The byte index of node n is n / 8 less the bytes of the segments before. An index equal to a segment's length is
