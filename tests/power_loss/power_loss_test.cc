@@ -149,6 +149,7 @@ constexpr std::uint32_t kFiles = 60;
 constexpr std::size_t kSameLength = 8;
 constexpr std::size_t kLonger = 60;
 constexpr std::size_t kTooLongForTheLeaf = 100;
+constexpr std::size_t kTooLongForTheIndex = 20;
 
 void leave_room_in_leaves(VolumeDescription& description) {
   description.catalog.leaf_free_bytes = 200;
@@ -182,6 +183,15 @@ std::vector<Shape> shapes() {
       {"Split", [](VolumeDescription& d) { d.catalog.leaf_fill[0].free_bytes = 0; }, kTooLongForTheLeaf,
        "5 writes; between them 6 cuts: 2 old, 4 new, 0 refused, 0 other, 3 lose files; within them 35 cuts: 7 old, "
        "14 new, 14 refused, 0 other, 14 lose files"},
+      {"SplitOfAnIndexNode",
+       [](VolumeDescription& d) {
+         d.catalog.node_size = 512;
+         d.catalog.leaf_free_bytes = 100;
+         d.catalog.height = 3;
+       },
+       kTooLongForTheIndex,
+       "6 writes; between them 7 cuts: 2 old, 5 new, 0 refused, 0 other, 3 lose files; within them 0 cuts: 0 old, "
+       "0 new, 0 refused, 0 other, 0 lose files"},
       {"NodesAcrossExtents",
        [](VolumeDescription& d) {
          leave_room_in_leaves(d);
