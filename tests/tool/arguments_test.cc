@@ -191,6 +191,7 @@ TEST(ToolMountTable, EscapedPath_IsRefusedInEitherForm) {
   // ... and this as the escape sequence that another C library leaves in place.
   EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134040such\\134040disk /mnt hfsplus rw 0 0\n"), failed(kRefusing));
   EXPECT_EQ(run_with_mounts("/no\\040such", "/no\\134040such /mnt hfsplus rw 0 0\n"), failed(kRefusing));
+  EXPECT_EQ(run_with_mounts("/such\\no\\", "/such\\134134no\\134134 /mnt hfsplus rw 0 0\n"), failed(kRefusing));
 }
 
 TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
