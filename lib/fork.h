@@ -98,7 +98,8 @@ kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, 
                            std::size_t* out_bytes_read);
 
 // Copies bytes into the cache and marks their blocks modified; kvfs_fork_flush brings them to the device. Blocks that
-// are only partly overwritten are read first.
+// are only partly overwritten are read first. A block that is overwritten whole is not taken for read: unless it was
+// mapped or read before, the next map or read fetches it from the device, over the change.
 //
 //   offset, length     bytes; inside the logical size; the range may span cache items
 //   out_bytes_written  may be null; receives `length` on success and 0 on failure
@@ -121,8 +122,8 @@ kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t 
                            std::uint64_t* out_bytes_filled);
 
 // Writes every modified block to the device, in ascending order within each extent, extents in the fork's order, one
-// transfer for each block. It stops at the first failure; the blocks written before are clean, and the next flush tries
-// the rest again.
+// transfer for each block (two where it lies in two extents). It stops at the first failure; the blocks written before
+// are clean, and the next flush tries the rest again.
 //
 // Locks: items_lock for reading, dirty_lock for writing, each item's lock for writing while its blocks are written.
 // Returns kvfs_ok; kvfs_internal when the transfer unit is not a power of two; kvfs_inconsistent when extents and sizes

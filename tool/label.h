@@ -1,5 +1,5 @@
 // Printing and setting the label of an open volume. Messages of these routines go to standard error as they are,
-// without the prefix of the library's log.
+// without the prefix of the library's log; only "Overflow while composing volume label string." has it.
 
 #ifndef KVFSLABEL_LABEL_H
 #define KVFSLABEL_LABEL_H
