@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -157,6 +158,7 @@ RunningTool::RunningTool(const std::string& program, const std::vector<std::stri
 
 RunningTool::~RunningTool() {
   if (!ended_) {
+    (void)kill(pid_, SIGKILL);
     (void)waitpid(pid_, &wait_status_, 0);
   }
 }

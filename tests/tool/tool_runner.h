@@ -61,7 +61,7 @@ struct RunOptions {
   unsigned seconds = 0;      // of processor time, 0: any
 };
 
-// A program on its way. It is waited for by finish(), at the latest by the destructor.
+// A program on its way. finish() waits for its end; the destructor kills one that still runs.
 class RunningTool {
  public:
   RunningTool(const std::string& program, const std::vector<std::string>& arguments, const RunOptions& options = {});
