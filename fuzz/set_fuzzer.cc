@@ -1,4 +1,5 @@
-// Sets labels on damaged volumes. Until the flush nothing may be written, and a sound volume whose label was set has it.
+// Sets labels on damaged volumes. Until the flush nothing may be written, and a sound volume whose label was set has
+// it.
 
 #include <cstdint>
 #include <string>
