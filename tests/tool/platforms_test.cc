@@ -22,7 +22,7 @@ namespace {
 
 std::vector<std::string> commands() {
   const char* const given = std::getenv("KVFSLABEL_COMMANDS");
-  std::istringstream lines(given != nullptr ? given : KVFSLABEL_PATH "\n" KVFSLABEL_FAULTY_PATH);
+  std::istringstream lines(given != nullptr ? given : "'" KVFSLABEL_PATH "'\n'" KVFSLABEL_FAULTY_PATH "'");
   std::vector<std::string> all;
   for (std::string line; std::getline(lines, line);) {
     all.push_back(line);

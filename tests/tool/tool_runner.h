@@ -85,7 +85,7 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
                     const RunOptions& options = {});
 
 // The tool as it is shipped. The environment variable KVFSLABEL_COMMAND names another build of it to be run in its
-// place, an emulator before its path included.
+// place, an emulator before its path included; a blank within a word has a backslash before it.
 ToolRun run_tool(const std::vector<std::string>& arguments, const RunOptions& options = {});
 // What starts it, for a shell that splits the text into words.
 std::string tool_command();
