@@ -118,9 +118,10 @@ void FuzzDevice::restore() {
 
 // A change replaces up to eight bytes. Its place counts from either end of a structure: a node's offset table is at the
 // end.
-void FuzzDevice::damage(Input* input) {
-  const unsigned changes = input->byte() % (kMostChanges + 1);
-  for (unsigned i = 0; i < changes && !input->at_end(); ++i) {
+unsigned FuzzDevice::damage(Input* input) {
+  const unsigned wanted = input->byte() % (kMostChanges + 1);
+  unsigned changes = 0;
+  for (; changes < wanted && !input->at_end(); ++changes) {
     const auto& [offset, length] = places_[input->below(places_.size())];
     const std::uint16_t where = input->unit();
     const std::uint64_t position = (where & 0x8000) != 0 ? length - 1 - (where & 0x7FFF) % length : where % length;
@@ -130,6 +131,7 @@ void FuzzDevice::damage(Input* input) {
                 static_cast<ssize_t>(bytes.size()),
             "the device is changed");
   }
+  return changes;
 }
 
 std::vector<std::uint8_t> FuzzDevice::bytes() const {

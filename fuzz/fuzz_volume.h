@@ -28,8 +28,8 @@ class FuzzDevice {
   // The device of the shape that the input names, undamaged.
   static FuzzDevice& choose(Input* input);
 
-  // Damages the device as the input says, with 0 to 7 changes.
-  void damage(Input* input);
+  // Damages the device as the input says, with 0 to 7 changes; their number is returned.
+  unsigned damage(Input* input);
 
   [[nodiscard]] kvfs_device* device() const { return device_; }
   [[nodiscard]] std::vector<std::uint8_t> bytes() const;

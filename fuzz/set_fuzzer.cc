@@ -1,6 +1,8 @@
-// Sets labels on damaged volumes. Until the flush nothing may be written, and a volume whose label was set has it.
+// Sets labels on damaged volumes. Until the flush nothing may be written, and a sound volume whose label was set has
+// it.
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "btree.h"
@@ -29,7 +31,7 @@ static bool set_label(const FuzzDevice& device, const std::vector<kvfs_be16>& la
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
   FuzzDevice& device = FuzzDevice::choose(&input);
-  device.damage(&input);
+  const bool is_sound = device.damage(&input) == 0;
   const bool long_label = (input.byte() & 1) != 0;
   std::vector<kvfs_be16> label(input.below(kLongestLabel));
   std::u16string text;
@@ -37,10 +39,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     unit.set(long_label ? u'L' : static_cast<std::uint16_t>(input.unit() & 0x7FF));
     text.push_back(static_cast<char16_t>(unit.get()));
   }
-  (void)set_label(device, label);
+  const bool is_set = set_label(device, label);
   const OpenedVolume again(device.device(), false);
+  require(!is_sound || again.get() != nullptr, "a sound volume stays one");
   if (again.get() != nullptr) {
-    (void)again.label();
+    const std::u16string found = again.label();
+    require(!is_sound || !is_set || found == text, "a sound volume whose label was set has it");
   }
   return 0;
 }

@@ -35,3 +35,8 @@ packages_version() {
   version=${found[0]##*/kvfs-}
   echo "${version%.tar.xz}"
 }
+
+# declared HEADER...: the routines that headers declare.
+declared() {
+  sed 's://.*::' "$@" | grep -oE '\b(kvfs_[a-z0-9_]+|[A-Z][a-z]+[A-Z][A-Za-z]+)\(' | tr -d '(' | sort -u
+}

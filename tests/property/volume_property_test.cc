@@ -592,6 +592,20 @@ TEST(VolumeProperty, RandomChanges_LeaveWhatTheModelHasAndNothingElse) {
 
 // ---- Independent readers -------------------------------------------------------------------------------------------
 
+// The path of an image for them, which is removed in the end.
+class ImageFile {
+ public:
+  ImageFile() : path_(::testing::TempDir() + "kvfs-property-" + std::to_string(getpid()) + ".img") {}
+  ~ImageFile() { unlink(path_.c_str()); }
+  ImageFile(const ImageFile&) = delete;
+  ImageFile& operator=(const ImageFile&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
 // What a program writes to standard output, line by line.
 Lines output_of(const std::string& command) {
   FILE* const pipe = popen(command.c_str(), "r");
@@ -640,7 +654,7 @@ Lines listed(const VolumeModel& model, Text text) {
 // "r/r 18:\tpath"; the special files have lower IDs.
 void expect_listing_of_fls(const std::string& image, const VolumeModel& model) {
   Lines lines;
-  for (const std::string& line : output_of("fls -r -p " + image)) {
+  for (const std::string& line : output_of("fls -r -p '" + image + "'")) {
     if (std::strtoul(line.c_str() + 4, nullptr, 10) >= kFirstUserId) {
       lines.push_back(line);
     }
@@ -659,7 +673,7 @@ void expect_listing_of_7z(const std::string& image, const VolumeModel& model) {
   Lines lines;
   std::string path;
   std::string folder;
-  for (const std::string& line : output_of("7z l -slt " + image)) {
+  for (const std::string& line : output_of("7z l -slt '" + image + "'")) {
     if (line.starts_with("Path = ")) {
       path = line.starts_with(prefix) ? line.substr(prefix.size()) : "";
     } else if (line.starts_with("Folder = ")) {
@@ -677,7 +691,7 @@ void expect_listing_of_7z(const std::string& image, const VolumeModel& model) {
 
 void expect_listing_of_fshfsinfo(const std::string& image, const VolumeModel& model) {
   Lines lines;
-  for (const std::string& line : output_of("fshfsinfo -H " + image)) {
+  for (const std::string& line : output_of("fshfsinfo -H '" + image + "'")) {
     if (line.size() > 1 && line[0] == '/') {
       lines.push_back(line);
     }
@@ -688,7 +702,7 @@ void expect_listing_of_fshfsinfo(const std::string& image, const VolumeModel& mo
 
 void expect_counts_of_fsstat(const std::string& image, const VolumeModel& model) {
   Lines lines;
-  for (const std::string& line : output_of("fsstat " + image)) {
+  for (const std::string& line : output_of("fsstat '" + image + "'")) {
     if (line.starts_with("Volume Name: ") || line.starts_with("Number of ")) {
       lines.push_back(line);
     }
@@ -703,21 +717,20 @@ TEST(VolumeProperty, IndependentReaders_AgreeWithTheModel) {
   const unsigned long first = number_from("KVFS_PROPERTY_SEED", 1);
   const unsigned long runs = 3 * number_from("KVFS_PROPERTY_ROUNDS", 1);
   const unsigned long changes = number_from("KVFS_PROPERTY_OPERATIONS", 60);
-  const std::string path = ::testing::TempDir() + "kvfs-property-" + std::to_string(getpid()) + ".img";
+  const ImageFile file;
   for (unsigned long seed = first; seed < first + runs; ++seed) {
     ChangingVolume volume(seed, true);
     for (unsigned long i = 0; i < changes; ++i) {
       (void)volume.change();
       volume.compare();
     }
-    volume.image().write_to(path);
-    expect_listing_of_fls(path, volume.model());
-    expect_listing_of_7z(path, volume.model());
-    expect_listing_of_fshfsinfo(path, volume.model());
-    expect_counts_of_fsstat(path, volume.model());
+    volume.image().write_to(file.path());
+    expect_listing_of_fls(file.path(), volume.model());
+    expect_listing_of_7z(file.path(), volume.model());
+    expect_listing_of_fshfsinfo(file.path(), volume.model());
+    expect_counts_of_fsstat(file.path(), volume.model());
     ASSERT_FALSE(::testing::Test::HasFailure()) << "seed " << seed;
   }
-  unlink(path.c_str());
 }
 
 }  // namespace

@@ -90,9 +90,10 @@ TEST(DeviceTrouble, ImageRemovedWhileTheToolWaits_IsSetAndItsReplacementLeftAlon
 
 // ---- Devices that cannot be written --------------------------------------------------------------------------------
 
-// Runs a script in a mount namespace of its own, with the words that start the tool as $0.
+// Runs a script in a mount namespace of its own. `kvfslabel` in it is the tool.
 ToolRun run_among_mounts(const std::string& script, const std::vector<std::string>& parameters) {
-  std::vector<std::string> arguments = {"--map-root-user", "--mount", "sh", "-ec", script, tool_command()};
+  std::vector<std::string> arguments = {
+      "--map-root-user", "--mount", "sh", "-ec", "kvfslabel() { " + tool_command() + " \"$@\"; }\n" + script, "sh"};
   arguments.insert(arguments.end(), parameters.begin(), parameters.end());
   return run_program("unshare", arguments);
 }
@@ -101,8 +102,8 @@ TEST(DeviceTrouble, ReadOnlyDevice_IsPrintedAndRefusedToBeSet) {
   const Volume volume = build_volume(full_leaf());
   const ScratchFile image(volume);
   const std::string read_only = "mount --bind \"$1\" \"$1\"; mount -o remount,ro,bind \"$1\"; ";
-  EXPECT_EQ(run_among_mounts(read_only + "exec $0 \"$1\"", {image.path()}), printed("Untitled\n"));
-  EXPECT_EQ(run_among_mounts(read_only + "exec $0 \"$1\" \"$2\"", {image.path(), kLabel}),
+  EXPECT_EQ(run_among_mounts(read_only + "kvfslabel \"$1\"", {image.path()}), printed("Untitled\n"));
+  EXPECT_EQ(run_among_mounts(read_only + "kvfslabel \"$1\" \"$2\"", {image.path(), kLabel}),
             failed("Error while opening HFS+ volume in read/write mode.\n"));
   EXPECT_TRUE(image.volume() == volume);
 }
@@ -149,7 +150,7 @@ TEST(DeviceTrouble, ImageOnAFullFileSystem_FailsWithTheReasonAndLeavesWholeNodes
       "mount -t tmpfs -o size=4m tmpfs /mnt\n"
       "cp --sparse=always \"$1\" /mnt/image\n"
       "cat /dev/zero >/mnt/rest 2>/dev/null || true\n"
-      "status=0; $0 /mnt/image \"$3\" || status=$?\n"
+      "status=0; kvfslabel /mnt/image \"$3\" || status=$?\n"
       "cat /mnt/image >\"$2\"; exit $status";
   const ToolRun run = run_among_mounts(script, {image.path(), after.path(), kLabel});
   EXPECT_EQ(run.status, 1);

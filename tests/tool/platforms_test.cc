@@ -22,7 +22,7 @@ namespace {
 
 std::vector<std::string> commands() {
   const char* const given = std::getenv("KVFSLABEL_COMMANDS");
-  std::istringstream lines(given != nullptr ? given : KVFSLABEL_PATH "\n" KVFSLABEL_FAULTY_PATH);
+  std::istringstream lines(given != nullptr ? given : "'" KVFSLABEL_PATH "'\n'" KVFSLABEL_FAULTY_PATH "'");
   std::vector<std::string> all;
   for (std::string line; std::getline(lines, line);) {
     all.push_back(line);
@@ -186,12 +186,15 @@ TEST(Platforms, DamagedVolumes_GiveTheSameMessages) {
 TEST(Platforms, MountedDeviceWithBlanksInItsPath_IsRefusedByAll) {
   const std::string device = "/no such\tdisk\\";
   for (const std::string& command : commands()) {
-    const std::string script = "mount -t tmpfs \"$1\" /mnt && exec " + command + " \"$2\" 2>&1";
-    const auto run_mounted = [&](const std::string& path) {
-      return run_program("unshare", {"--map-root-user", "--mount", "sh", "-c", script, "sh", device, path});
+    const std::string script = "mount -t tmpfs \"$1\" /mnt && shift && exec " + command + " \"$@\" 2>&1";
+    const auto run_mounted = [&](const std::vector<std::string>& arguments) {
+      std::vector<std::string> all = {"--map-root-user", "--mount", "sh", "-c", script, "sh", device};
+      all.insert(all.end(), arguments.begin(), arguments.end());
+      return run_program("unshare", all);
     };
-    EXPECT_EQ(run_mounted(device), (ToolRun{1, "Refusing to open mounted file system.\n", ""})) << command;
-    EXPECT_EQ(run_mounted(device + "x"), (ToolRun{1, "Error while opening HFS+ volume in read mode.\n", ""}))
+    EXPECT_EQ(run_mounted({device}), (ToolRun{1, "Refusing to open mounted file system.\n", ""})) << command;
+    EXPECT_EQ(run_mounted({device, "label"}), (ToolRun{1, "Refusing to open mounted file system.\n", ""})) << command;
+    EXPECT_EQ(run_mounted({device + "x"}), (ToolRun{1, "Error while opening HFS+ volume in read mode.\n", ""}))
         << command;
   }
 }

@@ -65,15 +65,12 @@ std::optional<std::string> text_behind(const std::string& program, const std::ve
   return std::nullopt;
 }
 
-// What each reader that is installed finds; stored names are shown as they are stored.
+// What each reader finds; stored names are shown as they are stored.
 std::map<std::string, std::string> labels_by_others(const std::string& path, bool with_fshfsinfo) {
   std::map<std::string, std::string> labels;
   const auto note = [&](const std::string& program, const std::vector<std::string>& arguments,
                         const std::string& marker) {
-    if (!has_program(program)) {
-      std::printf("%s is not installed: its view of the label is not compared\n", program.c_str());
-      return;
-    }
+    ASSERT_TRUE(has_program(program)) << program << " is missing; scripts/setup installs it";
     labels[program] = text_behind(program, arguments, marker).value_or("(nothing)");
   };
   note("blkid", {"-p", "-s", "LABEL", "-o", "value", path}, "");
@@ -92,15 +89,14 @@ void expect_same_label_by_others(const std::string& path, const std::string& raw
 
 // 7z shows the root folder as the first entry of its list, composed or as it is stored.
 void expect_same_label_by_7z(const std::string& path, const std::string& composed, const std::string& raw) {
-  if (!has_program("7z")) {
-    std::printf("7z is not installed: its view of the label is not compared\n");
-    return;
-  }
+  ASSERT_TRUE(has_program("7z")) << "scripts/setup installs it";
   const std::string root = text_behind("7z", {"l", "-slt", "-ba", path}, "Path = ").value_or("(nothing)");
   EXPECT_TRUE(root == composed || root == raw) << root;
 }
 
 // ---- Volumes at hand -----------------------------------------------------------------------------------------------
+
+#ifdef KVFS_VOLUMES_DIR
 
 struct KnownVolume {
   std::string file;
@@ -164,9 +160,7 @@ class UnpackedFile : public ScratchFile {
 
 TEST(RealVolumes, VolumesOfOtherSystems_PrintTheLabelsOfTheirManifest) {
   const std::filesystem::path folder = KVFS_VOLUMES_DIR;
-  if (!std::filesystem::exists(folder / "manifest.json")) {
-    GTEST_SKIP() << folder << " does not exist: there are no volumes of other systems to read";
-  }
+  ASSERT_TRUE(std::filesystem::exists(folder / "manifest.json")) << folder;
   const std::vector<KnownVolume> volumes = read_manifest(folder / "manifest.json");
   ASSERT_THAT(volumes, Not(IsEmpty()));
   for (const KnownVolume& volume : volumes) {
@@ -182,9 +176,7 @@ TEST(RealVolumes, VolumesOfOtherSystems_PrintTheLabelsOfTheirManifest) {
 
 TEST(RealVolumes, EveryPackedVolume_IsInTheManifest) {
   const std::filesystem::path folder = KVFS_VOLUMES_DIR;
-  if (!std::filesystem::exists(folder / "manifest.json")) {
-    GTEST_SKIP() << folder << " does not exist: there are no volumes of other systems to read";
-  }
+  ASSERT_TRUE(std::filesystem::exists(folder / "manifest.json")) << folder;
   std::vector<std::string> known;
   for (const KnownVolume& volume : read_manifest(folder / "manifest.json")) {
     known.push_back(volume.file);
@@ -195,6 +187,8 @@ TEST(RealVolumes, EveryPackedVolume_IsInTheManifest) {
     }
   }
 }
+
+#endif
 
 // ---- Volumes written by xorriso ------------------------------------------------------------------------------------
 
@@ -251,9 +245,7 @@ INSTANTIATE_TEST_SUITE_P(Labels, XorrisoVolumes,
                                            std::pair{"a", 0}));
 
 TEST_P(XorrisoVolumes, PrintedLabel_IsTheGivenOneAndThatOfOtherReaders) {
-  if (!has_program("xorriso")) {
-    GTEST_SKIP() << "xorriso is not installed: there is nothing to write a volume with";
-  }
+  ASSERT_TRUE(has_program("xorriso")) << "scripts/setup installs it";
   const std::string label = GetParam().first;
   const SourceTree source;
   source.add_files(GetParam().second);

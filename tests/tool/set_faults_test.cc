@@ -75,6 +75,7 @@ class ToolSetFaults : public ::testing::Test {
       FaultyRun one = run(call + ":" + std::to_string(n) + (what.empty() ? "" : ":" + what));
       if (one.traced.balance["delivered"] == 0) {
         EXPECT_EQ(one.traced.run, printed(""));
+        EXPECT_FALSE(runs.empty()) << call << " is never called";
         return runs;
       }
       EXPECT_EQ(one.traced.balance["allocations"], 0) << one.fault << "\n" << one.traced.run;

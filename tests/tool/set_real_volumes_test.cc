@@ -46,11 +46,11 @@ void expect_set_and_set_back(const ScratchFile& image, const std::vector<std::st
 
 // ---- Volumes at hand -----------------------------------------------------------------------------------------------
 
+#ifdef KVFS_VOLUMES_DIR
+
 TEST(SetRealVolumes, VolumesOfOtherSystems_AreSetAndSetBack) {
   const std::filesystem::path folder = KVFS_VOLUMES_DIR;
-  if (!std::filesystem::exists(folder / "manifest.json")) {
-    GTEST_SKIP() << folder << " does not exist: there are no volumes of other systems to change";
-  }
+  ASSERT_TRUE(std::filesystem::exists(folder / "manifest.json")) << folder;
   int volumes = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     if (entry.path().extension() == ".xz") {
@@ -65,6 +65,8 @@ TEST(SetRealVolumes, VolumesOfOtherSystems_AreSetAndSetBack) {
   }
   EXPECT_GT(volumes, 0);
 }
+
+#endif
 
 // ---- Volumes written by xorriso ------------------------------------------------------------------------------------
 

@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -108,9 +108,19 @@ static std::vector<std::string> environment_with(const std::map<std::string, std
   _exit(127);
 }
 
+// The words between blanks. A backslash keeps what is behind it in the word.
 static std::vector<std::string> words_of(const std::string& text) {
-  std::istringstream words(text);
-  return {std::istream_iterator<std::string>(words), {}};
+  std::vector<std::string> words(1);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == ' ') {
+      words.emplace_back();
+    } else {
+      i += text[i] == '\\' && i + 1 < text.size() ? 1 : 0;
+      words.back() += text[i];
+    }
+  }
+  std::erase(words, "");
+  return words;
 }
 
 // The words that start a program. What has a path was built for the target, which may need an emulator here; the rest
@@ -157,6 +167,7 @@ RunningTool::RunningTool(const std::string& program, const std::vector<std::stri
 
 RunningTool::~RunningTool() {
   if (!ended_) {
+    (void)kill(pid_, SIGKILL);
     (void)waitpid(pid_, &wait_status_, 0);
   }
 }
@@ -212,7 +223,7 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
 std::string tool_command() {
   std::string command;
   for (const std::string& word : command_of(KVFSLABEL_PATH)) {
-    command += (command.empty() ? "" : " ") + word;
+    command += (command.empty() ? "'" : " '") + word + "'";
   }
   return command;
 }

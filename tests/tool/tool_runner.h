@@ -61,7 +61,7 @@ struct RunOptions {
   unsigned seconds = 0;      // of processor time, 0: any
 };
 
-// A program on its way. It is waited for by finish(), at the latest by the destructor.
+// A program on its way. finish() waits for its end; the destructor kills one that still runs.
 class RunningTool {
  public:
   RunningTool(const std::string& program, const std::vector<std::string>& arguments, const RunOptions& options = {});
@@ -85,7 +85,7 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
                     const RunOptions& options = {});
 
 // The tool as it is shipped. The environment variable KVFSLABEL_COMMAND names another build of it to be run in its
-// place, an emulator before its path included.
+// place, an emulator before its path included; a blank within a word has a backslash before it.
 ToolRun run_tool(const std::vector<std::string>& arguments, const RunOptions& options = {});
 // What starts it, for a shell that splits the text into words.
 std::string tool_command();
