@@ -736,6 +736,8 @@ struct search_walk {
   std::uint32_t previous_data;  // where the data of the record before it begins, in the node
 
   cycle_finder descents;
+  std::uint32_t key_bytes;  // of all keys that were compared
+  std::uint32_t odd_keys;   // of those, keys of a length that the tree's keys do not have
 
   bool done;
   kvfs_btree_search_result result;
@@ -813,11 +815,15 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
   const kvfs_result result = kvfs_btree_record_locator_open(
       walk->tree, node, static_cast<std::uint16_t>(index), walk->node.bytes + record.offset, record.end - record.offset,
       fork_position(walk->tree, node, record.offset), &walk->result.locator);
-  if (result == kvfs_ok && index >= walk->descriptor.numRecords.get() &&
-      walk->result.locator->priv->reference_count == 1) {
-    walk->result.locator->priv->is_vacant = 1;
+  if (result != kvfs_ok) {
+    return result;
   }
-  return result;
+  kvfs_btree_record_locator_private* const place = walk->result.locator->priv;
+  place->index_height = walk->descriptor.kind == kBTIndexNode ? walk->descriptor.height : std::uint8_t{0};
+  if (index >= walk->descriptor.numRecords.get() && place->reference_count == 1) {
+    place->is_vacant = 1;
+  }
+  return kvfs_ok;
 }
 
 // A node of another kind, or one above the height that is looked for, was walked to its end.
@@ -848,10 +854,11 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
   return result;
 }
 
-// Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes.
+// Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and not often.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
-  if (comes_back(&walk->descents, child) || walk->descents.steps == walk->header.totalNodes.get()) {
+  if (comes_back(&walk->descents, child) ||
+      walk->descents.steps == kvfs_min(walk->header.totalNodes.get(), kMaximumDescents)) {
     KVFS_ERROR_AS(kFunction, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
   }
@@ -906,13 +913,33 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
   return descend(walk, child);
 }
 
+// Whether a key has a length that no key of such a tree has.
+static bool is_odd_key(std::uint32_t tree_kind, const void* key) {
+  const std::uint16_t length = kvfs_view_as<kvfs_be16>(key)->get();
+  return (tree_kind == kHFSExtentsFileID && length != kHFSPlusExtentKeyLength) ||
+         (tree_kind == kHFSCatalogFileID && length < kHFSPlusCatalogKeyMinimumLength);
+}
+
+// Takes account of a key that is going to be compared; false when the records of the nodes hold more keys than the
+// nodes have room for, or odd ones. Of those one is compared, which tells what is wrong; a node full of them would fill
+// the log.
+static bool can_compare(search_walk* walk, const node_record& record) {
+  walk->key_bytes += record.data - record.offset;
+  const std::uint32_t kind = walk->tree->priv->tree_kind;
+  walk->odd_keys += is_odd_key(kind, walk->node.bytes + record.offset) && !is_odd_key(kind, walk->key) ? 1 : 0;
+  return walk->key_bytes <= kMaximumKeysInNodes * walk->node.size && walk->odd_keys <= 1;
+}
+
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
 // that look like a key but leave the node are passed over there. The records of the header node, where the search in an
 // empty tree begins, are compared nevertheless: it is the first node of its cache item, and whatever its map reads as
 // ends in there.
-static kvfs_result compare_record(const search_walk* walk, const node_record& record, int* order) {
+static kvfs_result compare_record(search_walk* walk, const node_record& record, int* order) {
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   *order = 0;
+  if (has_keys && record.key_inside && !can_compare(walk, record)) {
+    return report_bad_record(walk->node.number, walk->index);
+  }
   if (record.key_inside || (walk->node.number == 0 && !has_keys)) {
     *order = walk->tree->priv->compare(walk->node.bytes + record.offset, walk->key, walk->header.keyCompareType);
   }
@@ -1361,7 +1388,7 @@ static kvfs_result position_insertion(insertion* insert, const kvfs_btree_search
 }
 
 static kvfs_result report_bad_insert_offset(std::uint32_t node, std::uint32_t index) {
-  KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Offset of record %lu of node %lu is out of range.\n", to_ul(index),
+  KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(index),
                 to_ul(node));
   return kvfs_inconsistent;
 }
@@ -1432,7 +1459,7 @@ static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, sp
   search->split_size = boundary + kOffsetEntrySize * (std::int64_t{middle} + 1);
   search->claimed_size = search->total - boundary + kOffsetEntrySize * (moved + 2) + kBTFirstRecordOffset;
   if (search->claimed_size < 0) {
-    KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Record %lu of node %lu begins behind the free space.\n",
+    KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
                   to_ul(middle), to_ul(insert.node.view.number));
     return kvfs_inconsistent;
   }
@@ -1642,11 +1669,24 @@ static kvfs_result count_inserted_leaf_record(kvfs_btree* tree) {
   return result;
 }
 
+// Searches for an index record of a height that is there or is not, as `found` says. In a damaged tree the search ends
+// elsewhere, in a leaf or in an index node of another height, whose records must not be taken for those of that height.
+static kvfs_result search_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t found,
+                                       kvfs_btree_search_result* place) {
+  kvfs_btree_search_result_init(place);
+  const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToHeight, height, place);
+  if (result == kvfs_ok && place->locator != nullptr && place->found == found &&
+      place->locator->priv->index_height != height) {
+    kvfs_btree_record_locator_release(&place->locator, false);
+    return kvfs_inconsistent;
+  }
+  return result;
+}
+
 // Deletes the index record that leads to a node by the key that was its first one.
 static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* former_key, std::uint8_t height) {
   kvfs_btree_search_result found;
-  kvfs_btree_search_result_init(&found);
-  kvfs_result result = kvfs_btree_search_node_internal(tree, former_key, 0, kSearchToHeight, height, &found);
+  kvfs_result result = search_index_record(tree, former_key, height, 1, &found);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kInsertFunction, "Error while searching for index node to modify.\n");
     return result;
@@ -1786,8 +1826,7 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
 
 kvfs_result kvfs_btree_add_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t child) {
   kvfs_btree_search_result place;
-  kvfs_btree_search_result_init(&place);
-  kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToHeight, height, &place);
+  kvfs_result result = search_index_record(tree, key, height, 0, &place);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while searching for location to insert index record.\n");
     return result;
@@ -1866,8 +1905,23 @@ static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
   return check_maintained_depth(kSplitFunction, depth);
 }
 
+static kvfs_result report_contradiction(std::uint32_t node) {
+  KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Node %lu contradicts its links or the node bitmap.\n", to_ul(node));
+  return kvfs_inconsistent;
+}
+
+// The node bitmap may call a node free that is not: those that are known to be in use are refused.
+static bool is_in_use(const node_split& split, std::uint32_t node) {
+  return node == split.split.view.number || node == split.split_descriptor.fLink.get() ||
+         node == split.split_descriptor.bLink.get() || node == split.header->rootNode.get() ||
+         node == split.header->firstLeafNode.get() || node == split.header->lastLeafNode.get();
+}
+
 // Reads what the claimed node holds: the bytes that a split does not write stay as they are.
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
+  if (is_in_use(*split, node)) {
+    return report_contradiction(node);
+  }
   if (!allocate_node(split->tree, &split->claimed)) {
     KVFS_ERROR_AS(kSplitFunction,
                   "Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
@@ -1900,6 +1954,10 @@ static kvfs_result link_claimed_node(node_split* split) {
       KVFS_ERROR_AS(kSplitFunction, "Error while reading node descriptor of claimed node's forward linked node.\n");
       return result;
     }
+    if (split->neighbour_descriptor.kind != lower->kind || split->neighbour_descriptor.height != lower->height ||
+        split->neighbour == split->split.view.number) {
+      return report_contradiction(split->neighbour);
+    }
     split->neighbour_descriptor.bLink.set(split->claimed.view.number);
   } else if (lower->kind == kBTLeafNode) {
     split->header->lastLeafNode.set(split->claimed.view.number);
@@ -1929,8 +1987,8 @@ static kvfs_result divide_records(node_split* split, std::uint16_t count, std::s
   std::uint16_t end = 0;
   if (split->index > count || !read_offset(lower, count, &end) || !read_offset(lower, split->index, &begin) ||
       begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
-    KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Records from %hu on of node %lu are not in order.\n",
-                  split->index, to_ul(lower.number));
+    KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
+                  to_ul(split->index), to_ul(lower.number));
     return kvfs_inconsistent;
   }
   *moved = static_cast<std::size_t>(end - begin);
@@ -2340,9 +2398,7 @@ static kvfs_result count_deleted_leaf_record(const deletion& removal) {
 // Deletes the index record that leads to the node by its former first key.
 static kvfs_result delete_index_record(const deletion& removal, std::uint8_t height) {
   kvfs_btree_search_result found;
-  kvfs_btree_search_result_init(&found);
-  kvfs_result result =
-      kvfs_btree_search_node_internal(removal.tree, removal.locator->key, 0, kSearchToHeight, height, &found);
+  kvfs_result result = search_index_record(removal.tree, removal.locator->key, height, 1, &found);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kDeleteFunction, "Error while searching for index record of deleted record's node.\n");
     return result;

@@ -29,6 +29,7 @@ struct kvfs_btree_record_locator_private {
       is_vacant;  // nonzero for a place behind the last record of its node, where no record was when it opened
   std::uint32_t node;
   std::uint16_t index;
+  std::uint8_t index_height;       // of the index node in which a search found the place; 0 for any other node
   std::uint64_t fork_data_offset;  // of the record's data in the tree's fork, bytes
   kvfs_btree* tree;
   std::uint32_t record_key_offset;   // of the key in the record: 0
@@ -94,6 +95,11 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
 // the next one, and so on: a damaged tree that claims to be deeper would keep a change busy for ever, and no volume has
 // one, since 2^32 nodes of seven records each make twelve levels.
 inline constexpr std::uint16_t kMaximumMaintainedDepth = 12;
+
+// What a search may cost, whatever the nodes say: it goes down fewer times than this, and compares so many nodes' worth
+// of keys. A sound tree stays far below: its levels are at most a dozen, and the keys of a node take less than the node.
+inline constexpr std::uint32_t kMaximumDescents = 32;
+inline constexpr std::uint32_t kMaximumKeysInNodes = 16;
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
                                               std::uint16_t data_size, const kvfs_btree_search_result* hint,

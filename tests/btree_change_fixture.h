@@ -41,8 +41,14 @@ struct NodeContent {
 };
 
 class ChangeTree : public TestTree {
+  // The attributes file is the one whose keys the engine knows nothing of.
+  static TreeOptions with_any_keys(TreeOptions options) {
+    options.kind = kHFSAttributesFileID;
+    return options;
+  }
+
  public:
-  explicit ChangeTree(TreeOptions options) : TestTree(std::move(options)) {}
+  explicit ChangeTree(TreeOptions options) : TestTree(with_any_keys(std::move(options))) {}
 
   // The cache.
   [[nodiscard]] Bytes cached(std::uint32_t node, std::uint32_t offset, std::size_t length) const;

@@ -167,6 +167,23 @@ TEST(BtreeDeleteIndex, FirstRecordUnderALaterIndexNode_IsIndexedInTheNodeBefore)
   EXPECT_TRUE(tree.is_idle());
 }
 
+// The tree claims to have a level above its only leaf. The search for the index record ends in that leaf, at a second
+// record with the key, which is not an index record.
+TEST(BtreeDeleteIndex, RecordFoundInALeaf_IsNotTakenForAnIndexRecord) {
+  ChangeTree tree(leaves_of(4, 4));
+  tree.open();
+  kvfs_btree_search_result twin = {1, 0, tree.locate(10)};
+  ASSERT_EQ(tree.insert(number_record(10), &twin), kvfs_ok);
+  release(twin.locator);
+  tree.poke(0, kHeaderTreeDepth, 2, 2);
+  LogCapture log;
+  EXPECT_EQ(tree.remove(10), kvfs_inconsistent);
+  EXPECT_LOG(log, message("ERROR", "kvfs_btree_delete_record_internal",
+                          "Error while searching for index record of deleted record's node."));
+  EXPECT_EQ(tree.show(1), "leaf 1 of height 1, 0 < > 0: 10 20 30 40");
+  EXPECT_TRUE(tree.is_idle());
+}
+
 TEST(BtreeDeleteIndex, LongerNewFirstKey_IsIndexed) {
   std::vector<Record> records = numbered_records(12);
   records[1].first.resize(26, 7);

@@ -571,13 +571,13 @@ TEST_F(BtreeInsert, PlaceInsideTheDescriptor_IsInconsistent) {
   tree_.poke_entry(2, 1, 12);
   LogCapture log;
   EXPECT_EQ(tree_.insert(number_record(55), &hint), kvfs_inconsistent);
-  EXPECT_LOG(log, insert_error("Invalid node data: Offset of record 1 of node 2 is out of range."));
+  EXPECT_LOG(log, insert_error("Invalid node data: Record 1 of node 2 lies outside of the node."));
   hint.locator->priv->index = 3;
   hint.after = 1;
   tree_.poke_entry(2, 4, 2);
   LogCapture end_log;
   EXPECT_EQ(tree_.insert(number_record(85), &hint), kvfs_inconsistent);
-  EXPECT_LOG(end_log, insert_error("Invalid node data: Offset of record 4 of node 2 is out of range."));
+  EXPECT_LOG(end_log, insert_error("Invalid node data: Record 4 of node 2 lies outside of the node."));
   release(hint.locator);
 }
 
@@ -836,6 +836,21 @@ TEST_F(BtreeInsert, AddLongerIndexRecordAtTheEnd_Succeeds) {
   EXPECT_EQ(kvfs_btree_add_index_record(tree_.get(), key.data(), 2, 7), kvfs_ok);
   EXPECT_EQ(tree_.content(4).records.at(3), packed({key, {0, 0, 0, 7}}));
   EXPECT_TRUE(tree_.is_idle());
+}
+
+// The search ends behind the last record of the root, which is no place for an index record of that height: a full one
+// would be split for it, and the record of that split would come to the same place again.
+TEST_F(BtreeInsert, AddIndexRecordOfAHeightThatIsNotThere_IsInconsistent) {
+  const Bytes key = number_key(200);
+  for (const std::uint8_t height : Numbers8{3, 7, 255}) {
+    const std::vector<Bytes> before = tree_.cached_nodes();
+    LogCapture log;
+    EXPECT_EQ(kvfs_btree_add_index_record(tree_.get(), key.data(), height, 7), kvfs_inconsistent);
+    EXPECT_LOG(log, message("ERROR", "kvfs_btree_add_index_record",
+                            "Error while searching for location to insert index record."));
+    EXPECT_EQ(tree_.changed_since(before), Lines());
+    EXPECT_TRUE(tree_.is_idle());
+  }
 }
 
 }  // namespace

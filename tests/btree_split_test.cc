@@ -173,7 +173,7 @@ TEST(BtreeSplitDamage, SplitPointBehindTheFreeSpace_IsInconsistent) {
   const std::vector<Bytes> before = tree.cached_nodes();
   LogCapture log;
   EXPECT_EQ(tree.insert(265), kvfs_inconsistent);
-  EXPECT_LOG(log, insert_error("Invalid node data: Record 12 of node 2 begins behind the free space."));
+  EXPECT_LOG(log, insert_error("Invalid node data: Record 12 of node 2 lies outside of the node."));
   EXPECT_EQ(tree.changed_since(before), Lines());
   EXPECT_TRUE(tree.is_idle());
 }
@@ -576,7 +576,7 @@ TEST_F(BtreeSplit, RecordsOutOfOrder_AreInconsistent) {
     LogCapture log;
     std::uint32_t new_node = 0;
     EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent) << index << " " << offset;
-    EXPECT_LOG(log, split_error("Invalid node data: Records from 10 on of node 2 are not in order."));
+    EXPECT_LOG(log, split_error("Invalid node data: Record 10 of node 2 lies outside of the node."));
     EXPECT_EQ(tree.cached_node(2), before);
     EXPECT_TRUE(tree.is_idle());
   }
@@ -585,7 +585,45 @@ TEST_F(BtreeSplit, RecordsOutOfOrder_AreInconsistent) {
 TEST_F(BtreeSplit, SplitIndexBehindTheLastRecord_IsInconsistent) {
   LogCapture log;
   EXPECT_EQ(split(2, 25), kvfs_inconsistent);
-  EXPECT_LOG(log, split_error("Invalid node data: Records from 25 on of node 2 are not in order."));
+  EXPECT_LOG(log, split_error("Invalid node data: Record 25 of node 2 lies outside of the node."));
+}
+
+std::string contradiction(std::uint32_t node) {
+  return split_error("Invalid node data: Node " + std::to_string(node) + " contradicts its links or the node bitmap.");
+}
+
+// The node bitmap calls the node itself, one of its neighbours or the root free.
+TEST_F(BtreeSplit, ClaimedNodeThatIsInUse_IsInconsistentAndNothingMoves) {
+  for (const std::uint32_t in_use : Numbers32{1, 2, 3, tree_.root()}) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.mark_node(in_use, false);
+    const std::vector<Bytes> before = tree.cached_nodes();
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent);
+    EXPECT_LOG(log, contradiction(in_use));
+    EXPECT_EQ(tree.changed_since(before), Lines{"0"});  // its bit in the node bitmap, and the count of free nodes
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST_F(BtreeSplit, NeighbourOfAnotherKindOrHeight_IsInconsistentAndNothingMoves) {
+  const auto expect_refused = [](std::uint32_t neighbour, const auto& damage) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    damage(tree);
+    const std::vector<Bytes> before = tree.cached_nodes();
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent);
+    EXPECT_LOG(log, contradiction(neighbour));
+    EXPECT_EQ(tree.changed_since(before), Lines{"0"});
+  };
+  expect_refused(3, [](ChangeTree& tree) { tree.poke(3, kKind, 1, 0); });
+  expect_refused(3, [](ChangeTree& tree) { tree.poke(3, kHeight, 1, 2); });
+  expect_refused(tree_.root(), [this](ChangeTree& tree) { tree.poke(2, kForwardLink, 4, tree_.root()); });
+  expect_refused(2, [](ChangeTree& tree) { tree.poke(2, kForwardLink, 4, 2); });
 }
 
 TEST_F(BtreeSplit, TooManyRecords_AreInconsistent) {
@@ -596,7 +634,7 @@ TEST_F(BtreeSplit, TooManyRecords_AreInconsistent) {
     LogCapture log;
     std::uint32_t new_node = 0;
     EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent);
-    EXPECT_LOG(log, split_error("Invalid node data: Records from 10 on of node 2 are not in order."));
+    EXPECT_LOG(log, split_error("Invalid node data: Record 10 of node 2 lies outside of the node."));
   }
 }
 

@@ -555,11 +555,32 @@ TEST(ExtentsLookupRecord, EmptyTree_FailsTheSearch) {
   EXPECT_EQ(look_up(medium.get(), kData, 20, 8), "result 3");
   const std::string no_key =
       "ERROR kvfs_extents_compare_keys Invalid key length for extents overflow file in a. Expected: 12 Actual: ";
-  EXPECT_LOG(log, no_key + "0\n", no_key + "0\n", no_key + "32768\n",
-             "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected "
-             "minimum: 32770 Actual: 3840\n",
-             kLookupFailed);
+  const std::string no_record =
+      "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected "
+      "minimum: 32770 Actual: 3840\n";
+  EXPECT_LOG(log, no_key + "0\n", no_key + "0\n", no_key + "32768\n", no_record, kLookupFailed);
   EXPECT_TRUE(medium.is_idle());
+}
+
+// A node full of keys of a wrong length would fill the log with them: the first one is told, the second one ends the
+// search.
+TEST(ExtentsLookupRecord, SecondKeyOfAWrongLength_EndsTheSearch) {
+  for (const int length : {8, 12}) {
+    Volume volume = volume_with(many_records(5));
+    const std::string leaf = "extents.node[" + std::to_string(volume.leaf_nodes(Tree::kExtents).at(0)) + "].";
+    volume.set_field(leaf + "record[0].key.keyLength", static_cast<std::uint64_t>(length));
+    volume.set_field(leaf + "record[1].key.keyLength", static_cast<std::uint64_t>(length));
+    Medium medium(volume);
+    LogCapture log;
+    EXPECT_EQ(look_up(medium.get(), kResource, 0xFFFFFFF0, 8), "result 6");
+    EXPECT_LOG(
+        log,
+        "ERROR kvfs_extents_compare_keys Invalid key length for extents overflow file in a. Expected: 12 Actual: " +
+            std::to_string(length) + "\n",
+        "ERROR kvfs_btree_search_node_internal Invalid node data: Record 1 of node 1 lies outside of the node.\n",
+        kLookupFailed);
+    EXPECT_TRUE(medium.is_idle());
+  }
 }
 
 TEST(ExtentsLookupRecord, SearchThatFindsNothingAtAll_IsAnInternalError) {

@@ -99,7 +99,7 @@ class ToolCampaign : public ::testing::TestWithParam<Operation> {
   void expect_sound(const TracedRun& traced, const Kind& kind) {
     const ToolRun& run = traced.run;
     const Volume after = image_.volume();
-    EXPECT_TRUE(run.err != "" || (kind.can_be_silent && run.status == 0));
+    EXPECT_TRUE(!run.err.empty() || (kind.can_be_silent && run.status == 0));
     if (run.status == 0) {
       EXPECT_TRUE(kind.can_succeed);
       EXPECT_EQ(run.out, complete_run_.out);

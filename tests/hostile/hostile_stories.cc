@@ -84,6 +84,20 @@ Volume map_node_ring() {
   return volume;
 }
 
+// A leaf whose offset table names one long key 16,000 times.
+Volume one_key_many_times() {
+  VolumeDescription description = description_with(10);
+  description.label = Name(255, u'x');
+  description.catalog.node_size = 32768;
+  Volume volume = build_volume(description);
+  const std::string leaf = first_leaf(volume);
+  volume.set_field(leaf + "numRecords", 15900);
+  for (std::uint32_t record = 0; record <= 15900; ++record) {
+    volume.set_field(leaf + "offset[" + std::to_string(record) + "]", 14);
+  }
+  return volume;
+}
+
 // Header fields and fields of the first leaf, by which a story is told: the field is set to the value.
 Story damage_to_header(const char* name, const char* field, std::uint64_t value, const char* message) {
   return {name, [field, value] { return changed(small_volume(), field, value); }, "Label", message, message};
@@ -102,12 +116,15 @@ Story damage_to_leaf(const char* name, const char* field, std::uint64_t value, c
 std::vector<Story> made_up_stories() {
   const char* const cyclic =
       "ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n";
+  const char* const one_key =
+      "ERROR kvfs_btree_search_node_internal Invalid node data: Record 1012 of node 1 lies outside of the node.\n";
   const char* const too_many =
       "ERROR kvfs_fork_resolve_extents Extents of CNID 4 hold more blocks than a volume can have.\n";
   return {
       {"IndexNodesInACircle", index_circle, "Label", cyclic, cyclic},
       {"WrappingOverflowRecords", wrapping_overflow_records, "Label", too_many, too_many},
       {"HundredThousandExtents", many_extents, "Label", "", ""},
+      {"OneKeyManyTimes", one_key_many_times, "Label", one_key, one_key},
       {"MapNodesInARing", map_node_ring, std::string(20, 'L'), "",
        "ERROR kvfs_btree_claim_node Invalid node data: The map nodes form a ring at node "},
   };
