@@ -97,7 +97,7 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
 inline constexpr std::uint16_t kMaximumMaintainedDepth = 12;
 
 // What a search may cost, whatever the nodes say: it goes down fewer times than this, and compares so many nodes' worth
-// of keys. A sound tree stays far below: its levels are at most a dozen, and the keys of a node take less than the node.
+// of keys. A sound tree stays far below: it has a dozen levels at most, and the keys of a node take less than the node.
 inline constexpr std::uint32_t kMaximumDescents = 32;
 inline constexpr std::uint32_t kMaximumKeysInNodes = 16;
 
