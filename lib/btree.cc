@@ -937,13 +937,13 @@ static bool can_compare(search_walk* walk, const node_record& record) {
 static kvfs_result compare_record(search_walk* walk, const node_record& record, int* order) {
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   *order = 0;
-  if (has_keys && record.key_inside && !can_compare(walk, record)) {
+  if (has_keys && (!record.key_inside || !can_compare(walk, record))) {
     return report_bad_record(walk->node.number, walk->index);
   }
-  if (record.key_inside || (walk->node.number == 0 && !has_keys)) {
+  if (record.key_inside || walk->node.number == 0) {
     *order = walk->tree->priv->compare(walk->node.bytes + record.offset, walk->key, walk->header.keyCompareType);
   }
-  if (has_keys && (!record.key_inside || *order == kvfs_key_malformed)) {
+  if (has_keys && *order == kvfs_key_malformed) {
     return report_bad_record(walk->node.number, walk->index);
   }
   return kvfs_ok;
@@ -1906,15 +1906,22 @@ static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
 }
 
 static kvfs_result report_contradiction(std::uint32_t node) {
-  KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Node %lu contradicts its links or the node bitmap.\n", to_ul(node));
+  KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Node %lu is linked or marked wrongly.\n", to_ul(node));
   return kvfs_inconsistent;
 }
 
 // The node bitmap may call a node free that is not: those that are known to be in use are refused.
 static bool is_in_use(const node_split& split, std::uint32_t node) {
-  return node == split.split.view.number || node == split.split_descriptor.fLink.get() ||
-         node == split.split_descriptor.bLink.get() || node == split.header->rootNode.get() ||
-         node == split.header->firstLeafNode.get() || node == split.header->lastLeafNode.get();
+  const BTNodeDescriptor& descriptor = split.split_descriptor;
+  const BTHeaderRec& header = *split.header;
+  const std::uint32_t used[] = {split.split.view.number, descriptor.fLink.get(),     descriptor.bLink.get(),
+                                header.rootNode.get(),   header.firstLeafNode.get(), header.lastLeafNode.get()};
+  for (const std::uint32_t one : used) {
+    if (node == one) {
+      return true;
+    }
+  }
+  return false;
 }
 
 // Reads what the claimed node holds: the bytes that a split does not write stay as they are.

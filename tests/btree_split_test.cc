@@ -589,7 +589,7 @@ TEST_F(BtreeSplit, SplitIndexBehindTheLastRecord_IsInconsistent) {
 }
 
 std::string contradiction(std::uint32_t node) {
-  return split_error("Invalid node data: Node " + std::to_string(node) + " contradicts its links or the node bitmap.");
+  return split_error("Invalid node data: Node " + std::to_string(node) + " is linked or marked wrongly.");
 }
 
 // The node bitmap calls the node itself, one of its neighbours or the root free.
