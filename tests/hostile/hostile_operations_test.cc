@@ -184,20 +184,22 @@ std::string field_of_file(const Volume& volume, const std::string& field) {
   return "catalog.node[" + std::to_string(place.node) + "].record[" + std::to_string(place.index) + "]." + field;
 }
 
-ItemStory damage_to_file(const char* name, const std::string& field, std::uint64_t value) {
+ItemStory damage_to(const char* name, const std::function<std::string(const Volume&)>& field, std::uint64_t value) {
   return {name, [field, value] {
             Volume volume = build_volume(some_files());
-            volume.set_field(field_of_file(volume, field), value);
+            volume.set_field(field(volume), value);
             return volume;
           }};
 }
 
+ItemStory damage_to_file(const char* name, const std::string& field, std::uint64_t value) {
+  return damage_to(
+      name, [field](const Volume& volume) { return field_of_file(volume, field); }, value);
+}
+
 ItemStory damage_to_header(const char* name, const std::string& field, std::uint64_t value) {
-  return {name, [field, value] {
-            Volume volume = build_volume(some_files());
-            volume.set_field(field, value);
-            return volume;
-          }};
+  return damage_to(
+      name, [field](const Volume& /*volume*/) { return field; }, value);
 }
 
 // A hard link whose file is a hard link to itself.
