@@ -51,6 +51,14 @@ kvfs_fork* OpenVolume::fork(SpecialFile file) {
   return fork_;
 }
 
+LockRanks OpenVolume::locks() const {
+  LockRanks ranks = locks_of(*volume_);
+  if (fork_ != nullptr) {
+    add_locks_of(*fork_, &ranks);
+  }
+  return ranks;
+}
+
 Volume OpenVolume::contents() const {
   return Volume::load(path_of(fd_));
 }
@@ -153,6 +161,7 @@ static std::optional<FailedOperation> run_failing(const SetFault& set_fault, uns
   const FaultInjector::Pause pause;
   outcome.log = lines_of(log);
   EXPECT_EQ(faults.locks_held(), 0) << "call " << n;
+  EXPECT_EQ(order_violations(faults.lock_calls(), volume.locks()), Lines()) << "call " << n;
   const bool failed = faults.delivered() != 0;
   if (failed && scenario.check) {
     scenario.check(volume);

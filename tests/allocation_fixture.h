@@ -21,6 +21,7 @@
 #include "fault_injection.h"
 #include "fork.h"
 #include "format.h"
+#include "lock_order.h"
 #include "volume.h"
 #include "volume_builder.h"
 #include "volume_image.h"
@@ -47,6 +48,9 @@ class OpenVolume {
   // A fork of a special file of its own, opened at the first call and destroyed with the volume. Its transfer unit is
   // the volume's block size.
   kvfs_fork* fork(SpecialFile file);
+
+  // The locks of the volume and of its fork, for a comparison with what was taken.
+  [[nodiscard]] LockRanks locks() const;
 
   // What the device holds.
   [[nodiscard]] Volume contents() const;
@@ -96,7 +100,7 @@ struct FailedOperation {
 };
 
 // Runs the operation with its first call failing, with its second one, and so on until it has no more. After each run
-// no lock may be held and, once the volume is closed, no memory be left.
+// no lock may be held nor have been taken out of its order, and, once the volume is closed, no memory be left.
 std::vector<FailedOperation> fail_each(const SetFault& set_fault, const FaultScenario& scenario);
 
 // Each operation as its result, a colon and its log in one line, consecutive equal ones once. With functions given only

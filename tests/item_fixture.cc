@@ -10,6 +10,7 @@
 #include "bitmap.h"
 #include "btree.h"
 #include "fork.h"
+#include "lock_order.h"
 #include "log_capture.h"
 
 namespace kvfs_test {
@@ -101,6 +102,7 @@ static std::optional<FailedRun> operate_once(OpenVolume& volume, FaultInjector& 
   const bool delivered = faults.delivered() != before;
   log.finish();
   EXPECT_EQ(faults.locks_held(), 0) << "call " << n;
+  EXPECT_EQ(order_violations(faults.lock_calls(), locks_of(*volume.get())), Lines()) << "call " << n;
   if (!delivered) {
     return std::nullopt;
   }

@@ -75,7 +75,8 @@ struct ItemOperation {
 
 // What the operation gives on a fresh volume each time when its first call of a kind fails, its second one, and so on
 // until none is left to fail. Opening the volume and the item, and closing them, meet no faults. Each run must leave no
-// memory, no lock and no held lock behind, and no locator open unless a lock failed, which leaks it by design.
+// memory, no lock and no held lock behind, take locks in their order, and leave no locator open unless a lock failed,
+// which leaks it by design.
 std::vector<FailedRun> fail_each_in(const SparseImage& image, const FailingCall& failing,
                                     const ItemOperation& operation);
 
