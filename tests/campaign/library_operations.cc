@@ -98,6 +98,20 @@ static kvfs_result search_tree(const std::function<kvfs_result(kvfs_btree_search
   return searched;
 }
 
+// Follows a thread that was found without a failure.
+static kvfs_result follow_thread(OpenVolume& volume, kvfs_catalog_search_result* result) {
+  kvfs_catalog_search_result thread;
+  kvfs_catalog_search_result_init(&thread);
+  {
+    const FaultInjector::Pause pause;
+    EXPECT_EQ(kvfs_catalog_search_by_cnid(volume.catalog(), kFile, false, &thread), kvfs_ok);
+  }
+  const kvfs_result followed = kvfs_catalog_follow_thread(volume.catalog(), thread.locator, result);
+  const FaultInjector::Pause pause;
+  kvfs_catalog_search_result_release(&thread);
+  return followed;
+}
+
 // Runs an operation on an item that was found without a failure; the locator of its folder, the root folder, is its
 // parent.
 static kvfs_result with_item(OpenVolume& volume, std::uint32_t cnid,
@@ -331,20 +345,14 @@ static std::vector<Operation> catalog_searching_operations() {
       {.name = "kvfs_catalog_follow_thread",
        .run =
            [](OpenVolume& v) {
-             return search_catalog([&v](kvfs_catalog_search_result* result) {
-               kvfs_catalog_search_result thread;
-               kvfs_catalog_search_result_init(&thread);
-               {
-                 const FaultInjector::Pause pause;
-                 EXPECT_EQ(kvfs_catalog_search_by_cnid(v.catalog(), kFile, false, &thread), kvfs_ok);
-               }
-               const kvfs_result followed = kvfs_catalog_follow_thread(v.catalog(), thread.locator, result);
-               const FaultInjector::Pause pause;
-               kvfs_catalog_search_result_release(&thread);
-               return followed;
-             });
+             return search_catalog([&v](kvfs_catalog_search_result* result) { return follow_thread(v, result); });
            },
        .succeeds_despite = kGivingBack},
+  };
+}
+
+static std::vector<Operation> item_operations() {
+  return {
       {.name = "kvfs_catalog_follow_hard_link",
        .run =
            [](OpenVolume& v) {
@@ -642,9 +650,10 @@ static std::vector<Operation> flushing_operations() {
 
 std::vector<Operation> library_operations() {
   std::vector<Operation> all;
-  for (const auto& some : {opening_operations(), tree_searching_operations(), catalog_searching_operations(),
-                           reading_operations(), tree_changing_operations(), catalog_changing_operations(),
-                           locator_operations(), block_operations(), flushing_operations()}) {
+  for (const auto& some :
+       {opening_operations(), tree_searching_operations(), catalog_searching_operations(), item_operations(),
+        reading_operations(), tree_changing_operations(), catalog_changing_operations(), locator_operations(),
+        block_operations(), flushing_operations()}) {
     all.insert(all.end(), some.begin(), some.end());
   }
   return all;
