@@ -5,15 +5,15 @@ include(KvfsGoogleTest)
 # kvfs_add_test(name [LABEL label] [LIBRARIES target...] SOURCES file...)
 #
 # One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and
-# the libraries named, by default the library under test and the volume builder. Each of its cases becomes a test of
-# ctest under the given label (default: unit).
+# the libraries named, by default the fixtures of tests/, the library under test and the volume builder. Each of its
+# cases becomes a test of ctest under the given label (default: unit).
 function(kvfs_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "LIBRARIES;SOURCES")
   if(NOT arg_LABEL)
     set(arg_LABEL unit)
   endif()
   if(NOT arg_LIBRARIES)
-    set(arg_LIBRARIES kvfs kvfs_test_volume)
+    set(arg_LIBRARIES kvfs_test_fixtures)
   endif()
 
   add_executable(${name} ${arg_SOURCES})

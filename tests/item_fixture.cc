@@ -14,35 +14,6 @@
 
 namespace kvfs_test {
 
-// ---- Volumes -------------------------------------------------------------------------------------------------------
-
-OpenVolume::OpenVolume(const SparseImage& image, bool skip_allocation_file, std::uint32_t sector_size)
-    : TestDevice(image, sector_size) {
-  EXPECT_EQ(kvfs_volume_create(TestDevice::get(), skip_allocation_file ? 1 : 0, &volume_), kvfs_ok);
-}
-
-OpenVolume::~OpenVolume() {
-  kvfs_volume_destroy(&volume_);
-}
-
-Volume OpenVolume::flushed() const {
-  EXPECT_EQ(kvfs_fork_flush(tree()->fork), kvfs_ok);
-  if (volume_->bitmap != nullptr) {
-    EXPECT_EQ(kvfs_bitmap_flush(volume_->bitmap), kvfs_ok);
-  }
-  EXPECT_EQ(kvfs_volume_flush(volume_), kvfs_ok);
-  return contents();
-}
-
-std::size_t OpenVolume::open_locators() const {
-  std::size_t count = 0;
-  for (const kvfs_catalog_record_locator* locator = catalog()->priv->open_locators; locator != nullptr;
-       locator = locator->priv->next) {
-    ++count;
-  }
-  return count;
-}
-
 // ---- Items ---------------------------------------------------------------------------------------------------------
 
 ItemLocator::ItemLocator(const OpenVolume& volume, std::uint32_t parent, const Name& name, Parent with) {
@@ -81,14 +52,6 @@ static void set_fault(FaultInjector& faults, const FailingCall& failing, unsigne
   }
 }
 
-static Lines lines_of(LogCapture& log) {
-  Lines lines;
-  for (const LogLine& line : log.lines()) {
-    lines.push_back(to_string(line));
-  }
-  return lines;
-}
-
 // Operates with the n-th call failing; nothing when there was no n-th call.
 static std::optional<FailedRun> operate_once(OpenVolume& volume, FaultInjector& faults, const FailingCall& failing,
                                              unsigned long n, const ItemOperation& operation) {
@@ -105,7 +68,7 @@ static std::optional<FailedRun> operate_once(OpenVolume& volume, FaultInjector& 
     return std::nullopt;
   }
   item.close();
-  run.log = lines_of(log);
+  run.log = log.texts();
   if (operation.inspect != nullptr) {
     operation.inspect(volume, run);
   }
@@ -174,13 +137,6 @@ std::vector<FailedRun> fail_everything_in(const SparseImage& image, const ItemOp
 }
 
 // ---- Logs ----------------------------------------------------------------------------------------------------------
-
-static bool line_matches(const std::string& line, const std::string& pattern) {
-  const std::size_t mark = pattern.find("{*}");
-  return mark == std::string::npos
-             ? line == pattern
-             : line.starts_with(pattern.substr(0, mark)) && line.ends_with(pattern.substr(mark + 3));
-}
 
 bool some_run_ends_with(const std::vector<FailedRun>& runs, const Lines& lines) {
   return std::any_of(runs.begin(), runs.end(), [&](const FailedRun& run) {

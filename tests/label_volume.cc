@@ -7,14 +7,6 @@
 
 namespace kvfs_test {
 
-std::vector<kvfs_be16> stored_units(const Name& label) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : label) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
-}
-
 std::vector<ByteRange> writes_of(const FaultInjector& faults) {
   std::vector<ByteRange> writes;
   for (const Transfer& transfer : faults.writes()) {

@@ -116,7 +116,7 @@ Ranks locks_of(const OpenVolume& volume) {
   Ranks ranks;
   ranks[volume.get()->priv->lock] = {kLabel, "label"};
   ranks[volume.catalog()->priv->open_locators_lock] = {kCatalogList, "catalog list"};
-  add_tree(volume.tree(), "catalog tree", kTreeList, &ranks);
+  add_tree(volume.catalog_tree(), "catalog tree", kTreeList, &ranks);
   add_tree(volume.get()->extents->btree, "extents tree", kOverflowList, &ranks);
   add_fork(volume.get()->bitmap->priv->fork, "allocation file", kBehindOtherForks, &ranks);
   return ranks;
@@ -180,7 +180,7 @@ void set_label(const OpenVolume& volume) {
 }
 
 void use_fork(const OpenVolume& volume) {
-  kvfs_fork* const fork = volume.tree()->fork;
+  kvfs_fork* const fork = volume.catalog_fork();
   void* bytes = nullptr;
   EXPECT_EQ(kvfs_fork_map(fork, 4096, &bytes, 100, nullptr), kvfs_ok);
   EXPECT_EQ(kvfs_fork_unmap(fork, 4096, &bytes, 100), kvfs_ok);
@@ -192,7 +192,7 @@ void use_fork(const OpenVolume& volume) {
 }
 
 void flush(const OpenVolume& volume) {
-  EXPECT_EQ(kvfs_fork_flush(volume.tree()->fork), kvfs_ok);
+  EXPECT_EQ(kvfs_fork_flush(volume.catalog_fork()), kvfs_ok);
   EXPECT_EQ(kvfs_bitmap_flush(volume.get()->bitmap), kvfs_ok);
   EXPECT_EQ(kvfs_volume_flush(volume.get()), kvfs_ok);
 }
@@ -205,9 +205,10 @@ const std::vector<Operation>& operations() {
       {"Delete", delete_file},
       {"MakeSymlink", make_symlink},
       {"SetLabel", set_label},
-      {"ExpandTree", [](OpenVolume& volume) { EXPECT_EQ(kvfs_btree_expand(volume.tree(), volume.get()), kvfs_ok); }, 5},
+      {"ExpandTree",
+       [](OpenVolume& volume) { EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_ok); }, 5},
       {"ShrinkFork",
-       [](OpenVolume& volume) { EXPECT_EQ(kvfs_fork_shrink(volume.tree()->fork, volume.get(), 1), kvfs_ok); }, 5},
+       [](OpenVolume& volume) { EXPECT_EQ(kvfs_fork_shrink(volume.catalog_fork(), volume.get(), 1), kvfs_ok); }, 5},
       {"UseFork", use_fork},
       {"FlushChanges",
        [](OpenVolume& volume) {
