@@ -25,11 +25,7 @@ LabelVolume::~LabelVolume() {
 }
 
 Name LabelVolume::label() const {
-  Name name;
-  for (std::uint32_t i = 0; i < *volume_->label_length; ++i) {
-    name.push_back(static_cast<char16_t>(volume_->label[i].get()));
-  }
-  return name;
+  return label_of(volume_);
 }
 
 kvfs_result LabelVolume::set(const Name& label) const {

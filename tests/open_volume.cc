@@ -98,4 +98,12 @@ std::size_t OpenVolume::open_locators() const {
   return count;
 }
 
+Name label_of(const kvfs_volume* volume) {
+  Name name;
+  for (std::uint32_t i = 0; i < *volume->label_length; ++i) {
+    name.push_back(static_cast<char16_t>(volume->label[i].get()));
+  }
+  return name;
+}
+
 }  // namespace kvfs_test

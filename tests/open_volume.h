@@ -77,6 +77,9 @@ class OpenVolume : public TestDevice {
   kvfs_fork* fork_ = nullptr;
 };
 
+// The label in memory, in host order; it is decomposed as it is stored.
+Name label_of(const kvfs_volume* volume);
+
 }  // namespace kvfs_test
 
 #endif  // KVFS_OPEN_VOLUME_H
