@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "failing_runs.h"
 #include "log_capture.h"
 
 namespace kvfs_test {
@@ -108,17 +109,7 @@ static std::optional<FailedOperation> run_failing(const SetFault& set_fault, uns
 }
 
 std::vector<FailedOperation> fail_each(const SetFault& set_fault, const FaultScenario& scenario) {
-  constexpr unsigned long kTooMany = 2000;
-  std::vector<FailedOperation> outcomes;
-  for (unsigned long n = 1; n < kTooMany; ++n) {
-    std::optional<FailedOperation> outcome = run_failing(set_fault, n, scenario);
-    if (!outcome) {
-      return outcomes;
-    }
-    outcomes.push_back(*std::move(outcome));
-  }
-  ADD_FAILURE() << "the operation never comes to its end";
-  return outcomes;
+  return failing_runs<FailedOperation>([&](unsigned long n) { return run_failing(set_fault, n, scenario); });
 }
 
 // Whether a message was logged by one of the functions.

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "big_endian.h"
+#include "failing_runs.h"
 #include "log_capture.h"
 #include "support.h"
 #include "unicode_fixture.h"
@@ -156,17 +157,7 @@ static std::optional<FailedRun> run_failing(const FailingCall& failing, unsigned
 }
 
 std::vector<FailedRun> fail_each(const FailingCall& failing, const std::function<kvfs_result()>& operation) {
-  constexpr unsigned long kTooMany = 5000;
-  std::vector<FailedRun> runs;
-  for (unsigned long n = 1; n < kTooMany; ++n) {
-    std::optional<FailedRun> run = run_failing(failing, n, operation);
-    if (!run) {
-      return runs;
-    }
-    runs.push_back(*std::move(run));
-  }
-  ADD_FAILURE() << "the operation never comes to its end";
-  return runs;
+  return failing_runs<FailedRun>([&](unsigned long n) { return run_failing(failing, n, operation); });
 }
 
 std::vector<Lines> logs_of(const std::vector<FailedRun>& runs) {

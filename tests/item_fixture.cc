@@ -3,13 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 #include <utility>
 
-#include "bitmap.h"
-#include "btree.h"
-#include "fork.h"
+#include "failing_runs.h"
 #include "log_capture.h"
 
 namespace kvfs_test {
@@ -96,17 +93,7 @@ static std::optional<FailedRun> run_failing(const SparseImage& image, const Fail
 
 std::vector<FailedRun> fail_each_in(const SparseImage& image, const FailingCall& failing,
                                     const ItemOperation& operation) {
-  constexpr unsigned long kTooMany = 5000;
-  std::vector<FailedRun> runs;
-  for (unsigned long n = 1; n < kTooMany; ++n) {
-    std::optional<FailedRun> run = run_failing(image, failing, n, operation);
-    if (!run) {
-      return runs;
-    }
-    runs.push_back(*std::move(run));
-  }
-  ADD_FAILURE() << "the operation never comes to its end";
-  return runs;
+  return failing_runs<FailedRun>([&](unsigned long n) { return run_failing(image, failing, n, operation); });
 }
 
 std::vector<FailedRun> fail_everything_in(const SparseImage& image, const ItemOperation& operation) {
