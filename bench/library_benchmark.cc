@@ -18,6 +18,7 @@
 #include "extents.h"
 #include "fork.h"
 #include "format.h"
+#include "stored_names.h"
 #include "unicode.h"
 #include "volume_fixture.h"
 
@@ -26,6 +27,7 @@ namespace {
 using kvfs_bench::OpenVolume;
 using kvfs_bench::VolumeImage;
 using kvfs_test::kRootFolderId;
+using kvfs_test::stored_units;
 using kvfs_test::VolumeDescription;
 
 constexpr std::uint32_t kFilesPerFolder = 100;
@@ -399,20 +401,12 @@ BENCHMARK(open_and_read_fragmented_fork)->RangeMultiplier(10)->Range(1000, 10000
 
 // ---- Names ---------------------------------------------------------------------------------------------------------
 
-std::vector<kvfs_be16> stored_name(std::u16string_view name) {
-  std::vector<kvfs_be16> stored;
-  for (const char16_t unit : name) {
-    stored.push_back(kvfs_be16::of(unit));
-  }
-  return stored;
-}
-
 constexpr std::u16string_view kAsciiName = u"A photograph of the harbour, taken at dusk (17).jpeg";
 constexpr std::u16string_view kAccentedName = u"Ångström Übergröße àéîõü Çédille Žluťoučký kůň ぱぴぷ 한글.txt";
 
 void compare_names(benchmark::State& state, std::u16string_view text) {
-  const std::vector<kvfs_be16> a = stored_name(text);
-  const std::vector<kvfs_be16> b = stored_name(text);
+  const std::vector<kvfs_be16> a = stored_units(text);
+  const std::vector<kvfs_be16> b = stored_units(text);
   for (auto iteration : state) {
     (void)iteration;
     benchmark::DoNotOptimize(kvfs_unicode_fast_compare(a.data(), a.size(), b.data(), b.size(), false));
@@ -442,7 +436,7 @@ void compose(benchmark::State& state, std::u16string_view text) {
   std::size_t count = 0;
   (void)kvfs_unicode_decompose(name.data(), name.size(), decomposed.data(), decomposed.size(), &count);
   const std::vector<kvfs_be16> stored =
-      stored_name(std::u16string(decomposed.begin(), decomposed.begin() + static_cast<std::ptrdiff_t>(count)));
+      stored_units(std::u16string(decomposed.begin(), decomposed.begin() + static_cast<std::ptrdiff_t>(count)));
   std::vector<std::uint16_t> composed(count);
   for (auto iteration : state) {
     (void)iteration;

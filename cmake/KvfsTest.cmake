@@ -4,16 +4,16 @@ include(KvfsGoogleTest)
 
 # kvfs_add_test(name [LABEL label] [LIBRARIES target...] SOURCES file...)
 #
-# One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and the
-# libraries named, by default the library under test and the volume builder. Each of its cases becomes a test of ctest
-# under the given label (default: unit).
+# One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and
+# the libraries named, by default the fixtures of tests/, the library under test and the volume builder. Each of its
+# cases becomes a test of ctest under the given label (default: unit).
 function(kvfs_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "LIBRARIES;SOURCES")
   if(NOT arg_LABEL)
     set(arg_LABEL unit)
   endif()
   if(NOT arg_LIBRARIES)
-    set(arg_LIBRARIES kvfs kvfs_test_volume)
+    set(arg_LIBRARIES kvfs_test_fixtures)
   endif()
 
   add_executable(${name} ${arg_SOURCES})
@@ -33,9 +33,9 @@ endfunction()
 
 # kvfs_add_tool_test(name SOURCES file...)
 #
-# A test program that runs the built tool. It finds the programs through the macros KVFSLABEL_PATH, KVFSLABEL_FAULTY_PATH
-# (the tool with injected faults), MAKE_VOLUME_PATH and SET_AND_PRINT_PATH; KVFS_EMULATOR has the words that start programs of the target,
-# if they do not run by themselves.
+# A test program that runs the built tool. It finds the programs through the macros KVFSLABEL_PATH,
+# KVFSLABEL_FAULTY_PATH (the tool with injected faults), MAKE_VOLUME_PATH and SET_AND_PRINT_PATH; KVFS_EMULATOR has the
+# words that start programs of the target, if they do not run by themselves.
 function(kvfs_add_tool_test name)
   kvfs_add_test(${name} LABEL tool ${ARGN})
   string(JOIN " " emulator ${CMAKE_CROSSCOMPILING_EMULATOR})

@@ -68,9 +68,9 @@ kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint3
 // Frees blocks of a fork, found through the eight extents of its fork data; extents in the overflow file are not
 // visited. The volume header's count of free blocks does not change.
 //
-//   fork_data          on-disk order
+//   fork_data           on-disk order
 //   first_block, count  blocks of the fork
-//   out_freed          may be null; receives the number of blocks freed, after a failure too
+//   out_freed           may be null; receives the number of blocks freed, after a failure too
 //
 // Returns kvfs_ok or the failure of freeing a block.
 kvfs_result FreeExtentAllocationBlocks(const HFSPlusForkData* fork_data, std::uint32_t first_block, std::uint32_t count,
@@ -95,8 +95,8 @@ struct kvfs_allocation_location {
 //   wanted        blocks
 //   hint          block to start from; 0 starts from the volume header's nextAllocation, and one behind the last block
 //                 from the last block
-//   out_location  receives start block and block count, both 0 when there is no such run; the rest is 0. Unchanged on
-//                 failure
+//   out_location  receives start block and block count, both 0 when there is no such run; the rest is 0. The start
+//                 block of a search for 0 blocks is the one that it starts from. Unchanged on failure
 //
 // Returns kvfs_ok, found or not; kvfs_invalid when the volume was opened without its allocation file; or the failure of
 // the fork.

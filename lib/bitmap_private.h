@@ -1,4 +1,4 @@
-// The inside of the allocation file, for the unit itself and its tests.
+// Inside the allocation file: for the bitmap unit and its tests.
 
 #ifndef KVFS_BITMAP_PRIVATE_H
 #define KVFS_BITMAP_PRIVATE_H

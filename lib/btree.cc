@@ -288,7 +288,7 @@ kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t
   return kvfs_ok;
 }
 
-// Opens the fork of a tree whose lock exists and fills both parts.
+// Opens the fork of a tree and fills in what its header record says.
 static kvfs_result open_tree(kvfs_device* device, kvfs_extents* extents, int partial,
                              HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind, kvfs_btree* tree) {
   const kvfs_result result = kvfs_btree_process(volume_header, tree_kind, device, extents, partial, &tree->fork,

@@ -24,9 +24,8 @@ struct kvfs_btree_record_locator_private {
   kvfs_btree_record_locator* previous;  // neighbours in the list of open locators
   kvfs_btree_record_locator* next;
   std::uint64_t reference_count;
-  std::uint32_t deleted;  // nonzero once the record was deleted
-  std::uint32_t
-      is_vacant;  // nonzero for a place behind the last record of its node, where no record was when it opened
+  std::uint32_t deleted;    // nonzero once the record was deleted
+  std::uint32_t is_vacant;  // nonzero for the place behind the last record of its node, empty when it was opened
   std::uint32_t node;
   std::uint16_t index;
   std::uint8_t index_height;       // of the index node in which a search found the place; 0 for any other node

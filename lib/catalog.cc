@@ -775,7 +775,7 @@ kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatal
 
 // ---- Valence -------------------------------------------------------------------------------------------------------
 
-// Finder type and creator of a file that is a hard link to a directory.
+// File type and creator of a file that is a hard link to a directory.
 static constexpr std::uint32_t kDirectoryLinkType = 0x66647270;     // 'fdrp'
 static constexpr std::uint32_t kDirectoryLinkCreator = 0x4D414353;  // 'MACS'
 
@@ -1278,7 +1278,7 @@ static constexpr std::uint32_t kHardLinkType = 0x686C6E6B;     // 'hlnk'
 static constexpr std::uint32_t kHardLinkCreator = 0x6866732B;  // 'hfs+'
 static constexpr std::uint32_t kSymLinkType = 0x736C6E6B;      // 'slnk'
 static constexpr std::uint32_t kSymLinkCreator = 0x72686170;   // 'rhap'
-static constexpr std::uint16_t kSymLinkFinderFlags = 0x8000;   // the Finder shows it as an alias
+static constexpr std::uint16_t kSymLinkFinderFlags = 0x8000;   // it is shown as an alias
 static constexpr std::uint16_t kSymLinkFileMode = 0xA1FF;      // a symbolic link with all permissions
 
 int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record) {

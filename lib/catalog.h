@@ -63,11 +63,11 @@ kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSP
 // The handle becomes null. A locator with several references at the head of the list stops that clean-up at once.
 void kvfs_catalog_destroy(kvfs_catalog** catalog);
 
-// Orders two catalog keys, on-disk order, by parent and name: -1, 0 or 1. A key that is too short and an unknown
-// compare type are reported and order first; a name that is longer than its key is reported with kvfs_key_malformed.
-// Directly under the root folder a name that begins with a NUL unit, as those of the private folders, orders before all
-// others by binary comparison and after all others by case folding. When both keys have such a name the first decides,
-// so that they are never equal: this must stay as it is.
+// Orders two catalog keys, on-disk order, by parent and name: -1, 0 or 1. Where either key is too short or the compare
+// type is unknown, that is reported and the answer is -1; for a name that is longer than its key it is
+// kvfs_key_malformed. Directly under the root folder a name that begins with a NUL unit, as those of the private
+// folders, orders before all others by binary comparison and after all others by case folding. When both keys have such
+// a name the first decides, so that they are never equal: this must stay as it is.
 //
 //   compare_type  kHFSCaseFolding or kHFSBinaryCompare
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);
@@ -171,8 +171,8 @@ struct kvfs_catalog_utf8_path {
 
 // A component source over a kvfs_catalog_utf8_path, which is its context. Each name is decomposed.
 //
-// Returns kvfs_ok; kvfs_invalid for malformed UTF-8 or a name too long for the buffer before it is decomposed;
-// kvfs_overflow for one that is too long after.
+// Returns kvfs_ok; kvfs_invalid for malformed UTF-8 or a name of more than 255 units before it is decomposed;
+// kvfs_overflow for one that does not fit the buffer after; kvfs_internal for a four-byte form that is out of range.
 kvfs_result kvfs_catalog_utf8_path_component(void* context, kvfs_be16* buffer, std::size_t capacity,
                                              std::size_t* out_length);
 
@@ -264,7 +264,7 @@ kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs
 
 // ---- File records --------------------------------------------------------------------------------------------------
 
-// Kinds of file by Finder type and creator.
+// Kinds of file, told by file type and creator.
 inline constexpr int kvfs_plain_file = 0;     // holds its content itself
 inline constexpr int kvfs_hard_link = 1;      // stands for another file, named by a link reference
 inline constexpr int kvfs_symbolic_link = 2;  // holds the path of another item

@@ -31,7 +31,7 @@ struct kvfs_extents {
 //   out_extents    receives the object, owned by the caller; unchanged on failure
 //
 // Returns kvfs_ok; kvfs_no_memory; kvfs_inconsistent when the header is another kind of tree's; or the failure of
-// opening the B-tree.
+// opening the B-tree or of reading its header.
 kvfs_result kvfs_extents_create(kvfs_device* device, HFSPlusVolumeHeader* volume_header, kvfs_extents** out_extents);
 
 // Closes the B-tree and frees the object; the handle becomes null. Always returns kvfs_ok.
@@ -45,8 +45,8 @@ kvfs_result kvfs_extents_destroy(kvfs_extents** extents);
 // Returns kvfs_ok whatever the verdict; kvfs_invalid when `out_valid` is null; or the failure of reading the header.
 kvfs_result kvfs_extents_validate(kvfs_btree* btree, int* out_valid);
 
-// Orders two extent keys, on-disk order, by file, then fork type, then start block: -1, 0 or 1. A key of another length
-// than an extent key's is reported and orders first.
+// Orders two extent keys, on-disk order, by file, then fork type, then start block: -1, 0 or 1. Where either has
+// another length than an extent key, that is reported and the answer is -1.
 //
 //   key_a, key_b  HFSPlusExtentKey, at least the two bytes of their length
 //   compare_type  ignored
@@ -60,7 +60,8 @@ int kvfs_extents_compare_keys(const void* key_a, const void* key_b, std::uint8_t
 //   out_found    receives 1 or 0; unchanged on failure
 //   out_record   receives the record, on-disk order, when found; otherwise unchanged
 //
-// Returns kvfs_ok, found or not, or the failure of the search.
+// Returns kvfs_ok, found or not; kvfs_inconsistent when the record is too short; kvfs_internal; or the failure of the
+// search.
 kvfs_result kvfs_extents_get_next_extent_record(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
                                                 std::uint32_t start_block, int* out_found,
                                                 HFSPlusExtentRecord* out_record);

@@ -126,8 +126,9 @@ kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t 
 // are clean, and the next flush tries the rest again.
 //
 // Locks: items_lock for reading, dirty_lock for writing, each item's lock for writing while its blocks are written.
-// Returns kvfs_ok; kvfs_internal when the transfer unit is not a power of two; kvfs_inconsistent when extents and sizes
-// contradict each other or blocks are not made of whole sectors; kvfs_io_error; or the failure of a lock.
+// Returns kvfs_ok; kvfs_internal when the sector size or the transfer unit is not a power of two; kvfs_inconsistent
+// when extents and sizes contradict each other or blocks are not made of whole sectors; kvfs_invalid when the fork data
+// gives the fork fewer bytes than it was opened or grown to; kvfs_io_error; or the failure of a lock.
 kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 
 // ---- Growing and shrinking -----------------------------------------------------------------------------------------

@@ -65,8 +65,7 @@ struct kvfs_big_endian {
   }
 };
 
-using kvfs_be16 =
-    kvfs_big_endian<std::uint16_t>;  // two bytes: the length of a name, a kind of record, an offset in a node
+using kvfs_be16 = kvfs_big_endian<std::uint16_t>;  // two bytes: a name's length, a kind of record, an offset in a node
 using kvfs_be32 = kvfs_big_endian<std::uint32_t>;  // four bytes: a block or node number, a catalog node ID, a date
 using kvfs_be64 = kvfs_big_endian<std::uint64_t>;  // eight bytes: the size of a fork
 
@@ -279,8 +278,7 @@ KVFS_CHECK_LAYOUT(HFSPlusCatalogKey, 518, nodeName, 6);
 
 // A key with an empty name, such as a thread's.
 inline constexpr std::uint16_t kHFSPlusCatalogKeyMinimumLength = 6;  // keyLength of such a key, the least that is valid
-inline constexpr std::uint32_t kHFSPlusCatalogKeyNameOffset =
-    8;  // bytes of such a key; in any key the units begin here
+inline constexpr std::uint32_t kHFSPlusCatalogKeyNameOffset = 8;     // bytes of such a key; the units of any begin here
 static_assert(offsetof(HFSPlusCatalogKey, nodeName) + offsetof(HFSUniStr255, unicode) == kHFSPlusCatalogKeyNameOffset);
 
 // Record types: the first two bytes of every catalog record.

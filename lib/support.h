@@ -27,8 +27,8 @@
 void kvfs_log(const char* file, int line, const char* function, const char* level, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
-// kvfs_log at the level "ERROR". A message stands wherever something can fail, so that each argument less saves
-// kilobytes.
+// kvfs_log at the level "ERROR". Wherever something can fail a message is logged, so that one argument fewer in each of
+// these calls saves kilobytes.
 void kvfs_log_error(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
 

@@ -1,76 +1,18 @@
 #include "allocation_fixture.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 
+#include "failing_runs.h"
 #include "log_capture.h"
 
 namespace kvfs_test {
 
-static std::string path_of(int fd) {
-  return "/proc/self/fd/" + std::to_string(fd);
-}
+// ---- In words ------------------------------------------------------------------------------------------------------
 
-// ---- Volumes -------------------------------------------------------------------------------------------------------
-
-OpenVolume::OpenVolume(const SparseImage& image, std::uint32_t sector_size) : fd_(memfd_create("volume", MFD_CLOEXEC)) {
-  image.write_to(path_of(fd_));
-  EXPECT_EQ(kvfs_device_create(fd_, 0, sector_size, 0, &device_), kvfs_ok);
-  EXPECT_EQ(kvfs_volume_create(device_, 0, &volume_), kvfs_ok);
-}
-
-OpenVolume::~OpenVolume() {
-  LogCapture silence;  // of references that failed operations have left
-  close();
-}
-
-void OpenVolume::close() {
-  if (fork_ != nullptr) {
-    kvfs_fork_destroy(&fork_);
-  }
-  if (volume_ != nullptr) {
-    kvfs_volume_destroy(&volume_);
-    kvfs_device_destroy(&device_);
-    ::close(fd_);
-  }
-}
-
-kvfs_fork* OpenVolume::fork(SpecialFile file) {
-  HFSPlusForkData* const slots[] = {&header()->extentsFile,    &header()->catalogFile, nullptr,
-                                    &header()->allocationFile, &header()->startupFile, &header()->attributesFile};
-  const auto cnid = static_cast<std::uint32_t>(file);
-  if (fork_ == nullptr) {
-    EXPECT_EQ(kvfs_fork_create(device_, volume_->extents, 0, header(), cnid, slots[cnid - kHFSExtentsFileID],
-                               header()->blockSize.get(), &fork_),
-              kvfs_ok);
-  }
-  return fork_;
-}
-
-LockRanks OpenVolume::locks() const {
-  LockRanks ranks = locks_of(*volume_);
-  if (fork_ != nullptr) {
-    add_locks_of(*fork_, &ranks);
-  }
-  return ranks;
-}
-
-Volume OpenVolume::contents() const {
-  return Volume::load(path_of(fd_));
-}
-
-Volume OpenVolume::flushed() {
-  EXPECT_EQ(kvfs_fork_flush(catalog_fork()), kvfs_ok);
-  EXPECT_EQ(kvfs_bitmap_flush(bitmap()), kvfs_ok);
-  EXPECT_EQ(kvfs_volume_flush(volume_), kvfs_ok);
-  return contents();
-}
-
-std::string OpenVolume::describe(const HFSPlusForkData& fork_data) {
+std::string describe(const HFSPlusForkData& fork_data) {
   std::string text = "size=" + std::to_string(fork_data.logicalSize.get()) +
                      " total=" + std::to_string(fork_data.totalBlocks.get()) + " extents={";
   const char* separator = "";
@@ -138,14 +80,6 @@ static std::string without_addresses(const std::string& text) {
   return result;
 }
 
-static Lines lines_of(LogCapture& log) {
-  Lines lines;
-  for (const LogLine& line : log.lines()) {
-    lines.push_back(without_addresses(to_string(line)));
-  }
-  return lines;
-}
-
 // One run with the n-th call failing; nothing when there was no n-th call.
 static std::optional<FailedOperation> run_failing(const SetFault& set_fault, unsigned long n,
                                                   const FaultScenario& scenario) {
@@ -159,7 +93,8 @@ static std::optional<FailedOperation> run_failing(const SetFault& set_fault, uns
   LogCapture log;
   outcome.result = scenario.operation(volume);
   const FaultInjector::Pause pause;
-  outcome.log = lines_of(log);
+  outcome.log = log.texts();
+  std::transform(outcome.log.begin(), outcome.log.end(), outcome.log.begin(), without_addresses);
   EXPECT_EQ(faults.locks_held(), 0) << "call " << n;
   EXPECT_EQ(order_violations(faults.lock_calls(), volume.locks()), Lines()) << "call " << n;
   const bool failed = faults.delivered() != 0;
@@ -175,17 +110,7 @@ static std::optional<FailedOperation> run_failing(const SetFault& set_fault, uns
 }
 
 std::vector<FailedOperation> fail_each(const SetFault& set_fault, const FaultScenario& scenario) {
-  constexpr unsigned long kTooMany = 2000;
-  std::vector<FailedOperation> outcomes;
-  for (unsigned long n = 1; n < kTooMany; ++n) {
-    std::optional<FailedOperation> outcome = run_failing(set_fault, n, scenario);
-    if (!outcome) {
-      return outcomes;
-    }
-    outcomes.push_back(*std::move(outcome));
-  }
-  ADD_FAILURE() << "the operation never comes to its end";
-  return outcomes;
+  return failing_runs<FailedOperation>([&](unsigned long n) { return run_failing(set_fault, n, scenario); });
 }
 
 // Whether a message was logged by one of the functions.

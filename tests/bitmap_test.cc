@@ -572,9 +572,7 @@ FreedFork free_fork(const HFSPlusForkData& fork_data, std::uint32_t first, std::
   FreedFork outcome = {kvfs_ok, 99, {}};
   LogCapture log;
   outcome.result = FreeExtentAllocationBlocks(&fork_data, first, count, volume.bitmap(), &outcome.freed);
-  for (const LogLine& line : log.lines()) {
-    outcome.log.push_back(to_string(line));
-  }
+  outcome.log = log.texts();
   return outcome;
 }
 
@@ -875,9 +873,7 @@ WriteLocation find_write_location(const Volume& image, const HFSPlusForkData& fo
   WriteLocation outcome = {};
   outcome.result = FindWriteLocation(cnid, kHFSDataForkType, &fork_data, volume.get(), offset, length, &location);
   outcome.location = describe(location);
-  for (const LogLine& line : log.lines()) {
-    outcome.log.push_back(to_string(line));
-  }
+  outcome.log = log.texts();
   return outcome;
 }
 
@@ -1071,10 +1067,8 @@ UpdatedForks update_forks(const Volume& image, HFSPlusForkData fork_data, std::u
   UpdatedForks outcome = {};
   outcome.result = UpdateForks(volume.get(), &fork_data, offset, length, &location);
   outcome.location = describe(location);
-  outcome.fork_data = OpenVolume::describe(fork_data);
-  for (const LogLine& line : log.lines()) {
-    outcome.log.push_back(to_string(line));
-  }
+  outcome.fork_data = describe(fork_data);
+  outcome.log = log.texts();
   EXPECT_EQ(volume.flushed(), image);  // neither bits nor counts change
   return outcome;
 }
@@ -1166,7 +1160,7 @@ TEST(UpdateForks, FailedSearch_LeavesTheForkDataAlone) {
     const kvfs_result result = UpdateForks(volume.get(), &fork_data, 8 * 4096, 4096, &location);
     if (result != kvfs_ok) {
       EXPECT_EQ(describe(location), kUntouchedText);
-      EXPECT_EQ(OpenVolume::describe(fork_data), "size=32768 total=8 extents={40+8}");
+      EXPECT_EQ(describe(fork_data), "size=32768 total=8 extents={40+8}");
     }
     return result;
   };

@@ -176,6 +176,14 @@ TreeOptions leaves_of(std::uint32_t per_leaf, std::uint32_t count, std::uint16_t
   return options;
 }
 
+TreeOptions three_leaves() {
+  return leaves_of(4, 12);
+}
+
+TreeOptions three_levels() {
+  return leaves_of(3, 12, 2);
+}
+
 Bytes packed(const Record& record) {
   Bytes bytes = record.first;
   bytes.resize(bytes.size() + bytes.size() % 2);
@@ -283,16 +291,6 @@ Use locator_allocation(const Lines& lines) {
                        "Error while allocating {*} bytes for kvfs_btree_record_locator allocation.")};
   all.insert(all.end(), lines.begin(), lines.end());
   return {Use::Kind::kAllocation, all, false};
-}
-
-static bool line_matches(const std::string& actual, const std::string& expected) {
-  const std::size_t wildcard = expected.find("{*}");
-  if (wildcard == std::string::npos) {
-    return actual == expected;
-  }
-  const std::string head = expected.substr(0, wildcard);
-  const std::string tail = expected.substr(wildcard + 3);
-  return actual.size() >= head.size() + tail.size() && actual.starts_with(head) && actual.ends_with(tail);
 }
 
 ::testing::AssertionResult lines_match(const Lines& actual, const Lines& expected) {

@@ -89,6 +89,12 @@ void release(kvfs_btree_record_locator* locator);
 TreeOptions leaves_of(std::uint32_t per_leaf, std::uint32_t count, std::uint16_t per_index = 0,
                       std::size_t data_size = 12);
 
+// Leaves 1, 2 and 3 with 10 to 40, 50 to 80 and 90 to 120; the root is node 4. Each record takes 18 bytes.
+TreeOptions three_leaves();
+
+// Leaves 1 to 4 with 10 to 30, 40 to 60, 70 to 90 and 100 to 120, two each under the index nodes 5 and 6; root 7.
+TreeOptions three_levels();
+
 // Key and data as a node holds them: padded.
 Bytes packed(const Record& record);
 

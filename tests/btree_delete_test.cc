@@ -12,16 +12,6 @@
 namespace kvfs_test {
 namespace {
 
-// Leaves 1, 2 and 3 with 10 to 40, 50 to 80 and 90 to 120; the root is node 4. Each record takes 18 bytes.
-TreeOptions three_leaves() {
-  return leaves_of(4, 12);
-}
-
-// Leaves 1 to 4 with 10 to 30, 40 to 60, 70 to 90 and 100 to 120, two each under the index nodes 5 and 6; root 7.
-TreeOptions three_levels() {
-  return leaves_of(3, 12, 2);
-}
-
 class BtreeDelete : public ::testing::Test {
  protected:
   BtreeDelete() : tree_(three_leaves()) { tree_.open(); }

@@ -43,8 +43,7 @@ std::string tree_text(const OpenVolume& volume) {
 
 // The catalog's fork: its size in memory and its fork data.
 std::string fork_text(const OpenVolume& volume) {
-  return std::to_string(*volume.catalog_fork()->logical_size) + " " +
-         OpenVolume::describe(volume.header()->catalogFile);
+  return std::to_string(*volume.catalog_fork()->logical_size) + " " + describe(volume.header()->catalogFile);
 }
 
 // ---- Without map nodes ---------------------------------------------------------------------------------------------

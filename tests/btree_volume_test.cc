@@ -1,58 +1,19 @@
 // The B-tree engine over the special files of whole volumes, each found, searched and walked as their users do.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <string>
 #include <tuple>
 #include <vector>
 
-#include "btree_fixture.h"
-#include "catalog.h"
+#include "btree.h"
+#include "catalog_fixture.h"
 #include "extents.h"
-#include "fork.h"
+#include "log_capture.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
 namespace {
-
-// A volume in a file, with its header read and the extents overflow file open.
-class OpenVolume {
- public:
-  explicit OpenVolume(const Volume& volume) {
-    const std::string path = ::testing::TempDir() + "kvfs-btree-volume-" + std::to_string(getpid());
-    volume.write_to(path);
-    fd_ = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    unlink(path.c_str());
-    EXPECT_GE(fd_, 0);
-    EXPECT_EQ(kvfs_device_create(fd_, 0, 512, 0, &device_), kvfs_ok);
-    volume.read(kVolumeHeaderOffset, &header_, sizeof(header_));
-    EXPECT_EQ(kvfs_extents_create(device_, &header_, &extents_), kvfs_ok);
-  }
-  ~OpenVolume() {
-    EXPECT_EQ(kvfs_extents_destroy(&extents_), kvfs_ok);
-    kvfs_device_destroy(&device_);
-    ::close(fd_);
-  }
-  OpenVolume(const OpenVolume&) = delete;
-  OpenVolume& operator=(const OpenVolume&) = delete;
-
-  kvfs_btree* open_catalog() {
-    kvfs_btree* tree = nullptr;
-    EXPECT_EQ(kvfs_btree_create(device_, extents_, 0, &header_, kHFSCatalogFileID, kvfs_catalog_compare_keys, &tree),
-              kvfs_ok);
-    return tree;
-  }
-  kvfs_btree* extents_tree() { return extents_->btree; }
-
- private:
-  int fd_ = -1;
-  kvfs_device* device_ = nullptr;
-  HFSPlusVolumeHeader header_ = {};
-  kvfs_extents* extents_ = nullptr;
-};
 
 // The records of a tree in the order of iteration, from the one that `first` finds.
 std::vector<Record> walk(kvfs_btree* tree, const Bytes& first) {
@@ -109,12 +70,12 @@ TEST_P(BtreeVolume, EveryRecordOfTheCatalog_IsFoundAndMetInOrder) {
   ASSERT_EQ(joined(check_volume(volume)), "");
   const std::vector<Record> records = dump_records(volume, Tree::kCatalog);
   ASSERT_EQ(volume.get_field("catalog.header.treeDepth"), shape.height);
-  OpenVolume opened(volume);
   LogCapture log;
-  kvfs_btree* tree = opened.open_catalog();
-  EXPECT_EQ(walk(tree, catalog_key(0, u"")), records);
-  find_each(tree, records);
-  kvfs_btree_destroy(&tree);
+  {
+    const OpenCatalog catalog(volume);
+    EXPECT_EQ(walk(catalog.priv()->btree, catalog_key(0, u"")), records);
+    find_each(catalog.priv()->btree, records);
+  }
   EXPECT_LOG(log);
 }
 
@@ -137,10 +98,10 @@ TEST_P(BtreeOverflowVolume, EveryRecordOfTheExtentsFile_IsFoundAndMetInOrder) {
   const Volume volume = build_volume(description);
   const std::vector<Record> records = dump_records(volume, Tree::kExtents);
   ASSERT_EQ(volume.get_field("extents.header.treeDepth"), height);
-  OpenVolume opened(volume);
   LogCapture log;
-  EXPECT_EQ(walk(opened.extents_tree(), extents_key(0, 0, 0)), records);
-  find_each(opened.extents_tree(), records);
+  const CatalogGround ground(volume);
+  EXPECT_EQ(walk(ground.extents()->btree, extents_key(0, 0, 0)), records);
+  find_each(ground.extents()->btree, records);
   EXPECT_LOG(log);
 }
 

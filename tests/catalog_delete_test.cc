@@ -365,7 +365,7 @@ TEST(CatalogDelete, BeforeAFlush_NothingReachesTheDevice) {
   ASSERT_EQ(delete_item(volume, item), kvfs_ok);
   EXPECT_EQ(calls.count(Call::kPwrite64), 0u);
   EXPECT_TRUE(volume.contents() == before);
-  EXPECT_EQ(volume.header().fileCount.get(), before.get_field("fileCount") - 1);
+  EXPECT_EQ(volume.header()->fileCount.get(), before.get_field("fileCount") - 1);
 }
 
 TEST(CatalogDelete, GivenLocator_StaysOpenAndReadable) {
@@ -529,7 +529,7 @@ TEST(CatalogDelete, ItemDeletedBefore_IsRefusedByTheTree) {
   EXPECT_EQ(delete_item(volume, item), kvfs_internal);
   EXPECT_LOG(log, "CRITICAL kvfs_btree_delete_record_internal Attempted to delete a record that was deleted before.\n",
              "ERROR kvfs_catalog_delete Error while deleting file/folder record from B-tree.\n");
-  EXPECT_EQ(volume.header().folderCount.get(), 2u);
+  EXPECT_EQ(volume.header()->folderCount.get(), 2u);
 }
 
 // ---- Damage --------------------------------------------------------------------------------------------------------
@@ -603,9 +603,9 @@ TEST(CatalogDelete, FailureToDeleteTheRecord_IsPassedOnAndLeavesTheRest) {
   const std::string entry = "catalog.node[" + std::to_string(place.node) + "].offset[" + std::to_string(place.index);
   damaged.add_to_field(entry + "]", 2000);
   const Bytes node = damaged.read_node(Tree::kCatalog, place.node);
-  ASSERT_EQ(
-      kvfs_fork_write(volume.tree()->fork, std::uint64_t{place.node} * node.size(), node.data(), node.size(), nullptr),
-      kvfs_ok);
+  ASSERT_EQ(kvfs_fork_write(volume.catalog_fork(), std::uint64_t{place.node} * node.size(), node.data(), node.size(),
+                            nullptr),
+            kvfs_ok);
   LogCapture log;
   EXPECT_EQ(delete_item(volume, item), kvfs_inconsistent);
   EXPECT_LOG(log,
@@ -668,7 +668,7 @@ std::vector<FailedRun> fail_deletion(std::uint32_t parent, const Name& name) {
   };
   const Volume before = build_volume(description);
   const auto inspect = [&before](OpenVolume& volume, const FailedRun& run) {
-    const std::uint32_t counted = volume.header().fileCount.get() + volume.header().folderCount.get();
+    const std::uint32_t counted = volume.header()->fileCount.get() + volume.header()->folderCount.get();
     const std::uint64_t all = before.get_field("fileCount") + before.get_field("folderCount");
     // An unlocking that fails behind the last step is the only failure that comes after counting.
     if (run.result == kvfs_ok) {

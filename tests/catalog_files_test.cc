@@ -14,6 +14,7 @@
 #include "catalog.h"
 #include "item_fixture.h"
 #include "log_capture.h"
+#include "stored_names.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 
@@ -288,16 +289,8 @@ TEST(CatalogGetFileSize, EachFailingCall_IsReportedAndGivesZero) {
 
 // ---- Making symbolic links -----------------------------------------------------------------------------------------
 
-std::vector<kvfs_be16> stored(const Name& name) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : name) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
-}
-
 kvfs_result make_link(const OpenVolume& volume, const ItemLocator& file, const Name& target) {
-  const std::vector<kvfs_be16> units = stored(target);
+  const std::vector<kvfs_be16> units = stored_units(target);
   return kvfs_catalog_mksymlink(file.get(), units.data(), units.size(), volume.get());
 }
 
@@ -479,7 +472,7 @@ TEST(CatalogMksymlink, BeforeAFlush_OnlyTheTargetReachesTheDevice) {
 
 TEST(CatalogMksymlink, NoLocator_IsRefusedWithoutAMessage) {
   OpenVolume volume(volume_made());
-  const std::vector<kvfs_be16> units = stored(u"a");
+  const std::vector<kvfs_be16> units = stored_units(u"a");
   LogCapture log;
   EXPECT_EQ(kvfs_catalog_mksymlink(nullptr, units.data(), units.size(), volume.get()), kvfs_invalid);
   EXPECT_LOG(log);
@@ -600,7 +593,7 @@ TEST(CatalogMksymlink, EachFailingCall_IsReportedAndLeavesNothingBehind) {
   description.catalog.node_size = 512;
   const Volume before = build_volume(description);
   const auto operate = [](OpenVolume& volume, kvfs_catalog_record_locator* item) {
-    const std::vector<kvfs_be16> units = stored(u"a\\b");
+    const std::vector<kvfs_be16> units = stored_units(u"a\\b");
     return kvfs_catalog_mksymlink(item, units.data(), units.size(), volume.get());
   };
   // The record is written last: it is a link when everything went well, or when only the unlocking behind that failed.
@@ -611,7 +604,7 @@ TEST(CatalogMksymlink, EachFailingCall_IsReportedAndLeavesNothingBehind) {
       EXPECT_EQ(kind, kvfs_symbolic_link) << run.n;
     }
     if (kind == kvfs_symbolic_link) {
-      EXPECT_EQ(volume.header().freeBlocks.get(), before.get_field("freeBlocks") - 1) << run.n;
+      EXPECT_EQ(volume.header()->freeBlocks.get(), before.get_field("freeBlocks") - 1) << run.n;
     }
     if (run.result == kvfs_no_memory || run.result == kvfs_io_error) {
       EXPECT_EQ(kind, kvfs_plain_file) << run.n;

@@ -1,14 +1,12 @@
 #include "catalog_fixture.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 
 #include "big_endian.h"
+#include "failing_runs.h"
 #include "log_capture.h"
 #include "support.h"
 #include "unicode_fixture.h"
@@ -30,37 +28,7 @@ Volume small_volume() {
   return build_volume(small_description());
 }
 
-static std::string path_of(int fd) {
-  return "/proc/self/fd/" + std::to_string(fd);
-}
-
-// ---- Devices -------------------------------------------------------------------------------------------------------
-
-TestDevice::TestDevice(const SparseImage& image, std::uint32_t sector_size) : fd_(memfd_create("image", MFD_CLOEXEC)) {
-  image.write_to(path_of(fd_));
-  EXPECT_EQ(kvfs_device_create(fd_, 0, sector_size, 0, &device_), kvfs_ok);
-}
-
-TestDevice::~TestDevice() {
-  kvfs_device_destroy(&device_);
-  ::close(fd_);
-}
-
-Volume TestDevice::contents() const {
-  return Volume::load(path_of(fd_));
-}
-
-void TestDevice::overwrite(std::uint64_t offset, const Bytes& bytes) const {
-  const FaultInjector::Pause pause;
-  EXPECT_EQ(pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset)), static_cast<ssize_t>(bytes.size()));
-}
-
-Bytes TestDevice::read(std::uint64_t offset, std::size_t length) const {
-  const FaultInjector::Pause pause;
-  Bytes bytes(length);
-  EXPECT_EQ(pread(fd_, bytes.data(), length, static_cast<off_t>(offset)), static_cast<ssize_t>(length));
-  return bytes;
-}
+// ---- Catalogs ------------------------------------------------------------------------------------------------------
 
 CatalogGround::CatalogGround(const Volume& volume, std::uint32_t sector_size) : TestDevice(volume, sector_size) {
   volume.SparseImage::read(kHeaderOffset, &header_, sizeof(header_));
@@ -70,8 +38,6 @@ CatalogGround::CatalogGround(const Volume& volume, std::uint32_t sector_size) : 
 CatalogGround::~CatalogGround() {
   EXPECT_EQ(kvfs_extents_destroy(&extents_), kvfs_ok);
 }
-
-// ---- Catalogs ------------------------------------------------------------------------------------------------------
 
 OpenCatalog::OpenCatalog(const Volume& volume, std::uint32_t sector_size) : CatalogGround(volume, sector_size) {
   EXPECT_EQ(kvfs_catalog_create(CatalogGround::get(), extents(), header(), &catalog_), kvfs_ok);
@@ -149,14 +115,6 @@ std::string Searched::text() const {
   return how + describe(result_.locator);
 }
 
-HFSPlusCatalogKey stored_key(std::uint32_t parent, const Name& name) {
-  HFSPlusCatalogKey key = {};
-  const Bytes bytes = catalog_key(parent, name);
-  EXPECT_LE(bytes.size(), sizeof(key));
-  std::memcpy(&key, bytes.data(), std::min(bytes.size(), sizeof(key)));
-  return key;
-}
-
 // ---- Failing calls -------------------------------------------------------------------------------------------------
 
 // Destroys the locks that could not be destroyed at first.
@@ -194,24 +152,12 @@ static std::optional<FailedRun> run_failing(const FailingCall& failing, unsigned
   if (delivered == 0) {
     return std::nullopt;
   }
-  for (const LogLine& line : log.lines()) {
-    run.log.push_back(to_string(line));
-  }
+  run.log = log.texts();
   return run;
 }
 
 std::vector<FailedRun> fail_each(const FailingCall& failing, const std::function<kvfs_result()>& operation) {
-  constexpr unsigned long kTooMany = 5000;
-  std::vector<FailedRun> runs;
-  for (unsigned long n = 1; n < kTooMany; ++n) {
-    std::optional<FailedRun> run = run_failing(failing, n, operation);
-    if (!run) {
-      return runs;
-    }
-    runs.push_back(*std::move(run));
-  }
-  ADD_FAILURE() << "the operation never comes to its end";
-  return runs;
+  return failing_runs<FailedRun>([&](unsigned long n) { return run_failing(failing, n, operation); });
 }
 
 std::vector<Lines> logs_of(const std::vector<FailedRun>& runs) {

@@ -1,4 +1,4 @@
-// Devices and catalogs over images that the volume builder makes, and a loop that lets each call of an operation fail.
+// Catalogs over images that the volume builder makes, and a loop that lets each call of an operation fail.
 //
 //   OpenCatalog catalog(build_volume(description));
 //   Searched found;
@@ -15,10 +15,11 @@
 
 #include "catalog.h"
 #include "catalog_private.h"
-#include "device.h"
 #include "extents.h"
 #include "fault_injection.h"
 #include "format.h"
+#include "open_volume.h"
+#include "stored_names.h"
 #include "volume_builder.h"
 #include "volume_image.h"
 
@@ -33,26 +34,6 @@ Volume small_volume();
 inline constexpr std::uint32_t kAlpha = 16;
 inline constexpr std::uint32_t kBeta = 17;
 inline constexpr std::uint32_t kOne = 19;
-
-// A device over a copy of an image, in memory.
-class TestDevice {
- public:
-  explicit TestDevice(const SparseImage& image, std::uint32_t sector_size = 512);
-  ~TestDevice();
-  TestDevice(const TestDevice&) = delete;
-  TestDevice& operator=(const TestDevice&) = delete;
-
-  [[nodiscard]] kvfs_device* get() const { return device_; }
-  // What the device holds now.
-  [[nodiscard]] Volume contents() const;
-  // Changes the bytes behind the back of whoever uses the device.
-  void overwrite(std::uint64_t offset, const Bytes& bytes) const;
-  [[nodiscard]] Bytes read(std::uint64_t offset, std::size_t length) const;
-
- private:
-  int fd_ = -1;
-  kvfs_device* device_ = nullptr;
-};
 
 // All that a catalog is opened with: a device, the volume header and the extents overflow file.
 class CatalogGround : public TestDevice {
@@ -112,9 +93,6 @@ class Searched {
 
 // "folder 18 in 2/name", "file 20 in 18/name", "folder thread of 18 to 2/name", "file thread of 20 to 18/name".
 std::string describe(const kvfs_catalog_record_locator* locator);
-
-// A key in on-disk order.
-HFSPlusCatalogKey stored_key(std::uint32_t parent, const Name& name);
 
 // What an operation gave in a run of fail_each.
 struct FailedRun {

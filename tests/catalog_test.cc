@@ -15,6 +15,7 @@
 #include "catalog_private.h"
 #include "fault_injection.h"
 #include "log_capture.h"
+#include "stored_names.h"
 #include "support.h"
 #include "unicode_fixture.h"
 
@@ -760,14 +761,6 @@ TEST(CatalogCompareKeys, KeyLongerThanItsName_IsAccepted) {
 }
 
 // ---- Names in UTF-8 ------------------------------------------------------------------------------------------------
-
-std::vector<kvfs_be16> stored_units(const Name& name) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : name) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
-}
 
 // Converts into a buffer of `size` bytes between guard bytes, which must survive.
 std::string to_text(const Name& name, std::size_t size, std::size_t* out_count) {

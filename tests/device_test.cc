@@ -1,3 +1,5 @@
+// The block device: its file lock, its transfers and how they fail.
+
 #include "device.h"
 
 #include <fcntl.h>

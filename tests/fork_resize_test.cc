@@ -74,8 +74,7 @@ Volume startup_volume(const StartupShape& shape) {
 
 // What is known about the startup file: the size of the open fork, and the fork data in the header.
 std::string startup_file(OpenVolume& volume) {
-  return std::to_string(*volume.fork(kStartup)->logical_size) + " " +
-         OpenVolume::describe(volume.header()->startupFile);
+  return std::to_string(*volume.fork(kStartup)->logical_size) + " " + describe(volume.header()->startupFile);
 }
 
 // The runs of used blocks behind the other files.
@@ -114,21 +113,21 @@ TEST(UpdateForkExtents, RunBehindItsDescriptor_ExtendsIt) {
   LogCapture log;
   EXPECT_EQ(UpdateForkExtents(&fork_data, &run), kvfs_ok);
   EXPECT_LOG(log);
-  EXPECT_EQ(OpenVolume::describe(fork_data), "size=4096 total=15 extents={40+8 100+7}");
+  EXPECT_EQ(describe(fork_data), "size=4096 total=15 extents={40+8 100+7}");
 }
 
 TEST(UpdateForkExtents, RunElsewhere_FillsItsDescriptor) {
   HFSPlusForkData fork_data = fork_data_of(4096, {{40, 8}, {100, 2}});
   const kvfs_allocation_location run = {300, 0, 0, 2, 5, {}};
   EXPECT_EQ(UpdateForkExtents(&fork_data, &run), kvfs_ok);
-  EXPECT_EQ(OpenVolume::describe(fork_data), "size=4096 total=15 extents={40+8 100+2 300+5}");
+  EXPECT_EQ(describe(fork_data), "size=4096 total=15 extents={40+8 100+2 300+5}");
 }
 
 TEST(UpdateForkExtents, RunElsewhereForADescriptorInUse_ReplacesIt) {
   HFSPlusForkData fork_data = fork_data_of(4096, {{40, 8}, {100, 2}});
   const kvfs_allocation_location run = {300, 0, 0, 1, 5, {}};
   EXPECT_EQ(UpdateForkExtents(&fork_data, &run), kvfs_ok);
-  EXPECT_EQ(OpenVolume::describe(fork_data), "size=4096 total=15 extents={40+8 300+5}");
+  EXPECT_EQ(describe(fork_data), "size=4096 total=15 extents={40+8 300+5}");
 }
 
 TEST(UpdateForkExtents, EighthDescriptor_IsTheLastOne) {
@@ -136,7 +135,7 @@ TEST(UpdateForkExtents, EighthDescriptor_IsTheLastOne) {
   const HFSPlusForkData before = fork_data;
   kvfs_allocation_location run = {300, 0, 0, 7, 5, {}};
   EXPECT_EQ(UpdateForkExtents(&fork_data, &run), kvfs_ok);
-  EXPECT_EQ(OpenVolume::describe(fork_data), "size=4096 total=13 extents={40+8 300+5}");
+  EXPECT_EQ(describe(fork_data), "size=4096 total=13 extents={40+8 300+5}");
   fork_data = before;
   run.extent_index = 8;
   LogCapture log;
@@ -812,11 +811,11 @@ TEST(ShrinkFork, ByBlocksOfOverflowExtents_CannotFreeThem) {
   const Volume image = volume_with_overflow_extents();
   OpenVolume volume(image);
   kvfs_fork* const fork = volume.catalog_fork();
-  const std::string before = OpenVolume::describe(volume.header()->catalogFile);
+  const std::string before = describe(volume.header()->catalogFile);
   LogCapture log;
   EXPECT_EQ(kvfs_fork_shrink(fork, volume.get(), 1), kvfs_internal);
   EXPECT_LOG(log, "ERROR kvfs_fork_shrink Unable to free all allocated blocks. Freed 0 / 1 blocks.\n");
-  EXPECT_EQ(OpenVolume::describe(volume.header()->catalogFile), before);
+  EXPECT_EQ(describe(volume.header()->catalogFile), before);
   EXPECT_EQ(volume.flushed(), image);
 }
 

@@ -1,3 +1,5 @@
+// The structures on disk: sizes, offsets and byte order.
+
 #include "format.h"
 
 #include <gtest/gtest.h>

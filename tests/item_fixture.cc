@@ -3,46 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 #include <utility>
 
-#include "bitmap.h"
-#include "btree.h"
-#include "fork.h"
-#include "lock_order.h"
+#include "failing_runs.h"
 #include "log_capture.h"
 
 namespace kvfs_test {
-
-// ---- Volumes -------------------------------------------------------------------------------------------------------
-
-OpenVolume::OpenVolume(const SparseImage& image, bool skip_allocation_file, std::uint32_t sector_size)
-    : TestDevice(image, sector_size) {
-  EXPECT_EQ(kvfs_volume_create(TestDevice::get(), skip_allocation_file ? 1 : 0, &volume_), kvfs_ok);
-}
-
-OpenVolume::~OpenVolume() {
-  kvfs_volume_destroy(&volume_);
-}
-
-Volume OpenVolume::flushed() const {
-  EXPECT_EQ(kvfs_fork_flush(tree()->fork), kvfs_ok);
-  if (volume_->bitmap != nullptr) {
-    EXPECT_EQ(kvfs_bitmap_flush(volume_->bitmap), kvfs_ok);
-  }
-  EXPECT_EQ(kvfs_volume_flush(volume_), kvfs_ok);
-  return contents();
-}
-
-std::size_t OpenVolume::open_locators() const {
-  std::size_t count = 0;
-  for (const kvfs_catalog_record_locator* locator = catalog()->priv->open_locators; locator != nullptr;
-       locator = locator->priv->next) {
-    ++count;
-  }
-  return count;
-}
 
 // ---- Items ---------------------------------------------------------------------------------------------------------
 
@@ -82,14 +49,6 @@ static void set_fault(FaultInjector& faults, const FailingCall& failing, unsigne
   }
 }
 
-static Lines lines_of(LogCapture& log) {
-  Lines lines;
-  for (const LogLine& line : log.lines()) {
-    lines.push_back(to_string(line));
-  }
-  return lines;
-}
-
 // Operates with the n-th call failing; nothing when there was no n-th call.
 static std::optional<FailedRun> operate_once(OpenVolume& volume, FaultInjector& faults, const FailingCall& failing,
                                              unsigned long n, const ItemOperation& operation) {
@@ -102,12 +61,12 @@ static std::optional<FailedRun> operate_once(OpenVolume& volume, FaultInjector& 
   const bool delivered = faults.delivered() != before;
   log.finish();
   EXPECT_EQ(faults.locks_held(), 0) << "call " << n;
-  EXPECT_EQ(order_violations(faults.lock_calls(), locks_of(*volume.get())), Lines()) << "call " << n;
+  EXPECT_EQ(order_violations(faults.lock_calls(), volume.locks()), Lines()) << "call " << n;
   if (!delivered) {
     return std::nullopt;
   }
   item.close();
-  run.log = lines_of(log);
+  run.log = log.texts();
   if (operation.inspect != nullptr) {
     operation.inspect(volume, run);
   }
@@ -135,17 +94,7 @@ static std::optional<FailedRun> run_failing(const SparseImage& image, const Fail
 
 std::vector<FailedRun> fail_each_in(const SparseImage& image, const FailingCall& failing,
                                     const ItemOperation& operation) {
-  constexpr unsigned long kTooMany = 5000;
-  std::vector<FailedRun> runs;
-  for (unsigned long n = 1; n < kTooMany; ++n) {
-    std::optional<FailedRun> run = run_failing(image, failing, n, operation);
-    if (!run) {
-      return runs;
-    }
-    runs.push_back(*std::move(run));
-  }
-  ADD_FAILURE() << "the operation never comes to its end";
-  return runs;
+  return failing_runs<FailedRun>([&](unsigned long n) { return run_failing(image, failing, n, operation); });
 }
 
 std::vector<FailedRun> fail_everything_in(const SparseImage& image, const ItemOperation& operation) {
@@ -176,13 +125,6 @@ std::vector<FailedRun> fail_everything_in(const SparseImage& image, const ItemOp
 }
 
 // ---- Logs ----------------------------------------------------------------------------------------------------------
-
-static bool line_matches(const std::string& line, const std::string& pattern) {
-  const std::size_t mark = pattern.find("{*}");
-  return mark == std::string::npos
-             ? line == pattern
-             : line.starts_with(pattern.substr(0, mark)) && line.ends_with(pattern.substr(mark + 3));
-}
 
 bool some_run_ends_with(const std::vector<FailedRun>& runs, const Lines& lines) {
   return std::any_of(runs.begin(), runs.end(), [&](const FailedRun& run) {

@@ -1,4 +1,4 @@
-// Open volumes over images that the volume builder makes, for tests of what happens to files and folders.
+// Locators of files and folders, and loops that let each call of an operation on one fail.
 //
 //   OpenVolume volume(build_volume(description));
 //   const ItemLocator item(volume, kRootFolderId, u"file");
@@ -17,32 +17,11 @@
 #include "catalog.h"
 #include "catalog_fixture.h"
 #include "fault_injection.h"
-#include "volume.h"
+#include "open_volume.h"
 #include "volume_builder.h"
 #include "volume_image.h"
 
 namespace kvfs_test {
-
-// An open volume, by default with its allocation file.
-class OpenVolume : public TestDevice {
- public:
-  explicit OpenVolume(const SparseImage& image, bool skip_allocation_file = false, std::uint32_t sector_size = 512);
-  ~OpenVolume();
-
-  [[nodiscard]] kvfs_volume* get() const { return volume_; }
-  [[nodiscard]] kvfs_catalog* catalog() const { return volume_->catalog; }
-  [[nodiscard]] kvfs_btree* tree() const { return *volume_->catalog->btree; }
-  [[nodiscard]] HFSPlusVolumeHeader& header() const { return *volume_->header; }
-
-  // What the device holds when catalog, allocation file and volume header were flushed.
-  [[nodiscard]] Volume flushed() const;
-
-  // Catalog locators that are open now.
-  [[nodiscard]] std::size_t open_locators() const;
-
- private:
-  kvfs_volume* volume_ = nullptr;
-};
 
 // A catalog locator on the record with a key, by default with the locator of its folder as its parent (none where the
 // folder has no record that its thread leads to).

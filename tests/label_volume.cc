@@ -7,14 +7,6 @@
 
 namespace kvfs_test {
 
-std::vector<kvfs_be16> stored_units(const Name& label) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : label) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
-}
-
 std::vector<ByteRange> writes_of(const FaultInjector& faults) {
   std::vector<ByteRange> writes;
   for (const Transfer& transfer : faults.writes()) {
@@ -33,11 +25,7 @@ LabelVolume::~LabelVolume() {
 }
 
 Name LabelVolume::label() const {
-  Name name;
-  for (std::uint32_t i = 0; i < *volume_->label_length; ++i) {
-    name.push_back(static_cast<char16_t>(volume_->label[i].get()));
-  }
-  return name;
+  return label_of(volume_);
 }
 
 kvfs_result LabelVolume::set(const Name& label) const {

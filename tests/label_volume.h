@@ -6,17 +6,14 @@
 #include <vector>
 
 #include "btree.h"
-#include "catalog_fixture.h"
 #include "fault_injection.h"
-#include "format.h"
+#include "open_volume.h"
 #include "result.h"
+#include "stored_names.h"
 #include "volume.h"
 #include "volume_image.h"
 
 namespace kvfs_test {
-
-// Units as the volume takes them.
-std::vector<kvfs_be16> stored_units(const Name& label);
 
 // The transfers of the writes that were recorded.
 std::vector<ByteRange> writes_of(const FaultInjector& faults);

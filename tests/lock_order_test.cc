@@ -111,7 +111,7 @@ void set_label(const OpenVolume& volume) {
 }
 
 void use_fork(const OpenVolume& volume) {
-  kvfs_fork* const fork = volume.tree()->fork;
+  kvfs_fork* const fork = volume.catalog_fork();
   void* bytes = nullptr;
   EXPECT_EQ(kvfs_fork_map(fork, 4096, &bytes, 100, nullptr), kvfs_ok);
   EXPECT_EQ(kvfs_fork_unmap(fork, 4096, &bytes, 100), kvfs_ok);
@@ -123,7 +123,7 @@ void use_fork(const OpenVolume& volume) {
 }
 
 void flush(const OpenVolume& volume) {
-  EXPECT_EQ(kvfs_fork_flush(volume.tree()->fork), kvfs_ok);
+  EXPECT_EQ(kvfs_fork_flush(volume.catalog_fork()), kvfs_ok);
   EXPECT_EQ(kvfs_bitmap_flush(volume.get()->bitmap), kvfs_ok);
   EXPECT_EQ(kvfs_volume_flush(volume.get()), kvfs_ok);
 }
@@ -136,9 +136,10 @@ const std::vector<Operation>& operations() {
       {"Delete", delete_file},
       {"MakeSymlink", make_symlink},
       {"SetLabel", set_label},
-      {"ExpandTree", [](OpenVolume& volume) { EXPECT_EQ(kvfs_btree_expand(volume.tree(), volume.get()), kvfs_ok); }, 5},
+      {"ExpandTree",
+       [](OpenVolume& volume) { EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_ok); }, 5},
       {"ShrinkFork",
-       [](OpenVolume& volume) { EXPECT_EQ(kvfs_fork_shrink(volume.tree()->fork, volume.get(), 1), kvfs_ok); }, 5},
+       [](OpenVolume& volume) { EXPECT_EQ(kvfs_fork_shrink(volume.catalog_fork(), volume.get(), 1), kvfs_ok); }, 5},
       {"UseFork", use_fork},
       {"FlushChanges",
        [](OpenVolume& volume) {
@@ -163,7 +164,7 @@ TEST_P(LockOrder, OfEachOperation_IsKept) {
   FaultInjector calls;
   GetParam().run(volume);
   EXPECT_LOG(log);
-  const LockRanks ranks = locks_of(*volume.get());
+  const LockRanks ranks = volume.locks();
   EXPECT_EQ(order_violations(calls.lock_calls(), ranks), std::vector<std::string>());
   EXPECT_EQ(count_unknown(calls.lock_calls(), ranks), 0u);
   EXPECT_GT(calls.lock_calls().size(), 0u);

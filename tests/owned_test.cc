@@ -1,3 +1,5 @@
+// The guards of memory, and undoing.
+
 #include "owned.h"
 
 #include <gtest/gtest.h>

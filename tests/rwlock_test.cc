@@ -1,3 +1,5 @@
+// The reader-writer lock, and the result values.
+
 #include <gtest/gtest.h>
 
 #include <cerrno>

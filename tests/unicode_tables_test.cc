@@ -10,23 +10,17 @@
 #include <utility>
 #include <vector>
 
+#include "stored_names.h"
 #include "support/unicode_fixture.h"
 #include "unicode.h"
 
 namespace {
 
 using kvfs_test::Name;
+using kvfs_test::stored_units;
 
 constexpr std::size_t kRows = 942;
 constexpr unsigned kUnits = 0x10000;
-
-std::vector<kvfs_be16> stored(std::u16string_view name) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : name) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
-}
 
 Name decomposed_by_library(char16_t unit) {
   std::uint16_t units[kUnicodeMaxDecomposedUnits] = {};
@@ -35,7 +29,7 @@ Name decomposed_by_library(char16_t unit) {
 }
 
 Name composed_by_library(std::u16string_view name) {
-  const std::vector<kvfs_be16> source = stored(name);
+  const std::vector<kvfs_be16> source = stored_units(name);
   std::vector<std::uint16_t> units(name.size());
   std::size_t count = 0;
   EXPECT_EQ(kvfs_unicode_compose(source.data(), source.size(), units.data(), units.size(), &count), 0);
@@ -43,8 +37,8 @@ Name composed_by_library(std::u16string_view name) {
 }
 
 int compare(std::u16string_view a, std::u16string_view b) {
-  const std::vector<kvfs_be16> units_a = stored(a);
-  const std::vector<kvfs_be16> units_b = stored(b);
+  const std::vector<kvfs_be16> units_a = stored_units(a);
+  const std::vector<kvfs_be16> units_b = stored_units(b);
   return kvfs_unicode_fast_compare(units_a.data(), units_a.size(), units_b.data(), units_b.size(), false);
 }
 

@@ -1,3 +1,5 @@
+// The converters and the order of names, text by text. The tables have a test program of their own.
+
 #include "unicode.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +19,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "stored_names.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
 #include "support/unicode_fixture.h"
@@ -27,19 +30,12 @@ using kvfs_test::Call;
 using kvfs_test::FaultInjector;
 using kvfs_test::LogCapture;
 using kvfs_test::Name;
+using kvfs_test::stored_units;
 
 constexpr std::size_t kUntouched = 0x5A5A;
 
 std::vector<std::uint16_t> host_units(std::u16string_view text) {
   return {text.begin(), text.end()};
-}
-
-std::vector<kvfs_be16> stored(std::u16string_view name) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : name) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
 }
 
 // The units as a machine of the other byte order writes them, and the selectors of both orders.
@@ -694,7 +690,7 @@ Filled fill_host_units(Routine routine, std::u16string_view src, std::size_t cap
   const auto units = [&] {
     if constexpr (std::is_invocable_v<Routine, const kvfs_be16*, std::size_t, std::uint16_t*, std::size_t,
                                       std::size_t*>) {
-      return stored(src);
+      return stored_units(src);
     } else {
       return host_units(src);
     }
@@ -825,7 +821,7 @@ TEST(Compose, NoCapacity_OverflowsWhenTheSourceCountIsNotZero) {
 }
 
 TEST(Compose, NoDestination_OnlyCountsWhateverTheCapacity) {
-  const std::vector<kvfs_be16> src = stored(u"ae\u0301\u1100\u1161\u11A8");
+  const std::vector<kvfs_be16> src = stored_units(u"ae\u0301\u1100\u1161\u11A8");
   for (const std::size_t capacity : {std::size_t{0}, std::size_t{1}, std::size_t{100}}) {
     std::size_t count = kUntouched;
     EXPECT_EQ(kvfs_unicode_compose(src.data(), src.size(), nullptr, capacity, &count), 0);
@@ -834,7 +830,7 @@ TEST(Compose, NoDestination_OnlyCountsWhateverTheCapacity) {
 }
 
 TEST(Compose, NoCount_IsAccepted) {
-  const std::vector<kvfs_be16> src = stored(u"e\u0301");
+  const std::vector<kvfs_be16> src = stored_units(u"e\u0301");
   std::uint16_t dst[1] = {};
   EXPECT_EQ(kvfs_unicode_compose(src.data(), src.size(), dst, 1, nullptr), 0);
   EXPECT_EQ(dst[0], 0x00E9);
@@ -842,8 +838,8 @@ TEST(Compose, NoCount_IsAccepted) {
 }
 
 TEST(ComposeChar, RemainingUnits_BoundWhatIsAbsorbed) {
-  const std::vector<kvfs_be16> latin = stored(u"A\u0302\u0300");
-  const std::vector<kvfs_be16> jamo = stored(u"\u1100\u1161\u11A7\u11A8");
+  const std::vector<kvfs_be16> latin = stored_units(u"A\u0302\u0300");
+  const std::vector<kvfs_be16> jamo = stored_units(u"\u1100\u1161\u11A7\u11A8");
   std::size_t extra = kUntouched;
   EXPECT_EQ(kvfs_unicode_compose_char(latin.data(), 1, &extra), u'A');
   EXPECT_EQ(extra, 0u);
@@ -864,8 +860,8 @@ TEST(ComposeChar, RemainingUnits_BoundWhatIsAbsorbed) {
 enum class Order { kFolded, kBinary };
 
 int compare(std::u16string_view a, std::u16string_view b, Order order) {
-  const std::vector<kvfs_be16> units_a = stored(a);
-  const std::vector<kvfs_be16> units_b = stored(b);
+  const std::vector<kvfs_be16> units_a = stored_units(a);
+  const std::vector<kvfs_be16> units_b = stored_units(b);
   return kvfs_unicode_fast_compare(units_a.data(), units_a.size(), units_b.data(), units_b.size(),
                                    order == Order::kBinary);
 }
@@ -989,7 +985,7 @@ TEST(HfsplusToWindows, DestinationWithoutRoom_OverflowsWhenTheSourceCountIsNotZe
 }
 
 TEST(HfsplusToWindows, NoDestination_OnlyCounts) {
-  const std::vector<kvfs_be16> src = stored(u"ae\u0301");
+  const std::vector<kvfs_be16> src = stored_units(u"ae\u0301");
   std::size_t count = kUntouched;
   EXPECT_EQ(kvfs_unicode_hfsplus_to_windows(src.data(), src.size(), nullptr, 0, &count), 0);
   EXPECT_EQ(count, 2u);
@@ -997,7 +993,7 @@ TEST(HfsplusToWindows, NoDestination_OnlyCounts) {
 }
 
 TEST(HfsplusToWindowsCapped, NoCapacity_IsNoRoomEvenWithoutADestination) {
-  const std::vector<kvfs_be16> src = stored(u"ae\u0301");
+  const std::vector<kvfs_be16> src = stored_units(u"ae\u0301");
   std::size_t count = kUntouched;
   EXPECT_EQ(kvfs_unicode_hfsplus_to_windows_capped(src.data(), src.size(), nullptr, 0, &count), 1);
   EXPECT_EQ(count, 0u);
@@ -1016,7 +1012,7 @@ TEST(HfsplusToWindowsCapped, Capacity_MapsAsTheOtherDoes) {
 
 TEST(HfsplusToWindowsStringLength, Name_GivesTheUnitsOfTheMappingWithoutALog) {
   LogCapture log;
-  const std::vector<kvfs_be16> src = stored(std::u16string_view(u"ae\u0301\u1100\u1161\0b", 7));
+  const std::vector<kvfs_be16> src = stored_units(std::u16string_view(u"ae\u0301\u1100\u1161\0b", 7));
   EXPECT_EQ(kvfs_unicode_hfsplus_to_windows_string_length(src.data(), src.size()), 3u);
   EXPECT_EQ(kvfs_unicode_hfsplus_to_windows_string_length(src.data(), 0), 0u);
   EXPECT_LOG(log);

@@ -102,11 +102,7 @@ kvfs_result open_and_close(kvfs_device* device, std::string* label) {
     EXPECT_EQ(volume, nullptr);
     return result;
   }
-  Name name;
-  for (std::uint32_t i = 0; i < *volume->label_length; ++i) {
-    name.push_back(static_cast<char16_t>(volume->label[i].get()));
-  }
-  *label = to_utf8(name);
+  *label = to_utf8(label_of(volume));
   kvfs_volume_destroy(&volume);
   return result;
 }

@@ -34,14 +34,14 @@ using ::testing::Not;
 
 constexpr char kSettingUp[] = "ERROR kvfs_volume_create Error while setting up HFS volume.\n";
 
-// A volume that is open while the object lives.
-class OpenVolume : public TestDevice {
+// A volume that is open while the object lives, or until it is closed: the device stays open then.
+class VolumeInTest : public TestDevice {
  public:
-  explicit OpenVolume(const SparseImage& image, int skip_allocation_file = 1, std::uint32_t sector_size = 512)
+  explicit VolumeInTest(const SparseImage& image, int skip_allocation_file = 1, std::uint32_t sector_size = 512)
       : TestDevice(image, sector_size) {
     EXPECT_EQ(kvfs_volume_create(TestDevice::get(), skip_allocation_file, &volume_), kvfs_ok);
   }
-  ~OpenVolume() {
+  ~VolumeInTest() {
     if (volume_ != nullptr) {
       close();
     }
@@ -51,14 +51,7 @@ class OpenVolume : public TestDevice {
   kvfs_volume* operator->() const { return volume_; }
   [[nodiscard]] bool is_open() const { return volume_ != nullptr; }
   void close() { kvfs_volume_destroy(&volume_); }
-  // In host order; the name as it is stored.
-  [[nodiscard]] Name label() const {
-    Name name;
-    for (std::uint32_t i = 0; i < *volume_->label_length; ++i) {
-      name.push_back(static_cast<char16_t>(volume_->label[i].get()));
-    }
-    return name;
-  }
+  [[nodiscard]] Name label() const { return label_of(volume_); }
 
  private:
   kvfs_volume* volume_ = nullptr;
@@ -97,7 +90,7 @@ void expect_refused(const SparseImage& image, kvfs_result result, const Lines& m
 
 TEST(VolumeCreate, SoundVolume_FillsBothParts) {
   LogCapture log;
-  const OpenVolume volume(small_volume());
+  const VolumeInTest volume(small_volume());
   EXPECT_EQ(volume->device, volume.TestDevice::get());
   EXPECT_EQ(volume->header, volume->priv->header);
   EXPECT_EQ(volume->label_length, &volume->priv->label_length);
@@ -115,7 +108,7 @@ TEST(VolumeCreate, SoundVolume_FillsBothParts) {
 }
 
 TEST(VolumeCreate, RootFolder_IsNotHeldOpen) {
-  const OpenVolume volume(small_volume());
+  const VolumeInTest volume(small_volume());
   Searched found;
   ASSERT_EQ(kvfs_catalog_search_by_cnid(volume->catalog, kRootFolderId, true, found.out()), kvfs_ok);
   EXPECT_EQ(found.locator()->btree_locator->priv->reference_count, 1u);
@@ -125,7 +118,7 @@ TEST(VolumeCreate, Hfsx_OpensLikeHfsPlus) {
   VolumeDescription description = small_description();
   description.hfsx = true;
   LogCapture log;
-  const OpenVolume volume(build_volume(description));
+  const VolumeInTest volume(build_volume(description));
   EXPECT_EQ(volume->header->signature.get(), kHFSXSigWord);
   EXPECT_EQ(volume.label(), u"Untitled");
   EXPECT_LOG(log);
@@ -134,14 +127,14 @@ TEST(VolumeCreate, Hfsx_OpensLikeHfsPlus) {
 TEST(VolumeCreate, AllocationFileWanted_IsOpenedToo) {
   LogCapture log;
   {
-    const OpenVolume volume(small_volume(), 0);
+    const VolumeInTest volume(small_volume(), 0);
     EXPECT_NE(volume->bitmap, nullptr);
   }
   EXPECT_LOG(log);
 }
 
 TEST(VolumeCreate, AnyNonzeroSkip_LeavesTheAllocationFileUnopened) {
-  EXPECT_EQ(OpenVolume(small_volume(), -1)->bitmap, nullptr);
+  EXPECT_EQ(VolumeInTest(small_volume(), -1)->bitmap, nullptr);
 }
 
 TEST(VolumeCreate, Opening_WritesNothing) {
@@ -184,7 +177,7 @@ TEST(VolumeCreate, EverySectorSizeBelowTheBlockSize_GivesTheLabel) {
     description.set_label("Größe");
     description.catalog.node_size = 1024;
     description.extents.node_size = 512;
-    const OpenVolume volume(build_volume(description), 0, sector_size);
+    const VolumeInTest volume(build_volume(description), 0, sector_size);
     EXPECT_EQ(volume.label(), decomposed("Größe")) << sector_size;
     const std::uint32_t offset = 1024 % sector_size;
     EXPECT_EQ(static_cast<void*>(volume->header), static_cast<void*>(volume->priv->sector_buffer + offset));
@@ -202,7 +195,7 @@ TEST(VolumeCreate, EveryBlockAndNodeSize_GivesTheLabel) {
       (void)description.add_files(kRootFolderId, 40);
       LogCapture log;
       {
-        const OpenVolume volume(build_volume(description), 0);
+        const VolumeInTest volume(build_volume(description), 0);
         EXPECT_EQ(volume.label(), u"Untitled");
       }
       EXPECT_LOG(log);
@@ -229,7 +222,7 @@ TEST(VolumeCreate, ShapesOfTheCatalog_GiveTheLabel) {
     shapes[i](description);
     LogCapture log;
     {
-      const OpenVolume volume(build_volume(description));
+      const VolumeInTest volume(build_volume(description));
       EXPECT_EQ(volume.label(), u"Untitled") << "shape " << i;
     }
     EXPECT_LOG(log);
@@ -246,7 +239,7 @@ void expect_label(const Name& label) {
     description.hfsx = description.case_sensitive = binary;
     LogCapture log;
     {
-      const OpenVolume volume(build_volume(description));
+      const VolumeInTest volume(build_volume(description));
       EXPECT_EQ(*volume->label_length, label.size());
       EXPECT_EQ(volume.label(), label);
     }
@@ -307,7 +300,7 @@ TEST(VolumeLabel, LengthOf256_IsRefusedInAnOpenLine) {
 }
 
 TEST(VolumeLabel, LengthOf255InAKeyOfTheSameMaking_IsAccepted) {
-  const OpenVolume volume(volume_with_too_long_label(false));
+  const VolumeInTest volume(volume_with_too_long_label(false));
   EXPECT_EQ(*volume->label_length, 255u);
 }
 
@@ -327,7 +320,7 @@ TEST(VolumeLabel, RootThreadThatIsAFolderRecord_GivesTheEmptyNameOfItsKey) {
   Volume image = small_volume();
   image.set_field(image.find_thread(kRootFolderId)->path() + ".recordType", kHFSPlusFolderRecord);
   LogCapture log;
-  const OpenVolume volume(image);
+  const VolumeInTest volume(image);
   EXPECT_EQ(*volume->label_length, 0u);
   EXPECT_LOG(log);
 }
@@ -418,7 +411,7 @@ TEST(VolumeCreate, DamagedAllocationFile_IsRefusedOnlyWhenItIsWanted) {
                   "ERROR kvfs_bitmap_create Error while creating kvfs_fork for allocation file.\n",
                   "ERROR kvfs_volume_setup Unable to load allocation file.\n", kSettingUp},
                  0);
-  EXPECT_EQ(OpenVolume(image, 1).label(), u"Untitled");
+  EXPECT_EQ(VolumeInTest(image, 1).label(), u"Untitled");
 }
 
 TEST(VolumeCreate, NoThreadOfTheRoot_MeansNoRootDirectory) {
@@ -590,7 +583,7 @@ TEST(VolumeDestroy, ClosesEverythingAndLeavesTheDeviceOpen) {
 }
 
 TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
-  OpenVolume volume(small_volume());
+  VolumeInTest volume(small_volume());
   kvfs_catalog_search_result found;
   kvfs_catalog_search_result_init(&found);
   ASSERT_EQ(kvfs_catalog_search_by_cnid(volume->catalog, kAlpha, true, &found), kvfs_ok);
@@ -601,7 +594,7 @@ TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
 
 TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
   const Volume image = small_volume();
-  OpenVolume volume(image);
+  VolumeInTest volume(image);
   kvfs_volume_add_file_count(volume.get(), 5);
   volume.close();
   EXPECT_TRUE(image == volume.contents());
@@ -612,7 +605,7 @@ TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
 TEST(VolumeFlush, WritesTheSectorsOfTheHeaderOnce) {
   for (const std::uint32_t sector_size : {128u, 256u, 512u, 1024u, 2048u, 4096u}) {
     const Volume image = small_volume();
-    OpenVolume volume(image, 1, sector_size);
+    VolumeInTest volume(image, 1, sector_size);
     kvfs_volume_set_next_allocation(volume.get(), 0xABCDEF01);
     LogCapture log;
     {
@@ -633,13 +626,13 @@ TEST(VolumeFlush, WritesTheSectorsOfTheHeaderOnce) {
 
 TEST(VolumeFlush, NothingChanged_WritesWhatWasRead) {
   const Volume image = small_volume();
-  const OpenVolume volume(image);
+  const VolumeInTest volume(image);
   EXPECT_EQ(kvfs_volume_flush(volume.get()), kvfs_ok);
   EXPECT_TRUE(image == volume.contents());
 }
 
 TEST(VolumeFlush, FailingWrite_PassesTheFailureOn) {
-  const OpenVolume volume(small_volume());
+  const VolumeInTest volume(small_volume());
   LogCapture log;
   {
     FaultInjector faults;
@@ -653,7 +646,7 @@ TEST(VolumeFlush, FailingWrite_PassesTheFailureOn) {
 }
 
 TEST(VolumeFlush, ShortWrite_IsAFailure) {
-  const OpenVolume volume(small_volume());
+  const VolumeInTest volume(small_volume());
   LogCapture log;
   {
     FaultInjector faults;
@@ -706,7 +699,7 @@ TEST_P(VolumeCounter, Change_TouchesItsFieldInMemoryAlone) {
   const CounterCase& counter = GetParam();
   Volume image = small_volume();
   image.set_field(counter.field, counter.before);
-  const OpenVolume volume(image);
+  const VolumeInTest volume(image);
   LogCapture log;
   {
     FaultInjector faults;

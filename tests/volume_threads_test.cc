@@ -15,9 +15,11 @@
 #include <thread>
 #include <vector>
 
-#include "allocation_fixture.h"
 #include "big_endian.h"
 #include "log_capture.h"
+#include "open_volume.h"
+#include "stored_names.h"
+#include "volume_builder.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
@@ -57,13 +59,6 @@ std::vector<std::uint32_t> leaves_of_readers(const Volume& image) {
     }
   }
   return leaves;
-}
-
-HFSPlusCatalogKey stored_key(std::uint32_t parent, const Name& name) {
-  HFSPlusCatalogKey key = {};
-  const Bytes bytes = catalog_key(parent, name);
-  std::memcpy(&key, bytes.data(), bytes.size());
-  return key;
 }
 
 Name item_name(const std::string& prefix, unsigned index) {
@@ -118,10 +113,8 @@ class BusyVolume {
     ASSERT_EQ(kvfs_catalog_record_locator_set_parent_locator(file.locator, folder.locator), kvfs_ok);
     kvfs_catalog_search_result_release(&folder);
     // A longer name in the same place of the order: no leaf becomes empty, and full ones are split.
-    std::vector<kvfs_be16> name;
-    for (const char16_t unit : item_name("m", cnid - kFirstRenamed) + to_utf16(std::to_string(random()))) {
-      name.push_back(kvfs_be16::of(unit));
-    }
+    const std::vector<kvfs_be16> name =
+        stored_units(item_name("m", cnid - kFirstRenamed) + to_utf16(std::to_string(random())));
     EXPECT_EQ(kvfs_catalog_rename_record(volume_.catalog(), &file.locator, kvfs_be32::of(kRenamedFolder), name.data(),
                                          name.size()),
               kvfs_ok);

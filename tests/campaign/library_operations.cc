@@ -12,6 +12,7 @@
 #include "extents.h"
 #include "support.h"
 #include "unicode.h"
+#include "volume_builder.h"
 
 namespace kvfs_test {
 

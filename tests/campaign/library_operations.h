@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "allocation_fixture.h"
+#include "open_volume.h"
+#include "result.h"
 
 namespace kvfs_test {
 

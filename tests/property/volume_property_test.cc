@@ -21,6 +21,7 @@
 #include "big_endian.h"
 #include "log_capture.h"
 #include "property/volume_model.h"
+#include "stored_names.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
@@ -236,14 +237,6 @@ kvfs_catalog_record_locator* ChangingVolume::find(std::uint32_t cnid) {
 }
 
 // ---- Changes -------------------------------------------------------------------------------------------------------
-
-std::vector<kvfs_be16> stored_units(const Name& name) {
-  std::vector<kvfs_be16> units;
-  for (const char16_t unit : name) {
-    units.push_back(kvfs_be16::of(unit));
-  }
-  return units;
-}
 
 std::string ChangingVolume::set_label() {
   if (!has_room() || !can_be_removed(kRootFolderId)) {

@@ -1,3 +1,5 @@
+// Big-endian numbers in bytes.
+
 #ifndef KVFS_BIG_ENDIAN_H
 #define KVFS_BIG_ENDIAN_H
 

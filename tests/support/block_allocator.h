@@ -1,3 +1,5 @@
+// Gives the files of a volume their blocks, for the volume builder.
+
 #ifndef KVFS_BLOCK_ALLOCATOR_H
 #define KVFS_BLOCK_ALLOCATOR_H
 

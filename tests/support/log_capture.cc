@@ -73,23 +73,6 @@ std::optional<LogLine> take_prefix(std::string_view& text) {
   return line;
 }
 
-bool matches_pattern(std::string_view text, std::string_view pattern) {
-  const std::size_t at = pattern.find(kAnything);
-  if (at == std::string_view::npos) {
-    return text == pattern;
-  }
-  if (!text.starts_with(pattern.substr(0, at))) {
-    return false;
-  }
-  const std::string_view rest = pattern.substr(at + kAnything.size());
-  for (std::size_t i = at; i <= text.size(); i++) {
-    if (matches_pattern(text.substr(i), rest)) {
-      return true;
-    }
-  }
-  return false;
-}
-
 // The text in quotes, with line feeds and other control characters made visible.
 std::string in_quotes(std::string_view text) {
   std::string result = "\"";
@@ -124,6 +107,23 @@ std::vector<LogLine> parse_log(std::string_view text) {
     lines.push_back(std::move(line));
   }
   return lines;
+}
+
+bool line_matches(std::string_view line, std::string_view pattern) {
+  const std::size_t at = pattern.find(kAnything);
+  if (at == std::string_view::npos) {
+    return line == pattern;
+  }
+  if (!line.starts_with(pattern.substr(0, at))) {
+    return false;
+  }
+  const std::string_view rest = pattern.substr(at + kAnything.size());
+  for (std::size_t i = at; i <= line.size(); i++) {
+    if (line_matches(line.substr(i), rest)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 std::string without_line_numbers(std::string_view text) {
@@ -169,6 +169,14 @@ std::vector<LogLine> LogCapture::lines() {
   return parse_log(raw());
 }
 
+std::vector<std::string> LogCapture::texts() {
+  std::vector<std::string> texts;
+  for (const LogLine& line : lines()) {
+    texts.push_back(to_string(line));
+  }
+  return texts;
+}
+
 bool LogCapture::has(std::string_view level, std::string_view function, std::string_view text_part) {
   const std::vector<LogLine> all = lines();
   return std::any_of(all.begin(), all.end(), [&](const LogLine& line) {
@@ -182,7 +190,7 @@ bool LogCapture::has(std::string_view level, std::string_view function, std::str
   bool same = true;
   for (std::size_t i = 0; i < std::max(actual.size(), expected.size()); i++) {
     const std::string got = i < actual.size() ? to_string(actual[i]) : std::string();
-    if (i < actual.size() && i < expected.size() && matches_pattern(got, expected[i])) {
+    if (i < actual.size() && i < expected.size() && line_matches(got, expected[i])) {
       explanation += "       " + in_quotes(got) + "\n";
       continue;
     }

@@ -33,6 +33,9 @@ std::string to_string(const LogLine& line);
 // Takes captured text apart. Every line that begins with "[LEVEL: function, line N] " is a message.
 std::vector<LogLine> parse_log(std::string_view text);
 
+// Whether a line reads as a pattern does, in which "{*}" stands for any characters, such as those of an address.
+bool line_matches(std::string_view line, std::string_view pattern);
+
 // The text with "[LEVEL: function, line N] " shortened to "LEVEL function ", so that it can be compared whole.
 std::string without_line_numbers(std::string_view text);
 
@@ -48,12 +51,14 @@ class LogCapture {
 
   const std::string& raw();
   std::vector<LogLine> lines();
+  // The lines as to_string() has them.
+  std::vector<std::string> texts();
   bool empty() { return raw().empty(); }
   // Whether some line reads "LEVEL function text" with a text that contains the one given.
   bool has(std::string_view level, std::string_view function, std::string_view text_part);
 
   // Compares the captured lines with the whole list, each element "LEVEL function text" to the letter, line feed
-  // included, and explains each difference. "{*}" in an element stands for any characters, such as those of an address.
+  // included or a pattern of line_matches(), and explains each difference.
   ::testing::AssertionResult matches(const std::vector<std::string>& expected);
 
  private:

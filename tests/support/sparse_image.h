@@ -1,3 +1,5 @@
+// The bytes of a device, as cheap as what is stored in them.
+
 #ifndef KVFS_SPARSE_IMAGE_H
 #define KVFS_SPARSE_IMAGE_H
 

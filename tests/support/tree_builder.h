@@ -1,3 +1,5 @@
+// Makes the B-trees of a volume, for the volume builder.
+
 #ifndef KVFS_TREE_BUILDER_H
 #define KVFS_TREE_BUILDER_H
 

@@ -1,3 +1,5 @@
+// Checks the B-trees of a volume, for the volume checker.
+
 #ifndef KVFS_TREE_CHECKER_H
 #define KVFS_TREE_CHECKER_H
 

@@ -1,3 +1,5 @@
+// Names for the tests: UTF-8 and UTF-16, decomposition and the order of names, without the library.
+
 #ifndef KVFS_UNICODE_FIXTURE_H
 #define KVFS_UNICODE_FIXTURE_H
 

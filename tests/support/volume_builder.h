@@ -1,3 +1,13 @@
+// Makes correct HFS Plus and HFSX volumes from a short description; damage is done afterwards, on the result.
+//
+//   VolumeDescription description;
+//   description.label = u"Backup";
+//   description.add_files(kRootFolderId, 1000);
+//   description.catalog.extent_count = 12;
+//   Volume volume = build_volume(description);
+//   volume.set_field("catalogFile.logicalSize", 0);
+//   volume.write_to(path);
+
 #ifndef KVFS_VOLUME_BUILDER_H
 #define KVFS_VOLUME_BUILDER_H
 
@@ -11,16 +21,6 @@
 #include <vector>
 
 #include "volume_image.h"
-
-// Makes correct HFS Plus and HFSX volumes from a short description; damage is done afterwards, on the result.
-//
-//   VolumeDescription description;
-//   description.label = u"Backup";
-//   description.add_files(kRootFolderId, 1000);
-//   description.catalog.extent_count = 12;
-//   Volume volume = build_volume(description);
-//   volume.set_field("catalogFile.logicalSize", 0);
-//   volume.write_to(path);
 
 namespace kvfs_test {
 

@@ -1,3 +1,5 @@
+// Says what is wrong with a volume.
+
 #ifndef KVFS_VOLUME_CHECKER_H
 #define KVFS_VOLUME_CHECKER_H
 

@@ -337,20 +337,6 @@ TEST_F(ForeignVolumeTest, VolumesOfTheCollection_AreSound) {
 }
 #endif
 
-// Finds the HFS Plus partition of an image through its Apple partition map: blocks of 512 bytes from the second on.
-Volume cut_hfs_partition(const SparseImage& disk) {
-  for (std::uint64_t entry = 512; disk.get16(entry) == 0x504D; entry += 512) {
-    const Bytes type = disk.read(entry + 48, 9);
-    if (std::string(type.begin(), type.end()) == "Apple_HFS") {
-      const auto size = std::size_t{disk.get32(entry + 12)} * 512;
-      SparseImage partition(size);
-      partition.write(0, disk.read(std::uint64_t{disk.get32(entry + 8)} * 512, size));
-      return Volume(partition);
-    }
-  }
-  throw std::runtime_error("no HFS Plus partition");
-}
-
 // This writer marks one block more than its files have, which is tolerated.
 TEST_F(ForeignVolumeTest, VolumeOfXorriso_IsSoundButForALeakedBlock) {
   for (int i = 0; i < 500; ++i) {
@@ -362,7 +348,7 @@ TEST_F(ForeignVolumeTest, VolumeOfXorriso_IsSoundButForALeakedBlock) {
   ASSERT_EQ(shell("xorriso -as mkisofs -hfsplus -V XLABEL -o '" + image + "' '" + (folder_ / "tree").string() +
                   "' > /dev/null 2>&1"),
             "");
-  const Volume volume = cut_hfs_partition(SparseImage::load(image));
+  const Volume volume = cut_out_partition(SparseImage::load(image));
   CheckOptions options;
   options.leaked_blocks = true;
   EXPECT_EQ(joined(check_volume(volume, options)), "");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "big_endian.h"
 
@@ -839,6 +840,24 @@ std::vector<Record> dump_records(const Volume& volume, Tree tree) {
     return false;
   });
   return records;
+}
+
+Volume cut_out_partition(const SparseImage& disk) {
+  constexpr std::uint64_t kBlock = 512;
+  constexpr std::uint16_t kEntrySignature = 0x504D;
+  constexpr std::size_t kTypeSize = 32;
+  for (std::uint64_t entry = kBlock; disk.get16(entry) == kEntrySignature; entry += kBlock) {
+    const std::uint64_t start = disk.get32(entry + 8) * kBlock;
+    const std::uint64_t size = disk.get32(entry + 12) * kBlock;
+    const Bytes field = disk.read(entry + 48, kTypeSize);
+    const std::string type(field.begin(), std::find(field.begin(), field.end(), 0));
+    if (type.ends_with("_HFS")) {
+      SparseImage partition(size);
+      partition.write(0, disk.read(start, static_cast<std::size_t>(size)));
+      return Volume(std::move(partition));
+    }
+  }
+  throw std::runtime_error("the disk has no HFS Plus partition");
 }
 
 Name read_label(const Volume& volume) {

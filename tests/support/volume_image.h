@@ -1,3 +1,5 @@
+// A volume as bytes: its fields by name, its trees and bitmaps, without the library.
+
 #ifndef KVFS_VOLUME_IMAGE_H
 #define KVFS_VOLUME_IMAGE_H
 
@@ -186,6 +188,10 @@ Name name_of_key(const Bytes& key);
 // All leaf records in order, as key (length field included) and data (with its padding, if any).
 using Record = std::pair<Bytes, Bytes>;
 std::vector<Record> dump_records(const Volume& volume, Tree tree);
+
+// The HFS Plus volume on a disk with a partition map, as programs that make such disks for CDs write it: blocks of 512
+// bytes from the second on, an entry for each partition. Throws std::runtime_error when there is none.
+Volume cut_out_partition(const SparseImage& disk);
 
 // The root folder's name as its catalog record has it. Throws std::runtime_error when there is none.
 Name read_label(const Volume& volume);

@@ -219,24 +219,6 @@ class SourceTree {
   std::string path_;
 };
 
-// The HFS Plus partition that the Apple partition map of an image lists.
-Volume cut_out_partition(const SparseImage& image) {
-  constexpr std::uint64_t kBlock = 512;
-  constexpr std::uint16_t kEntrySignature = 0x504D;
-  const std::uint32_t entries = image.get32(kBlock + 4);
-  for (std::uint32_t i = 1; i <= entries; ++i) {
-    const std::uint64_t entry = i * kBlock;
-    const Bytes type = image.read(entry + 48, 9);
-    if (image.get16(entry) == kEntrySignature && std::string(type.begin(), type.end()) == "Apple_HFS") {
-      const std::uint64_t size = image.get32(entry + 12) * kBlock;
-      SparseImage partition(size);
-      partition.write(0, image.read(image.get32(entry + 8) * kBlock, static_cast<std::size_t>(size)));
-      return Volume(std::move(partition));
-    }
-  }
-  throw std::runtime_error("no HFS Plus partition in the partition map");
-}
-
 class XorrisoVolumes : public ::testing::TestWithParam<std::pair<const char*, int>> {};
 
 INSTANTIATE_TEST_SUITE_P(Labels, XorrisoVolumes,

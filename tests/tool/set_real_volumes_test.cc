@@ -70,8 +70,7 @@ TEST(SetRealVolumes, VolumesOfOtherSystems_AreSetAndSetBack) {
 
 // ---- Volumes written by xorriso ------------------------------------------------------------------------------------
 
-// Writes a volume with so many files. Its partition is cut out of the disk by the partition map, whose entries of one
-// block each say type, start and length.
+// Writes a volume with so many files and cuts it out of the disk.
 Volume written_by_xorriso(const std::string& label, int files) {
   const ScratchFile disk;
   const std::filesystem::path source = disk.path() + "-source";
@@ -86,17 +85,7 @@ Volume written_by_xorriso(const std::string& label, int files) {
                   {.environment = {{"LC_ALL", "C.UTF-8"}}});
   std::filesystem::remove_all(source);
   EXPECT_EQ(written.status, 0) << written;
-  const SparseImage image = SparseImage::load(disk.path());
-  for (std::uint64_t entry = 512; entry <= 512 * 64; entry += 512) {
-    const Bytes type = image.read(entry + 48, 9);
-    if (std::string(type.begin(), type.end()) == "Apple_HFS") {
-      const std::uint64_t size = std::uint64_t{512} * image.get32(entry + 12);
-      SparseImage partition(size);
-      partition.write(0, image.read(std::uint64_t{512} * image.get32(entry + 8), static_cast<std::size_t>(size)));
-      return Volume(partition);
-    }
-  }
-  throw std::runtime_error("xorriso wrote no HFS Plus partition");
+  return cut_out_partition(SparseImage::load(disk.path()));
 }
 
 // xorriso fills the leaves and leaves no node free, so that there is room for as many units as the old label has. A
