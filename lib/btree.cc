@@ -1910,36 +1910,31 @@ static kvfs_result report_contradiction(std::uint32_t node) {
   return kvfs_inconsistent;
 }
 
-// The node bitmap may call a node free that is not: those that are known to be in use are refused.
-static bool is_in_use(const node_split& split, std::uint32_t node) {
-  const BTNodeDescriptor& descriptor = split.split_descriptor;
-  const BTHeaderRec& header = *split.header;
-  const std::uint32_t used[] = {split.split.view.number, descriptor.fLink.get(),     descriptor.bLink.get(),
-                                header.rootNode.get(),   header.firstLeafNode.get(), header.lastLeafNode.get()};
-  for (const std::uint32_t one : used) {
-    if (node == one) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// Reads what the claimed node holds: the bytes that a split does not write stay as they are.
+// Reads what the claimed node holds: the bytes that a split does not write stay as they are. The node bitmap may call a
+// node free that is not: the byte behind a full map record is read as a part of it, and a damaged bitmap says anything.
+// A node is in use when the node before it leads to it, or when it is the root or the first leaf: one that was freed has
+// been taken out of that chain, whatever it still holds.
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
-  if (is_in_use(*split, node)) {
-    return report_contradiction(node);
-  }
-  if (!allocate_node(split->tree, &split->claimed)) {
+  kvfs_btree* const tree = split->tree;
+  const BTHeaderRec& header = *split->header;
+  if (!allocate_node(tree, &split->claimed)) {
     KVFS_ERROR_AS(kSplitFunction,
                   "Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
-                  std::size_t{split->tree->nodeSize});
+                  std::size_t{tree->nodeSize});
     return kvfs_no_memory;
   }
-  const kvfs_result result = read_node(split->tree, node, &split->claimed);
+  kvfs_result result = read_node(tree, node, &split->claimed);
+  const std::uint32_t previous = kvfs_view_as<BTNodeDescriptor>(split->claimed.view.bytes)->bLink.get();
+  kvfs_be32 next = {};  // the first field of a node
+  if (result == kvfs_ok && previous < header.totalNodes.get()) {
+    result = kvfs_fork_read(tree->fork, fork_position(tree, previous, 0), &next, sizeof(next), nullptr);
+  }
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kSplitFunction, "Error while mapping raw node data of claimed node.\n");
+    return result;
   }
-  return result;
+  const bool in_use = node == next.get() || node == header.rootNode.get() || node == header.firstLeafNode.get();
+  return in_use ? report_contradiction(node) : kvfs_ok;
 }
 
 // Puts the claimed node between the split node and its neighbour.

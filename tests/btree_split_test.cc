@@ -608,6 +608,21 @@ TEST_F(BtreeSplit, ClaimedNodeThatIsInUse_IsInconsistentAndNothingMoves) {
   }
 }
 
+// A free node may hold what it held while it was in use, or records that were moved since.
+TEST_F(BtreeSplit, ClaimedNodeWithBytesOfANodeInUse_IsTaken) {
+  for (const std::uint32_t copied : Numbers32{1, 2, 3, tree_.root()}) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.poke_bytes(5, 0, tree.cached_node(copied));
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_ok);
+    EXPECT_EQ(new_node, 5u);
+    EXPECT_EQ(tree_lines(log), Lines());
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
 TEST_F(BtreeSplit, NeighbourOfAnotherKindOrHeight_IsInconsistentAndNothingMoves) {
   const auto expect_refused = [](std::uint32_t neighbour, const auto& damage) {
     ChangeTree tree(full_leaves());
@@ -746,6 +761,7 @@ Uses node_uses() {
       {Use::Kind::kRead, {split_error("Error while mapping node descriptor of split node.")}},
       {Use::Kind::kAllocation,
        {split_error("Error while allocating node-sized (512 bytes) buffer to hold the claimed node data.")}},
+      {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
       {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
       {Use::Kind::kRead, {split_error("Error while reading node descriptor of claimed node's forward linked node.")}},
       {Use::Kind::kWriteNode, {split_error("Error while writing back modified claimed node.")}},
