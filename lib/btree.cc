@@ -533,7 +533,7 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
     return kvfs_internal;
   }
   if (arguments.record_size > record_capacity(priv) && priv->is_vacant == 0) {
-    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has grown beyond its open locator (from %zu to %zu bytes).\n",
+    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has outgrown its open locator (from %zu to %zu bytes).\n",
                   arguments.index, node, record_capacity(priv), arguments.record_size);
     return kvfs_internal;
   }
@@ -650,8 +650,8 @@ static kvfs_result write_record_data(kvfs_btree_record_locator* locator, const v
   kvfs_btree_record_locator_private* const priv = locator->priv;
   if (data_size > record_capacity(priv) || priv->record_data_offset > record_capacity(priv) - data_size) {
     // The record was opened again with a longer key, and the public sizes are still those of the first opening.
-    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has changed its layout. Its data cannot be written.\n",
-                  priv->index, to_ul(priv->node));
+    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has changed its layout and cannot be written.\n", priv->index,
+                  to_ul(priv->node));
     return kvfs_internal;
   }
   const kvfs_result result = kvfs_fork_write(priv->tree->fork, priv->fork_data_offset, data, data_size, nullptr);
@@ -1219,6 +1219,10 @@ static kvfs_result read_node(kvfs_btree* tree, std::uint32_t node, node_buffer* 
   return kvfs_fork_read(tree->fork, fork_position(tree, node, 0), buffer->view.bytes, tree->nodeSize, nullptr);
 }
 
+static kvfs_result read_descriptor(kvfs_btree* tree, std::uint32_t node, BTNodeDescriptor* descriptor) {
+  return kvfs_fork_read(tree->fork, fork_position(tree, node, 0), descriptor, sizeof(*descriptor), nullptr);
+}
+
 static kvfs_result write_node(kvfs_btree* tree, const node_buffer& buffer) {
   return kvfs_fork_write(tree->fork, fork_position(tree, buffer.view.number, 0), buffer.view.bytes, tree->nodeSize,
                          nullptr);
@@ -1266,7 +1270,7 @@ static const unsigned char* key_at(const char* function, const node_view& node, 
 
 static kvfs_result check_maintained_depth(const char* function, std::uint16_t depth) {
   if (depth > kMaximumMaintainedDepth) {
-    KVFS_ERROR_AS(function, "B-tree of depth %hu is too deep for its index to be maintained.\n", depth);
+    KVFS_ERROR_AS(function, "B-tree of depth %hu is too deep to be maintained.\n", depth);
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -1910,36 +1914,32 @@ static kvfs_result report_contradiction(std::uint32_t node) {
   return kvfs_inconsistent;
 }
 
-// The node bitmap may call a node free that is not: those that are known to be in use are refused.
-static bool is_in_use(const node_split& split, std::uint32_t node) {
-  const BTNodeDescriptor& descriptor = split.split_descriptor;
-  const BTHeaderRec& header = *split.header;
-  const std::uint32_t used[] = {split.split.view.number, descriptor.fLink.get(),     descriptor.bLink.get(),
-                                header.rootNode.get(),   header.firstLeafNode.get(), header.lastLeafNode.get()};
-  for (const std::uint32_t one : used) {
-    if (node == one) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// Reads what the claimed node holds: the bytes that a split does not write stay as they are.
+// Reads what the claimed node holds: the bytes that a split does not write stay as they are. The node bitmap may call a
+// node free that is not: the byte behind a full map record is read as a part of it, and a damaged bitmap says anything.
+// A node is in use when the node before it leads to it; besides, the root, the first leaf and the node that is split
+// are. One that was freed has been taken out of that chain, whatever it still holds.
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
-  if (is_in_use(*split, node)) {
-    return report_contradiction(node);
-  }
-  if (!allocate_node(split->tree, &split->claimed)) {
+  kvfs_btree* const tree = split->tree;
+  const BTHeaderRec& header = *split->header;
+  if (!allocate_node(tree, &split->claimed)) {
     KVFS_ERROR_AS(kSplitFunction,
                   "Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
-                  std::size_t{split->tree->nodeSize});
+                  std::size_t{tree->nodeSize});
     return kvfs_no_memory;
   }
-  const kvfs_result result = read_node(split->tree, node, &split->claimed);
+  kvfs_result result = read_node(tree, node, &split->claimed);
+  const std::uint32_t previous = descriptor_of(split->claimed.view).bLink.get();
+  BTNodeDescriptor before = {};
+  if (result == kvfs_ok && previous < header.totalNodes.get()) {
+    result = read_descriptor(tree, previous, &before);
+  }
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kSplitFunction, "Error while mapping raw node data of claimed node.\n");
+    return result;
   }
-  return result;
+  const bool in_use = node == before.fLink.get() || node == header.rootNode.get() ||
+                      node == header.firstLeafNode.get() || node == split->split.view.number;
+  return in_use ? report_contradiction(node) : kvfs_ok;
 }
 
 // Puts the claimed node between the split node and its neighbour.
@@ -1955,8 +1955,7 @@ static kvfs_result link_claimed_node(node_split* split) {
   lower->fLink.set(split->claimed.view.number);
   lower->numRecords.set(split->index);
   if (split->neighbour != 0) {
-    const kvfs_result result = kvfs_fork_read(split->tree->fork, fork_position(split->tree, split->neighbour, 0),
-                                              &split->neighbour_descriptor, sizeof(BTNodeDescriptor), nullptr);
+    const kvfs_result result = read_descriptor(split->tree, split->neighbour, &split->neighbour_descriptor);
     if (result != kvfs_ok) {
       KVFS_ERROR_AS(kSplitFunction, "Error while reading node descriptor of claimed node's forward linked node.\n");
       return result;
@@ -2496,7 +2495,7 @@ static kvfs_result delete_from_node(deletion* removal) {
 kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_record_locator* locator,
                                               std::uint32_t /*flag*/) {
   if (locator->priv->deleted != 0) {
-    KVFS_CRITICAL("Attempted to delete a record that was deleted before.\n");
+    KVFS_CRITICAL("Attempted to delete a deleted record.\n");
     return kvfs_internal;
   }
   deletion removal = {};

@@ -1137,7 +1137,7 @@ static kvfs_result check_piece(const kvfs_fork_write_context* flush, std::uint64
   const std::uint64_t mask = sector_size_of(flush) - 1;
   if ((device_offset & mask) != 0 || (fork_offset & mask) != 0) {
     KVFS_ERROR_AS("kvfs_fork_process_write_io",
-                  "Extent piece at device offset %llu, fork offset %llu does not begin on a sector border.\n",
+                  "Extent piece at device offset %llu, fork offset %llu begins within a sector.\n",
                   to_ull(device_offset), to_ull(fork_offset));
     return kvfs_inconsistent;
   }

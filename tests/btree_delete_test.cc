@@ -374,7 +374,7 @@ TEST(BtreeDeleteLocator, RecordWithALongerKeyAtAKeptIndex_CannotBeOpened) {
   kvfs_btree_search_result found = {};
   EXPECT_EQ(kvfs_btree_search_node(tree.get(), records[38].first.data(), &found), kvfs_internal);
   EXPECT_EQ(found.locator, nullptr);
-  EXPECT_NE(log.raw().find("has grown beyond its open locator"), std::string::npos) << log.raw();
+  EXPECT_NE(log.raw().find("has outgrown its open locator"), std::string::npos) << log.raw();
   release(kept);
   ASSERT_EQ(kvfs_btree_search_node(tree.get(), records[38].first.data(), &found), kvfs_ok);
   EXPECT_EQ(found.found, 1u);
@@ -387,8 +387,7 @@ TEST_F(BtreeDelete, SecondDeletion_IsInternalAndChangesNothing) {
   const std::vector<Bytes> before = tree_.cached_nodes();
   LogCapture log;
   EXPECT_EQ(kvfs_btree_delete_record(tree_.get(), locator, 0), kvfs_internal);
-  EXPECT_LOG(log, message("CRITICAL", "kvfs_btree_delete_record_internal",
-                          "Attempted to delete a record that was deleted before."));
+  EXPECT_LOG(log, message("CRITICAL", "kvfs_btree_delete_record_internal", "Attempted to delete a deleted record."));
   EXPECT_EQ(tree_.changed_since(before), Lines());
   release(locator);
   EXPECT_TRUE(tree_.is_idle());
@@ -562,8 +561,7 @@ TEST_F(BtreeDelete, TreeDeeperThanTwelveLevels_IsNotMaintained) {
     tree.poke(0, kHeaderTreeDepth, 2, depth);
     LogCapture log;
     EXPECT_EQ(tree.remove(50), kvfs_inconsistent);
-    EXPECT_LOG(
-        log, delete_error("B-tree of depth " + std::to_string(depth) + " is too deep for its index to be maintained."));
+    EXPECT_LOG(log, delete_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
     EXPECT_TRUE(tree.is_idle());
   }
 }

@@ -391,7 +391,7 @@ TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_IsAnInternalError) {
   EXPECT_EQ(locator->priv->reference_count, 1u);
   EXPECT_EQ(locator->priv->record_size, 16u);
   EXPECT_EQ(Bytes(locator->key, locator->key + 16), record_of(4, 10, 1));
-  EXPECT_LOG(log, open_error("Record 2 of node 1 has grown beyond its open locator (from 16 to 18 bytes)."));
+  EXPECT_LOG(log, open_error("Record 2 of node 1 has outgrown its open locator (from 16 to 18 bytes)."));
   release(locator);
 }
 
@@ -705,7 +705,7 @@ TEST_F(BtreeWriteData, RecordWithALongerKeySince_IsNotWrittenBeyondTheCopy) {
   LogCapture log;
   EXPECT_EQ(write(new_.size()), kvfs_internal);
   EXPECT_EQ(tree_lines(log), Lines{std::string(kWrite) + "Record 2 of node " + std::to_string(tree_.root()) +
-                                   " has changed its layout. Its data cannot be written.\n"});
+                                   " has changed its layout and cannot be written.\n"});
   EXPECT_EQ(Bytes(locator_->key, locator_->key + longer_key.size()), longer_key);
   kvfs_btree_record_locator_close(&again);
 }

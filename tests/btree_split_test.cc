@@ -608,6 +608,36 @@ TEST_F(BtreeSplit, ClaimedNodeThatIsInUse_IsInconsistentAndNothingMoves) {
   }
 }
 
+// No node leads to the first index node of its height but the one above it.
+TEST_F(BtreeSplit, FirstIndexNodeThatIsClaimedForItself_IsInconsistentAndNothingMoves) {
+  ChangeTree tree(three_levels());
+  tree.open();
+  const std::uint32_t index_node = tree.node_at(2, 0);
+  tree.mark_node(index_node, false);
+  const std::vector<Bytes> before = tree.cached_nodes();
+  LogCapture log;
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree.get(), index_node, 1, &new_node), kvfs_inconsistent);
+  EXPECT_LOG(log, contradiction(index_node));
+  EXPECT_EQ(tree.changed_since(before), Lines{"0"});
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// A free node may hold what it held while it was in use, or records that were moved since.
+TEST_F(BtreeSplit, ClaimedNodeWithBytesOfANodeInUse_IsTaken) {
+  for (const std::uint32_t copied : Numbers32{1, 2, 3, tree_.root()}) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.poke_bytes(5, 0, tree.cached_node(copied));
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_ok);
+    EXPECT_EQ(new_node, 5u);
+    EXPECT_EQ(tree_lines(log), Lines());
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
 TEST_F(BtreeSplit, NeighbourOfAnotherKindOrHeight_IsInconsistentAndNothingMoves) {
   const auto expect_refused = [](std::uint32_t neighbour, const auto& damage) {
     ChangeTree tree(full_leaves());
@@ -707,7 +737,7 @@ TEST_F(BtreeSplit, TreeDeeperThanTwelveLevels_IsNotSplit) {
   tree_.poke(0, kHeaderTreeDepth, 2, 13);
   LogCapture log;
   EXPECT_EQ(split(2, 10), kvfs_inconsistent);
-  EXPECT_LOG(log, split_error("B-tree of depth 13 is too deep for its index to be maintained."));
+  EXPECT_LOG(log, split_error("B-tree of depth 13 is too deep to be maintained."));
 }
 
 TEST_F(BtreeSplit, DamagedIndex_FailsTheSplit) {
@@ -746,6 +776,7 @@ Uses node_uses() {
       {Use::Kind::kRead, {split_error("Error while mapping node descriptor of split node.")}},
       {Use::Kind::kAllocation,
        {split_error("Error while allocating node-sized (512 bytes) buffer to hold the claimed node data.")}},
+      {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
       {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
       {Use::Kind::kRead, {split_error("Error while reading node descriptor of claimed node's forward linked node.")}},
       {Use::Kind::kWriteNode, {split_error("Error while writing back modified claimed node.")}},

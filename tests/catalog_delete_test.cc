@@ -527,7 +527,7 @@ TEST(CatalogDelete, ItemDeletedBefore_IsRefusedByTheTree) {
   ASSERT_EQ(delete_item(volume, item), kvfs_ok);
   LogCapture log;
   EXPECT_EQ(delete_item(volume, item), kvfs_internal);
-  EXPECT_LOG(log, "CRITICAL kvfs_btree_delete_record_internal Attempted to delete a record that was deleted before.\n",
+  EXPECT_LOG(log, "CRITICAL kvfs_btree_delete_record_internal Attempted to delete a deleted record.\n",
              "ERROR kvfs_catalog_delete Error while deleting file/folder record from B-tree.\n");
   EXPECT_EQ(volume.header()->folderCount.get(), 2u);
 }

@@ -444,7 +444,7 @@ TEST(CatalogRename, RecordDeletedBefore_FailsAndStaysOpen) {
   ASSERT_EQ(kvfs_btree_delete_record(catalog.tree(), locator->btree_locator, 0), kvfs_ok);
   LogCapture log;
   EXPECT_EQ(catalog.rename(&locator, 1, u"new"), kvfs_internal);
-  EXPECT_LOG(log, "CRITICAL kvfs_btree_delete_record_internal Attempted to delete a record that was deleted before.\n",
+  EXPECT_LOG(log, "CRITICAL kvfs_btree_delete_record_internal Attempted to delete a deleted record.\n",
              "ERROR kvfs_catalog_rename_record Error while deleting record from B-tree.\n");
   ASSERT_NE(locator, nullptr);
   kvfs_catalog_record_locator_close(&locator);

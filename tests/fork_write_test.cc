@@ -1038,10 +1038,10 @@ TEST_F(ForkProcessWrite, PieceOffTheSectorBorders_IsRefusedWithoutAWrite) {
   EXPECT_EQ(process(8192, 100, 4096), kvfs_inconsistent);
   EXPECT_EQ(transfers(faults), Lines{});
   EXPECT_LOG(log,
-             "ERROR kvfs_fork_process_write_io Extent piece at device offset 8292, fork offset 0 does not begin on a "
-             "sector border.\n",
-             "ERROR kvfs_fork_process_write_io Extent piece at device offset 8192, fork offset 100 does not begin on "
-             "a sector border.\n");
+             "ERROR kvfs_fork_process_write_io Extent piece at device offset 8292, fork offset 0 begins within a "
+             "sector.\n",
+             "ERROR kvfs_fork_process_write_io Extent piece at device offset 8192, fork offset 100 begins within a "
+             "sector.\n");
 }
 
 TEST(ForkFlush, ExtentThatBeginsWithinASector_IsRefusedWithoutAWrite) {

@@ -198,8 +198,7 @@ std::vector<Story> depth_stories() {
       lie("Depth0", 0, "ERROR kvfs_btree_split_node Unable to split root node.\n"),
       lie("Depth12", 12, "ERROR kvfs_btree_delete_record_internal Index record of deleted record's node not found.\n"),
       lie("DepthAllBits", 0xFFFF,
-          "ERROR kvfs_btree_delete_record_internal B-tree of depth 65535 is too deep for its index to be "
-          "maintained.\n"),
+          "ERROR kvfs_btree_delete_record_internal B-tree of depth 65535 is too deep to be maintained.\n"),
   };
 }
 

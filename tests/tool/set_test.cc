@@ -538,6 +538,31 @@ TEST(ToolSetFull, HoleAmongTheUsedNodes_IsClaimedFirst) {
   EXPECT_FALSE(after.node_used(kCatalog, 5));
 }
 
+// What a free node holds does not matter, be it a node that was freed or anything else.
+TEST(ToolSetFull, FreeNodeThatHoldsSomething_IsClaimed) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 100);
+  description.catalog.leaf_fill[0].free_bytes = 0;
+  const Volume clean = build_volume(description);
+  const std::uint32_t claimed = first_free_node(clean);
+  const std::string node = "catalog.node[" + std::to_string(claimed) + "].";
+  const struct {
+    std::int8_t kind;
+    std::uint8_t height;
+    std::uint16_t key_length;
+  } cases[] = {{-1, 1, 0}, {-1, 1, 5}, {-1, 1, 0xFFFF}, {0, 0, 6}, {1, 1, 6}, {2, 0, 0xFFFF}, {-18, 1, 6}};
+  for (const auto& [kind, height, key_length] : cases) {
+    Volume volume = clean;
+    volume.write_node(kCatalog, claimed, volume.read_node(kCatalog, first_leaf_of(clean)));
+    volume.set_field(node + "kind", static_cast<std::uint8_t>(kind));
+    volume.set_field(node + "height", height);
+    volume.set_field(node + "record[0].key.keyLength", key_length);
+    const ScratchFile image(volume);
+    const Volume after = expect_set(image, repeated("L", 100));
+    EXPECT_EQ(after.leaf_nodes(kCatalog).at(1), claimed);
+  }
+}
+
 constexpr char kNotInserted[] =
     "ERROR kvfs_catalog_insert_record Error in kvfs_btree_insert_record.\n"
     "ERROR kvfs_catalog_rename_record Error while inserting record into catalog.\n"
@@ -587,6 +612,23 @@ TEST(ToolSetFull, NoFreeNode_FailsAndChangesNothing) {
                              "ERROR kvfs_btree_insert_record_internal Error while splitting node.\n") +
                      kNotInserted);
   (void)expect_set(image, "short");
+}
+
+// The byte behind the header node's map record, an offset, stands for nodes 2,048 to 2,055 and calls most of them free.
+TEST(ToolSetFull, NodeInUseBehindAFullMapRecord_IsNotOverwritten) {
+  VolumeDescription description;
+  description.block_size = 512;
+  description.catalog.node_size = 512;
+  description.catalog.leaf_fill[0].free_bytes = 0;
+  (void)description.add_files(kRootFolderId, 2000);
+  const Volume before = build_volume(description);
+  ASSERT_GT(first_free_node(before), 2056u);
+  const ScratchFile image(before);
+  expect_refused(image, repeated("L", 50),
+                 std::string("ERROR kvfs_btree_split_node Invalid node data: Node 2048 is linked or marked wrongly.\n"
+                             "ERROR kvfs_btree_insert_record_internal Error while splitting node.\n") +
+                     kNotInserted);
+  (void)expect_set(image, "Untitled");
 }
 
 TEST(ToolSetFull, LabelTooLargeForANode_FailsAndChangesNothing) {
