@@ -1916,8 +1916,8 @@ static kvfs_result report_contradiction(std::uint32_t node) {
 
 // Reads what the claimed node holds: the bytes that a split does not write stay as they are. The node bitmap may call a
 // node free that is not: the byte behind a full map record is read as a part of it, and a damaged bitmap says anything.
-// A node is in use when the node before it leads to it; besides, the root, the first leaf and the node that is split
-// are. One that was freed has been taken out of that chain, whatever it still holds.
+// A node is in use when the node before it leads to it; besides, the root, the first leaf, the node that is split and
+// the one behind that are. One that was freed has been taken out of that chain, whatever it still holds.
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
   kvfs_btree* const tree = split->tree;
   const BTHeaderRec& header = *split->header;
@@ -1938,7 +1938,8 @@ static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
     return result;
   }
   const bool in_use = node == before.fLink.get() || node == header.rootNode.get() ||
-                      node == header.firstLeafNode.get() || node == split->split.view.number;
+                      node == header.firstLeafNode.get() || node == split->split.view.number ||
+                      node == split->split_descriptor.fLink.get();
   return in_use ? report_contradiction(node) : kvfs_ok;
 }
 

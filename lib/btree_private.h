@@ -120,8 +120,9 @@ kvfs_result kvfs_btree_node_make_record(const void* key, std::uint16_t key_lengt
 //
 //   out_new_node  receives the number of the claimed node; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_internal for the root and for a node whose records would not fit; or the failure of claiming,
-// of the fork, of an allocation or of adding the index record.
+// Returns kvfs_ok; kvfs_internal for the root and for a node whose records would not fit; kvfs_inconsistent for damaged
+// nodes and when the claimed node is in use; or the failure of claiming, of the fork, of an allocation or of adding the
+// index record.
 kvfs_result kvfs_btree_split_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t split_index,
                                   std::uint32_t* out_new_node);
 

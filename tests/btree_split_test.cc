@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -606,6 +607,17 @@ TEST_F(BtreeSplit, ClaimedNodeThatIsInUse_IsInconsistentAndNothingMoves) {
     EXPECT_EQ(tree.changed_since(before), Lines{"0"});  // its bit in the node bitmap, and the count of free nodes
     EXPECT_TRUE(tree.is_idle());
   }
+}
+
+TEST_F(BtreeSplit, ClaimedNextNodeThatNamesNoNodeBeforeIt_IsInconsistentAndNothingMoves) {
+  tree_.mark_node(3, false);
+  tree_.poke(3, offsetof(BTNodeDescriptor, bLink), 4, 0);
+  const std::vector<Bytes> before = tree_.cached_nodes();
+  LogCapture log;
+  EXPECT_EQ(split(2, 10), kvfs_inconsistent);
+  EXPECT_LOG(log, contradiction(3));
+  EXPECT_EQ(tree_.changed_since(before), Lines{"0"});
+  EXPECT_TRUE(tree_.is_idle());
 }
 
 // No node leads to the first index node of its height but the one above it.
