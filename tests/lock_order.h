@@ -8,6 +8,7 @@
 #ifndef KVFS_LOCK_ORDER_H
 #define KVFS_LOCK_ORDER_H
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>

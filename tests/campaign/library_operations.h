@@ -33,7 +33,7 @@ inline void PrintTo(const Operation& operation, std::ostream* out) {
 
 std::vector<Operation> library_operations();
 
-// The volume that they run on: its first leaf is full, and files of every kind are on it.
+// The volume that they run on: its first leaf is full, and it has files without and with content and a hard link.
 Volume campaign_volume(std::uint32_t catalog_extents);
 
 }  // namespace kvfs_test
