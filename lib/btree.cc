@@ -47,18 +47,26 @@ static BTNodeDescriptor descriptor_of(const node_view& node) {
   return descriptor;
 }
 
-// Reads an entry of the offset table; false when the node has no room for the entry.
+// Reads an entry of the offset table; false when it would begin before the node. One that lies in the descriptor is read
+// like any other.
 static bool read_offset(const node_view& node, std::uint32_t index, std::uint16_t* offset) {
-  if (!has_offset_entry(node.size, index)) {
+  if (std::uint64_t{kOffsetEntrySize} * (std::uint64_t{index} + 1) > node.size) {
     return false;
   }
   *offset = kvfs_view_as<kvfs_be16>(node.bytes + offset_entry_position(node.size, index))->get();
   return true;
 }
 
-// Reads where the data behind a key begins, not rounded up to even; false when the key leaves the node.
+// The bit of a node in its byte of the node bitmap.
+static unsigned char node_bit(std::uint32_t node) {
+  return static_cast<unsigned char>(0x80U >> (node % 8));
+}
+
+// Reads where the data behind a key begins, not rounded up to even; false when the key leaves the node. `end` is 0 when
+// its length field does.
 static bool read_key_end(const node_view& node, std::uint32_t offset, std::uint32_t* end) {
-  if (offset < kBTFirstRecordOffset || offset + sizeof(kvfs_be16) > node.size) {
+  *end = 0;
+  if (offset + sizeof(kvfs_be16) > node.size) {
     return false;
   }
   *end = offset + static_cast<std::uint32_t>(sizeof(kvfs_be16)) + kvfs_view_as<kvfs_be16>(node.bytes + offset)->get();
@@ -733,11 +741,11 @@ struct search_walk {
   node_view node;
   BTNodeDescriptor descriptor;
   std::uint32_t index;          // of the record looked at
-  std::uint32_t previous_data;  // where the data of the record before it begins, in the node
+  std::uint32_t previous_data;  // where the data of the record kept in mind begins, in the node; 0 without one
 
   cycle_finder descents;
-  std::uint32_t key_bytes;  // of all keys that were compared
-  std::uint32_t odd_keys;   // of those, keys of a length that the tree's keys do not have
+  std::uint64_t key_bytes;  // of all keys that were compared
+  std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
 
   bool done;
   kvfs_btree_search_result result;
@@ -763,6 +771,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   walk->node = view_of(walk->tree, node, walk->map);
   walk->descriptor = descriptor_of(walk->node);
   walk->index = 0;
+  walk->previous_data = 0;
   if (walk->descriptor.numRecords.get() == 0) {
     KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
@@ -808,8 +817,14 @@ static kvfs_result read_record(const search_walk* walk, std::uint32_t index, nod
 // Opens the locator of the search's result on the bytes of a record and ends the search.
 static kvfs_result finish_search(search_walk* walk, const node_record& record, std::uint32_t index) {
   walk->done = true;
-  if (record.offset < kBTFirstRecordOffset || record.end < record.offset || record.end > walk->node.size) {
+  if (record.end > walk->node.size) {
     return report_bad_record(walk->node.number, index);
+  }
+  if (record.end < record.offset) {
+    KVFS_ERROR_AS("kvfs_btree_search_node_internal",
+                  "Invalid node data: Record %lu of node %lu ends before it begins.\n", to_ul(index),
+                  to_ul(walk->node.number));
+    return kvfs_inconsistent;
   }
   const std::uint32_t node = walk->node.number;
   const kvfs_result result = kvfs_btree_record_locator_open(
@@ -854,11 +869,11 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
   return result;
 }
 
-// Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and not often.
+// Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and than heights exist.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
   if (comes_back(&walk->descents, child) ||
-      walk->descents.steps == kvfs_min(walk->header.totalNodes.get(), kMaximumDescents)) {
+      walk->descents.steps == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
     KVFS_ERROR_AS(kFunction, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
   }
@@ -896,7 +911,8 @@ static kvfs_result read_child(const search_walk* walk, std::uint32_t data, std::
 
 static kvfs_result visit_index_record(search_walk* walk, const node_record& record, int order) {
   // A key before the first one of the node still goes down through record 0.
-  const std::uint32_t data = walk->index == 0 || order <= 0 ? record.data : walk->previous_data;
+  const bool by_itself = walk->index == 0 || order <= 0 || walk->previous_data == 0;
+  const std::uint32_t data = by_itself ? record.data : walk->previous_data;
   std::uint32_t child = 0;
   const kvfs_result result = read_child(walk, data, &child);
   if (result != kvfs_ok) {
@@ -906,28 +922,38 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
     return finish_in_index_node(walk, record, order);
   }
   if (walk->mode != kSearchToLeaf && walk->target_height > walk->descriptor.height) {
-    walk->previous_data = record.data;
-    ++walk->index;
+    ++walk->index;  // the child kept in mind stays the one before the search key
     return kvfs_ok;
   }
   return descend(walk, child);
 }
 
-// Whether a key has a length that no key of such a tree has.
+// Whether a key has a length that no key of such a tree has. The comparison says so and looks at nothing but the length.
 static bool is_odd_key(std::uint32_t tree_kind, const void* key) {
   const std::uint16_t length = kvfs_view_as<kvfs_be16>(key)->get();
   return (tree_kind == kHFSExtentsFileID && length != kHFSPlusExtentKeyLength) ||
          (tree_kind == kHFSCatalogFileID && length < kHFSPlusCatalogKeyMinimumLength);
 }
 
-// Takes account of a key that is going to be compared; false when the records of the nodes hold more keys than the
-// nodes have room for, or odd ones. Of those one is compared, which tells what is wrong; a node full of them would fill
-// the log.
-static bool can_compare(search_walk* walk, const node_record& record) {
-  walk->key_bytes += record.data - record.offset;
-  const std::uint32_t kind = walk->tree->priv->tree_kind;
-  walk->odd_keys += is_odd_key(kind, walk->node.bytes + record.offset) && !is_odd_key(kind, walk->key) ? 1 : 0;
-  return walk->key_bytes <= kMaximumKeysInNodes * walk->node.size && walk->odd_keys <= 1;
+// Takes account of a key that is going to be compared, and ends a search that would go on for very long: one that meets
+// more keys than a node of each height can hold, or fills the log with keys of a wrong length.
+static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
+  static const char* const kFunction = "kvfs_btree_search_node_internal";
+  walk->key_bytes += odd ? sizeof(kvfs_be16) : record.data - record.offset;
+  walk->odd_keys += odd ? 1 : 0;
+  if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
+    KVFS_ERROR_AS(kFunction,
+                  "Invalid node data: The keys up to record %lu of node %lu take more bytes than %lu nodes have.\n",
+                  to_ul(walk->index), to_ul(walk->node.number), to_ul(kMaximumHeight));
+    return kvfs_inconsistent;
+  }
+  if (walk->odd_keys > kMaximumOddKeys) {
+    KVFS_ERROR_AS(kFunction,
+                  "Invalid node data: More than %lu keys of a wrong length, the last one in record %lu of node %lu.\n",
+                  to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
 }
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
@@ -936,15 +962,27 @@ static bool can_compare(search_walk* walk, const node_record& record) {
 // ends in there.
 static kvfs_result compare_record(search_walk* walk, const node_record& record, int* order) {
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
+  const unsigned char* const key = walk->node.bytes + record.offset;
+  const std::uint32_t kind = walk->tree->priv->tree_kind;
+  const bool odd = record.data != 0 && (is_odd_key(kind, key) || is_odd_key(kind, walk->key));
   *order = 0;
-  if (has_keys && (!record.key_inside || !can_compare(walk, record))) {
+  if (has_keys && !record.key_inside && !(record.data != 0 && is_odd_key(kind, key))) {
     return report_bad_record(walk->node.number, walk->index);
   }
-  if (record.key_inside || walk->node.number == 0) {
-    *order = walk->tree->priv->compare(walk->node.bytes + record.offset, walk->key, walk->header.keyCompareType);
+  if (has_keys) {
+    const kvfs_result counted = count_key(walk, record, odd);
+    if (counted != kvfs_ok) {
+      return counted;
+    }
+  }
+  if (has_keys || record.key_inside || walk->node.number == 0) {
+    *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && *order == kvfs_key_malformed) {
-    return report_bad_record(walk->node.number, walk->index);
+    KVFS_ERROR_AS("kvfs_btree_search_node_internal",
+                  "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk->index),
+                  to_ul(walk->node.number));
+    return kvfs_inconsistent;
   }
   return kvfs_ok;
 }
@@ -1268,7 +1306,16 @@ static const unsigned char* key_at(const char* function, const node_view& node, 
   return node.bytes + offset;
 }
 
-static kvfs_result check_maintained_depth(const char* function, std::uint16_t depth) {
+// Whether the index above a node of some height can be maintained. To be asked before the first change: a change that
+// ends half-way has to be discarded.
+static kvfs_result check_levels_above(const char* function, std::uint8_t height, std::uint16_t depth) {
+  if (height >= depth) {
+    return kvfs_ok;  // it is the root
+  }
+  if (height == UINT8_MAX) {
+    KVFS_ERROR_AS(function, "B-tree depth too large.\n");  // the height above has to fit a byte
+    return kvfs_inconsistent;
+  }
   if (depth > kMaximumMaintainedDepth) {
     KVFS_ERROR_AS(function, "B-tree of depth %hu is too deep to be maintained.\n", depth);
     return kvfs_inconsistent;
@@ -1276,14 +1323,8 @@ static kvfs_result check_maintained_depth(const char* function, std::uint16_t de
   return kvfs_ok;
 }
 
-// The height of the level above a node of a tree of some depth, which has to fit a byte.
-static kvfs_result height_above(const char* function, std::uint8_t height, std::uint16_t depth, std::uint8_t* above) {
-  if (height == UINT8_MAX) {
-    KVFS_ERROR_AS(function, "B-tree depth too large.\n");
-    return kvfs_inconsistent;
-  }
-  *above = static_cast<std::uint8_t>(height + 1);
-  return check_maintained_depth(function, depth);
+static std::uint8_t height_above(std::uint8_t height) {
+  return static_cast<std::uint8_t>(height + 1);
 }
 
 // ---- Insertion -----------------------------------------------------------------------------------------------------
@@ -1709,18 +1750,14 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
 }
 
 // Replaces the index record of a node that has a new first key.
-static kvfs_result replace_index_record(const insertion& insert, std::uint16_t depth) {
+static kvfs_result replace_index_record(const insertion& insert) {
   const std::uint32_t former_offset = kBTFirstRecordOffset + insert.record_size;
-  std::uint8_t height = 0;
-  kvfs_result result = height_above(kInsertFunction, insert.descriptor.height, depth, &height);
-  if (result != kvfs_ok) {
-    return result;
-  }
+  const std::uint8_t height = height_above(insert.descriptor.height);
   const unsigned char* const former_key = key_at(kInsertFunction, insert.node.view, former_offset);
   if (former_key == nullptr) {
     return kvfs_inconsistent;
   }
-  result = delete_former_index_record(insert.tree, former_key, height);
+  kvfs_result result = delete_former_index_record(insert.tree, former_key, height);
   if (result != kvfs_ok) {
     return result;
   }
@@ -1746,11 +1783,10 @@ static kvfs_result maintain_after_insertion(const insertion& insert) {
     KVFS_ERROR_AS(kInsertFunction, "Error while reading header record.\n");
     return result;
   }
-  const std::uint16_t depth = header.treeDepth.get();
-  if (insert.index != 0 || insert.descriptor.height >= depth) {
+  if (insert.index != 0 || insert.descriptor.height >= header.treeDepth.get()) {
     return kvfs_ok;
   }
-  return replace_index_record(insert, depth);
+  return replace_index_record(insert);
 }
 
 // Inserts the record into a node that has room for it.
@@ -1786,10 +1822,24 @@ static kvfs_result insert_in_place(insertion* insert, kvfs_btree_record_locator*
   return result;
 }
 
+// Refuses an insertion that changes the index of a tree too deep for that: a split does, and a new first record.
+static kvfs_result check_insertion_depth(const insertion& insert) {
+  if (insert.index != 0 && fits_in_place(insert)) {
+    return kvfs_ok;
+  }
+  BTHeaderRec header = {};
+  const kvfs_result result = read_header_record(insert.tree, &header);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kInsertFunction, "Error while reading header record.\n");
+    return result;
+  }
+  return check_levels_above(kInsertFunction, insert.descriptor.height, header.treeDepth.get());
+}
+
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
                                               std::uint16_t data_size, const kvfs_btree_search_result* hint,
                                               kvfs_btree_record_locator** out_locator) {
-  const std::uint16_t key_length = kvfs_view_as<kvfs_be16>(key)->get();
+  const std::uint16_t key_length = key == nullptr ? std::uint16_t{0} : kvfs_view_as<kvfs_be16>(key)->get();
   insertion insert = {};
   insert.tree = tree;
   insert.key = key;
@@ -1797,9 +1847,13 @@ kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key,
   insert.data = data;
   insert.data_size = data_size;
   insert.record_size = record_size_for(key_length, data_size);
-  kvfs_result result = position_insertion(&insert, hint);
+  kvfs_result result =
+      position_insertion(&insert, key == nullptr ? nullptr : hint);  // the search refuses to have no key
   if (result == kvfs_ok) {
     result = check_insertion(insert);
+  }
+  if (result == kvfs_ok) {
+    result = check_insertion_depth(insert);
   }
   if (result == kvfs_ok && !fits_in_place(insert)) {
     result = split_for_insertion(&insert);
@@ -1901,12 +1955,11 @@ static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
     return result;
   }
   split->split_descriptor = descriptor_of(split->split.view);
-  const std::uint16_t depth = split->header->treeDepth.get();
-  if (split->split_descriptor.height >= depth) {
+  if (split->split_descriptor.height >= split->header->treeDepth.get()) {
     KVFS_ERROR_AS(kSplitFunction, "Unable to split root node.\n");
     return kvfs_internal;
   }
-  return check_maintained_depth(kSplitFunction, depth);
+  return kvfs_ok;
 }
 
 static kvfs_result report_contradiction(std::uint32_t node) {
@@ -1914,33 +1967,66 @@ static kvfs_result report_contradiction(std::uint32_t node) {
   return kvfs_inconsistent;
 }
 
-// Reads what the claimed node holds: the bytes that a split does not write stay as they are. The node bitmap may call a
-// node free that is not: the byte behind a full map record is read as a part of it, and a damaged bitmap says anything.
-// A node is in use when the node before it leads to it; besides, the root, the first leaf, the node that is split and
-// the one behind that are. One that was freed has been taken out of that chain, whatever it still holds.
+// Whether the node bitmap, read as it is meant, calls a node used. What cannot be read of it calls none used. `buffer`
+// takes the nodes that hold it.
+static bool is_marked_used(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
+  std::uint32_t byte = node / 8;
+  cycle_finder segments = {0, 0};
+  for (std::uint32_t holder = 0; read_node(tree, holder, buffer) == kvfs_ok;) {
+    const node_view& view = buffer->view;
+    std::uint32_t begin = offset_at(view, holder == 0 ? kBTHeaderNodeRecords - 1 : 0);
+    std::uint32_t end = holder == 0 ? begin + view.size - kBTHeaderNodeOverhead : offset_at(view, 1);
+    if (end < begin || end > view.size) {
+      return false;
+    }
+    if (byte < end - begin) {
+      return (view.bytes[begin + byte] & node_bit(node)) != 0;
+    }
+    byte -= end - begin;
+    holder = descriptor_of(view).fLink.get();
+    if (comes_back(&segments, holder)) {  // 0, where the walk began, ends the chain as well
+      return false;
+    }
+  }
+  return false;
+}
+
+// Whether a claimed node is in use. The node bitmap may call a node free that is not: the byte behind a full map record
+// is read as a part of it, and a damaged bitmap says anything. A node is in use when the one before it, in use itself,
+// leads to it; besides, the root, the first leaf, the node that is split and the one behind that are. One that was freed
+// has been taken out of that chain, whatever it and other free nodes still hold. `buffer` is used up.
+static bool is_in_use(const node_split& split, std::uint32_t node, std::uint32_t previous, node_buffer* buffer) {
+  const BTHeaderRec& header = *split.header;
+  if (node == header.rootNode.get() || node == header.firstLeafNode.get() || node == split.split.view.number ||
+      node == split.split_descriptor.fLink.get()) {
+    return true;
+  }
+  BTNodeDescriptor before = {};
+  return previous < header.totalNodes.get() && previous != node && is_marked_used(split.tree, previous, buffer) &&
+         read_descriptor(split.tree, previous, &before) == kvfs_ok && node == before.fLink.get();
+}
+
+// Reads what the claimed node holds: the bytes that a split does not write stay as they are.
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
   kvfs_btree* const tree = split->tree;
-  const BTHeaderRec& header = *split->header;
   if (!allocate_node(tree, &split->claimed)) {
     KVFS_ERROR_AS(kSplitFunction,
                   "Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
                   std::size_t{tree->nodeSize});
     return kvfs_no_memory;
   }
-  kvfs_result result = read_node(tree, node, &split->claimed);
-  const std::uint32_t previous = descriptor_of(split->claimed.view).bLink.get();
-  BTNodeDescriptor before = {};
-  if (result == kvfs_ok && previous < header.totalNodes.get()) {
-    result = read_descriptor(tree, previous, &before);
+  BTNodeDescriptor descriptor = {};
+  kvfs_result result = read_descriptor(tree, node, &descriptor);
+  if (result == kvfs_ok && is_in_use(*split, node, descriptor.bLink.get(), &split->claimed)) {
+    return report_contradiction(node);
+  }
+  if (result == kvfs_ok) {
+    result = read_node(tree, node, &split->claimed);
   }
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kSplitFunction, "Error while mapping raw node data of claimed node.\n");
-    return result;
   }
-  const bool in_use = node == before.fLink.get() || node == header.rootNode.get() ||
-                      node == header.firstLeafNode.get() || node == split->split.view.number ||
-                      node == split->split_descriptor.fLink.get();
-  return in_use ? report_contradiction(node) : kvfs_ok;
+  return result;
 }
 
 // Puts the claimed node between the split node and its neighbour.
@@ -2064,8 +2150,7 @@ static kvfs_result split_to_claimed_node(node_split* split, std::uint32_t claime
   if (key == nullptr) {
     return kvfs_inconsistent;
   }
-  result = kvfs_btree_add_index_record(split->tree, key, static_cast<std::uint8_t>(split->split_descriptor.height + 1),
-                                       claimed);
+  result = kvfs_btree_add_index_record(split->tree, key, height_above(split->split_descriptor.height), claimed);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kSplitFunction, "Error while inserting new index record for claimed node.\n");
   }
@@ -2117,10 +2202,6 @@ static constexpr std::uint32_t kMapNodeTableSize = 2 * kOffsetEntrySize;
 
 // Unmapping a map node is tried again until it succeeds, but not for ever.
 static constexpr int kCleanUpTries = 64;
-
-static unsigned char node_bit(std::uint32_t node) {
-  return static_cast<unsigned char>(0x80U >> (node % 8));
-}
 
 // The first segment: the map record of the header node.
 static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
@@ -2347,16 +2428,19 @@ struct record_extent {
   std::uint16_t free_space;
 };
 
+static std::uint16_t depth_of(const deletion& removal) {
+  return kvfs_view_as<BTHeaderRec>(removal.header.bytes)->treeDepth.get();
+}
+
 static kvfs_result read_deleted_extent(const deletion& removal, record_extent* extent) {
   const node_view& node = removal.node.view;
   const std::uint32_t count = removal.descriptor.numRecords.get();
-  if (removal.index >= count || !read_offset(node, count, &extent->free_space)) {
-    KVFS_ERROR_AS(kDeleteFunction, "Invalid position: Node %lu of %lu records has no record %lu.\n", to_ul(node.number),
-                  to_ul(count), to_ul(removal.index));
+  if (!read_offset(node, count, &extent->free_space) || !read_offset(node, removal.index + 1, &extent->end)) {
+    KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: The offset table of node %lu has no room for %lu records.\n",
+                  to_ul(node.number), to_ul(kvfs_max(count, removal.index)));
     return kvfs_inconsistent;
   }
   extent->begin = offset_at(node, removal.index);
-  extent->end = offset_at(node, removal.index + 1);
   if (extent->begin > extent->end) {
     KVFS_ERROR_AS(kDeleteFunction, "$$$: This record offset is greater than the next. Impossible\n");
     return kvfs_inconsistent;
@@ -2370,7 +2454,13 @@ static kvfs_result read_deleted_extent(const deletion& removal, record_extent* e
     KVFS_ERROR_AS(kDeleteFunction, "$$$: This record size is greater than the node size. Impossible\n");
     return kvfs_inconsistent;
   }
-  if (extent->begin < kBTFirstRecordOffset || extent->free_space > offset_table_start(node, count)) {
+  if (removal.index >= count) {
+    KVFS_ERROR_AS(kDeleteFunction, "Invalid position: Node %lu of %lu records has no record %lu.\n", to_ul(node.number),
+                  to_ul(count), to_ul(removal.index));
+    return kvfs_inconsistent;
+  }
+  const std::uint32_t new_free_space = extent->begin + static_cast<std::uint32_t>(extent->free_space - extent->end);
+  if (extent->begin < kBTFirstRecordOffset || new_free_space > offset_table_start(node, count)) {
     KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: Records of node %lu overlap its descriptor or offset table.\n",
                   to_ul(node.number));
     return kvfs_inconsistent;
@@ -2429,12 +2519,9 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
 
 // Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the
 // deleted record, so that it is indexed under the deleted key again: this must stay as it is.
-static kvfs_result replace_index_record_of_deleted(const deletion& removal, std::uint16_t depth) {
-  std::uint8_t height = 0;
-  kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, depth, &height);
-  if (result == kvfs_ok) {
-    result = delete_index_record(removal, height);
-  }
+static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
+  const std::uint8_t height = height_above(removal.descriptor.height);
+  kvfs_result result = delete_index_record(removal, height);
   if (result != kvfs_ok) {
     return result;
   }
@@ -2449,6 +2536,11 @@ static kvfs_result replace_index_record_of_deleted(const deletion& removal, std:
   return result;
 }
 
+// Whether the node loses the record by whose key it is indexed.
+static bool replaces_index_record(const deletion& removal) {
+  return removal.index == 0 && removal.descriptor.height < depth_of(removal);
+}
+
 // Brings counts and index in line with a record that is gone.
 static kvfs_result maintain_after_deletion(const deletion& removal) {
   if (removal.descriptor.kind == kBTLeafNode) {
@@ -2457,11 +2549,7 @@ static kvfs_result maintain_after_deletion(const deletion& removal) {
       return result;
     }
   }
-  const std::uint16_t depth = kvfs_view_as<BTHeaderRec>(removal.header.bytes)->treeDepth.get();
-  if (removal.index != 0 || removal.descriptor.height >= depth) {
-    return kvfs_ok;
-  }
-  return replace_index_record_of_deleted(removal, depth);
+  return replaces_index_record(removal) ? replace_index_record_of_deleted(removal) : kvfs_ok;
 }
 
 // Deletes with the header record mapped.
@@ -2479,6 +2567,9 @@ static kvfs_result delete_from_node(deletion* removal) {
   removal->descriptor = descriptor_of(removal->node.view);
   record_extent extent = {};
   result = read_deleted_extent(*removal, &extent);
+  if (result == kvfs_ok && removal->index == 0) {
+    result = check_levels_above(kDeleteFunction, removal->descriptor.height, depth_of(*removal));
+  }
   if (result != kvfs_ok) {
     return result;
   }

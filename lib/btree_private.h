@@ -91,14 +91,13 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
 // ---- Changes; the caller holds the tree's lock for writing ---------------------------------------------------------
 
 // Deepest tree whose index is maintained. Replacing the first key of a node takes two steps in the level above, four in
-// the next one, and so on: a damaged tree that claims to be deeper would keep a change busy for ever, and no volume has
-// one, since 2^32 nodes of seven records each make twelve levels.
-inline constexpr std::uint16_t kMaximumMaintainedDepth = 12;
+// the next one, and so on: each level more doubles the time.
+inline constexpr std::uint16_t kMaximumMaintainedDepth = 16;
 
-// What a search may cost, whatever the nodes say: it goes down fewer times than this, and compares so many nodes' worth
-// of keys. A sound tree stays far below: it has a dozen levels at most, and the keys of a node take less than the node.
-inline constexpr std::uint32_t kMaximumDescents = 32;
-inline constexpr std::uint32_t kMaximumKeysInNodes = 16;
+// What a search may cost, whatever the nodes say. A height is one byte, and so there are as many levels at most; their
+// keys take less than the nodes. Keys of a wrong length are told one by one, which would fill the log.
+inline constexpr std::uint32_t kMaximumHeight = 255;
+inline constexpr std::uint32_t kMaximumOddKeys = 1000;
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
                                               std::uint16_t data_size, const kvfs_btree_search_result* hint,

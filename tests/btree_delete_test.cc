@@ -415,8 +415,6 @@ TEST_F(BtreeDelete, DamagedOffsets_AreInconsistentAndChangeNothing) {
       {4, 0xFFFF, free_space(65535)},
       {2, 0xFFFF, free_space(86)},  // the next record's offset behind the free space
       {2, 87, free_space(86)},      //
-      {4, 503, overlap},            // the free space in the offset table, which begins at 502
-      {4, 512, overlap},            //
       {1, 13, overlap},             // the record in the descriptor
       {1, 0, overlap},
   };
@@ -443,15 +441,76 @@ TEST_F(BtreeDelete, FreeSpaceUpToTheOffsetTable_IsAccepted) {
   EXPECT_EQ(tree_.content(2).offsets, (std::vector<std::uint16_t>{14, 32, 50, 484}));
 }
 
-TEST_F(BtreeDelete, RecordThatTheNodeDoesNotHave_IsInconsistent) {
-  for (const std::uint16_t count : Numbers16{0, 1}) {
+// The free space may lie in the offset table, which begins at 502, as long as the bytes that move do not.
+TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsInconsistentWhereTheTableWouldBeOverwritten) {
+  for (const std::uint16_t free_space : Numbers16{503, 512}) {
+    ChangeTree tree(three_leaves());
+    tree.open();
+    kvfs_btree_record_locator* const locator = tree.locate(60);
+    tree.poke_entry(2, 4, free_space);
+    LogCapture log;
+    EXPECT_EQ(delete_and_release(tree, locator), kvfs_ok);
+    EXPECT_LOG(log);
+    EXPECT_EQ(tree.content(2).offsets,
+              (std::vector<std::uint16_t>{14, 32, 50, static_cast<std::uint16_t>(free_space - 18)}));
+  }
+  for (const std::uint16_t begin : Numbers16{44, 50}) {  // a size of 6 and of none
+    ChangeTree tree(three_leaves());
+    tree.open();
+    kvfs_btree_record_locator* const locator = tree.locate(60);
+    tree.poke_entry(2, 1, begin);
+    tree.poke_entry(2, 4, 512);
+    const std::vector<Bytes> before = tree.cached_nodes();
+    LogCapture log;
+    EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
+    EXPECT_LOG(log, delete_error("Invalid node data: Records of node 2 overlap its descriptor or offset table."));
+    EXPECT_EQ(tree.changed_since(before), Lines());
+  }
+}
+
+// A locator keeps its index while records before it are deleted, and may stand at the node's end then. The offsets there
+// are judged as those of any record.
+TEST_F(BtreeDelete, LocatorAtTheEndOfItsNode_IsJudgedByTheOffsetsThere) {
+  const std::string beyond = "$$$: This record offset is greater than the next. Impossible";
+  const std::string free_space = "$$$: Free space of 86 is greater than node size. Impossible";
+  const std::string nothing = "Invalid position: Node 2 of 4 records has no record 4.";
+  for (const auto& [next, text] :
+       std::vector<std::pair<std::uint16_t, std::string>>{{0, beyond}, {85, beyond}, {86, nothing}, {87, free_space}}) {
+    ChangeTree tree(three_leaves());
+    tree.open();
+    kvfs_btree_record_locator* const locator = tree.locate(80);
+    tree.poke_entry(2, 5, next);
+    locator->priv->index = 4;
+    LogCapture log;
+    EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
+    EXPECT_LOG(log, delete_error(text));
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
+  for (const std::uint16_t count : Numbers16{256, 0x7FFF, 0xFFFF}) {
     ChangeTree tree(three_leaves());
     tree.open();
     kvfs_btree_record_locator* const locator = tree.locate(60);
     tree.poke(2, kNumRecords, 2, count);
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of " + std::to_string(count) + " records has no record 1."));
+    EXPECT_LOG(log, delete_error("Invalid node data: The offset table of node 2 has no room for " +
+                                 std::to_string(count) + " records."));
+  }
+}
+
+TEST_F(BtreeDelete, RecordThatTheNodeDoesNotHave_LiesBehindTheFreeSpace) {
+  for (const auto& [count, free_space] : std::vector<std::pair<std::uint16_t, int>>{{0, 14}, {1, 32}}) {
+    ChangeTree tree(three_leaves());
+    tree.open();
+    kvfs_btree_record_locator* const locator = tree.locate(60);
+    tree.poke(2, kNumRecords, 2, count);
+    LogCapture log;
+    EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
+    EXPECT_LOG(log, delete_error("$$$: Free space of " + std::to_string(free_space) +
+                                 " is greater than node size. Impossible"));
     EXPECT_TRUE(tree.is_idle());
   }
 }
@@ -554,14 +613,45 @@ TEST_F(BtreeDelete, NodeOfTheTreesHeight_HasNoIndexRecord) {
   }
 }
 
-TEST_F(BtreeDelete, TreeDeeperThanTwelveLevels_IsNotMaintained) {
-  for (const std::uint16_t depth : Numbers16{13, 255, 0xFFFF}) {
+TEST_F(BtreeDelete, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
+  for (const std::uint16_t depth : Numbers16{17, 255, 0xFFFF}) {
     ChangeTree tree(three_leaves());
     tree.open();
     tree.poke(0, kHeaderTreeDepth, 2, depth);
+    kvfs_btree_record_locator* const locator = tree.locate(50);
+    const std::vector<Bytes> before = tree.cached_nodes();
     LogCapture log;
-    EXPECT_EQ(tree.remove(50), kvfs_inconsistent);
+    EXPECT_EQ(kvfs_btree_delete_record(tree.get(), locator, 0), kvfs_inconsistent);
     EXPECT_LOG(log, delete_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
+    EXPECT_EQ(tree.changed_since(before), Lines());
+    EXPECT_EQ(locator->priv->deleted, 0u);
+    release(locator);
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST_F(BtreeDelete, OtherRecordThanTheFirst_LeavesTheDepthAlone) {
+  tree_.poke(0, kHeaderTreeDepth, 2, 0xFFFF);
+  LogCapture log;
+  EXPECT_EQ(tree_.remove(60), kvfs_ok);
+  EXPECT_LOG(log);
+}
+
+// Two records in each node: the whole index is replaced, level by level, each taking twice the steps of the one below.
+TEST(BtreeDepth, TreeOfThirteenToSixteenLevels_IsMaintained) {
+  for (const std::uint32_t height : Numbers32{13, 16}) {
+    ChangeTree tree(leaves_of(2, 1U << height, 2, 4));
+    ASSERT_EQ(tree.plan().levels.size(), height);
+    tree.open();
+    LogCapture log;
+    EXPECT_EQ(tree.remove(10), kvfs_ok);
+    EXPECT_EQ(tree.insert(number_record(5, 4)), kvfs_ok);
+    EXPECT_EQ(tree.search(5), outcome(1, 0, tree.leaf(0), 0, 5));
+    for (std::size_t level = 2; level <= height; ++level) {
+      const std::uint32_t below = tree.node_at(level - 1, 0);
+      EXPECT_TRUE(tree.show(tree.node_at(level, 0)).find(": 5>" + std::to_string(below) + " ") != std::string::npos);
+    }
+    EXPECT_FALSE(log.has("ERROR", "", ""));
     EXPECT_TRUE(tree.is_idle());
   }
 }

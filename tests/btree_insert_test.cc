@@ -329,20 +329,22 @@ TEST_F(BtreeInsert, NodeOfTheTreesHeight_HasNoIndexRecord) {
   }
 }
 
-TEST_F(BtreeInsert, TreeDeeperThanTwelveLevels_IsNotMaintained) {
-  for (const std::uint16_t depth : Numbers16{13, 14, 254, 255, 0xFFFF}) {
+TEST_F(BtreeInsert, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
+  for (const std::uint16_t depth : Numbers16{17, 254, 255, 0xFFFF}) {
     ChangeTree tree(three_leaves());
     tree.open();
     tree.poke(0, kHeaderTreeDepth, 2, depth);
+    const std::vector<Bytes> before = tree.cached_nodes();
     LogCapture log;
     EXPECT_EQ(tree.insert(5), kvfs_inconsistent);
     EXPECT_LOG(log, insert_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
+    EXPECT_EQ(tree.changed_since(before), Lines());
     EXPECT_TRUE(tree.is_idle());
   }
 }
 
-TEST_F(BtreeInsert, TreeOfTwelveLevelsByItsHeader_IsMaintained) {
-  tree_.poke(0, kHeaderTreeDepth, 2, 12);
+TEST_F(BtreeInsert, TreeOfSixteenLevelsByItsHeader_IsMaintained) {
+  tree_.poke(0, kHeaderTreeDepth, 2, 16);
   LogCapture log;
   // The root of height 2 is taken for a node below the root, whose own first record is replaced in turn.
   EXPECT_EQ(tree_.insert(5), kvfs_inconsistent);
@@ -355,6 +357,26 @@ TEST_F(BtreeInsert, OtherFirstIndex_LeavesTheIndexAlone) {
   LogCapture log;
   EXPECT_EQ(tree_.insert(15), kvfs_ok);
   EXPECT_LOG(log);
+}
+
+// ---- Without a key -------------------------------------------------------------------------------------------------
+
+TEST_F(BtreeInsert, WithoutKey_IsInvalid) {
+  kvfs_btree_search_result hint = hint_at(2, 1);
+  const kvfs_btree_search_result empty = {};
+  for (const kvfs_btree_search_result* const place : {static_cast<const kvfs_btree_search_result*>(nullptr), &empty,
+                                                      static_cast<const kvfs_btree_search_result*>(&hint)}) {
+    const std::vector<Bytes> before = tree_.cached_nodes();
+    kvfs_btree_record_locator* locator = nullptr;
+    LogCapture log;
+    EXPECT_EQ(kvfs_btree_insert_record(tree_.get(), nullptr, "data", 4, place, &locator), kvfs_invalid);
+    EXPECT_LOG(log, search_error("HFSPlus:kvfs_btree_search_node_internal: Invalid Search key"),
+               insert_error("Error while searching for insert location."));
+    EXPECT_EQ(locator, nullptr);
+    EXPECT_EQ(tree_.changed_since(before), Lines());
+  }
+  release(hint.locator);
+  EXPECT_TRUE(tree_.is_idle());
 }
 
 // ---- Hints ---------------------------------------------------------------------------------------------------------
@@ -666,7 +688,8 @@ Uses replacement_uses(const ChangeTree& tree) {
   const Uses search = Uses{locator_of_index_search()} + search_uses(tree, {4});
   return within(search, {insert_error("Error while searching for index node to modify.")}) +
          within(deletion, deleting) + within(within(search, searching), adding) +
-         within(within(take_up_uses() + Uses{node_write(), header_read(), new_locator()}, inserting), adding);
+         within(within(take_up_uses() + Uses{header_read(), node_write(), header_read(), new_locator()}, inserting),
+                adding);
 }
 
 TEST_F(BtreeInsert, EachFault_IsReportedAndLeavesNothingBehind) {
@@ -677,8 +700,9 @@ TEST_F(BtreeInsert, EachFault_IsReportedAndLeavesNothingBehind) {
 }
 
 TEST_F(BtreeInsert, EachFaultWhileTheIndexRecordIsReplaced_IsReportedAndLeavesNothingBehind) {
-  const Uses uses = Uses{tree_lock()} + position_uses(tree_, {4, 1}) + take_up_uses() + Uses{node_write()} +
-                    count_uses() + Uses{header_read()} + replacement_uses(tree_) + Uses{new_locator(), tree_unlock()};
+  const Uses uses = Uses{tree_lock()} + position_uses(tree_, {4, 1}) + take_up_uses() +
+                    Uses{header_read(), node_write()} + count_uses() + Uses{header_read()} + replacement_uses(tree_) +
+                    Uses{new_locator(), tree_unlock()};
   expect_each_fault_reported(three_leaves, uses,
                              [](ChangeTree& tree) { return insert_and_release(tree, number_record(5)); });
 }

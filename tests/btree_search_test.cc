@@ -383,6 +383,21 @@ TEST_P(BtreeSearchToHeight, ChildOfTheRecord_IsCheckedBeforeTheHeight) {
   EXPECT_LOG(log, search_error("Index node points to node after the last node. Inconsistent B-tree."));
 }
 
+// Where the search only passes by, no child is kept in mind: behind the search key, that of the record before the key is
+// looked at again and again.
+TEST_P(BtreeSearchToHeight, RecordsPassedOnTheWayToAHigherNode_AreNotKeptInMind) {
+  TreeOptions options = {.records = numbered_records(12)};
+  options.shape.max_leaf_records = 3;
+  TestTree tree(options);
+  const std::uint32_t root = tree.root();
+  tree.set_child(root, 2, tree.plan().total_nodes);  // one of a record behind the key
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search_internal(20, 0, GetParam(), 3), outcome(0, 0, root, 4, 100));
+  EXPECT_LOG(log);
+  EXPECT_EQ(tree.search_internal(70, 0, GetParam(), 3), "result 6");  // its own record is looked at
+}
+
 TEST_P(BtreeSearchToHeight, NoMemory_IsReportedInItsOwnWords) {
   LogCapture log;
   EXPECT_EQ(search(30, 2), outcome(1, 0, tree_.node_at(2, 0), 1, 30));
@@ -507,7 +522,10 @@ TEST(BtreeSearchDamage, NodesOfAnotherKind_AreWalkedToTheirEnd) {
 }
 
 TEST(BtreeSearchDamage, LastRecordOfANodeOfAnotherKind_HasToLieInTheNode) {
-  const std::vector<std::pair<std::uint16_t, std::uint16_t>> ranges = {{0, 50}, {12, 50}, {32, 514}, {32, 30}};
+  const auto backwards = [](std::uint32_t node) {
+    return search_error("Invalid node data: Record 2 of node " + std::to_string(node) + " ends before it begins.");
+  };
+  const std::vector<std::pair<std::uint16_t, std::uint16_t>> ranges = {{32, 514}, {32, 30}};
   for (const auto& [offset, end] : ranges) {
     TestTree tree(small_nodes());
     tree.set8(tree.leaf(1), kKind, 2);
@@ -516,7 +534,7 @@ TEST(BtreeSearchDamage, LastRecordOfANodeOfAnotherKind_HasToLieInTheNode) {
     tree.open();
     LogCapture log;
     EXPECT_EQ(tree.search(30), "result 6");
-    EXPECT_LOG(log, bad_record(tree.leaf(1), 2));
+    EXPECT_LOG(log, end < offset ? backwards(tree.leaf(1)) : bad_record(tree.leaf(1), 2));
     EXPECT_TRUE(tree.is_idle());
   }
 }
@@ -697,19 +715,19 @@ void make_descents(TestTree* tree, std::uint32_t descents) {
   }
 }
 
-TEST(BtreeSearchCycle, LongWayWithoutACycle_IsWalkedToItsEndOrUpTo31Descents) {
-  TreeOptions options = {.records = numbered_records(80)};
+TEST(BtreeSearchCycle, LongWayWithoutACycle_IsWalkedToItsEndOrThrough255Levels) {
+  TreeOptions options = {.records = numbered_records(600)};
   options.shape.max_leaf_records = 2;
   {
     TestTree tree(options);
-    make_descents(&tree, 31);
+    make_descents(&tree, 254);
     tree.open();
     LogCapture log;
-    EXPECT_EQ(tree.search_internal(0, tree.leaf(0), kSearchToLeaf, 0), outcome(0, 0, tree.leaf(31), 0, 630));
+    EXPECT_EQ(tree.search_internal(0, tree.leaf(0), kSearchToLeaf, 0), outcome(0, 0, tree.leaf(254), 0, 5090));
     EXPECT_LOG(log);
   }
   TestTree tree(options);
-  make_descents(&tree, 32);
+  make_descents(&tree, 255);
   tree.open();
   LogCapture log;
   EXPECT_EQ(tree.search_internal(0, tree.leaf(0), kSearchToLeaf, 0), "result 6");
@@ -738,7 +756,7 @@ TEST(BtreeSearchCycle, AsManyDescentsAsNodes_AreTooMany) {
 // ---- Damaged offsets and keys --------------------------------------------------------------------------------------
 
 TEST(BtreeSearchDamage, RecordThatDoesNotLieInTheNode_IsInconsistent) {
-  for (const std::uint16_t offset : Numbers16{0, 13, 511, 512, 0x7FFF, 0xFFFF}) {
+  for (const std::uint16_t offset : Numbers16{511, 512, 0x7FFF, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
     tree.set_entry(tree.root(), 3, offset);
     tree.open();
@@ -749,15 +767,31 @@ TEST(BtreeSearchDamage, RecordThatDoesNotLieInTheNode_IsInconsistent) {
   }
 }
 
+// Where a record lies in its node is not looked at: one in the descriptor has a key like any other.
+TEST(BtreeSearchDamage, RecordInTheDescriptor_IsComparedLikeAnyOther) {
+  TestTree tree({.records = numbered_records(6)});
+  tree.set32(tree.root(), kForwardLink, 0x00040000);
+  tree.set32(tree.root(), kForwardLink + 4, 35 << 16);  // with the link, the key 35 of four bytes
+  tree.set_entry(tree.root(), 3, 0);
+  tree.set_entry(tree.root(), 4, 12);
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(35), outcome(1, 0, 1, 3, 35));
+  EXPECT_LOG(log);
+  EXPECT_TRUE(tree.is_idle());
+}
+
 TEST(BtreeSearchDamage, FoundRecordThatEndsOutsideOrBeforeItsStart_IsInconsistent) {
-  for (const std::uint16_t offset : Numbers16{0, 14, 513, 0xFFFE}) {
+  const std::string backwards = search_error("Invalid node data: Record 3 of node 1 ends before it begins.");
+  const std::vector<std::pair<std::uint16_t, std::string>> ends = {
+      {0, backwards}, {14, backwards}, {66, backwards}, {513, bad_record(1, 3)}, {0xFFFE, bad_record(1, 3)}};
+  for (const auto& [end, message] : ends) {
     TestTree tree({.records = numbered_records(6)});
-    tree.set_entry(tree.root(), 4, offset);
+    tree.set_entry(tree.root(), 4, end);
     tree.open();
     LogCapture log;
     EXPECT_EQ(tree.search(40), "result 6");
-    EXPECT_LOG(log, bad_record(tree.root(), 3),
-               search_error("HFSPlus:kvfs_btree_search_node_internal: Not enough memory"));
+    EXPECT_LOG(log, message, search_error("HFSPlus:kvfs_btree_search_node_internal: Not enough memory"));
     EXPECT_TRUE(tree.is_idle());
   }
 }
@@ -847,7 +881,52 @@ TEST(BtreeSearchDamage, KeyThatTheCallbackFindsMalformed_IsInconsistent) {
   tree.open(refuse_all_keys);
   LogCapture log;
   EXPECT_EQ(tree.search(10), "result 6");
-  EXPECT_LOG(log, bad_record(tree.root(), 0));
+  EXPECT_LOG(log, search_error("Invalid node data: The key of record 0 of node " + std::to_string(tree.root()) +
+                               " contradicts itself."));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// ---- Many keys -----------------------------------------------------------------------------------------------------
+
+// Every record of the only leaf has the same bytes: so many entries in the offset table name them.
+TestTree* repeat_first_record(TestTree* tree, std::uint32_t count) {
+  tree->set16(tree->root(), kNumRecords, static_cast<std::uint16_t>(count));
+  for (std::uint32_t i = 0; i < count; ++i) {
+    tree->set_entry(tree->root(), i, 14);
+  }
+  return tree;
+}
+
+TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverAndTheNextOneEndsTheSearch) {
+  for (const std::uint32_t count : Numbers32{1000, 1001, 1002, 2000}) {
+    TestTree tree({.records = numbered_records(1), .shape = shape_of(8192)});  // keys too short for a catalog
+    repeat_first_record(&tree, count)->set_entry(tree.root(), count, 32);
+    tree.open();
+    LogCapture log;
+    const ComparisonRecorder recorder;
+    EXPECT_EQ(tree.search(99), count == 1000 ? outcome(0, 1, 1, 999, 10) : "result 6");
+    EXPECT_EQ(recorder.calls().size(), 1000u);
+    EXPECT_EQ(log.lines().size(), count == 1000 ? 0u : 1u);
+    if (count > 1000) {
+      EXPECT_LOG(log, search_error("Invalid node data: More than 1000 keys of a wrong length, the last one in record "
+                                   "1000 of node 1."));
+    }
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST(BtreeSearchManyKeys, MoreBytesThan255NodesHave_EndTheSearch) {
+  TestTree tree({.records = {number_record(10, 4)}, .shape = shape_of(8192), .kind = kHFSAttributesFileID});
+  const std::uint32_t root = tree.root();
+  repeat_first_record(&tree, 4000);
+  tree.set16(root, 14, 600);  // 602 bytes of key: 255 nodes hold 3,470 of them
+  tree.open();
+  LogCapture log;
+  const ComparisonRecorder recorder;
+  EXPECT_EQ(tree.search(99), "result 6");
+  EXPECT_EQ(recorder.calls().size(), 255 * 8192 / 602u);
+  EXPECT_LOG(log, search_error("Invalid node data: The keys up to record 3470 of node 1 take more bytes than 255 nodes "
+                               "have."));
   EXPECT_TRUE(tree.is_idle());
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -650,6 +651,100 @@ TEST_F(BtreeSplit, ClaimedNodeWithBytesOfANodeInUse_IsTaken) {
   }
 }
 
+// Free nodes keep the links of an older tree: the node before says nothing of the claimed one when it is free itself.
+TEST_F(BtreeSplit, ClaimedNodeThatAFreeNodeLeadsTo_IsTaken) {
+  for (const std::uint32_t other : Numbers32{6, 7, 5}) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    for (const std::uint32_t link : Numbers32{kForwardLink, kBackwardLink}) {
+      tree.poke(5, link, 4, other);
+      tree.poke(other, link, 4, 5);
+    }
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_ok);
+    EXPECT_EQ(new_node, 5u);
+    EXPECT_LOG(log);
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST_F(BtreeSplit, NodeBeforeTheClaimedOneThatCannotBeRead_IsNoFailure) {
+  const std::uint32_t end = tree_.plan().total_nodes;
+  tree_.poke(0, kHeaderTotalNodes, 4, end + 1);
+  tree_.mark_node(end, true);
+  tree_.poke(5, kBackwardLink, 4, end);
+  LogCapture log;
+  EXPECT_EQ(split(2, 10), kvfs_ok);
+  EXPECT_EQ(tree_lines(log), Lines());
+  EXPECT_TRUE(tree_.is_idle());
+}
+
+// A tree with a map node. The header node's map record is full, and of the byte behind it, which counts to it, the
+// given bits are clear.
+class BtreeSplitMapNode : public ::testing::Test {
+ protected:
+  static constexpr std::uint32_t kFirstOfMapNode = 2048;  // has the first bit in the map node
+
+  BtreeSplitMapNode() : tree_(options()) {
+    tree_.open();
+    tree_.poke_bytes(0, kHeaderMapRecord, Bytes(512 - 256, 0xFF));
+    map_ = tree_.plan().map_nodes.at(0);
+  }
+  static TreeOptions options() {
+    TreeOptions options = leaves_of(24, 72);
+    options.shape.total_nodes = 2100;
+    return options;
+  }
+  // Has node 2049 claimed, whose links name node 2048, which names it.
+  kvfs_result split_to_node_behind() {
+    tree_.poke_entry(0, 3, 0xBFF8);
+    tree_.poke(kFirstOfMapNode + 1, kBackwardLink, 4, kFirstOfMapNode);
+    tree_.poke(kFirstOfMapNode, kForwardLink, 4, kFirstOfMapNode + 1);
+    std::uint32_t new_node = 0;
+    const kvfs_result result = kvfs_btree_split_node(tree_.get(), 2, 10, &new_node);
+    EXPECT_EQ(new_node, result == kvfs_ok ? kFirstOfMapNode + 1 : 0u);
+    return result;
+  }
+
+  ChangeTree tree_;
+  std::uint32_t map_ = 0;
+};
+
+TEST_F(BtreeSplitMapNode, NodeBeforeMarkedInAMapNode_CountsAsUsed) {
+  tree_.poke(map_, 14, 1, 0x80);
+  LogCapture log;
+  EXPECT_EQ(split_to_node_behind(), kvfs_inconsistent);
+  EXPECT_LOG(log, contradiction(kFirstOfMapNode + 1));
+  EXPECT_TRUE(tree_.is_idle());
+}
+
+TEST_F(BtreeSplitMapNode, NodeBeforeNotMarkedInAMapNode_IsNotAsked) {
+  tree_.poke(map_, 14, 1, 0x7F);
+  LogCapture log;
+  EXPECT_EQ(split_to_node_behind(), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_TRUE(tree_.is_idle());
+}
+
+TEST_F(BtreeSplitMapNode, NodeBeforeWithoutABitInTheBitmap_IsNotAsked) {
+  tree_.poke_entry(map_, 1, 14);  // a map node without bytes, in a ring
+  tree_.poke(map_, kForwardLink, 4, map_);
+  LogCapture log;
+  EXPECT_EQ(split_to_node_behind(), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_TRUE(tree_.is_idle());
+}
+
+TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitOutsideOfAMapNode_IsNotAsked) {
+  tree_.poke_entry(map_, 0, 512);
+  tree_.poke_entry(map_, 1, 520);
+  LogCapture log;
+  EXPECT_EQ(split_to_node_behind(), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_TRUE(tree_.is_idle());
+}
+
 TEST_F(BtreeSplit, NeighbourOfAnotherKindOrHeight_IsInconsistentAndNothingMoves) {
   const auto expect_refused = [](std::uint32_t neighbour, const auto& damage) {
     ChangeTree tree(full_leaves());
@@ -745,11 +840,18 @@ TEST_F(BtreeSplit, NodeOfTheTreesHeight_IsARoot) {
   }
 }
 
-TEST_F(BtreeSplit, TreeDeeperThanTwelveLevels_IsNotSplit) {
-  tree_.poke(0, kHeaderTreeDepth, 2, 13);
-  LogCapture log;
-  EXPECT_EQ(split(2, 10), kvfs_inconsistent);
-  EXPECT_LOG(log, split_error("B-tree of depth 13 is too deep to be maintained."));
+TEST_F(BtreeSplit, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
+  for (const std::uint16_t depth : Numbers16{17, 255, 256, 0xFFFF}) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.poke(0, kHeaderTreeDepth, 2, depth);
+    const std::vector<Bytes> before = tree.cached_nodes();
+    LogCapture log;
+    EXPECT_EQ(tree.insert(375), kvfs_inconsistent);
+    EXPECT_LOG(log, insert_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
+    EXPECT_EQ(tree.changed_since(before), Lines());
+    EXPECT_TRUE(tree.is_idle());
+  }
 }
 
 TEST_F(BtreeSplit, DamagedIndex_FailsTheSplit) {
@@ -789,6 +891,8 @@ Uses node_uses() {
       {Use::Kind::kAllocation,
        {split_error("Error while allocating node-sized (512 bytes) buffer to hold the claimed node data.")}},
       {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
+      {Use::Kind::kRead, {}, true},  // the bit of the node before it
+      {Use::Kind::kRead, {}, true},  // and where that one leads
       {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
       {Use::Kind::kRead, {split_error("Error while reading node descriptor of claimed node's forward linked node.")}},
       {Use::Kind::kWriteNode, {split_error("Error while writing back modified claimed node.")}},
@@ -823,6 +927,7 @@ TEST_F(BtreeSplit, EachFaultOfAnInsertion_LeavesNothingBehind) {
   for (const Call call : {Call::kMalloc, Call::kRwlockRdlock, Call::kRwlockWrlock, Call::kRwlockUnlock}) {
     bool half_taken_up = false;
     bool delivered = true;
+    std::size_t tolerated = 0;
     for (unsigned long n = 1; delivered; ++n) {
       ChangeTree tree(full_leaves());
       tree.open();
@@ -841,8 +946,9 @@ TEST_F(BtreeSplit, EachFaultOfAnInsertion_LeavesNothingBehind) {
             kvfs_btree_insert_record(tree.get(), record.first.data(), record.second.data(), 12, nullptr, &locator);
         delivered = faults.delivered() != 0;
         const kvfs_result failure = call == Call::kMalloc ? kvfs_no_memory : kvfs_failed;
-        EXPECT_EQ(result, delivered ? failure : kvfs_ok) << call_name(call) << " " << n;
-        EXPECT_EQ(locator == nullptr, delivered);
+        tolerated += delivered && result == kvfs_ok ? 1 : 0;
+        EXPECT_TRUE(result == kvfs_ok || (delivered && result == failure)) << call_name(call) << " " << n;
+        EXPECT_EQ(locator == nullptr, result != kvfs_ok);
         if (locator != nullptr) {
           release(locator);
         }
@@ -856,6 +962,10 @@ TEST_F(BtreeSplit, EachFaultOfAnInsertion_LeavesNothingBehind) {
       tree.forget_references();
     }
     EXPECT_EQ(half_taken_up, call != Call::kMalloc);
+    // The two readings of what may lead to the claimed node: each takes one lock for reading and two for writing.
+    const std::map<Call, std::size_t> expected = {
+        {Call::kMalloc, 0}, {Call::kRwlockRdlock, 2}, {Call::kRwlockWrlock, 4}, {Call::kRwlockUnlock, 6}};
+    EXPECT_EQ(tolerated, expected.at(call)) << call_name(call);
   }
 }
 
@@ -888,6 +998,7 @@ TEST_F(BtreeSplit, MessagesOfFailedNodeWrites_EndInABlank) {
 
 TEST_F(BtreeSplit, HeaderThatCannotTakeTheNewLastLeaf_FailsTheSplit) {
   std::size_t seen = 0;
+  std::size_t tolerated = 0;
   bool delivered = true;
   for (unsigned long n = 1; delivered; ++n) {
     ChangeTree tree(full_leaves());
@@ -900,13 +1011,15 @@ TEST_F(BtreeSplit, HeaderThatCannotTakeTheNewLastLeaf_FailsTheSplit) {
       std::uint32_t new_node = 0;
       const kvfs_result result = kvfs_btree_split_node(tree.get(), 3, 12, &new_node);
       delivered = faults.delivered() != 0;
-      EXPECT_EQ(result, delivered ? kvfs_failed : kvfs_ok);
+      tolerated += delivered && result == kvfs_ok ? 1 : 0;
+      EXPECT_TRUE(result == kvfs_ok || (delivered && result == kvfs_failed)) << n;
     }
     seen +=
         log.has("ERROR", "kvfs_btree_split_node", "Error while writing out modified B-tree header record.\n") ? 1 : 0;
     tree.forget_references();
   }
-  EXPECT_EQ(seen, 4u);  // the locks that a write inside of a unit takes
+  EXPECT_EQ(seen, 4u);       // the locks that a write inside of a unit takes
+  EXPECT_EQ(tolerated, 4u);  // those of reading what may lead to the claimed node
 }
 
 TEST(BtreeSplitFaults, EachReadOfTheDevice_IsReported) {
