@@ -334,6 +334,7 @@ kvfs_result kvfs_btree_create(kvfs_device* device, kvfs_extents* extents, int pa
   }
   priv->tree_kind = tree_kind;
   priv->compare = compare;
+  priv->reserve = priv->work_left = kWorkReserve;
   tree->priv = priv.release();
   *out_tree = tree.release();
   return kvfs_ok;
@@ -716,6 +717,22 @@ void kvfs_btree_shift_locators(kvfs_btree* tree, std::uint32_t node, std::int32_
   }
 }
 
+// ---- Work ----------------------------------------------------------------------------------------------------------
+
+// Begins an operation that is granted some work. The one before may have used up a part of the reserve.
+static void grant_work(kvfs_btree* tree, std::uint64_t work) {
+  kvfs_btree_private* const priv = tree->priv;
+  priv->reserve = kvfs_min(priv->reserve, priv->work_left);
+  priv->work_left = priv->reserve + work;
+}
+
+// Takes account of work; false when there has been too much of it.
+static bool spend_work(kvfs_btree* tree, std::uint64_t work) {
+  kvfs_btree_private* const priv = tree->priv;
+  priv->work_left -= kvfs_min(priv->work_left, work);
+  return priv->work_left != 0;
+}
+
 // ---- Search --------------------------------------------------------------------------------------------------------
 
 void kvfs_btree_search_result_init(kvfs_btree_search_result* result) {
@@ -766,8 +783,17 @@ static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
   return kvfs_inconsistent;
 }
 
+static kvfs_result report_too_much_work() {
+  KVFS_ERROR_AS("kvfs_btree_search_node_internal",
+                "Aborting search: This B-tree has called for more work than any sound one does.\n");
+  return kvfs_inconsistent;
+}
+
 // Takes up the node that was just mapped.
 static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
+  if (!spend_work(walk->tree, kWorkOfANode)) {
+    return report_too_much_work();
+  }
   walk->node = view_of(walk->tree, node, walk->map);
   walk->descriptor = descriptor_of(walk->node);
   walk->index = 0;
@@ -939,7 +965,8 @@ static bool is_odd_key(std::uint32_t tree_kind, const void* key) {
 // more keys than a node of each height can hold, or fills the log with keys of a wrong length.
 static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
-  walk->key_bytes += odd ? sizeof(kvfs_be16) : record.data - record.offset;
+  const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : std::uint64_t{record.data} - record.offset;
+  walk->key_bytes += bytes;
   walk->odd_keys += odd ? 1 : 0;
   if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
     KVFS_ERROR_AS(kFunction,
@@ -953,7 +980,7 @@ static kvfs_result count_key(search_walk* walk, const node_record& record, bool 
                   to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
-  return kvfs_ok;
+  return spend_work(walk->tree, bytes + (odd ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
 }
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
@@ -1066,6 +1093,7 @@ kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree
     KVFS_ERROR("Error while acquiring open locators list lock in write mode.\n");
     return guard.result();
   }
+  grant_work(tree, kWorkOfASearch);
   kvfs_btree_search_result found = {};
   const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToLeaf, 0, &found);
   const kvfs_result unlocked = guard.release();
@@ -1253,6 +1281,7 @@ static bool allocate_node(const kvfs_btree* tree, node_buffer* buffer) {
 }
 
 static kvfs_result read_node(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
+  (void)spend_work(tree, tree->nodeSize / kNodeBytesOfOneUnit);  // the next search ends when that was too much
   buffer->view.number = node;
   return kvfs_fork_read(tree->fork, fork_position(tree, node, 0), buffer->view.bytes, tree->nodeSize, nullptr);
 }
@@ -1868,6 +1897,7 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
     KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
     return guard.result();
   }
+  grant_work(tree, kWorkOfAChange);
   kvfs_btree_record_locator* locator = nullptr;
   const kvfs_result result = kvfs_btree_insert_record_internal(tree, key, data, data_size, hint, &locator);
   const kvfs_result unlocked = guard.release();
@@ -2613,6 +2643,7 @@ kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator
     KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
     return guard.result();
   }
+  grant_work(tree, kWorkOfAChange);
   const kvfs_result result = kvfs_btree_delete_record_internal(tree, locator, flag);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {

@@ -16,7 +16,9 @@ struct kvfs_btree_private {
   std::uint32_t tree_kind;  // catalog node ID of the tree's file
   kvfs_btree_compare_keys compare;
   kvfs_btree_record_locator* open_locators;  // head of the list: the locator opened last, or null
-  kvfs_rwlock* open_locators_lock;           // guards the list and serialises the operations on the tree
+  kvfs_rwlock* open_locators_lock;           // guards all of this and serialises the operations on the tree
+  std::uint64_t reserve;                     // work beyond their grants that operations may still do in this tree
+  std::uint64_t work_left;                   // for the operation under way, with the reserve
 };
 
 struct kvfs_btree_record_locator_private {
@@ -24,17 +26,17 @@ struct kvfs_btree_record_locator_private {
   kvfs_btree_record_locator* previous;  // neighbours in the list of open locators
   kvfs_btree_record_locator* next;
   std::uint64_t reference_count;
-  std::uint32_t deleted;    // nonzero once the record was deleted
-  std::uint32_t is_vacant;  // nonzero for the place behind the last record of its node, empty when it was opened
+  std::uint32_t deleted;  // nonzero once the record was deleted
   std::uint32_t node;
   std::uint16_t index;
-  std::uint8_t index_height;       // of the index node in which a search found the place; 0 for any other node
   std::uint64_t fork_data_offset;  // of the record's data in the tree's fork, bytes
   kvfs_btree* tree;
   std::uint32_t record_key_offset;   // of the key in the record: 0
   std::uint32_t record_data_offset;  // of the data in the record: the key length rounded up to even
   std::uint32_t record_size;         // bytes
   unsigned char* record;             // the copy
+  std::uint32_t is_vacant;    // nonzero for the place behind the last record of its node, empty when it was opened
+  std::uint8_t index_height;  // of the index node in which a search found the place; 0 for any other node
 };
 
 // Opens the fork of a tree and checks its header node; parameters as kvfs_btree_create has them.
@@ -98,6 +100,20 @@ inline constexpr std::uint16_t kMaximumMaintainedDepth = 16;
 // keys take less than the nodes. Keys of a wrong length are told one by one, which would fill the log.
 inline constexpr std::uint32_t kMaximumHeight = 255;
 inline constexpr std::uint32_t kMaximumOddKeys = 1000;
+
+// What the operations on a tree may cost together. The limits above are those of one search, of which a change makes up
+// to 2^16, and the opening of a fork one for each eight of its extents. Work is counted in units of about a nanosecond:
+// the bytes of each key that is compared and some for the comparison, some for each node, and a message for each key of
+// a wrong length. An operation is granted what it needs in a sound tree: a search as much as four levels of nodes of
+// 32 KiB take that are full of keys, a change as much as sixteen levels. What damaged trees need beyond is taken from a
+// reserve, which is not refilled.
+inline constexpr std::uint64_t kWorkOfASearch = std::uint64_t{160} << 10;
+inline constexpr std::uint64_t kWorkOfAChange = std::uint64_t{128} << 20;
+inline constexpr std::uint64_t kWorkReserve = std::uint64_t{64} << 20;
+inline constexpr std::uint64_t kWorkOfANode = 128;
+inline constexpr std::uint64_t kWorkOfAKey = 8;
+inline constexpr std::uint64_t kWorkOfAMessage = std::uint64_t{16} << 10;
+inline constexpr std::uint32_t kNodeBytesOfOneUnit = 16;  // a node that is copied takes a unit for so many bytes
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
                                               std::uint16_t data_size, const kvfs_btree_search_result* hint,

@@ -1,4 +1,4 @@
-// Ownership of memory from the C allocator, and undoing the steps of an operation that fails half-way.
+// Ownership of memory from the C allocator.
 
 #ifndef KVFS_OWNED_H
 #define KVFS_OWNED_H
@@ -69,24 +69,5 @@ void kvfs_zero_and_free(T* object) {
     std::free(object);
   }
 }
-
-// Runs `undo` when the scope ends, unless dismissed: each step of an operation arms one, success dismisses them all.
-template <typename Undo>
-class kvfs_undo {
- public:
-  explicit kvfs_undo(Undo undo) : undo_(undo) {}
-  kvfs_undo(const kvfs_undo&) = delete;
-  kvfs_undo& operator=(const kvfs_undo&) = delete;
-  ~kvfs_undo() {
-    if (armed_) {
-      undo_();
-    }
-  }
-  void dismiss() { armed_ = false; }
-
- private:
-  Undo undo_;
-  bool armed_ = true;
-};
 
 #endif  // KVFS_OWNED_H

@@ -177,7 +177,7 @@ TEST(BtreeSearch, RecordBehindTheKey_IsNotComparedAnyMore) {
 }
 
 TEST(BtreeSearch, TreeAboveOneCacheItem_IsSearchedInAllOfThem) {
-  TestTree tree({.records = numbered_records(400, 4000), .shape = shape_of(8192)});
+  TestTree tree({.records = numbered_records(400, 4000), .shape = shape_of(8192), .kind = kHFSAttributesFileID});
   tree.open();
   ASSERT_GT(tree.get()->fork->priv->items_length, 1u);
   LogCapture log;
@@ -190,6 +190,7 @@ TEST(BtreeSearch, TreeAboveOneCacheItem_IsSearchedInAllOfThem) {
 
 TEST(BtreeSearch, ForkInManyExtents_IsSearchedInAllOfThem) {
   TreeOptions options = {.records = numbered_records(400, 60), .shape = shape_of(1024), .block_size = 1024};
+  options.kind = kHFSAttributesFileID;
   options.extents = {{30, 3}, {4, 1}, {50, 10}, {90, 2}, {70, 5}, {110, 7}, {200, 1}, {300, 0}};
   TestTree tree(options);
   tree.open();
@@ -899,7 +900,9 @@ TestTree* repeat_first_record(TestTree* tree, std::uint32_t count) {
 
 TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverAndTheNextOneEndsTheSearch) {
   for (const std::uint32_t count : Numbers32{1000, 1001, 1002, 2000}) {
-    TestTree tree({.records = numbered_records(1), .shape = shape_of(8192)});  // keys too short for a catalog
+    TestTree tree({.records = numbered_records(1),  // keys too short for a catalog
+                   .shape = shape_of(8192),
+                   .kind = kHFSCatalogFileID});
     repeat_first_record(&tree, count)->set_entry(tree.root(), count, 32);
     tree.open();
     LogCapture log;
@@ -913,6 +916,35 @@ TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverAndTheNextOneEndsT
     }
     EXPECT_TRUE(tree.is_idle());
   }
+}
+
+// What a search costs beyond what a sound tree calls for is taken from a reserve, which lasts for the life of the tree.
+TEST(BtreeSearchManyKeys, WorkBeyondThatOfASoundTree_UsesUpAReserve) {
+  TestTree tree({.records = {number_record(10, 700)}, .shape = shape_of(8192), .kind = kHFSAttributesFileID});
+  const std::uint32_t root = tree.root();
+  repeat_first_record(&tree, 300)->set_entry(root, 300, 14 + 706);
+  tree.set16(root, 14, 600);
+  tree.open();
+  const std::uint64_t beyond = kWorkOfANode + 300 * (602 + kWorkOfAKey) - kWorkOfASearch;
+  ASSERT_LT(beyond, kWorkReserve);
+  tree.get()->priv->reserve = 2 * beyond + 1;
+  LogCapture log;
+  EXPECT_EQ(tree.search(99), outcome(0, 1, 1, 299, 10));
+  EXPECT_EQ(tree.search(99), outcome(0, 1, 1, 299, 10));
+  EXPECT_LOG(log);
+  LogCapture end_log;
+  EXPECT_EQ(tree.search(99), "result 6");
+  EXPECT_LOG(end_log, search_error("Aborting search: This B-tree has called for more work than any sound one does."));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+TEST(BtreeSearchManyKeys, SearchesOfASoundTree_LeaveTheReserveAlone) {
+  TestTree tree({.records = numbered_records(400, 60), .shape = shape_of(512, 4), .kind = kHFSAttributesFileID});
+  tree.open();
+  for (std::uint32_t number = 5; number <= 4010; number += 5) {
+    (void)tree.search(number);
+  }
+  EXPECT_EQ(tree.get()->priv->reserve, kWorkReserve);
 }
 
 TEST(BtreeSearchManyKeys, MoreBytesThan255NodesHave_EndTheSearch) {

@@ -137,7 +137,7 @@ TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearch) {
   LogCapture log;
   EXPECT_EQ(kvfs_catalog_search_node(catalog.get(), &key, found.out()), kvfs_inconsistent);
   EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 200 and 3 units do not fit their keys (16 and 12 bytes).\n",
-             "ERROR kvfs_btree_search_node_internal Invalid node data: Record {*} lies outside of the node.\n",
+             "ERROR kvfs_btree_search_node_internal Invalid node data: The key of record {*} contradicts itself.\n",
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
 

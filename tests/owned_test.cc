@@ -1,4 +1,4 @@
-// The guards of memory, and undoing.
+// The guards of memory.
 
 #include "owned.h"
 
@@ -126,33 +126,6 @@ TEST(ZeroAndFree, Null_IsPassedOver) {
   FaultInjector faults;
   kvfs_zero_and_free(static_cast<Pair*>(nullptr));
   EXPECT_EQ(faults.count(Call::kFree), 0u);
-}
-
-TEST(Undo, EndOfScope_RunsItOnce) {
-  int runs = 0;
-  {
-    const kvfs_undo undo([&runs] { ++runs; });
-    EXPECT_EQ(runs, 0);
-  }
-  EXPECT_EQ(runs, 1);
-}
-
-TEST(Undo, Dismissed_DoesNotRun) {
-  int runs = 0;
-  {
-    kvfs_undo undo([&runs] { ++runs; });
-    undo.dismiss();
-  }
-  EXPECT_EQ(runs, 0);
-}
-
-TEST(Undo, Several_RunInReverseOrder) {
-  int order = 0;
-  {
-    const kvfs_undo first([&order] { order = order * 10 + 1; });
-    const kvfs_undo second([&order] { order = order * 10 + 2; });
-  }
-  EXPECT_EQ(order, 21);
 }
 
 }  // namespace

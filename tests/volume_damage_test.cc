@@ -344,7 +344,7 @@ TEST(VolumeDamage, NodeSizeOfTheCatalog_IsFoundByTheSearch) {
        14,
        kvfs_inconsistent,
        Stop::kThread,
-       {"ERROR kvfs_btree_search_node_internal Invalid node data: Record 0 of node 1 lies outside of the node.\n"}},
+       {"ERROR kvfs_btree_search_node_internal HFSPlus:kvfs_btree_search_node_internal: Offset of record 0 in 1 is 1, and not 14!\n"}},
       {"catalog.header.nodeSize", 512, kvfs_inconsistent, Stop::kThread, {bad_offset}},
       {"catalog.header.nodeSize", 8192, kvfs_inconsistent, Stop::kThread, {bad_offset}},
       {"catalog.header.nodeSize",
@@ -387,6 +387,11 @@ TEST(VolumeDamage, EmptyCatalogTree_FailsOverTheMapRecordOfItsHeaderNode) {
         "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected minimum: 49154 Actual: 3840\n"}});
 }
 
+std::string too_small(int length) {
+  return "ERROR kvfs_catalog_compare_keys Data in A is too small to be a HFSPlusCatalogKey (" + std::to_string(length) +
+         " bytes).\n";
+}
+
 TEST(VolumeDamage, LeafNode_IsFoundByTheSearch) {
   const Volume volume = small_damaged_volume();
   const auto first_offset = [](int offset) {
@@ -395,6 +400,8 @@ TEST(VolumeDamage, LeafNode_IsFoundByTheSearch) {
   };
   const std::string outside =
       "ERROR kvfs_btree_search_node_internal Invalid node data: Record 1 of node 1 lies outside of the node.\n";
+  const std::string backwards =
+      "ERROR kvfs_btree_search_node_internal Invalid node data: Record 1 of node 1 ends before it begins.\n";
   const std::string no_locator =
       "ERROR kvfs_btree_search_node_internal HFSPlus:kvfs_btree_search_node_internal: Not enough memory\n";
   const Damage table[] = {
@@ -408,10 +415,10 @@ TEST(VolumeDamage, LeafNode_IsFoundByTheSearch) {
       {"leaf.offset[0]", 0, kvfs_inconsistent, Stop::kThread, {first_offset(0)}},
       {"leaf.offset[0]", 16, kvfs_inconsistent, Stop::kThread, {first_offset(16)}},
       {"leaf.offset[0]", 0xFFFF, kvfs_inconsistent, Stop::kThread, {first_offset(65535)}},
-      {"leaf.offset[1]", 0, kvfs_inconsistent, Stop::kThread, {outside}},
+      {"leaf.offset[1]", 0, kvfs_inconsistent, Stop::kNotFound, {too_small(0)}},  // the key is read from the descriptor
       {"leaf.offset[1]", 0xFFFF, kvfs_inconsistent, Stop::kThread, {outside}},
       {"leaf.offset[1]", 4095, kvfs_inconsistent, Stop::kThread, {outside}},
-      {"leaf.offset[2]", 0, kvfs_inconsistent, Stop::kThread, {outside, no_locator}},
+      {"leaf.offset[2]", 0, kvfs_inconsistent, Stop::kThread, {backwards, no_locator}},
       {"leaf.offset[2]", 0xFFFF, kvfs_inconsistent, Stop::kThread, {outside, no_locator}},
       {"leaf.kind",
        0,
@@ -463,7 +470,12 @@ TEST(VolumeDamage, IndexNode_IsFoundByTheSearch) {
        Stop::kThread,
        {in_search + "HFSPlus:kvfs_btree_search_node_internal: Offset of record 0 in " + root +
         " is 15, and not 14!\n"}},
-      {"root.offset[1]", 0, kvfs_inconsistent, Stop::kThread, {outside(1)}},
+      {"root.offset[1]",
+       0,  // the descriptor is taken for a record that leads to the header node
+       kvfs_invalid,
+       Stop::kThread,
+       {too_small(0), too_small(2), too_small(0),
+        "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected minimum: 65538 Actual: 3840\n"}},
       {"root.offset[1]", 0xFFFF, kvfs_inconsistent, Stop::kThread, {outside(1)}},
       {"root.record[0].key.keyLength", 0xFFFF, kvfs_inconsistent, Stop::kThread, {outside(0)}},
       {"root.record[1].key.keyLength", 0xFFFF, kvfs_inconsistent, Stop::kThread, {outside(1)}},
@@ -472,7 +484,7 @@ TEST(VolumeDamage, IndexNode_IsFoundByTheSearch) {
        kvfs_inconsistent,
        Stop::kThread,
        {"ERROR kvfs_catalog_compare_keys Names of 255 and 0 units do not fit their keys (16 and 6 bytes).\n",
-        outside(0)}},
+        in_search + "Invalid node data: The key of record 0 of node " + root + " contradicts itself.\n"}},
   };
   for (const Damage& damage : table) {
     expect_damage_found(volume, damage);
@@ -495,17 +507,12 @@ TEST(VolumeDamage, IndexNodesThatLeadInACircle_EndTheSearch) {
                {"ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n"}});
 }
 
-std::string too_small(int length) {
-  return "ERROR kvfs_catalog_compare_keys Data in A is too small to be a HFSPlusCatalogKey (" + std::to_string(length) +
-         " bytes).\n";
-}
-
 // What a search says that meets a name longer than its key, in record `record` of the only leaf.
 Lines name_exceeds_key(int name, int key, int record) {
   return {"ERROR kvfs_catalog_compare_keys Names of " + std::to_string(name) + " and 0 units do not fit their keys (" +
               std::to_string(key) + " and 6 bytes).\n",
-          "ERROR kvfs_btree_search_node_internal Invalid node data: Record " + std::to_string(record) +
-              " of node 1 lies outside of the node.\n"};
+          "ERROR kvfs_btree_search_node_internal Invalid node data: The key of record " + std::to_string(record) +
+              " of node 1 contradicts itself.\n"};
 }
 
 TEST(VolumeDamage, KeyOfTheRootFolder_IsFoundByTheSearch) {

@@ -1,6 +1,12 @@
 #include "hostile_stories.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "big_endian.h"
 
 namespace kvfs_test {
 namespace {
@@ -98,6 +104,66 @@ Volume one_key_many_times() {
   return volume;
 }
 
+// A sound tree of two records in each node.
+Volume thirteen_levels() {
+  VolumeDescription description = description_with(2600);
+  description.block_size = description.catalog.node_size = 512;
+  description.catalog.height = 13;
+  description.catalog.max_leaf_records = description.catalog.max_index_records = 2;
+  return build_volume(description);
+}
+
+// An index node: keys of eight bytes or more, and the child behind each.
+Bytes index_node(std::size_t size, std::uint8_t height, const std::vector<std::pair<Bytes, std::uint64_t>>& records) {
+  Bytes node(size);
+  node[9] = height;
+  put_be(node, 10, 2, records.size());
+  std::size_t end = 14;
+  std::size_t entry = size;
+  for (const auto& [key, child] : records) {
+    put_be(node, entry -= 2, 2, end);
+    std::copy(key.begin(), key.end(), node.begin() + static_cast<std::ptrdiff_t>(end));
+    put_be(node, end + key.size(), 4, child);
+    end += key.size() + 4;
+  }
+  put_be(node, entry - 2, 2, end);
+  return node;
+}
+
+// The key of a catalog record without a name.
+Bytes parent_key(std::uint64_t parent) {
+  Bytes key(8);
+  put_be(key, 0, 2, 6);
+  put_be(key, 2, 4, parent);
+  return key;
+}
+
+// An index of sixteen levels, each of which is replaced twice as often as the one below, and three nodes above its root
+// that every search passes: they are full of keys before the one that is looked for, and as high as no node is.
+Volume deep_index_under_full_nodes() {
+  VolumeDescription description = description_with(10);
+  description.catalog.node_size = 32768;
+  description.catalog.spare_nodes = 20;
+  Volume volume = build_volume(description);
+  const std::uint32_t leaf = volume.leaf_nodes(kCatalog).at(0);
+  const Bytes bytes = volume.read_node(kCatalog, leaf);
+  const Bytes first(bytes.begin() + 14, bytes.begin() + 16 + get_be16(bytes, 14));
+  std::uint32_t node = leaf;
+  const auto put_above = [&](std::uint8_t height, const std::vector<std::pair<Bytes, std::uint64_t>>& records) {
+    volume.write_node(kCatalog, ++node, index_node(bytes.size(), height, records));
+    volume.set_node_used(kCatalog, node, true);
+  };
+  for (std::uint8_t height = 2; height <= 16; ++height) {
+    put_above(height, {{first, node}, {parent_key(1000U * height), leaf}});
+  }
+  for (int i = 0; i < 3; ++i) {
+    put_above(200, std::vector<std::pair<Bytes, std::uint64_t>>(2300, {parent_key(0), node}));
+  }
+  volume.set_field("catalog.header.rootNode", node);
+  volume.set_field("catalog.header.treeDepth", 16);
+  return volume;
+}
+
 // Header fields and fields of the first leaf, by which a story is told: the field is set to the value.
 Story damage_to_header(const char* name, const char* field, std::uint64_t value, const char* message) {
   return {name, [field, value] { return changed(small_volume(), field, value); }, "Label", message, message};
@@ -116,8 +182,10 @@ Story damage_to_leaf(const char* name, const char* field, std::uint64_t value, c
 std::vector<Story> made_up_stories() {
   const char* const cyclic =
       "ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n";
-  const char* const one_key =
-      "ERROR kvfs_btree_search_node_internal Invalid node data: Record 1012 of node 1 lies outside of the node.\n";
+  const char* const one_key = "ERROR kvfs_btree_record_locator_open Invalid parameter: record_size == 0\n";
+  const char* const too_much =
+      "ERROR kvfs_btree_search_node_internal Aborting search: This B-tree has called for more work than any sound one "
+      "does.\n";
   const char* const too_many =
       "ERROR kvfs_fork_resolve_extents Extents of CNID 4 hold more blocks than a volume can have.\n";
   return {
@@ -125,6 +193,8 @@ std::vector<Story> made_up_stories() {
       {"WrappingOverflowRecords", wrapping_overflow_records, "Label", too_many, too_many},
       {"HundredThousandExtents", many_extents, "Label", "", ""},
       {"OneKeyManyTimes", one_key_many_times, "Label", one_key, one_key},
+      {"DeepIndexUnderFullNodes", deep_index_under_full_nodes, "Label", "", too_much},
+      {"SoundIndexOfThirteenLevels", thirteen_levels, "Label", "", ""},
       {"MapNodesInARing", map_node_ring, std::string(20, 'L'), "",
        "ERROR kvfs_btree_claim_node Invalid node data: The map nodes form a ring at node "},
   };
@@ -137,6 +207,9 @@ std::vector<Story> size_stories() {
   const char* const no_item = "CRITICAL kvfs_fork_map Internal inconsistency: Last cache item number out of bounds!\n";
   const char* const outside =
       "ERROR kvfs_btree_search_node_internal Invalid node data: Record 0 of node 4 lies outside of the node.\n";
+  const char* const no_14 =
+      "ERROR kvfs_btree_search_node_internal HFSPlus:kvfs_btree_search_node_internal: Offset of record 0 in 4 is 0, and "
+      "not 14!\n";
   const char* const no_first =
       "ERROR kvfs_btree_search_node_internal HFSPlus:kvfs_btree_search_node_internal: Offset of record 0 in 4 is 0";
   const char* const behind = "CRITICAL kvfs_fork_map Attempted to read outside allocated fork size! Offset: ";
@@ -146,7 +219,7 @@ std::vector<Story> size_stories() {
       damage_to_header("LogicalSizeAllBits", "catalogFile.logicalSize", ~std::uint64_t{0}, too_large),
       damage_to_header("NodeSize0", "catalog.header.nodeSize", 0, no_item),
       damage_to_header("NodeSize1", "catalog.header.nodeSize", 1, outside),
-      damage_to_header("NodeSize14", "catalog.header.nodeSize", 14, outside),
+      damage_to_header("NodeSize14", "catalog.header.nodeSize", 14, no_14),
       damage_to_header("NodeSize256", "catalog.header.nodeSize", 256, no_first),
       damage_to_header("NodeSize511", "catalog.header.nodeSize", 511, no_first),
       damage_to_header("NodeSize513", "catalog.header.nodeSize", 513, no_first),
@@ -182,9 +255,10 @@ std::vector<Story> record_stories() {
       damage_to_leaf("NameLengthAllBits", "record[1].key.nodeName.length", 0xFFFF, long_name, long_name),
       damage_to_leaf("OffsetTableOverRecords", "numRecords", 300, "", no_space),
       damage_to_leaf("OffsetTableOverTheNode", "numRecords", 2040, "", no_space),
-      damage_to_leaf("OffsetTableBeyondTheNode", "numRecords", 0xFFFF, "",
-                     "ERROR kvfs_btree_delete_record_internal Invalid position: Node 1 of 65535 records has no record "
-                     "0.\n"),
+      damage_to_leaf(
+          "OffsetTableBeyondTheNode", "numRecords", 0xFFFF, "",
+          "ERROR kvfs_btree_delete_record_internal Invalid node data: The offset table of node 1 has no room "
+          "for 65535 records.\n"),
   };
 }
 
@@ -196,7 +270,8 @@ std::vector<Story> depth_stories() {
   };
   return {
       lie("Depth0", 0, "ERROR kvfs_btree_split_node Unable to split root node.\n"),
-      lie("Depth12", 12, "ERROR kvfs_btree_delete_record_internal Index record of deleted record's node not found.\n"),
+      lie("Depth16", 16, "ERROR kvfs_btree_delete_record_internal Index record of deleted record's node not found.\n"),
+      lie("Depth17", 17, "ERROR kvfs_btree_delete_record_internal B-tree of depth 17 is too deep to be maintained.\n"),
       lie("DepthAllBits", 0xFFFF,
           "ERROR kvfs_btree_delete_record_internal B-tree of depth 65535 is too deep to be maintained.\n"),
   };
