@@ -47,8 +47,8 @@ static BTNodeDescriptor descriptor_of(const node_view& node) {
   return descriptor;
 }
 
-// Reads an entry of the offset table; false when it would begin before the node. One that lies in the descriptor is read
-// like any other.
+// Reads an entry of the offset table; false when it would begin before the node. One that lies in the descriptor is
+// read like any other.
 static bool read_offset(const node_view& node, std::uint32_t index, std::uint16_t* offset) {
   if (std::uint64_t{kOffsetEntrySize} * (std::uint64_t{index} + 1) > node.size) {
     return false;
@@ -954,7 +954,7 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
   return descend(walk, child);
 }
 
-// Whether a key has a length that no key of such a tree has. The comparison says so and looks at nothing but the length.
+// Whether a key has a length that no key of such a tree has. The comparison says so and looks at the length alone.
 static bool is_odd_key(std::uint32_t tree_kind, const void* key) {
   const std::uint16_t length = kvfs_view_as<kvfs_be16>(key)->get();
   return (tree_kind == kHFSExtentsFileID && length != kHFSPlusExtentKeyLength) ||
@@ -2023,8 +2023,8 @@ static bool is_marked_used(kvfs_btree* tree, std::uint32_t node, node_buffer* bu
 
 // Whether a claimed node is in use. The node bitmap may call a node free that is not: the byte behind a full map record
 // is read as a part of it, and a damaged bitmap says anything. A node is in use when the one before it, in use itself,
-// leads to it; besides, the root, the first leaf, the node that is split and the one behind that are. One that was freed
-// has been taken out of that chain, whatever it and other free nodes still hold. `buffer` is used up.
+// leads to it; besides, the root, the first leaf, the node that is split and the one behind that are. One that was
+// freed has been taken out of that chain, whatever it and other free nodes still hold. `buffer` is used up.
 static bool is_in_use(const node_split& split, std::uint32_t node, std::uint32_t previous, node_buffer* buffer) {
   const BTHeaderRec& header = *split.header;
   if (node == header.rootNode.get() || node == header.firstLeafNode.get() || node == split.split.view.number ||

@@ -128,8 +128,9 @@ void kvfs_btree_search_result_release(kvfs_btree_search_result* result);
 //   out_result  receives the result, whose locator the caller releases; unchanged on failure
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok, found or not; kvfs_invalid without a key; kvfs_inconsistent when the tree contradicts itself; or the
-// failure of the fork, an allocation or the lock.
+// Returns kvfs_ok, found or not; kvfs_invalid without a key; kvfs_inconsistent when the tree contradicts itself, has
+// more than 1,000 keys of a wrong length on the way, or calls for more work than sound trees do; or the failure of the
+// fork, an allocation or the lock.
 kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result);
 
 // Opens a locator on the record behind another one, which stays open.
@@ -159,9 +160,10 @@ kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record
 // Open locators on records behind the new one follow their records.
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok; kvfs_exists; kvfs_limit when the record is too large for a node or no node is free; kvfs_internal
-// when the root is full; kvfs_inconsistent when the tree contradicts itself; kvfs_no_memory; or the failure of the fork
-// or the lock.
+// Returns kvfs_ok; kvfs_invalid without a key; kvfs_exists; kvfs_limit when the record is too large for a node or no
+// node is free; kvfs_internal when the root is full; kvfs_inconsistent when the tree contradicts itself or, before
+// anything changes, when index nodes would change in a tree of more than 16 levels; kvfs_no_memory; or the failure of
+// the fork or the lock.
 kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const void* data, std::uint16_t data_size,
                                      const kvfs_btree_search_result* hint, kvfs_btree_record_locator** out_locator);
 
@@ -175,8 +177,8 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
 //   flag  not used; 0
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok; kvfs_internal when the record was deleted before; kvfs_inconsistent when the tree contradicts
-// itself; kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
+// Returns kvfs_ok; kvfs_internal when the record was deleted before; kvfs_inconsistent when the tree contradicts itself
+// or, before anything changes, as for kvfs_btree_insert_record; kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag);
 
 // Grows the catalog's B-tree by the clump size of its fork; any other tree is left as it is. When the bitmap in the

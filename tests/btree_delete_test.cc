@@ -468,8 +468,8 @@ TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsInconsistentWhereTheTableWouldBe
   }
 }
 
-// A locator keeps its index while records before it are deleted, and may stand at the node's end then. The offsets there
-// are judged as those of any record.
+// A locator keeps its index while records before it are deleted, and may stand at the node's end then. The offsets
+// there are judged as those of any record.
 TEST_F(BtreeDelete, LocatorAtTheEndOfItsNode_IsJudgedByTheOffsetsThere) {
   const std::string beyond = "$$$: This record offset is greater than the next. Impossible";
   const std::string free_space = "$$$: Free space of 86 is greater than node size. Impossible";

@@ -384,8 +384,8 @@ TEST_P(BtreeSearchToHeight, ChildOfTheRecord_IsCheckedBeforeTheHeight) {
   EXPECT_LOG(log, search_error("Index node points to node after the last node. Inconsistent B-tree."));
 }
 
-// Where the search only passes by, no child is kept in mind: behind the search key, that of the record before the key is
-// looked at again and again.
+// Where the search only passes by, no child is kept in mind: behind the search key, that of the record before the key
+// is looked at again and again.
 TEST_P(BtreeSearchToHeight, RecordsPassedOnTheWayToAHigherNode_AreNotKeptInMind) {
   TreeOptions options = {.records = numbered_records(12)};
   options.shape.max_leaf_records = 3;
