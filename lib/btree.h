@@ -178,7 +178,8 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
 //
 // Locks: the tree's lock for writing.
 // Returns kvfs_ok; kvfs_internal when the record was deleted before; kvfs_inconsistent when the tree contradicts itself
-// or, before anything changes, as for kvfs_btree_insert_record; kvfs_no_memory; or the failure of the fork, of the index maintenance or of the lock.
+// or, before anything changes, as for kvfs_btree_insert_record; kvfs_no_memory; or the failure of the fork, of the
+// index maintenance or of the lock.
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag);
 
 // Grows the catalog's B-tree by the clump size of its fork; any other tree is left as it is. When the bitmap in the
