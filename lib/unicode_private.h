@@ -19,8 +19,8 @@ struct kvfs_cut_name {
 // What a comparison gives when it would need a unit that is not there.
 inline constexpr int kvfs_name_is_cut = INT_MIN;
 
-// Compares two stored names as kvfs_unicode_fast_compare does, and reads no further than until they differ. Returns what
-// that returns, or kvfs_name_is_cut.
+// Compares two stored names as kvfs_unicode_fast_compare does, and reads no further than until they differ. Returns
+// what that returns, or kvfs_name_is_cut.
 int kvfs_unicode_compare_cut_names(const kvfs_cut_name& a, const kvfs_cut_name& b, bool binary);
 
 #endif  // KVFS_UNICODE_PRIVATE_H
