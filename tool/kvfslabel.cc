@@ -78,16 +78,15 @@ static arguments parse_arguments(int argc, char* const* argv) {
 // No character of a path.
 static constexpr int kNoCharacter = 256;
 
-// Reads what stands behind a backslash: three octal digits for one character. What is none is left to be read.
-static int read_escaped(std::FILE* table) {
+// Reads the digits of an escaped character, three octal ones. `next` is the first of them and receives what follows.
+static int read_escaped(std::FILE* table, int* next) {
   int value = 0;
   for (int i = 0; i < 3; ++i) {
-    const int digit = std::getc(table);
-    if (digit < '0' || digit > '7') {
-      (void)std::ungetc(digit, table);
+    if (*next < '0' || *next > '7') {
       return kNoCharacter;
     }
-    value = value * 8 + (digit - '0');
+    value = value * 8 + (*next - '0');
+    *next = std::getc(table);
   }
   return value;
 }
@@ -97,8 +96,12 @@ static int read_escaped(std::FILE* table) {
 static bool line_names_device(std::FILE* table, const char* path, int* last) {
   bool same = true;
   int c = std::getc(table);
-  for (; c != ' ' && c != '\n' && c != EOF; c = std::getc(table)) {
-    const int character = c == '\\' ? read_escaped(table) : c;
+  while (c != ' ' && c != '\n' && c != EOF) {
+    int character = c;
+    c = std::getc(table);
+    if (character == '\\') {
+      character = read_escaped(table, &c);
+    }
     same = same && *path != '\0' && character == static_cast<unsigned char>(*path);
     path += same ? 1 : 0;
   }
