@@ -1,5 +1,6 @@
 #include "catalog.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "arithmetic.h"
@@ -11,6 +12,7 @@
 #include "rwlock_guard.h"
 #include "support.h"
 #include "unicode.h"
+#include "unicode_private.h"
 #include "volume.h"
 
 // ---- Keys and records ----------------------------------------------------------------------------------------------
@@ -36,10 +38,60 @@ static void make_thread_key(HFSPlusCatalogKey* key, kvfs_be32 cnid) {
   key->nodeName.length.set(0);
 }
 
-// The type of a locator's record, host order; 0, which is none, for a record too short to have one.
+// The type of a locator's record that is long enough to have one, host order.
 static std::uint16_t record_type_of(const kvfs_catalog_record_locator* locator) {
+  return kvfs_view_as<kvfs_be16>(locator->btree_locator->data)->get();
+}
+
+// Reads the type of any locator's record, in the name of `function`.
+static kvfs_result read_record_type(const char* function, const kvfs_catalog_record_locator* locator,
+                                    std::uint16_t* type) {
+  const std::size_t size = locator->btree_locator->data_size;
+  if (size < sizeof(kvfs_be16)) {
+    KVFS_ERROR_AS(function, "Record of %zu bytes is too short for a record type.\n", size);
+    return kvfs_inconsistent;
+  }
+  *type = record_type_of(locator);
+  return kvfs_ok;
+}
+
+// Reads the folder that holds the record of a locator, host order, out of the key.
+static kvfs_result read_key_parent(const char* function, const kvfs_catalog_record_locator* locator,
+                                   std::uint32_t* parent) {
   const kvfs_btree_record_locator* const record = locator->btree_locator;
-  return record->data_size < sizeof(kvfs_be16) ? std::uint16_t{0} : kvfs_view_as<kvfs_be16>(record->data)->get();
+  if (record->key_length < kHFSPlusCatalogKeyParentEnd) {
+    KVFS_ERROR_AS(function, "Key of %lu bytes is too short for a parent.\n", to_ul(record->key_length));
+    return kvfs_inconsistent;
+  }
+  *parent = kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get();
+  return kvfs_ok;
+}
+
+// Checks that a locator's record has as many bytes as are going to be read.
+static kvfs_result check_record_size(const char* function, const kvfs_catalog_record_locator* locator,
+                                     std::size_t minimum) {
+  const std::size_t size = locator->btree_locator->data_size;
+  if (size >= minimum) {
+    return kvfs_ok;
+  }
+  if (minimum == sizeof(HFSPlusCatalogFolder)) {
+    KVFS_ERROR_AS(function, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
+                  minimum, size);
+  } else {
+    KVFS_ERROR_AS(function, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n", minimum,
+                  size);
+  }
+  return kvfs_inconsistent;
+}
+
+// Copies a record of a known size out of a locator.
+static kvfs_result copy_record(const char* function, const kvfs_catalog_record_locator* locator, void* record,
+                               std::size_t size) {
+  const kvfs_result checked = check_record_size(function, locator, size);
+  if (checked == kvfs_ok) {
+    std::memcpy(record, locator->btree_locator->data, size);
+  }
+  return checked;
 }
 
 static bool is_thread(std::uint16_t record_type) {
@@ -52,27 +104,30 @@ static kvfs_btree* btree_of(const kvfs_catalog* catalog) {
 
 // ---- Key order -----------------------------------------------------------------------------------------------------
 
-// A key with its fields in reach. The name is read only as far as the key goes.
+// A key with its fields in reach. Of the name only what the key holds can be read.
 struct catalog_key_view {
   std::uint16_t key_length;
   std::uint32_t parent;
-  std::uint16_t name_length;
-  const kvfs_be16* name;
+  kvfs_cut_name name;
 };
 
 // Takes apart a key that is known to hold its fixed fields.
 static catalog_key_view view_key(const void* key) {
   const HFSPlusCatalogKey* const fields = kvfs_view_as<HFSPlusCatalogKey>(key);
-  return {fields->keyLength.get(), fields->parentID.get(), fields->nodeName.length.get(), fields->nodeName.unicode};
-}
-
-static bool name_exceeds_key(const catalog_key_view& key) {
-  return key_length_for(0) + sizeof(kvfs_be16) * key.name_length > key.key_length;
+  const std::uint16_t key_length = fields->keyLength.get();
+  const std::size_t length = fields->nodeName.length.get();
+  const std::size_t room = (key_length - std::size_t{key_length_for(0)}) / sizeof(kvfs_be16);
+  return {key_length, fields->parentID.get(), {fields->nodeName.unicode, length, kvfs_min(length, room)}};
 }
 
 // The names of the private folders under the root folder begin with NUL units.
 static bool is_private_name(const catalog_key_view& key) {
-  return key.parent == kHFSRootFolderID && key.name_length != 0 && key.name[0].get() == 0;
+  return key.parent == kHFSRootFolderID && key.name.readable != 0 && key.name.units[0].get() == 0;
+}
+
+// Whether not even the first unit of a name is there, which decides how it is compared.
+static bool lacks_first_unit(const catalog_key_view& key) {
+  return key.name.readable == 0 && key.name.length != 0;
 }
 
 static int compare_key_views(const catalog_key_view& a, const catalog_key_view& b, std::uint8_t compare_type) {
@@ -84,10 +139,10 @@ static int compare_key_views(const catalog_key_view& a, const catalog_key_view& 
   if (is_private_name(a)) {
     return binary ? -1 : 1;
   }
-  if (is_private_name(b)) {
+  if (!lacks_first_unit(a) && is_private_name(b)) {
     return binary ? 1 : -1;
   }
-  return kvfs_unicode_fast_compare(a.name, a.name_length, b.name, b.name_length, binary);
+  return kvfs_unicode_compare_cut_names(a.name, b.name, binary);
 }
 
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type) {
@@ -107,12 +162,13 @@ int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t
   }
   const catalog_key_view a = view_key(key_a);
   const catalog_key_view b = view_key(key_b);
-  if (name_exceeds_key(a) || name_exceeds_key(b)) {
-    KVFS_ERROR("Names of %hu and %hu units do not fit their keys (%hu and %hu bytes).\n", a.name_length, b.name_length,
+  const int order = compare_key_views(a, b, compare_type);
+  if (order == kvfs_name_is_cut) {
+    KVFS_ERROR("Names of %zu and %zu units do not fit their keys (%hu and %hu bytes).\n", a.name.length, b.name.length,
                a.key_length, b.key_length);
     return kvfs_key_malformed;
   }
-  return compare_key_views(a, b, compare_type);
+  return order;
 }
 
 // ---- Opening and closing -------------------------------------------------------------------------------------------
@@ -207,25 +263,53 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog) {
 
 // ---- Names ---------------------------------------------------------------------------------------------------------
 
-std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size) {
-  std::uint16_t native[kHFSPlusMaxNameLength];
-  if (count > kHFSPlusMaxNameLength || size == 0) {
-    KVFS_ERROR("Error while decoding UTF-16.\n");
-    return 0;
+static constexpr std::uint16_t kSurrogateMask = 0xFC00;
+static constexpr std::uint16_t kHighSurrogate = 0xD800;
+
+static std::size_t count_units_before_nul(const kvfs_be16* units, std::size_t count) {
+  std::size_t length = 0;
+  while (length < count && units[length].get() != 0) {
+    ++length;
   }
-  for (std::size_t i = 0; i < count; ++i) {
+  return length;
+}
+
+// Brings the next units of a text into host order, as many as there is room for, and returns their number. A pair of
+// surrogates stays together.
+static std::size_t take_piece(const kvfs_be16* units, std::size_t count, std::uint16_t* native) {
+  const std::size_t length = kvfs_min<std::size_t>(count, kHFSPlusMaxNameLength);
+  for (std::size_t i = 0; i < length; ++i) {
     native[i] = units[i].get();
   }
-  char* text = buffer;
-  std::size_t length = size - 1;  // the converter's capacity does not count the NUL
-  if (kvfs_unicode_unistr_to_utf8(native, count, kUnicodeHostOrder, &text, &length) != kvfs_ok) {
+  const bool cuts_pair = length < count && (native[length - 1] & kSurrogateMask) == kHighSurrogate;
+  return cuts_pair ? length - 1 : length;
+}
+
+// Converts a text piece by piece, so that it may have any length: the converter measures units as they lie in memory,
+// and so gets them in host order. Its capacity does not count the NUL.
+std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size) {
+  if (size == 0) {
     KVFS_ERROR("Error while decoding UTF-16.\n");
     return 0;
   }
-  if (text != buffer) {
-    KVFS_ERROR("utf8_string was unexpectedly reallocated!\n");
-    std::free(text);
-    return 0;
+  const std::size_t end = count_units_before_nul(units, count);
+  std::uint16_t native[kHFSPlusMaxNameLength];
+  std::size_t length = 0;
+  for (std::size_t done = 0; done < end;) {
+    const std::size_t taken = take_piece(units + done, end - done, native);
+    char* text = buffer + length;
+    std::size_t text_length = size - 1 - length;
+    if (kvfs_unicode_unistr_to_utf8(native, taken, kUnicodeHostOrder, &text, &text_length) != kvfs_ok) {
+      KVFS_ERROR("Error while decoding UTF-16.\n");
+      return 0;
+    }
+    if (text != buffer + length) {
+      KVFS_ERROR("utf8_string was unexpectedly reallocated!\n");
+      std::free(text);
+      return 0;
+    }
+    done += taken;
+    length += text_length;
   }
   buffer[length] = '\0';
   for (std::size_t i = 0; i < length; ++i) {
@@ -463,8 +547,14 @@ kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog
 }
 
 // Replaces the result of finding a thread record by that of following it, in the name of kvfs_catalog_search_by_cnid.
+// Another record stays the result.
 static kvfs_result replace_by_thread_target(kvfs_catalog* catalog, kvfs_catalog_search_result* result) {
   static const char* const kFunction = "kvfs_catalog_search_by_cnid";
+  std::uint16_t type = 0;
+  const kvfs_result read = read_record_type(kFunction, result->locator, &type);
+  if (read != kvfs_ok || !is_thread(type)) {
+    return read;
+  }
   kvfs_catalog_search_result target;
   kvfs_catalog_search_result_init(&target);
   const kvfs_result followed = kvfs_catalog_follow_thread(catalog, result->locator, &target);
@@ -495,7 +585,7 @@ kvfs_result kvfs_catalog_search_by_cnid(kvfs_catalog* catalog, std::uint32_t cni
     KVFS_CRITICAL("Unexpected: kvfs_catalog_search_node returned NULL locator but no error.\n");
     return kvfs_internal;
   }
-  if (found.found != 0 && follow && is_thread(record_type_of(found.locator))) {
+  if (found.found != 0 && follow) {
     result = replace_by_thread_target(catalog, &found);
   }
   if (result != kvfs_ok) {
@@ -523,17 +613,6 @@ struct path_walk {
 
 static const char kPathFunction[] = "kvfs_catalog_search_by_path";
 
-// A folder record must have all of its fields.
-static kvfs_result check_folder_size(const kvfs_catalog_record_locator* locator) {
-  const std::size_t size = locator->btree_locator->data_size;
-  if (size < sizeof(HFSPlusCatalogFolder)) {
-    KVFS_ERROR_AS(kPathFunction, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
-                  sizeof(HFSPlusCatalogFolder), size);
-    return kvfs_inconsistent;
-  }
-  return kvfs_ok;
-}
-
 static std::uint32_t folder_id_of(const kvfs_catalog_record_locator* locator) {
   return kvfs_view_as<HFSPlusCatalogFolder>(locator->btree_locator->data)->folderID.get();
 }
@@ -544,15 +623,19 @@ static kvfs_result start_path(path_walk* walk, kvfs_catalog_record_locator* star
   if (start == nullptr) {
     return kvfs_ok;
   }
-  const std::uint16_t type = record_type_of(start);
+  std::uint16_t type = 0;
+  kvfs_result result = read_record_type(kPathFunction, start, &type);
+  if (result != kvfs_ok) {
+    return result;
+  }
   if (type != kHFSPlusFolderRecord) {
     KVFS_ERROR_AS(kPathFunction, "Invalid argument: 'CatalogRecord' has non-folder type %hd.\n",
                   static_cast<short>(type));
     return kvfs_invalid;
   }
-  const kvfs_result checked = check_folder_size(start);
-  if (checked != kvfs_ok) {
-    return checked;
+  result = check_record_size(kPathFunction, start, sizeof(HFSPlusCatalogFolder));
+  if (result != kvfs_ok) {
+    return result;
   }
   // The root folder's parent has no record to search in; the root folder stands for it.
   if (folder_id_of(start) != kHFSRootParentID) {
@@ -618,7 +701,11 @@ static kvfs_result resolve_thread(path_walk* walk) {
 
 // Checks the record that was found and follows it when it is a thread.
 static kvfs_result accept_current_record(path_walk* walk) {
-  const std::uint16_t type = record_type_of(walk->current.locator);
+  std::uint16_t type = 0;
+  const kvfs_result read = read_record_type(kPathFunction, walk->current.locator, &type);
+  if (read != kvfs_ok) {
+    return read;
+  }
   if (type < kHFSPlusFolderRecord || type > kHFSPlusFileThreadRecord) {
     KVFS_ERROR_AS(kPathFunction, "Unexpected record type %hd for looked up record data.\n", static_cast<short>(type));
     return kvfs_inconsistent;
@@ -629,7 +716,7 @@ static kvfs_result accept_current_record(path_walk* walk) {
       return resolved;
     }
   }
-  return check_folder_size(walk->current.locator);
+  return check_record_size(kPathFunction, walk->current.locator, sizeof(HFSPlusCatalogFolder));
 }
 
 static kvfs_result next_component(path_walk* walk) {
@@ -687,8 +774,10 @@ static kvfs_result complete_result(path_walk* walk) {
       return result;
     }
   }
-  locator->record_type = record_type_of(locator);
-  return kvfs_ok;
+  std::uint16_t type = 0;
+  const kvfs_result read = read_record_type(kPathFunction, locator, &type);
+  locator->record_type = type;
+  return read;
 }
 
 kvfs_result kvfs_catalog_search_by_path(kvfs_catalog* catalog, kvfs_catalog_component_source source, void* context,
@@ -792,12 +881,9 @@ static bool counts_as_folder(const void* record_data) {
 static void change_counts(const void* child_record_data, kvfs_catalog_record_locator* parent, std::uint32_t change) {
   static const char* const kFunction = "kvfs_catalog_update_valence";
   HFSPlusCatalogFolder folder;
-  if (parent->btree_locator->data_size < sizeof(folder)) {
-    KVFS_ERROR_AS(kFunction, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
-                  sizeof(folder), std::size_t{parent->btree_locator->data_size});
+  if (copy_record(kFunction, parent, &folder, sizeof(folder)) != kvfs_ok) {
     return;
   }
-  std::memcpy(&folder, parent->btree_locator->data, sizeof(folder));
   if (counts_as_folder(child_record_data) && (folder.flags.get() & kHFSHasFolderCountMask) != 0) {
     folder.folderCount.set(folder.folderCount.get() + change);
   }
@@ -853,26 +939,34 @@ static const char kRenameFunction[] = "kvfs_catalog_rename_record";
 
 // Copies the record of the item, which has to be a file or a folder.
 static kvfs_result copy_renamed_record(renaming* item, const kvfs_catalog_record_locator* locator) {
-  const std::uint16_t type = record_type_of(locator);
+  std::uint16_t type = 0;
+  const kvfs_result read = read_record_type(kRenameFunction, locator, &type);
+  if (read != kvfs_ok) {
+    return read;
+  }
   if (type != kHFSPlusFileRecord && type != kHFSPlusFolderRecord) {
     KVFS_ERROR_AS(kRenameFunction, "Invalid record type (0x%hX) in record data!\n", type);
     return kvfs_invalid;
   }
   item->is_folder = type == kHFSPlusFolderRecord;
   item->record_size = item->is_folder ? sizeof(HFSPlusCatalogFolder) : sizeof(HFSPlusCatalogFile);
-  if (locator->btree_locator->data_size < item->record_size) {
-    KVFS_ERROR_AS(kRenameFunction, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n",
-                  std::size_t{item->record_size}, std::size_t{locator->btree_locator->data_size});
-    return kvfs_inconsistent;
+  const kvfs_result copied = copy_record(kRenameFunction, locator, &item->record, item->record_size);
+  item->cnid = item->is_folder ? item->record.folder.folderID : item->record.file.fileID;
+  return copied;
+}
+
+// Checks that the record of the item's folder is at hand: only under the root folder's parent there is none.
+static kvfs_result check_parent_locator(const kvfs_catalog_record_locator* locator) {
+  if (*locator->parent != nullptr) {
+    return kvfs_ok;
   }
-  if (item->is_folder) {
-    std::memcpy(&item->record.folder, locator->btree_locator->data, sizeof(item->record.folder));
-    item->cnid = item->record.folder.folderID;
-  } else {
-    std::memcpy(&item->record.file, locator->btree_locator->data, sizeof(item->record.file));
-    item->cnid = item->record.file.fileID;
+  std::uint32_t parent = 0;
+  const kvfs_result read = read_key_parent(kRenameFunction, locator, &parent);
+  if (read == kvfs_ok && parent != kHFSRootParentID) {
+    KVFS_ERROR_AS(kRenameFunction, "Supplied catalog record locator has no parent locator.\n");
+    return kvfs_invalid;
   }
-  return kvfs_ok;
+  return read;
 }
 
 // Checks what can be checked before anything is deleted.
@@ -881,16 +975,12 @@ static kvfs_result prepare_rename(renaming* item, kvfs_catalog_record_locator* c
     KVFS_ERROR_AS(kRenameFunction, "No catalog record pointer specified.\n");
     return kvfs_invalid;
   }
-  const kvfs_btree_record_locator* const record = (*locator)->btree_locator;
-  const bool under_root_parent = record->key_length >= kHFSPlusCatalogKeyNameOffset &&
-                                 kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get() == kHFSRootParentID;
-  if (*(*locator)->parent == nullptr && !under_root_parent) {
-    KVFS_ERROR_AS(kRenameFunction, "Supplied catalog record locator has no parent locator.\n");
-    return kvfs_invalid;
+  kvfs_result result = check_parent_locator(*locator);
+  if (result == kvfs_ok) {
+    result = copy_renamed_record(item, *locator);
   }
-  const kvfs_result copied = copy_renamed_record(item, *locator);
-  if (copied != kvfs_ok) {
-    return copied;
+  if (result != kvfs_ok) {
+    return result;
   }
   item->is_root = item->cnid.get() == kHFSRootFolderID;
   if (item->is_root && item->new_parent.get() != kHFSRootParentID) {
@@ -1073,27 +1163,6 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
 
-// Copies a record of a known size out of a locator; false, with a message, when the record is shorter.
-static bool copy_record(const char* function, const kvfs_catalog_record_locator* locator, void* record,
-                        std::size_t size) {
-  const kvfs_btree_record_locator* const stored = locator->btree_locator;
-  if (stored->data_size < size) {
-    KVFS_ERROR_AS(function, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n", size,
-                  std::size_t{stored->data_size});
-    return false;
-  }
-  std::memcpy(record, stored->data, size);
-  return true;
-}
-
-// The folder that holds the record of a locator; 0, which no folder has, when its key is too short to tell.
-static std::uint32_t key_parent_of(const kvfs_catalog_record_locator* locator) {
-  const kvfs_btree_record_locator* const record = locator->btree_locator;
-  return record->key_length < kHFSPlusCatalogKeyNameOffset
-             ? 0
-             : kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get();
-}
-
 // Looks at the record behind the place of a folder's thread record, which comes before all of the folder's items.
 static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_search_result& thread,
                                       std::uint32_t folder_id, int* out_empty) {
@@ -1103,16 +1172,22 @@ static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_
     return kvfs_internal;
   }
   kvfs_catalog_record_locator* next = nullptr;
-  const kvfs_result result = kvfs_catalog_get_next_record(catalog, thread.locator, &next);
+  kvfs_result result = kvfs_catalog_get_next_record(catalog, thread.locator, &next);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kFunction, "Error while looking up the next record after directory thread record.\n");
     return result;
   }
-  *out_empty = next != nullptr && key_parent_of(next) == folder_id ? 0 : 1;
-  if (next != nullptr) {
-    kvfs_catalog_record_locator_close(&next);
+  if (next == nullptr) {
+    *out_empty = 1;
+    return kvfs_ok;
   }
-  return kvfs_ok;
+  std::uint32_t parent = 0;
+  result = read_key_parent(kFunction, next, &parent);
+  if (result == kvfs_ok) {
+    *out_empty = parent == folder_id ? 0 : 1;
+  }
+  kvfs_catalog_record_locator_close(&next);
+  return result;
 }
 
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
@@ -1121,13 +1196,14 @@ kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_ca
     return kvfs_invalid;
   }
   HFSPlusCatalogFolder record;
-  if (!copy_record(__func__, folder, &record, sizeof(record))) {
-    return kvfs_inconsistent;
+  kvfs_result result = copy_record(__func__, folder, &record, sizeof(record));
+  if (result != kvfs_ok) {
+    return result;
   }
   const std::uint32_t folder_id = record.folderID.get();
   kvfs_catalog_search_result thread;
   kvfs_catalog_search_result_init(&thread);
-  kvfs_result result = kvfs_catalog_search_by_cnid(catalog, folder_id, false, &thread);
+  result = kvfs_catalog_search_by_cnid(catalog, folder_id, false, &thread);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while searching for directory thread by CNID.\n");
     return result;
@@ -1142,11 +1218,16 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
   if (locator == nullptr) {
     return kvfs_invalid;
   }
-  if (record_type_of(locator) != kHFSPlusFolderRecord) {
+  std::uint16_t type = 0;
+  kvfs_result result = read_record_type(__func__, locator, &type);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (type != kHFSPlusFolderRecord) {
     *out_can_delete = 1;
     return kvfs_ok;
   }
-  const kvfs_result result = kvfs_catalog_is_directory_empty(catalog, locator, out_can_delete);
+  result = kvfs_catalog_is_directory_empty(catalog, locator, out_can_delete);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while checking if directory is empty.\n");
   }
@@ -1169,10 +1250,14 @@ struct catalog_deletion {
 
 static const char kDeleteFunction[] = "kvfs_catalog_delete";
 
-// Frees the blocks of the data fork; the resource fork's stay allocated. A failure does not stop the deletion.
+// Frees the blocks of the data fork; the resource fork's stay allocated. A failure does not stop the deletion. A volume
+// without its allocation file fails where there is a block to free.
 static void free_data_fork(catalog_deletion* item) {
   const HFSPlusForkData* const fork_data = &item->record.file.dataFork;
   kvfs_bitmap* const bitmap = item->volume->bitmap;
+  if (fork_data->totalBlocks.get() == 0 || fork_data->extents.extents[0].blockCount.get() == 0) {
+    return;
+  }
   if (bitmap == nullptr ||
       FreeExtentAllocationBlocks(fork_data, 0, fork_data->totalBlocks.get(), bitmap, &item->freed_blocks) != kvfs_ok) {
     KVFS_ERROR_AS(kDeleteFunction, "Error while freeing allocation blocks of deleted file on cleanup.\n");
@@ -1180,7 +1265,11 @@ static void free_data_fork(catalog_deletion* item) {
 }
 
 static kvfs_result take_up_deleted_item(catalog_deletion* item) {
-  const std::uint16_t type = record_type_of(item->locator);
+  std::uint16_t type = 0;
+  kvfs_result result = read_record_type(kDeleteFunction, item->locator, &type);
+  if (result != kvfs_ok) {
+    return result;
+  }
   if (type != kHFSPlusFolderRecord && type != kHFSPlusFileRecord) {
     KVFS_ERROR_AS(kDeleteFunction,
                   "Invalid parameter: Record to delete is not a file or folder record (record type: %hd).\n",
@@ -1189,18 +1278,16 @@ static kvfs_result take_up_deleted_item(catalog_deletion* item) {
   }
   item->is_folder = type == kHFSPlusFolderRecord;
   if (item->is_folder) {
-    if (!copy_record(kDeleteFunction, item->locator, &item->record.folder, sizeof(item->record.folder))) {
-      return kvfs_inconsistent;
-    }
+    result = copy_record(kDeleteFunction, item->locator, &item->record.folder, sizeof(item->record.folder));
     item->cnid = item->record.folder.folderID;
-    return kvfs_ok;
+    return result;
   }
-  if (!copy_record(kDeleteFunction, item->locator, &item->record.file, sizeof(item->record.file))) {
-    return kvfs_inconsistent;
+  result = copy_record(kDeleteFunction, item->locator, &item->record.file, sizeof(item->record.file));
+  if (result == kvfs_ok) {
+    item->cnid = item->record.file.fileID;
+    free_data_fork(item);
   }
-  item->cnid = item->record.file.fileID;
-  free_data_fork(item);
-  return kvfs_ok;
+  return result;
 }
 
 static kvfs_result leave_parent(const catalog_deletion& item) {
@@ -1295,14 +1382,26 @@ static std::uint64_t size_of_forks(const HFSPlusCatalogFile& file) {
   return data_size != 0 ? data_size : file.resourceFork.logicalSize.get();
 }
 
-// Reads the record of the file that a hard link stands for.
-static bool read_link_target(kvfs_catalog* catalog, const HFSPlusCatalogFile* link, HFSPlusCatalogFile* file) {
+// Reads the size out of a record that may be short; the resource fork's size is asked for only where it counts.
+static bool read_size_of_forks(const kvfs_catalog_record_locator* locator, std::uint64_t* size) {
+  static const char* const kFunction = "kvfs_catalog_record_get_file_size";
+  constexpr std::size_t kDataSizeEnd = offsetof(HFSPlusCatalogFile, dataFork) + sizeof(kvfs_be64);
+  constexpr std::size_t kResourceSizeEnd = offsetof(HFSPlusCatalogFile, resourceFork) + sizeof(kvfs_be64);
+  const HFSPlusCatalogFile* const file = kvfs_view_as<HFSPlusCatalogFile>(locator->btree_locator->data);
+  if (check_record_size(kFunction, locator, kDataSizeEnd) != kvfs_ok ||
+      (file->dataFork.logicalSize.get() == 0 && check_record_size(kFunction, locator, kResourceSizeEnd) != kvfs_ok)) {
+    return false;
+  }
+  *size = size_of_forks(*file);
+  return true;
+}
+
+// Reads the size of the file that a hard link stands for.
+static bool read_link_target_size(kvfs_catalog* catalog, const HFSPlusCatalogFile* link, std::uint64_t* size) {
   kvfs_catalog_search_result target;
   kvfs_catalog_search_result_init(&target);
-  bool read = kvfs_catalog_follow_hard_link(catalog, link, &target) == kvfs_ok && target.found != 0;
-  if (read) {
-    read = copy_record("kvfs_catalog_record_get_file_size", target.locator, file, sizeof(*file));
-  }
+  const bool read = kvfs_catalog_follow_hard_link(catalog, link, &target) == kvfs_ok && target.found != 0 &&
+                    read_size_of_forks(target.locator, size);
   kvfs_catalog_search_result_release(&target);
   return read;
 }
@@ -1311,12 +1410,12 @@ std::uint64_t kvfs_catalog_record_get_file_size(const HFSPlusCatalogFile* record
   if (kvfs_catalog_file_link_kind(record) != kvfs_hard_link) {
     return size_of_forks(*record);
   }
-  HFSPlusCatalogFile file;
-  if (!read_link_target(catalog, record, &file)) {
+  std::uint64_t size = 0;
+  if (!read_link_target_size(catalog, record, &size)) {
     KVFS_ERROR("Error while following hard link.\n");
     return 0;
   }
-  return size_of_forks(file);
+  return size;
 }
 
 void kvfs_catalog_record_set_file_size(void* record, std::uint64_t size) {
@@ -1446,8 +1545,9 @@ kvfs_result kvfs_catalog_mksymlink(kvfs_catalog_record_locator* locator, const k
     return kvfs_invalid;
   }
   HFSPlusCatalogFile file;
-  if (!copy_record(__func__, locator, &file, sizeof(file))) {
-    return kvfs_inconsistent;
+  const kvfs_result copied = copy_record(__func__, locator, &file, sizeof(file));
+  if (copied != kvfs_ok) {
+    return copied;
   }
   file.userInfo.fdType.set(kSymLinkType);
   file.userInfo.fdCreator.set(kSymLinkCreator);

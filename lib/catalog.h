@@ -64,20 +64,21 @@ kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSP
 void kvfs_catalog_destroy(kvfs_catalog** catalog);
 
 // Orders two catalog keys, on-disk order, by parent and name: -1, 0 or 1. Where either key is too short or the compare
-// type is unknown, that is reported and the answer is -1; for a name that is longer than its key it is
-// kvfs_key_malformed. Directly under the root folder a name that begins with a NUL unit, as those of the private
-// folders, orders before all others by binary comparison and after all others by case folding. When both keys have such
-// a name the first decides, so that they are never equal: this must stay as it is.
+// type is unknown, that is reported and the answer is -1. Parents decide first, then the names unit by unit; only where
+// a unit is needed that its key does not hold, the answer is kvfs_key_malformed. Directly under the root folder a name
+// that begins with a NUL unit, as those of the private folders, orders before all others by binary comparison and after
+// all others by case folding. When both keys have such a name the first decides, so that they are never equal: this
+// must stay as it is.
 //
 //   compare_type  kHFSCaseFolding or kHFSBinaryCompare
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);
 
 // Converts a stored name to UTF-8 with "/" for every "\".
 //
-//   units, count  the name, big-endian; 255 units at most
+//   units, count  the text, big-endian, of any length; a zero unit ends it early
 //   buffer, size  receive the text and a NUL; bytes
 //
-// Returns the bytes of text, without the NUL; 0 on failure.
+// Returns the bytes of text, without the NUL; 0 on failure, and the buffer then holds anything.
 std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size);
 
 // ---- Locators ------------------------------------------------------------------------------------------------------
@@ -141,7 +142,8 @@ kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog
 //
 //   cnid  catalog node ID, host order
 //
-// Returns kvfs_internal when a lower layer gives no locator.
+// Returns kvfs_inconsistent when the record found has no room for its type or is no whole thread; kvfs_internal when a
+// lower layer gives no locator.
 kvfs_result kvfs_catalog_search_by_cnid(kvfs_catalog* catalog, std::uint32_t cnid, bool follow,
                                         kvfs_catalog_search_result* out_result);
 
@@ -204,7 +206,8 @@ kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatal
 //
 // Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's
 // locator, for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is
-// missing or a record is too short; kvfs_internal; or the failure of the B-tree.
+// missing, or a record, or the key of an item without its parent's locator, is too short; kvfs_internal; or the failure
+// of the B-tree.
 kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_record_locator** locator,
                                        kvfs_be32 new_parent, const kvfs_be16* name, std::size_t name_length);
 
@@ -233,8 +236,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record is too short; kvfs_internal; or
-// the failure of a search.
+// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record, or the key of the one behind the
+// thread, is too short; kvfs_internal; or the failure of a search.
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty);
 
@@ -242,7 +245,8 @@ kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_ca
 //
 //   out_can_delete  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid without a locator; or the failure of looking into the folder.
+// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record has no room for its type; or the
+// failure of looking into the folder.
 kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
                                          int* out_can_delete);
 
@@ -256,7 +260,7 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 // - without the parent's locator the parent's valence stays as it is;
 // - each block is freed as FreeAllocationBlock does it, and a failure to free is logged and ignored.
 //
-//   volume  opened with its allocation file
+//   volume  opened with its allocation file, unless the file has no blocks to free
 //
 // Returns kvfs_ok; kvfs_invalid without a locator or for another kind of record; kvfs_inconsistent when the record is
 // too short; or the failure of the B-tree or of the search for the thread. What was done before a failure stays done.
@@ -274,7 +278,7 @@ int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);
 
 // Reads the size of a file, following a hard link: of the data fork or, when that is empty, of the resource fork.
 //
-//   record  whole file record, on-disk order
+//   record  whole file record, on-disk order. That of a link's target may be cut behind the size that counts
 //
 // Returns bytes; 0 on failure too, which is in the log.
 std::uint64_t kvfs_catalog_record_get_file_size(const HFSPlusCatalogFile* record, kvfs_catalog* catalog);

@@ -278,7 +278,9 @@ KVFS_CHECK_LAYOUT(HFSPlusCatalogKey, 518, nodeName, 6);
 
 // A key with an empty name, such as a thread's.
 inline constexpr std::uint16_t kHFSPlusCatalogKeyMinimumLength = 6;  // keyLength of such a key, the least that is valid
+inline constexpr std::uint32_t kHFSPlusCatalogKeyParentEnd = 6;      // bytes of any such key that hold its parentID
 inline constexpr std::uint32_t kHFSPlusCatalogKeyNameOffset = 8;     // bytes of such a key; the units of any begin here
+static_assert(offsetof(HFSPlusCatalogKey, nodeName) == kHFSPlusCatalogKeyParentEnd);
 static_assert(offsetof(HFSPlusCatalogKey, nodeName) + offsetof(HFSUniStr255, unicode) == kHFSPlusCatalogKeyNameOffset);
 
 // Record types: the first two bytes of every catalog record.

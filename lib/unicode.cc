@@ -7,6 +7,7 @@
 
 #include "owned.h"
 #include "support.h"
+#include "unicode_private.h"
 
 namespace {
 
@@ -688,33 +689,43 @@ std::uint16_t fold_case(std::uint16_t unit) {
   return folds ? static_cast<std::uint16_t>(unit + run->added) : unit;
 }
 
+// What is compared where a name goes on behind the units that are there; no unit has this value.
+constexpr std::uint32_t kMissingUnit = 0x10000;
+
 // What is left of a name that is being compared.
 struct name_cursor {
   const kvfs_be16* next;
   const kvfs_be16* end;
+  std::uint32_t behind;  // what comes then: 0, or kMissingUnit
 
-  // The next unit as it is, 0 at the end.
-  std::uint16_t take() { return next == end ? std::uint16_t{0} : (next++)->get(); }
+  // The next unit as it is.
+  std::uint32_t take() { return next == end ? behind : (next++)->get(); }
 
-  // The next unit that does not fold to 0, folded; 0 at the end.
-  std::uint16_t take_folded() {
-    std::uint16_t unit = 0;
+  // The next unit that does not fold to 0, folded.
+  std::uint32_t take_folded() {
+    std::uint32_t unit = 0;
     while (unit == 0 && next != end) {
       unit = fold_case((next++)->get());
     }
-    return unit;
+    return unit == 0 ? behind : unit;
   }
 };
 
+name_cursor begin_of(const kvfs_cut_name& name) {
+  return {name.units, name.units + name.readable, name.readable < name.length ? kMissingUnit : 0};
+}
+
 }  // namespace
 
-int kvfs_unicode_fast_compare(const kvfs_be16* a, std::size_t a_length, const kvfs_be16* b, std::size_t b_length,
-                              bool binary) {
-  name_cursor rest_of_a{a, a + a_length};
-  name_cursor rest_of_b{b, b + b_length};
+int kvfs_unicode_compare_cut_names(const kvfs_cut_name& a, const kvfs_cut_name& b, bool binary) {
+  name_cursor rest_of_a = begin_of(a);
+  name_cursor rest_of_b = begin_of(b);
   for (;;) {
-    const std::uint16_t unit_a = binary ? rest_of_a.take() : rest_of_a.take_folded();
-    const std::uint16_t unit_b = binary ? rest_of_b.take() : rest_of_b.take_folded();
+    const std::uint32_t unit_a = binary ? rest_of_a.take() : rest_of_a.take_folded();
+    const std::uint32_t unit_b = binary ? rest_of_b.take() : rest_of_b.take_folded();
+    if (unit_a == kMissingUnit || unit_b == kMissingUnit) {
+      return kvfs_name_is_cut;
+    }
     if (unit_a != unit_b) {
       return unit_a > unit_b ? 1 : -1;
     }
@@ -722,6 +733,11 @@ int kvfs_unicode_fast_compare(const kvfs_be16* a, std::size_t a_length, const kv
       return 0;
     }
   }
+}
+
+int kvfs_unicode_fast_compare(const kvfs_be16* a, std::size_t a_length, const kvfs_be16* b, std::size_t b_length,
+                              bool binary) {
+  return kvfs_unicode_compare_cut_names({a, a_length, a_length}, {b, b_length, b_length}, binary);
 }
 
 // ---- Names of foreign systems --------------------------------------------------------------------------------------

@@ -297,7 +297,7 @@ kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, s
     result = guard.result();
   } else {
     if (length != 0) {
-      std::memcpy(volume->priv->label, units, length * sizeof(kvfs_be16));
+      std::memmove(volume->priv->label, units, length * sizeof(kvfs_be16));  // it may be a part of that label
     }
     volume->priv->label_length = static_cast<std::uint32_t>(length);
   }

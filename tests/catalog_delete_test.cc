@@ -167,10 +167,43 @@ TEST(CatalogIsDirectoryEmpty, RecordTooShortForAFolder_IsRefusedAndLeavesTheOutp
   int empty = 5;
   LogCapture log;
   EXPECT_EQ(kvfs_catalog_is_directory_empty(volume.catalog(), folder.get(), &empty), kvfs_inconsistent);
-  EXPECT_LOG(log,
-             "ERROR kvfs_catalog_is_directory_empty Unexpected data size for catalog record. Expected minimum: 88 "
-             "Actual: 86\n");
+  EXPECT_LOG(
+      log,
+      "ERROR kvfs_catalog_is_directory_empty Unexpected data size for HFSPlusCatalogFolder. Expected minimum: 88 "
+      "Actual: 86\n");
   EXPECT_EQ(empty, 5);
+}
+
+// The folder "last" with an item whose key was cut to so many bytes behind its length field.
+Volume volume_with_cut_key(std::uint16_t key_length) {
+  VolumeDescription description = described();
+  (void)description.add_file(kLast, u"item");
+  Volume volume = build_volume(description);
+  volume.set_field(volume.find_entry(kLast, u"item")->path() + ".key.keyLength", key_length);
+  return volume;
+}
+
+TEST(CatalogIsDirectoryEmpty, ItemWhoseKeyEndsBehindItsParent_Counts) {
+  EXPECT_EQ(emptiness(volume_with_cut_key(4), kRootFolderId, u"last"), 0);
+  EXPECT_EQ(emptiness(volume_with_cut_key(5), kRootFolderId, u"last"), 0);
+}
+
+TEST(CatalogIsDirectoryEmpty, NextKeyTooShortForAParent_IsInconsistent) {
+  for (const std::uint16_t key_length : {std::uint16_t{0}, std::uint16_t{3}}) {
+    const std::string message = "ERROR kvfs_catalog_is_directory_empty Key of " + std::to_string(2 + key_length) +
+                                " bytes is too short for a parent.\n";
+    OpenVolume volume(volume_with_cut_key(key_length));
+    ItemLocator folder(volume, kRootFolderId, u"last");
+    int empty = 5;
+    LogCapture log;
+    EXPECT_EQ(kvfs_catalog_is_directory_empty(volume.catalog(), folder.get(), &empty), kvfs_inconsistent);
+    EXPECT_EQ(kvfs_catalog_can_delete_file(volume.catalog(), folder.get(), &empty), kvfs_inconsistent);
+    EXPECT_LOG(log, message, message,
+               "ERROR kvfs_catalog_can_delete_file Error while checking if directory is empty.\n");
+    EXPECT_EQ(empty, 5);
+    folder.close();
+    EXPECT_EQ(volume.open_locators(), 0u);
+  }
 }
 
 TEST(CatalogIsDirectoryEmpty, EachFailingCall_IsReportedAndLeavesNothingBehind) {
@@ -229,6 +262,18 @@ TEST(CatalogCanDeleteFile, AnythingElse_CanBeDeleted) {
   EXPECT_EQ(deletable(build_volume(description), kDocs, u"bare"), 1);
 }
 
+TEST(CatalogCanDeleteFile, RecordWithoutAType_IsInconsistent) {
+  VolumeDescription description = described();
+  description.item(kBare).record = Bytes{};
+  OpenVolume volume(build_volume(description));
+  const ItemLocator item(volume, kDocs, u"bare");
+  int can_delete = 5;
+  LogCapture log;
+  EXPECT_EQ(kvfs_catalog_can_delete_file(volume.catalog(), item.get(), &can_delete), kvfs_inconsistent);
+  EXPECT_LOG(log, "ERROR kvfs_catalog_can_delete_file Record of 0 bytes is too short for a record type.\n");
+  EXPECT_EQ(can_delete, 5);
+}
+
 TEST(CatalogCanDeleteFile, FailureToLookIntoTheFolder_IsPassedOnAndLeavesTheOutputAlone) {
   VolumeDescription description = described();
   description.item(kHollow).record = Bytes{0, 1};
@@ -237,10 +282,11 @@ TEST(CatalogCanDeleteFile, FailureToLookIntoTheFolder_IsPassedOnAndLeavesTheOutp
   int can_delete = 5;
   LogCapture log;
   EXPECT_EQ(kvfs_catalog_can_delete_file(volume.catalog(), folder.get(), &can_delete), kvfs_inconsistent);
-  EXPECT_LOG(log,
-             "ERROR kvfs_catalog_is_directory_empty Unexpected data size for catalog record. Expected minimum: 88 "
-             "Actual: 2\n",
-             "ERROR kvfs_catalog_can_delete_file Error while checking if directory is empty.\n");
+  EXPECT_LOG(
+      log,
+      "ERROR kvfs_catalog_is_directory_empty Unexpected data size for HFSPlusCatalogFolder. Expected minimum: 88 "
+      "Actual: 2\n",
+      "ERROR kvfs_catalog_can_delete_file Error while checking if directory is empty.\n");
   EXPECT_EQ(can_delete, 5);
 }
 
@@ -498,13 +544,20 @@ TEST(CatalogDelete, ThreadRecord_IsRefused) {
 TEST(CatalogDelete, UnknownRecord_IsRefusedWithItsTypeAsASignedNumber) {
   VolumeDescription description = described();
   for (const auto& [record, type] :
-       {std::pair{Bytes{0x80, 0x01, 0, 0}, "-32767"}, {Bytes{0x00, 0x05}, "5"}, {Bytes{}, "0"}}) {
+       {std::pair{Bytes{0x80, 0x01, 0, 0}, "-32767"}, {Bytes{0x00, 0x05}, "5"}, {Bytes{0, 0}, "0"}}) {
     description.item(kBare).record = record;
     expect_refused(build_volume(description), kDocs, u"bare", kvfs_invalid,
                    std::string("ERROR kvfs_catalog_delete Invalid parameter: Record to delete is not a file or folder "
                                "record (record type: ") +
                        type + ").\n");
   }
+}
+
+TEST(CatalogDelete, RecordWithoutAType_IsInconsistent) {
+  VolumeDescription description = described();
+  description.item(kBare).record = Bytes{};
+  expect_refused(build_volume(description), kDocs, u"bare", kvfs_inconsistent,
+                 "ERROR kvfs_catalog_delete Record of 0 bytes is too short for a record type.\n");
 }
 
 TEST(CatalogDelete, RecordTooShortForItsType_IsRefused) {
@@ -516,9 +569,10 @@ TEST(CatalogDelete, RecordTooShortForItsType_IsRefused) {
                  "246\n");
   description.item(kBare).record = Bytes(86, 0);
   description.item(kBare).record->at(1) = 1;
-  expect_refused(build_volume(description), kDocs, u"bare", kvfs_inconsistent,
-                 "ERROR kvfs_catalog_delete Unexpected data size for catalog record. Expected minimum: 88 Actual: "
-                 "86\n");
+  expect_refused(
+      build_volume(description), kDocs, u"bare", kvfs_inconsistent,
+      "ERROR kvfs_catalog_delete Unexpected data size for HFSPlusCatalogFolder. Expected minimum: 88 Actual: "
+      "86\n");
 }
 
 TEST(CatalogDelete, ItemDeletedBefore_IsRefusedByTheTree) {
@@ -591,6 +645,23 @@ TEST(CatalogDelete, VolumeWithoutItsAllocationFile_FreesNothingAndGoesOn) {
   CheckOptions options;
   options.leaked_blocks = true;
   EXPECT_EQ(joined(check_volume(after, options)), "");
+}
+
+// Where there are no blocks to free, the allocation file is not missed.
+TEST(CatalogDelete, FileWithoutBlocksOnAVolumeWithoutItsAllocationFile_IsDeletedInSilence) {
+  for (const char* const damage : {"", ".dataFork.totalBlocks"}) {
+    Volume before = volume_made();
+    if (*damage != '\0') {
+      before.set_field(before.find_by_cnid(kBare).value().path() + damage, 5);  // but no extent has any
+    }
+    OpenVolume volume(before, true);
+    ItemLocator item(volume, kDocs, u"bare");
+    LogCapture log;
+    EXPECT_EQ(delete_item(volume, item), kvfs_ok);
+    EXPECT_LOG(log);
+    item.close();
+    EXPECT_EQ(joined(check_volume(volume.flushed())), "");
+  }
 }
 
 TEST(CatalogDelete, FailureToDeleteTheRecord_IsPassedOnAndLeavesTheRest) {

@@ -163,8 +163,32 @@ TEST(CatalogGetFileSize, HardLinkToAFolder_IsReportedAndGivesZero) {
   (void)description.add_hard_link(kRootFolderId, u"second", kFolder);
   EXPECT_EQ(size_of(build_volume(description), u"second",
                     {"ERROR kvfs_catalog_record_get_file_size Unexpected data size for catalog record. Expected "
-                     "minimum: 248 Actual: 88\n",
+                     "minimum: 96 Actual: 88\n",
                      kNotFollowed}),
+            0u);
+}
+
+// The size of a link to a record that was cut.
+std::uint64_t size_of_cut_target(std::uint64_t data_size, std::size_t record_size, const Lines& messages = {}) {
+  VolumeDescription description = described();
+  Bytes record(record_size, 0);
+  put_be(record, 0, 2, kHFSPlusFileRecord);
+  put_be(record, 88, 8, data_size);
+  if (record_size >= 176) {
+    put_be(record, 168, 8, 77);
+  }
+  description.item(kInode).record = record;
+  return size_of(build_volume(description), u"link", messages);
+}
+
+TEST(CatalogGetFileSize, HardLinkToAShortRecord_GivesTheSizeThatItHolds) {
+  EXPECT_EQ(size_of_cut_target(55, 96), 55u);
+  EXPECT_EQ(size_of_cut_target(55, 174), 55u);
+  EXPECT_EQ(size_of_cut_target(0, 176), 77u);
+  EXPECT_EQ(size_of_cut_target(0, 174,
+                               {"ERROR kvfs_catalog_record_get_file_size Unexpected data size for catalog record. "
+                                "Expected minimum: 176 Actual: 174\n",
+                                kNotFollowed}),
             0u);
 }
 

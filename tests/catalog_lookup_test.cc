@@ -128,15 +128,19 @@ TEST(CatalogSearchNode, IndexNodeThatPointsToItself_PassesTheFailureOn) {
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
 
-TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearch) {
+TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearchThatNeedsTheRest) {
   Volume volume = small_volume();
   volume.set_field(volume.find_entry(kRootFolderId, u"alpha")->path() + ".key.nodeName.length", 200);
   const OpenCatalog catalog(volume);
-  const HFSPlusCatalogKey key = stored_key(2, u"two");
+  const HFSPlusCatalogKey key = stored_key(2, u"alphabet");
   Searched found;
+  LogCapture silence;
+  EXPECT_EQ(search(catalog, 2, u"two"), "found: file 20 in 2/two");
+  EXPECT_EQ(search(catalog, 2, u"az"), "at: file 19 in 2/one");
+  EXPECT_LOG(silence);
   LogCapture log;
   EXPECT_EQ(kvfs_catalog_search_node(catalog.get(), &key, found.out()), kvfs_inconsistent);
-  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 200 and 3 units do not fit their keys (16 and 12 bytes).\n",
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 200 and 8 units do not fit their keys (16 and 22 bytes).\n",
              "ERROR kvfs_btree_search_node_internal Invalid node data: The key of record {*} contradicts itself.\n",
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
@@ -324,6 +328,17 @@ std::string search_cnid(const OpenCatalog& catalog, std::uint32_t cnid, bool fol
   EXPECT_EQ(kvfs_catalog_search_by_cnid(catalog.get(), cnid, follow_thread, found.out()), kvfs_ok);
   EXPECT_EQ(catalog.open_locators().size(), 1u) << "only the result stays open";
   return found.text();
+}
+
+TEST(CatalogSearchByCnid, ThreadWithoutData_IsInconsistentOnceItsTypeIsNeeded) {
+  const OpenCatalog catalog(volume_with(thread_key(50), {}));
+  Searched found;
+  LogCapture log;
+  EXPECT_EQ(kvfs_catalog_search_by_cnid(catalog.get(), 50, true, found.out()), kvfs_inconsistent);
+  EXPECT_EQ(found.text(), "nothing");
+  EXPECT_THAT(catalog.open_locators(), IsEmpty());
+  EXPECT_LOG(log, "ERROR kvfs_catalog_search_by_cnid Record of 0 bytes is too short for a record type.\n");
+  EXPECT_EQ(kvfs_catalog_search_by_cnid(catalog.get(), 50, false, found.out()), kvfs_ok);
 }
 
 TEST(CatalogSearchByCnid, RootFolder_IsFoundThroughItsThread) {
@@ -535,6 +550,11 @@ TEST(CatalogSearchByPath, StartFolderWithAShortRecord_IsInconsistent) {
                        "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: 88 Actual: 86\n");
 }
 
+TEST(CatalogSearchByPath, StartWithoutData_IsInconsistent) {
+  expect_start_refused(volume_with(catalog_key(2, u"odd"), {}), u"odd", kvfs_inconsistent,
+                       "Record of 0 bytes is too short for a record type.\n");
+}
+
 // Expects a walk to fail with these messages and to leave nothing open.
 void expect_path_fails(const Volume& volume, const Path& path, kvfs_result result, const Lines& messages) {
   const OpenCatalog catalog(volume);
@@ -560,9 +580,11 @@ TEST(CatalogSearchByPath, UnknownRecordType_IsInconsistent) {
                     {"ERROR kvfs_catalog_search_by_path Unexpected record type -32767 for looked up record data.\n"});
 }
 
-TEST(CatalogSearchByPath, RecordWithoutData_HasNoType) {
-  expect_path_fails(volume_with(catalog_key(2, u"odd"), {}), {{u"odd"}}, kvfs_inconsistent,
-                    {"ERROR kvfs_catalog_search_by_path Unexpected record type 0 for looked up record data.\n"});
+TEST(CatalogSearchByPath, RecordWithoutData_IsTooShortForAType) {
+  const Lines too_short = {"ERROR kvfs_catalog_search_by_path Record of 0 bytes is too short for a record type.\n"};
+  const Volume volume = volume_with(catalog_key(2, u"odd"), {});
+  expect_path_fails(volume, {{u"odd"}}, kvfs_inconsistent, too_short);
+  expect_path_fails(volume, {{u"oda"}}, kvfs_inconsistent, too_short);  // "odd" is in its place
 }
 
 TEST(CatalogSearchByPath, ShortRecord_IsInconsistent) {

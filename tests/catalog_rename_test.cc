@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "big_endian.h"
 #include "btree_private.h"
 #include "catalog.h"
 #include "catalog_fixture.h"
@@ -407,16 +408,62 @@ void expect_refused_record(const Bytes& record, kvfs_result expected, const std:
 TEST(CatalogRename, UnknownRecordType_IsRefused) {
   expect_refused_record({0xAB, 0xCD, 0, 0}, kvfs_invalid,
                         "ERROR kvfs_catalog_rename_record Invalid record type (0xABCD) in record data!\n");
-  expect_refused_record({}, kvfs_invalid,
+  expect_refused_record({0, 0}, kvfs_invalid,
                         "ERROR kvfs_catalog_rename_record Invalid record type (0x0) in record data!\n");
+}
+
+TEST(CatalogRename, RecordWithoutAType_IsInconsistent) {
+  expect_refused_record({}, kvfs_inconsistent,
+                        "ERROR kvfs_catalog_rename_record Record of 0 bytes is too short for a record type.\n");
+}
+
+// Opens the file 19 under a key that has so many bytes behind its length field, and renames it without its parent.
+void expect_renamed_by_key(std::uint16_t key_length, std::uint32_t parent, kvfs_result expected,
+                           const Lines& messages) {
+  const Volume before = small_volume();
+  ChangedCatalog catalog(before);
+  kvfs_catalog_record_locator* locator = catalog.open(kAlpha, u"one");
+  Bytes key(locator->btree_locator->key, locator->btree_locator->key + 2 + key_length);
+  put_be(key, 0, 2, key_length);
+  if (key_length >= 4) {
+    put_be(key, 2, 4, parent);
+  }
+  locator->btree_locator->key = key.data();
+  locator->btree_locator->key_length = 2U + key_length;
+  LogCapture log;
+  EXPECT_EQ(catalog.rename(&locator, kAlpha, u"new"), expected);
+  EXPECT_TRUE(log.matches(messages));
+  if (locator != nullptr) {
+    kvfs_catalog_record_locator_close(&locator);
+  }
+}
+
+TEST(CatalogRename, KeyTooShortForAParent_IsInconsistent) {
+  for (const std::uint16_t length : {std::uint16_t{0}, std::uint16_t{3}}) {
+    expect_renamed_by_key(length, 0, kvfs_inconsistent,
+                          {"ERROR kvfs_catalog_rename_record Key of " + std::to_string(2 + length) +
+                           " bytes is too short for a parent.\n"});
+  }
+}
+
+TEST(CatalogRename, KeyThatEndsBehindItsParent_TellsIt) {
+  for (const std::uint16_t length : {std::uint16_t{4}, std::uint16_t{5}}) {
+    expect_renamed_by_key(
+        length, kAlpha, kvfs_invalid,
+        {"ERROR kvfs_catalog_rename_record Supplied catalog record locator has no parent locator.\n"});
+    expect_renamed_by_key(
+        length, kRootParentId, kvfs_internal,
+        {"ERROR kvfs_catalog_rename_record kvfs_catalog_rename_record: Unable to decrement valence!\n"});
+  }
 }
 
 TEST(CatalogRename, RecordTooShortForItsType_IsRefused) {
   Bytes folder(86);
   folder[1] = 1;
-  expect_refused_record(folder, kvfs_inconsistent,
-                        "ERROR kvfs_catalog_rename_record Unexpected data size for catalog record. Expected minimum: "
-                        "88 Actual: 86\n");
+  expect_refused_record(
+      folder, kvfs_inconsistent,
+      "ERROR kvfs_catalog_rename_record Unexpected data size for HFSPlusCatalogFolder. Expected minimum: "
+      "88 Actual: 86\n");
   Bytes file(246);
   file[1] = 2;
   expect_refused_record(file, kvfs_inconsistent,

@@ -741,15 +741,70 @@ TEST(CatalogCompareKeys, UnknownCompareType_OrdersFirstWithAMessage) {
              "ERROR kvfs_catalog_compare_keys Illegal value for compare_type: 0xCD\n");
 }
 
-TEST(CatalogCompareKeys, NameThatExceedsItsKey_IsMalformed) {
-  HFSPlusCatalogKey key = stored_key(20, u"abc");
-  key.nodeName.length.set(4);
-  const HFSPlusCatalogKey good = stored_key(20, u"abc");
+// A key whose name claims to be longer than it is.
+HFSPlusCatalogKey cut_key(std::uint32_t parent, const Name& name, std::uint16_t claimed) {
+  HFSPlusCatalogKey key = stored_key(parent, name);
+  key.nodeName.length.set(claimed);
+  return key;
+}
+
+void expect_malformed(const HFSPlusCatalogKey& a, const HFSPlusCatalogKey& b, std::uint8_t type,
+                      const std::string& message) {
   LogCapture log;
-  EXPECT_EQ(compare(key, good, kHFSCaseFolding), kvfs_key_malformed);
-  EXPECT_EQ(compare(good, key, kHFSCaseFolding), kvfs_key_malformed);
-  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 4 and 3 units do not fit their keys (12 and 12 bytes).\n",
-             "ERROR kvfs_catalog_compare_keys Names of 3 and 4 units do not fit their keys (12 and 12 bytes).\n");
+  EXPECT_EQ(compare(a, b, type), kvfs_key_malformed);
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys " + message);
+}
+
+TEST(CatalogCompareKeys, NameComparedBeyondItsKey_IsMalformed) {
+  const HFSPlusCatalogKey cut = cut_key(20, u"abc", 4);
+  const HFSPlusCatalogKey good = stored_key(20, u"abc");
+  for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
+    expect_malformed(cut, good, type, "Names of 4 and 3 units do not fit their keys (12 and 12 bytes).\n");
+    expect_malformed(good, cut, type, "Names of 3 and 4 units do not fit their keys (12 and 12 bytes).\n");
+    expect_malformed(cut, stored_key(20, u"abcd"), type,
+                     "Names of 4 and 4 units do not fit their keys (12 and 14 bytes).\n");
+    expect_malformed(cut, cut, type, "Names of 4 and 4 units do not fit their keys (12 and 12 bytes).\n");
+  }
+}
+
+TEST(CatalogCompareKeys, NameBeyondItsKeyThatIsNotNeeded_DoesNotMatter) {
+  LogCapture log;
+  for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
+    const HFSPlusCatalogKey cut = cut_key(20, u"abc", 0xFFFF);
+    expect_order(cut, stored_key(21, u"abc"), type, -1);  // parents decide first
+    expect_order(cut, stored_key(20, u"abb"), type, 1);   // and then the first unit that differs
+    expect_order(cut, stored_key(20, u"abdef"), type, -1);
+    expect_order(cut, stored_key(20, u"ab"), type, 1);  // the other name ends before this one's key does
+    expect_order(cut_key(2, u"", 1), stored_key(1, u"x"), type, 1);
+  }
+  EXPECT_LOG(log);
+}
+
+TEST(CatalogCompareKeys, OddByteOfAKey_IsNoUnit) {
+  HFSPlusCatalogKey key = stored_key(20, u"ab");
+  key.keyLength.set(9);
+  expect_malformed(key, stored_key(20, u"ab"), kHFSBinaryCompare,
+                   "Names of 2 and 2 units do not fit their keys (9 and 10 bytes).\n");
+}
+
+TEST(CatalogCompareKeys, NameUnderTheRootWithoutAFirstUnit_IsMalformed) {
+  const HFSPlusCatalogKey cut = cut_key(kHFSRootFolderID, u"", 3);
+  for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
+    expect_malformed(cut, stored_key(2, u""), type, "Names of 3 and 0 units do not fit their keys (6 and 6 bytes).\n");
+    expect_malformed(stored_key(2, u"a"), cut, type, "Names of 1 and 3 units do not fit their keys (8 and 6 bytes).\n");
+  }
+  // A private name decides before the other key's name is looked at.
+  LogCapture log;
+  expect_order(stored_key(2, Name(2, u'\0')), stored_key(2, u"a"), kHFSBinaryCompare, -1);
+  EXPECT_EQ(compare(stored_key(2, Name(2, u'\0')), cut, kHFSBinaryCompare), -1);
+  EXPECT_EQ(compare(stored_key(2, Name(2, u'\0')), cut, kHFSCaseFolding), 1);
+  EXPECT_LOG(log);
+}
+
+TEST(CatalogCompareKeys, BinaryNamesThatMeetInANul_AreEqualBeforeTheKeyEnds) {
+  LogCapture log;
+  EXPECT_EQ(compare(cut_key(20, Name{u'a', u'\0'}, 9), stored_key(20, u"a"), kHFSBinaryCompare), 0);
+  EXPECT_LOG(log);
 }
 
 TEST(CatalogCompareKeys, KeyLongerThanItsName_IsAccepted) {
@@ -810,6 +865,24 @@ TEST(CatalogWidecharToUtf8, LongestName_Fits) {
   EXPECT_EQ(count, 3u * 255);
 }
 
+// What a pair of surrogates lies across must not matter, wherever it is.
+TEST(CatalogWidecharToUtf8, TextLongerThanAName_IsConvertedWhole) {
+  for (std::size_t length = 250; length < 260; ++length) {
+    const Name name = Name(length, u'a') + u"\U0001F600" + Name(600, u'\u20ac') + u"\\";
+    std::size_t count = 0;
+    EXPECT_EQ(to_text(name, 4000, &count), to_utf8(Name(name, 0, name.size() - 1)) + "/");
+    EXPECT_EQ(count, length + 4 + 1801);
+    EXPECT_EQ(to_text(name, count + 1, &count), to_utf8(Name(name, 0, name.size() - 1)) + "/");
+  }
+}
+
+TEST(CatalogWidecharToUtf8, Nul_EndsTheTextWhateverFollows) {
+  std::size_t count = 0;
+  EXPECT_EQ(to_text(Name(300, u'a') + Name(1, u'\0') + Name(300, char16_t{0xDE00}), 4000, &count),
+            std::string(300, 'a'));
+  EXPECT_EQ(to_text(Name(1, u'a') + Name(1, u'\0') + Name(300, u'b'), 2, &count), "a");
+}
+
 TEST(CatalogWidecharToUtf8, BadInput_GivesNothingWithAMessage) {
   const struct {
     Name name;
@@ -819,7 +892,11 @@ TEST(CatalogWidecharToUtf8, BadInput_GivesNothingWithAMessage) {
       {u"abcd", 0},                     // no room at all
       {Name(1, char16_t{0xD83D}), 64},  // a high surrogate alone
       {Name(1, char16_t{0xDE00}), 64},  // a low surrogate alone
-      {Name(256, u'a'), 1000},          // longer than a name can be
+      {Name(300, char16_t{0xD83D}), 2000},
+      {Name(300, u'a') + Name(1, char16_t{0xD83D}), 2000},
+      {Name(254, u'a') + Name(1, char16_t{0xD83D}) + u"a", 2000},
+      {Name(255, u'a') + Name(1, char16_t{0xDE00}), 2000},
+      {Name(300, u'a'), 300},
   };
   for (const auto& row : table) {
     LogCapture log;

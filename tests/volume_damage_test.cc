@@ -482,8 +482,8 @@ TEST(VolumeDamage, IndexNode_IsFoundByTheSearch) {
       {"root.record[0].key.nodeName.length",
        0xFF,
        kvfs_inconsistent,
-       Stop::kThread,
-       {"ERROR kvfs_catalog_compare_keys Names of 255 and 0 units do not fit their keys (16 and 6 bytes).\n",
+       Stop::kTarget,
+       {"ERROR kvfs_catalog_compare_keys Names of 255 and 5 units do not fit their keys (16 and 16 bytes).\n",
         in_search + "Invalid node data: The key of record 0 of node " + root + " contradicts itself.\n"}},
   };
   for (const Damage& damage : table) {
@@ -507,10 +507,16 @@ TEST(VolumeDamage, IndexNodesThatLeadInACircle_EndTheSearch) {
                {"ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n"}});
 }
 
-// What a search says that meets a name longer than its key, in record `record` of the only leaf.
-Lines name_exceeds_key(int name, int key, int record) {
-  return {"ERROR kvfs_catalog_compare_keys Names of " + std::to_string(name) + " and 0 units do not fit their keys (" +
-              std::to_string(key) + " and 6 bytes).\n",
+std::string too_small(int length) {
+  return "ERROR kvfs_catalog_compare_keys Data in A is too small to be a HFSPlusCatalogKey (" + std::to_string(length) +
+         " bytes).\n";
+}
+
+// What a search says that needs more of a name than its key holds, in record `record` of the only leaf.
+Lines name_exceeds_key(int name, int key, int record, int searched) {
+  return {"ERROR kvfs_catalog_compare_keys Names of " + std::to_string(name) + " and " + std::to_string(searched) +
+              " units do not fit their keys (" + std::to_string(key) + " and " + std::to_string(6 + 2 * searched) +
+              " bytes).\n",
           "ERROR kvfs_btree_search_node_internal Invalid node data: The key of record " + std::to_string(record) +
               " of node 1 contradicts itself.\n"};
 }
@@ -520,8 +526,8 @@ TEST(VolumeDamage, KeyOfTheRootFolder_IsFoundByTheSearch) {
   const Damage table[] = {
       {"folder.key.keyLength", 0, kvfs_inconsistent, Stop::kNotFound, {too_small(0), too_small(0)}},
       {"folder.key.keyLength", 5, kvfs_inconsistent, Stop::kNotFound, {too_small(5), too_small(5)}},
-      {"folder.key.keyLength", 6, kvfs_inconsistent, Stop::kThread, name_exceeds_key(5, 6, 0)},
-      {"folder.key.keyLength", 15, kvfs_inconsistent, Stop::kThread, name_exceeds_key(5, 15, 0)},
+      {"folder.key.keyLength", 6, kvfs_inconsistent, Stop::kTarget, name_exceeds_key(5, 6, 0, 5)},
+      {"folder.key.keyLength", 15, kvfs_inconsistent, Stop::kTarget, name_exceeds_key(5, 15, 0, 5)},
       {"folder.key.keyLength", 18, kvfs_ok, Stop::kNowhere},
       {"folder.key.keyLength",
        200,
@@ -538,9 +544,9 @@ TEST(VolumeDamage, KeyOfTheRootFolder_IsFoundByTheSearch) {
       {"folder.key.parentID", 2, kvfs_inconsistent, Stop::kNotFound},
       {"folder.key.nodeName.length", 0, kvfs_inconsistent, Stop::kNotFound},
       {"folder.key.nodeName.length", 4, kvfs_inconsistent, Stop::kNotFound},
-      {"folder.key.nodeName.length", 6, kvfs_inconsistent, Stop::kThread, name_exceeds_key(6, 16, 0)},
-      {"folder.key.nodeName.length", 256, kvfs_inconsistent, Stop::kThread, name_exceeds_key(256, 16, 0)},
-      {"folder.key.nodeName.length", 0xFFFF, kvfs_inconsistent, Stop::kThread, name_exceeds_key(65535, 16, 0)},
+      {"folder.key.nodeName.length", 6, kvfs_inconsistent, Stop::kTarget, name_exceeds_key(6, 16, 0, 5)},
+      {"folder.key.nodeName.length", 256, kvfs_inconsistent, Stop::kTarget, name_exceeds_key(256, 16, 0, 5)},
+      {"folder.key.nodeName.length", 0xFFFF, kvfs_inconsistent, Stop::kTarget, name_exceeds_key(65535, 16, 0, 5)},
       {"folder.key.nodeName.unicode[0]", 0, kvfs_inconsistent, Stop::kNotFound},
       {"folder.recordType", 9, kvfs_ok, Stop::kNowhere},  // the label is in the key
   };
@@ -559,7 +565,7 @@ TEST(VolumeDamage, ThreadOfTheRootFolder_IsFoundByTheSearch) {
       {"thread.key.keyLength", 0, kvfs_inconsistent, Stop::kNotFound, {too_small(0)}},
       {"thread.key.keyLength", 5, kvfs_inconsistent, Stop::kNotFound, {too_small(5)}},
       {"thread.key.parentID", 9, kvfs_inconsistent, Stop::kNotFound},
-      {"thread.key.nodeName.length", 1, kvfs_inconsistent, Stop::kThread, name_exceeds_key(1, 6, 1)},
+      {"thread.key.nodeName.length", 1, kvfs_inconsistent, Stop::kThread, name_exceeds_key(1, 6, 1, 0)},
       {"thread.recordType", 4, kvfs_ok, Stop::kNowhere},
       {"thread.parentID", 9, kvfs_inconsistent, Stop::kNotFound},
       {"thread.nodeName.length", 0, kvfs_inconsistent, Stop::kNotFound},
@@ -576,6 +582,21 @@ TEST(VolumeDamage, ThreadOfTheRootFolder_IsFoundByTheSearch) {
     // What is no thread record is not followed, and its own key has an empty name.
     expect_damage_found(volume, {"thread.recordType", type, kvfs_ok, Stop::kNowhere}, "");
   }
+}
+
+// Without data the thread has no type: it is not taken for a record that leads nowhere and names an empty label.
+TEST(VolumeDamage, ThreadOfTheRootFolderWithoutData_IsTooShort) {
+  VolumeDescription description;
+  description.set_label("Label");
+  description.root.with_thread = false;
+  description.extra_catalog_records.emplace_back(thread_key(kRootFolderId), Bytes{});
+  const TestDevice device(build_volume(description));
+  LogCapture log;
+  std::string label;
+  EXPECT_EQ(open_and_close(device.get(), &label), kvfs_inconsistent);
+  EXPECT_LOG(log, "ERROR kvfs_catalog_search_by_cnid Record of 0 bytes is too short for a record type.\n",
+             "ERROR kvfs_volume_setup Error while looking up root directory.\n",
+             "ERROR kvfs_volume_create Error while setting up HFS volume.\n");
 }
 
 TEST(VolumeDamage, CompareTypeOfTheCatalog_IsReportedForEveryKey) {

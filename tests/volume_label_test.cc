@@ -109,6 +109,19 @@ TEST(VolumeSetLabel, NameThatBeginsWithANul_IsStoredAsGiven) {
   expect_set(small_volume(), Name(u"\0\0label", 7));
 }
 
+// A label may be a part of the one that the volume holds in memory: the two then overlap.
+TEST(VolumeSetLabel, PartOfTheLabelInMemory_IsSet) {
+  VolumeDescription description = small_description();
+  description.label = u"Old and long label";
+  const Volume before = build_volume(description);
+  const LabelVolume volume(before);
+  ASSERT_EQ(kvfs_volume_set_label(volume.get(), volume.get()->label + 4, *volume.get()->label_length - 4), kvfs_ok);
+  EXPECT_EQ(volume.label(), u"and long label");
+  ASSERT_EQ(kvfs_volume_set_label(volume.get(), volume.get()->label, *volume.get()->label_length), kvfs_ok);
+  EXPECT_EQ(volume.label(), u"and long label");
+  EXPECT_EQ(faults_of_change(before, volume.flushed(), u"and long label"), "");
+}
+
 TEST(VolumeSetLabel, SameNameAgain_LeavesTheVolumeAsItIs) {
   const Volume before = small_volume();
   const LabelVolume volume(before);

@@ -45,7 +45,8 @@ static kvfs_result deliver(const char* text, std::size_t length) {
   return kvfs_ok;
 }
 
-kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
+// Converts the label to what is printed. `text` is allocated.
+static kvfs_result convert_label_to_text(const kvfs_volume* volume, kvfs_owned<char>* text, std::size_t* text_length) {
   const kvfs_owned<unsigned char> buffer = kvfs_allocate_bytes(*volume->label_length * sizeof(std::uint16_t));
   if (!buffer) {
     std::fputs("Error while allocating memory for native-endian label.\n", stderr);
@@ -57,15 +58,20 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
   if (result != kvfs_ok) {
     return result;
   }
-  char* text = nullptr;
-  std::size_t text_length = 0;
-  result = kvfs_unicode_unistr_to_utf8(native, native_length, kUnicodeHostOrder, &text, &text_length);
+  char* converted = nullptr;
+  result = kvfs_unicode_unistr_to_utf8(native, native_length, kUnicodeHostOrder, &converted, text_length);
   if (result != kvfs_ok) {
     std::fputs("Error while converting UTF-16 string to UTF-8.\n", stderr);
-    return result;
   }
-  const kvfs_owned<char> owned_text(text);
-  return deliver(text, text_length);
+  text->reset(converted);
+  return result;
+}
+
+kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
+  kvfs_owned<char> text;
+  std::size_t length = 0;
+  const kvfs_result result = convert_label_to_text(volume, &text, &length);
+  return result == kvfs_ok ? deliver(text.get(), length) : result;
 }
 
 // ---- Setting -------------------------------------------------------------------------------------------------------
@@ -120,7 +126,41 @@ static const kvfs_be16* swap_to_big_endian(const utf16_text& text) {
   return stored;
 }
 
-kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label) {
+// Whether a record's key holds the label that the volume has in memory, as its name.
+static bool holds_label(const kvfs_btree_record_locator* record, const kvfs_volume* volume) {
+  const std::uint32_t length = *volume->label_length;
+  const std::size_t size = length * sizeof(kvfs_be16);
+  if (record->key_length < kHFSPlusCatalogKeyNameOffset + size) {
+    return false;
+  }
+  const HFSUniStr255* const name = &kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName;
+  return name->length.get() == length && std::memcmp(name->unicode, volume->label, size) == 0;
+}
+
+// Whether the changed catalog leads to the root folder under its new label, as whoever opens the volume looks for it.
+static bool finds_label(const kvfs_volume* volume) {
+  kvfs_catalog_search_result root;
+  kvfs_catalog_search_result_init(&root);
+  const bool found = kvfs_catalog_search_by_cnid(volume->catalog, kHFSRootFolderID, true, &root) == kvfs_ok &&
+                     root.found != 0 && holds_label(root.locator->btree_locator, volume);
+  kvfs_catalog_search_result_release(&root);
+  return found;
+}
+
+// Reads a label that was set back before it reaches the device: what cannot be found again, or cannot be printed, must
+// not take the place of a label that can.
+static kvfs_result read_label_back(const kvfs_volume* volume) {
+  kvfs_owned<char> text;
+  std::size_t length = 0;
+  if (finds_label(volume) && convert_label_to_text(volume, &text, &length) == kvfs_ok) {
+    return kvfs_ok;
+  }
+  std::fputs("Error while reading the changed volume label back.\n", stderr);
+  return kvfs_inconsistent;
+}
+
+// Renames the root folder in the cache.
+static kvfs_result change_label(kvfs_volume* volume, const char* label) {
   utf16_text text = {};
   kvfs_result result = convert_new_label(label, &text);
   if (result != kvfs_ok) {
@@ -134,6 +174,16 @@ kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label) {
   result = kvfs_volume_set_label(volume, swap_to_big_endian(decomposed), decomposed.length);
   if (result != kvfs_ok) {
     std::fputs("Error while changing volume label.\n", stderr);
+  }
+  return result;
+}
+
+kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label) {
+  kvfs_result result = change_label(volume, label);
+  if (result == kvfs_ok) {
+    result = read_label_back(volume);
+  }
+  if (result != kvfs_ok) {
     return result;
   }
   result = kvfs_fork_flush((*volume->catalog->btree)->fork);

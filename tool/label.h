@@ -21,13 +21,15 @@ inline std::uint32_t output_mode = kOutputComposed;
 // standard output does not take it.
 kvfs_result kvfslabel_print_label(const kvfs_volume* volume);
 
-// Renames the root folder and flushes the catalog file; the volume header is not written.
+// Renames the root folder, reads the label back from the changed catalog as if to open the volume and to print it, and
+// flushes the catalog file; the volume header is not written.
 //
 //   label  UTF-8, NUL-terminated; at most 255 UTF-16 units once it is decomposed
 //
 // Returns kvfs_ok; kvfs_invalid when the label is malformed or too long; kvfs_internal for a character of four bytes
-// that is out of range; kvfs_no_memory; kvfs_overflow; or the failure of the rename or the flush. Nothing on the device
-// has changed unless the flush had begun.
+// that is out of range; kvfs_inconsistent when the label could not be read back, for whatever reason; kvfs_no_memory;
+// kvfs_overflow; or the failure of the rename or the flush. Nothing on the device has changed unless the flush had
+// begun.
 kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label);
 
 #endif  // KVFSLABEL_LABEL_H

@@ -171,7 +171,7 @@ std::vector<Shape> shapes() {
        "14 new, 0 refused, 0 other, 0 lose files"},
       {"IndexLonger", leave_room_in_leaves, kLonger,
        "3 writes; between them 4 cuts: 2 old, 2 new, 0 refused, 0 other, 0 lose files; within them 21 cuts: 7 old, "
-       "0 new, 14 refused, 0 other, 0 lose files"},
+       "7 new, 7 refused, 0 other, 7 lose files"},
       {"TwoIndexNodesLonger",
        [](VolumeDescription& d) {
          leave_room_in_leaves(d);
@@ -179,10 +179,10 @@ std::vector<Shape> shapes() {
        },
        kLonger,
        "4 writes; between them 5 cuts: 2 old, 3 new, 0 refused, 0 other, 0 lose files; within them 28 cuts: 7 old, "
-       "0 new, 21 refused, 0 other, 0 lose files"},
+       "14 new, 7 refused, 0 other, 14 lose files"},
       {"Split", [](VolumeDescription& d) { d.catalog.leaf_fill[0].free_bytes = 0; }, kTooLongForTheLeaf,
        "5 writes; between them 6 cuts: 2 old, 4 new, 0 refused, 0 other, 3 lose files; within them 35 cuts: 7 old, "
-       "14 new, 14 refused, 0 other, 14 lose files"},
+       "21 new, 7 refused, 0 other, 21 lose files"},
       {"SplitOfAnIndexNode",
        [](VolumeDescription& d) {
          d.catalog.node_size = 512;
@@ -199,8 +199,8 @@ std::vector<Shape> shapes() {
          d.catalog.extent_count = 12;
        },
        kLonger,
-       "5 writes; between them 6 cuts: 2 old, 2 new, 2 refused, 0 other, 0 lose files; within them 19 cuts: 7 old, "
-       "0 new, 12 refused, 0 other, 0 lose files"},
+       "5 writes; between them 6 cuts: 2 old, 3 new, 1 refused, 0 other, 1 lose files; within them 19 cuts: 7 old, "
+       "6 new, 6 refused, 0 other, 6 lose files"},
   };
 }
 

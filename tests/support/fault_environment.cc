@@ -3,6 +3,7 @@
 //   KVFS_FAULT=pread64:3:errno=5,malloc:2+   which calls fail, and how
 //   KVFS_FAULT_LIMIT=1048576                 refuses allocations of more bytes
 //   KVFS_MOUNTS=file                         stands for /proc/mounts
+//   KVFS_MOUNTS_ENCODED=any                  getmntent leaves devices as they are written there
 //   KVFS_TRACE=file                          records the file calls, a line for each, and the balance at exit:
 //                                            "exit allocations=N bytes=N peak=N locks=N delivered=N"
 //
@@ -45,6 +46,7 @@ class Environment {
     if (mounts != nullptr) {
       kvfs_test::redirect_fopen64("/proc/mounts", mounts);
     }
+    kvfs_test::leave_mounts_encoded(std::getenv("KVFS_MOUNTS_ENCODED") != nullptr);
     const char* const path = std::getenv("KVFS_TRACE");
     if (path != nullptr) {
       trace_ = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);

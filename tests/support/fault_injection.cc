@@ -166,6 +166,7 @@ std::atomic<State*> g_state = nullptr;
 std::atomic<int> g_trace = -1;
 const char* g_redirected = nullptr;  // the path that fopen64 looks up elsewhere
 const char* g_redirected_to = nullptr;
+bool g_mounts_encoded = false;  // what getmntent gives
 // Above zero while this thread is inside the bookkeeping, or the test has asked for a pause.
 thread_local int g_depth = 0;
 
@@ -643,6 +644,27 @@ void redirect_fopen64(const char* path, const char* file) {
   g_redirected_to = file;
 }
 
+void leave_mounts_encoded(bool encoded) {
+  g_mounts_encoded = encoded;
+}
+
+// A field of the mount table as the kernel writes it; good until the next call.
+static char* encoded_field(const char* field) {
+  static std::string text;
+  text.clear();
+  for (; *field != '\0'; ++field) {
+    if (std::strchr(" \t\n\\", *field) != nullptr) {
+      text += '\\';
+      for (const int shift : {6, 3, 0}) {
+        text += static_cast<char>('0' + (*field >> shift & 7));
+      }
+    } else {
+      text += *field;
+    }
+  }
+  return text.data();
+}
+
 // The file that a path stands for.
 static const char* redirected(const char* path) {
   return g_redirected != nullptr && std::strcmp(path, g_redirected) == 0 ? g_redirected_to : path;
@@ -775,6 +797,10 @@ struct mntent* __wrap_getmntent(FILE* stream) {
     errno = verdict.fault->error;
     return nullptr;
   }
-  return __real_getmntent(stream);
+  mntent* const entry = __real_getmntent(stream);
+  if (entry != nullptr && kvfs_test::g_mounts_encoded) {
+    entry->mnt_fsname = kvfs_test::encoded_field(entry->mnt_fsname);
+  }
+  return entry;
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

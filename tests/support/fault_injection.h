@@ -184,6 +184,10 @@ bool add_faults_from_text(FaultInjector& faults, std::string_view text);
 // by the caller; a null path ends it.
 void redirect_fopen64(const char* path, const char* file);
 
+// Makes getmntent hand out the device of an entry as the kernel writes it, with blanks and backslashes as three octal
+// digits, as some C libraries do.
+void leave_mounts_encoded(bool encoded);
+
 // Appends a line for each open64, fopen64, flock, pread64 and pwrite64 in the scope to the descriptor, at the time of
 // the call: "open64 PATH flags=F = FD", "flock FD OPERATION = R", "pread64 FD offset=O size=S = R". -1 turns it off.
 void trace_calls_to(int fd);

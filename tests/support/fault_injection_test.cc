@@ -479,6 +479,19 @@ TEST(MountTable, EntryFailed_EndsTheTable) {
   std::fclose(table);
 }
 
+TEST(MountTable, LeftEncoded_GivesDevicesAsTheyAreWritten) {
+  const TemporaryFile file("/dev/a\\040\\134b /a x rw 0 0\n/dev/b /b x rw 0 0\n");
+  FILE* const table = fopen64(file.path(), "r");
+  ASSERT_NE(table, nullptr);
+  leave_mounts_encoded(true);
+  EXPECT_STREQ(getmntent(table)->mnt_fsname, "/dev/a\\040\\134b");
+  EXPECT_STREQ(getmntent(table)->mnt_fsname, "/dev/b");
+  std::rewind(table);
+  leave_mounts_encoded(false);
+  EXPECT_STREQ(getmntent(table)->mnt_fsname, "/dev/a \\b");
+  std::fclose(table);
+}
+
 TEST(Records, Cleared_CountsStay) {
   const TemporaryFile file("0123456789");
   FaultInjector faults;

@@ -290,7 +290,11 @@ void Builder::add_extra_entries() {
 
 void Builder::sort_entries() {
   const bool binary = key_compare_type() == 0xBC;
-  const auto compare = [binary](const Entry& a, const Entry& b) {
+  const bool by_units = description_.nul_names_by_units;
+  const auto compare = [binary, by_units](const Entry& a, const Entry& b) {
+    if (by_units && a.parent == b.parent && (a.name.starts_with(u'\0') || b.name.starts_with(u'\0'))) {
+      return a.name.compare(b.name);
+    }
     return compare_entries(a.parent, a.name, b.parent, b.name, binary);
   };
   std::stable_sort(entries_.begin(), entries_.end(),

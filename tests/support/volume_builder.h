@@ -88,6 +88,8 @@ class VolumeDescription {
   bool hfsx = false;
   bool case_sensitive = false;  // key compare type 0xBC (HFSX in practice, but either is made), else 0xCF
   std::optional<std::uint8_t> key_compare_type;  // any other value
+  bool nul_names_by_units = false;               // names that begin with a NUL stand where their units put them, behind
+                                                 // the thread of the folder; else as the library compares them
   bool folder_counts = false;                    // folders keep a folder count (flag 0x1000)
   Item root;                                     // its parent, ID and name are set by the builder
   std::uint64_t size = 0;                        // bytes of the device; 0: what is needed + spare_blocks

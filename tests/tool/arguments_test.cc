@@ -172,24 +172,59 @@ TEST(ToolMountTable, SameDeviceUnderAnotherPath_IsNotDetected) {
   EXPECT_EQ(run_with_mounts(detour, image.path() + " /mnt hfsplus rw 0 0\n"), printed(kComposed));
 }
 
-TEST(ToolMountTable, EscapedPath_IsRefusedInEitherForm) {
-  // The C library hands this out decoded ...
-  EXPECT_EQ(run_with_mounts("/no such\tdisk\\", "/no\\040such\\011disk\\134 /mnt hfsplus rw 0 0\n"), failed(kRefusing));
-  // ... and this as the escape sequence that another C library leaves in place.
-  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134040such\\134040disk /mnt hfsplus rw 0 0\n"), failed(kRefusing));
-  EXPECT_EQ(run_with_mounts("/no\\040such", "/no\\134040such /mnt hfsplus rw 0 0\n"), failed(kRefusing));
-  EXPECT_EQ(run_with_mounts("/such\\no\\", "/such\\134134no\\134134 /mnt hfsplus rw 0 0\n"), failed(kRefusing));
+// What the tool says of a path while the mount table names a device so, with a C library that decodes its fields and
+// with one that does not.
+std::pair<std::string, std::string> refusals(const std::string& path, const std::string& device) {
+  const ScratchFile table("proc /proc proc rw 0 0\n" + device + " /mnt hfsplus rw 0 0\nsys /sys sysfs rw 0 0\n");
+  const std::string& file = table.path();
+  const ToolRun decoded = run_traced({path}, "", {.environment = {{"KVFS_MOUNTS", file}}}).run;
+  const ToolRun encoded =
+      run_traced({path}, "", {.environment = {{"KVFS_MOUNTS", file}, {"KVFS_MOUNTS_ENCODED", "1"}}}).run;
+  EXPECT_EQ(decoded.status + encoded.status, 2);
+  return {decoded.err, encoded.err};
+}
+
+const std::pair<std::string, std::string> kRefusedByBoth = {kRefusing, kRefusing};
+const std::string kMissing = "Error while opening HFS+ volume in read mode.\n";
+const std::pair<std::string, std::string> kRefusedByNone = {kMissing, kMissing};
+
+TEST(ToolMountTable, EscapedPath_IsRefusedWhateverTheLibraryDecodes) {
+  EXPECT_EQ(refusals("/no such\tdisk\\", "/no\\040such\\011disk\\134"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no\nsuch\\\\", "/no\\012such\\134\\134"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no#such", "/no\\043such"), kRefusedByBoth) << "newer kernels escape it, libraries know nothing";
+}
+
+// A device is decoded once: what is left then may look like an escape sequence and is none.
+TEST(ToolMountTable, NameThatLooksEscaped_IsDecodedOnce) {
+  EXPECT_EQ(refusals("/no\\040such", "/no\\134040such"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no such", "/no\\134040such"), kRefusedByNone);
+  EXPECT_EQ(refusals("/no\\134040such", "/no\\134134040such"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no\\040such", "/no\\134134040such"), kRefusedByNone);
+}
+
+// The one device must not hide the other.
+TEST(ToolMountTable, DevicesThatDifferByAnEscape_AreBothRefused) {
+  EXPECT_EQ(refusals("/no such", "/no\\134040such / x rw 0 0\n/no\\040such"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no\\040such", "/no\\040such / x rw 0 0\n/no\\134040such"), kRefusedByBoth);
 }
 
 TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
-  const std::string missing = "Error while opening HFS+ volume in read mode.\n";
-  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\13440such /mnt hfsplus rw 0 0\n"), failed(missing));
-  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134048such /mnt hfsplus rw 0 0\n"), failed(missing));
-  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134084such /mnt hfsplus rw 0 0\n"), failed(missing));
-  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\134/40such /mnt hfsplus rw 0 0\n"), failed(missing));
-  EXPECT_EQ(run_with_mounts("/no such disk", "/no\\040such /mnt hfsplus rw 0 0\n"), failed(missing));
-  EXPECT_EQ(run_with_mounts("/nosuch", "/nosuch\\134 /mnt hfsplus rw 0 0\n"), failed(missing));
-  EXPECT_EQ(run_with_mounts("/no", "/no\\134000x /mnt hfsplus rw 0 0\n"), failed(missing));
+  EXPECT_EQ(refusals("/no such disk", "/no\\40such disk"), kRefusedByNone);
+  EXPECT_EQ(refusals("/no such", "/no\\048such"), kRefusedByNone);
+  EXPECT_EQ(refusals("/no such", "/no\\084such"), kRefusedByNone);
+  EXPECT_EQ(refusals("/no such", "/no\\/40such"), kRefusedByNone);
+  EXPECT_EQ(refusals("/nosuch", "/nosuch\\"), kRefusedByNone);
+  EXPECT_EQ(refusals("/nosuch\\", "/nosuch\\134"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no", "/no\\000x"), kRefusedByNone);
+  EXPECT_EQ(refusals("/no", "/no\\000"), kRefusedByNone);
+  EXPECT_EQ(refusals("/no\\04such", "/no\\04such").first, kRefusing);
+}
+
+// The first field may be longer than any buffer, and the last line may lack its end.
+TEST(ToolMountTable, LinesOfAnyLength_AreRead) {
+  const std::string options(100000, 'o');
+  EXPECT_EQ(refusals("/no such", "overlay / overlay " + options + "\n/no\\040such"), kRefusedByBoth);
+  EXPECT_EQ(run_with_mounts("/no such", "/no\\040such /mnt hfsplus rw 0 0"), failed(kRefusing));
 }
 
 TEST(ToolMountTable, TableThatCannotBeOpened_IsAFailureWithItsReason) {

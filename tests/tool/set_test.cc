@@ -242,11 +242,56 @@ TEST(ToolSet, FourByteSequenceOutsideItsRange_IsAnInternalErrorAndChangesNothing
   }
 }
 
-TEST(ToolSet, SequenceJustBeyondUnicodeAtTheEnd_IsStoredAsTwoUnits) {
+// ---- Labels that cannot be read back -------------------------------------------------------------------------------
+
+constexpr char kNotReadBack[] = "Error while reading the changed volume label back.\n";
+
+// The converter lets a last character beyond U+10FFFF through, as two units that no converter takes back.
+TEST(ToolSet, CharacterJustBeyondUnicodeAtTheEnd_IsRefusedAndChangesNothing) {
   const ScratchFile image(small_volume());
-  EXPECT_EQ(run_tool({image.path(), "\xF4\x90\x80\x80"}), printed(""));
-  EXPECT_EQ(read_label(image.volume()), u"\xDC00\xDC00");
-  EXPECT_EQ(joined(check_volume(image.volume())), "");
+  for (const char* const label : {"\xF4\x90\x80\x80", "long before \xF4\x90\x80\x80", "\xF4\xBF\xBF\xBF"}) {
+    expect_refused(image, label, std::string("Error while converting UTF-16 string to UTF-8.\n") + kNotReadBack);
+  }
+}
+
+// A catalog in binary order, in nodes of one sector: in the first leaf the root folder's two records, a private folder
+// and one more.
+Volume volume_with_private_name_in_the_first_leaf() {
+  VolumeDescription description;
+  description.hfsx = description.case_sensitive = description.nul_names_by_units = true;
+  description.label = u"o";
+  description.block_size = description.catalog.node_size = 512;
+  (void)description.private_folder();
+  (void)description.add_folders(kRootFolderId, 12, "d", 10);
+  description.catalog.leaf_fill[0].max_records = 4;
+  return build_volume(description);
+}
+
+// When the new thread record splits the leaf before the private folder, whose name orders before the thread's empty
+// one, the index leads past the thread: nothing would find the root folder any more.
+TEST(ToolSet, SplitThatLetsALeafBeginWithAPrivateName_IsRefusedAndChangesNothing) {
+  const ScratchFile image(volume_with_private_name_in_the_first_leaf());
+  expect_refused(image, std::string(50, 'L'), kNotReadBack);
+  EXPECT_EQ(run_tool({image.path()}), printed("o\n"));
+  EXPECT_EQ(run_tool({image.path(), std::string(20, 'S')}), printed("")) << "one that needs no split is set";
+  EXPECT_EQ(run_tool({image.path()}), printed(std::string(20, 'S') + "\n"));
+}
+
+// ---- Printing without opening the volume anew ----------------------------------------------------------------------
+
+TEST(ToolSet, LabelPrintedWithoutReopening_IsTheNewOne) {
+  const ScratchFile image(small_volume());
+  for (const char* const label : {"New label", "", "Caf\xC3\xA9", "\xF0\x9F\x98\x80"}) {
+    EXPECT_EQ(run_program(SET_AND_PRINT_PATH, {image.path(), label}), printed(label + std::string("\n")));
+    EXPECT_EQ(run_tool({image.path()}), printed(label + std::string("\n")));
+  }
+}
+
+TEST(ToolSet, RefusedLabel_IsNotPrintedWithoutReopening) {
+  const ScratchFile image(small_volume());
+  EXPECT_EQ(run_program(SET_AND_PRINT_PATH, {image.path(), "\x80"}),
+            failed("Error when converting volume label from UTF-8 to UTF-16.\n"));
+  EXPECT_EQ(run_tool({image.path()}), printed("Untitled\n"));
 }
 
 // ---- How the device is used ----------------------------------------------------------------------------------------
