@@ -54,6 +54,13 @@ static void set_dirty_items(kvfs_fork* fork, std::size_t count) {
   __atomic_store_n(&fork->priv->dirty_items, count, __ATOMIC_RELAXED);
 }
 
+// Takes an item that had modified blocks off the count when it has none any more.
+static void count_out_if_clean(kvfs_fork* fork, const kvfs_fork_cache_item* item) {
+  if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
+    set_dirty_items(fork, dirty_items(fork) - 1);
+  }
+}
+
 // ---- Extents -------------------------------------------------------------------------------------------------------
 
 // The blocks that extents account for. The sum has 32 bits, as a fork's block count has.
@@ -1230,9 +1237,7 @@ static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, st
   if (unlocked != kvfs_ok) {
     KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item's item lock.\n");
   }
-  if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
-    set_dirty_items(fork, dirty_items(fork) - 1);
-  }
+  count_out_if_clean(fork, item);
   return kvfs_result_keep(result, unlocked);
 }
 
@@ -1505,10 +1510,50 @@ static void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data) 
   resize->extents_count = count;
 }
 
+// Forgets the blocks of an item from block `first` of it on, those that wait to be written included.
+static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64_t first) {
+  kvfs_fork_cache_item* const item = fork->priv->items[item_index];
+  const std::uint64_t blocks_per_item = fork->priv->item_size / fork->priv->modificationBitmapBlockSize;
+  const bool was_clean = item->dirty_blocks == 0;
+  for (std::uint64_t block = first; block < blocks_per_item; ++block) {
+    unsigned char* const valid = &item->valid_bitmap[bitmap_byte(block)];
+    *valid = static_cast<unsigned char>(*valid & ~bitmap_mask(item_index * blocks_per_item + block));
+    unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];
+    if ((*modified & bitmap_mask(block)) != 0) {
+      *modified = static_cast<unsigned char>(*modified & ~bitmap_mask(block));
+      --item->dirty_blocks;
+    }
+  }
+  if (!was_clean) {
+    count_out_if_clean(fork, item);
+  }
+}
+
+// Forgets what the cache holds behind an old or new end of the fork: what comes there lies elsewhere on the device. What
+// was modified there has been flushed. The cache's block that lies across the end is read again too, unless it was
+// modified before the end; then it has zeros behind it.
+static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
+  const kvfs_fork_private* const priv = fork->priv;
+  const std::uint64_t index = end / priv->item_size;
+  kvfs_fork_cache_item* const item = item_at(fork, index);
+  if (item == nullptr) {
+    return;
+  }
+  const std::uint32_t unit = priv->modificationBitmapBlockSize;
+  const std::uint32_t offset = static_cast<std::uint32_t>(end % priv->item_size);
+  std::uint32_t first = offset / unit;
+  if (offset % unit != 0) {
+    std::memset(item->data + offset, 0, kvfs_min(unit - offset % unit, item->data_size - offset));
+    first += (item->modification_bitmap[bitmap_byte(first)] & bitmap_mask(first)) != 0 ? 1 : 0;
+  }
+  forget_blocks(fork, index, first);
+}
+
 // Puts the new size into effect: nothing can fail any more. Items behind the new end are not destroyed, since somebody
 // may hold a mapping of them; they wait for the end of the fork.
 static void apply_resize(fork_resize* resize) {
   kvfs_fork_private* const priv = resize->fork->priv;
+  const std::uint64_t common_end = kvfs_min(priv->logical_size, new_logical_size(*resize));
   for (std::uint32_t i = 0; i < priv->items_end; ++i) {
     kvfs_fork_cache_item* const item = priv->items[i];
     if (i < resize->items_length) {
@@ -1528,6 +1573,7 @@ static void apply_resize(fork_resize* resize) {
   priv->items_length = static_cast<std::uint32_t>(resize->items_length);
   priv->items_end = kvfs_min(priv->items_end, priv->items_length);
   priv->logical_size = new_logical_size(*resize);
+  forget_behind(resize->fork, common_end);
 }
 
 // ---- Growing -------------------------------------------------------------------------------------------------------
