@@ -24,17 +24,18 @@ struct kvfs_btree_record_locator_private {
   kvfs_btree_record_locator* previous;  // neighbours in the list of open locators
   kvfs_btree_record_locator* next;
   std::uint64_t reference_count;
-  std::uint32_t deleted;    // nonzero once the record was deleted
-  std::uint32_t is_vacant;  // nonzero for the place behind the last record of its node, empty when it was opened
+  std::uint32_t deleted;  // nonzero once the record was deleted
   std::uint32_t node;
   std::uint16_t index;
-  std::uint8_t index_height;       // of the index node in which a search found the place; 0 for any other node
   std::uint64_t fork_data_offset;  // of the record's data in the tree's fork, bytes
   kvfs_btree* tree;
   std::uint32_t record_key_offset;   // of the key in the record: 0
   std::uint32_t record_data_offset;  // of the data in the record: the key length rounded up to even
   std::uint32_t record_size;         // bytes
   unsigned char* record;             // the copy
+
+  std::uint32_t is_vacant;    // nonzero for the place behind the last record of its node, empty when it was opened
+  std::uint8_t index_height;  // of the index node in which a search found the place; 0 for any other node
 };
 
 // Opens the fork of a tree and checks its header node; parameters as kvfs_btree_create has them.

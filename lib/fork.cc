@@ -1138,14 +1138,26 @@ static std::uint64_t piece_offset(const flush_piece& piece) {
   return piece.fork_offset + (piece.position << piece.flush->sector_shift);
 }
 
-// Pieces must begin on sector borders, on the device and in the fork; an odd block size would shift what is written.
-static kvfs_result check_piece(const kvfs_fork_write_context* flush, std::uint64_t device_offset,
-                               std::uint64_t fork_offset) {
-  const std::uint64_t mask = sector_size_of(flush) - 1;
-  if ((device_offset & mask) != 0 || (fork_offset & mask) != 0) {
-    KVFS_ERROR_AS("kvfs_fork_process_write_io",
-                  "Extent piece at device offset %llu, fork offset %llu begins within a sector.\n",
-                  to_ull(device_offset), to_ull(fork_offset));
+// Where a piece ends in the fork, bytes: no later than the logical end, if the fork has one.
+static std::uint64_t end_of_piece(const kvfs_fork* fork, std::uint64_t fork_offset, std::uint64_t length) {
+  const std::uint64_t logical_size = fork->priv->logical_size;
+  return logical_size != 0 ? kvfs_min(fork_offset + length, logical_size) : fork_offset + length;
+}
+
+// Refuses a piece that shares a sector with a block of somebody else, which would be overwritten. The sector of the
+// logical end may go on behind it as far as the fork's last block does.
+static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::uint64_t fork_offset,
+                               std::uint64_t length) {
+  const kvfs_fork_write_context* const flush = static_cast<kvfs_fork_write_context*>(context);
+  const std::uint64_t sector_size = sector_size_of(flush);
+  const std::uint64_t block_size = flush->fork->block_size;
+  const std::uint64_t end = end_of_piece(flush->fork, fork_offset, length);
+  const std::uint64_t end_of_sectors = kvfs_divide_rounding_up(end, sector_size) * sector_size;
+  const std::uint64_t end_of_blocks = kvfs_divide_rounding_up(end, block_size) * block_size;
+  if (device_offset % sector_size != 0 || fork_offset % sector_size != 0 || end_of_sectors > end_of_blocks) {
+    KVFS_ERROR_AS("kvfs_fork_flush_internal",
+                  "Piece of %llu bytes at device offset %llu does not begin and end on sector borders.\n",
+                  to_ull(length), to_ull(device_offset));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -1270,21 +1282,13 @@ kvfs_result kvfs_fork_process_write_io(void* context, std::uint64_t device_offse
                                        std::uint64_t length) {
   kvfs_fork_write_context* const flush = static_cast<kvfs_fork_write_context*>(context);
   const std::uint64_t sector_size = sector_size_of(flush);
-  const std::uint64_t logical_size = flush->fork->priv->logical_size;
-  kvfs_result result = check_piece(flush, device_offset, fork_offset);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  std::uint64_t end = fork_offset + length;
-  if (logical_size != 0 && end >= logical_size) {
-    if (fork_offset >= logical_size) {
-      return kvfs_ok;
-    }
-    end = logical_size;
+  const std::uint64_t end = end_of_piece(flush->fork, fork_offset, length);
+  if (end <= fork_offset) {
+    return kvfs_ok;
   }
   const std::uint64_t sectors = kvfs_divide_rounding_up(end, sector_size) - fork_offset / sector_size;
   flush_piece piece = {flush, fork_offset, device_offset >> flush->sector_shift, sectors, 0};
-  result = flush_piece_items(&piece);
+  const kvfs_result result = flush_piece_items(&piece);
   if (result != kvfs_ok) {
     return result;
   }
@@ -1326,12 +1330,6 @@ static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector
                      to_ull(transfer_unit));
     return kvfs_inconsistent;
   }
-  if (fork->block_size % sector_size != 0) {
-    // The last sector of an extent would reach into a block of somebody else.
-    KVFS_ERROR_AS(kFunction, "Allocation block size (%lu) is not a multiple of sector size (%lu).\n",
-                  to_ul(fork->block_size), to_ul(sector_size));
-    return kvfs_inconsistent;
-  }
   return kvfs_ok;
 }
 
@@ -1362,7 +1360,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
     return kvfs_internal;
   }
   const std::uint32_t block_shift = unit_shift - sector_shift;
-  *flush = {fork, offset, sector_shift, block_shift, unit / sector_size};
+  *flush = {fork, sector_shift, block_shift, unit / sector_size, offset};
   return kvfs_ok;
 }
 
@@ -1380,7 +1378,10 @@ kvfs_result kvfs_fork_flush_internal(kvfs_fork* fork, std::uint64_t offset, std:
     KVFS_ERROR("Error while write-locking dirty lock.\n");
     return guard.result();
   }
-  result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, &flush);
+  result = kvfs_fork_do_device_io(fork, offset, length, check_piece, &flush);  // of all pieces, before the first write
+  if (result == kvfs_ok) {
+    result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, &flush);
+  }
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while writing fork to disk.\n");
   }
