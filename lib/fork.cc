@@ -63,14 +63,9 @@ static void count_out_if_clean(kvfs_fork* fork, const kvfs_fork_cache_item* item
 
 // ---- Extents -------------------------------------------------------------------------------------------------------
 
-// The blocks that extents account for. The sum has 32 bits, as a fork's block count has.
-struct found_blocks {
-  std::uint32_t count;
-  bool wrapped;  // whether the sum has left the 32 bits
-};
-
-// Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents.
-static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, found_blocks* found,
+// Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents. The
+// sum has 32 bits, as a fork's block count has.
+static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, std::uint32_t* found,
                                       std::uint32_t* used) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
   for (*used = 0; *used < kHFSPlusExtentDensity; ++*used) {
@@ -81,14 +76,13 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
         KVFS_ERROR_AS(kFunction, "Found zero-sized extent with non-0 start block.\n");
         return kvfs_inconsistent;
       }
-      if (found->count != total) {
+      if (*found != total) {
         KVFS_ERROR_AS(kFunction, "Last extent ends before the end of the fork.\n");
         return kvfs_inconsistent;
       }
       return kvfs_ok;
     }
-    found->wrapped = found->wrapped || count > kMaximum32 - found->count;
-    found->count += count;
+    *found += count;
   }
   return kvfs_ok;
 }
@@ -114,27 +108,36 @@ static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32
   return kvfs_ok;
 }
 
+// The records that were looked up. A sum of blocks that has wrapped can lead back to one of them, and from there round
+// and round. Comparing with one start block, exchanged at each power of two, finds that with constant memory.
+struct overflow_lookups {
+  std::uint32_t count;
+  std::uint32_t checkpoint;  // a start block that was looked up
+};
+
 // Reads the overflow record that goes on behind the blocks found so far.
-static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, found_blocks found,
-                                        HFSPlusExtentRecord* record) {
+static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, std::uint32_t found,
+                                        overflow_lookups* lookups, HFSPlusExtentRecord* record) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
-  if (found.wrapped) {
-    // The sum could lead back to a record that was used already, without end.
-    KVFS_ERROR_AS(kFunction, "Extents of CNID %lu hold more blocks than a volume can have.\n", to_ul(cnid));
+  if (lookups->count != 0 && found == lookups->checkpoint) {
+    KVFS_ERROR_AS(kFunction, "Overflow extents of CNID %lu lead back to where they began.\n", to_ul(cnid));
     return kvfs_inconsistent;
+  }
+  if (std::has_single_bit(++lookups->count)) {
+    lookups->checkpoint = found;
   }
   int exists = 0;
   const kvfs_result result =
-      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found.count, &exists, record);
+      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kFunction,
                   "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
-                  to_ul(cnid), to_ul(found.count));
+                  to_ul(cnid), to_ul(found));
     return result;
   }
   if (exists == 0) {
     KVFS_ERROR_AS(kFunction, "No overflow extent found for CNID %lu starting with block %lu.\n", to_ul(cnid),
-                  to_ul(found.count));
+                  to_ul(found));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -147,7 +150,8 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
   HFSPlusExtentRecord record = fork_data->extents;
   kvfs_owned<HFSPlusExtentDescriptor> array;
   std::uint32_t count = 0;
-  found_blocks found = {0, false};
+  std::uint32_t found = 0;  // blocks
+  overflow_lookups lookups = {0, 0};
   for (;;) {
     std::uint32_t used = 0;
     kvfs_result result = scan_extent_record(record, total, &found, &used);
@@ -157,7 +161,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
     if (result != kvfs_ok) {
       return result;
     }
-    if (found.count == total || (extents == nullptr && partial != 0)) {
+    if (found == total || (extents == nullptr && partial != 0)) {
       *out_array = array.release();
       *out_count = count;
       return kvfs_ok;
@@ -166,7 +170,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
       KVFS_CRITICAL("No kvfs_extents reference and we are not reading extents partially.\n");
       return kvfs_internal;
     }
-    result = next_overflow_record(extents, cnid, found, &record);
+    result = next_overflow_record(extents, cnid, found, &lookups, &record);
     if (result != kvfs_ok) {
       return result;
     }

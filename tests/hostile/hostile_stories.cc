@@ -118,11 +118,11 @@ std::vector<Story> made_up_stories() {
       "ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n";
   const char* const one_key =
       "ERROR kvfs_btree_search_node_internal Invalid node data: Record 1012 of node 1 lies outside of the node.\n";
-  const char* const too_many =
-      "ERROR kvfs_fork_resolve_extents Extents of CNID 4 hold more blocks than a volume can have.\n";
+  const char* const leads_back =
+      "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 lead back to where they began.\n";
   return {
       {"IndexNodesInACircle", index_circle, "Label", cyclic, cyclic},
-      {"WrappingOverflowRecords", wrapping_overflow_records, "Label", too_many, too_many},
+      {"WrappingOverflowRecords", wrapping_overflow_records, "Label", leads_back, leads_back},
       {"HundredThousandExtents", many_extents, "Label", "", ""},
       {"OneKeyManyTimes", one_key_many_times, "Label", one_key, one_key},
       {"MapNodesInARing", map_node_ring, std::string(20, 'L'), "",
