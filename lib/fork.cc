@@ -598,39 +598,39 @@ struct sector_run {
   std::uint32_t lead_out;  // bytes of the sector behind the run that belong to the piece
 };
 
-// Splits a piece into sectors. A piece that neither begins nor ends on a sector border within a sector has no run.
-static kvfs_result split_into_sectors(std::uint32_t sector_size, std::uint64_t device_offset, std::uint64_t length,
-                                      sector_run* run) {
-  if (sector_size == 0) {
-    KVFS_ERROR_AS("kvfs_fork_process_read_io", "Device has a sector size of 0.\n");
-    return kvfs_inconsistent;
-  }
+static sector_run split_into_sectors(std::uint32_t sector_size, std::uint64_t device_offset, std::uint64_t length) {
   const std::uint64_t end = device_offset + length;
-  run->first = device_offset / sector_size;
-  run->count = end / sector_size - run->first;
-  run->lead_in = static_cast<std::uint32_t>(device_offset % sector_size);
-  run->lead_out = static_cast<std::uint32_t>(end % sector_size);
-  if ((run->lead_in != 0 && run->count == 0) || run->count > kMaximum32) {
-    KVFS_ERROR_AS("kvfs_fork_process_read_io",
-                  "Piece of %llu bytes at device offset %llu cannot be read as a run of sectors.\n", to_ull(length),
-                  to_ull(device_offset));
-    return kvfs_inconsistent;
+  const std::uint64_t first = device_offset / sector_size;
+  return {first, end / sector_size - first, static_cast<std::uint32_t>(device_offset % sector_size),
+          static_cast<std::uint32_t>(end % sector_size)};
+}
+
+// Reads whole sectors. More of them than can be counted, as when a piece lies within one sector and their number is one
+// below 0, are the device's to refuse.
+static kvfs_result read_whole_sectors(kvfs_device* device, const sector_run& run, void* destination) {
+  const std::uint32_t count = static_cast<std::uint32_t>(kvfs_min(run.count, kMaximum32));
+  const kvfs_result result =
+      count == 0 ? kvfs_ok : kvfs_device_read_disk_sectors(device, run.first, count, &destination);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS("kvfs_fork_process_read_io", "Error while reading %llu fork sectors starting at sector %llu.\n",
+                  to_ull(run.count), to_ull(run.first));
   }
-  return kvfs_ok;
+  return result;
 }
 
 kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset, std::uint64_t /*fork_offset*/,
                                       std::uint64_t length) {
   kvfs_fork_read_context* const read = static_cast<kvfs_fork_read_context*>(context);
   const std::uint32_t sector_size = read->device->sector_size;
-  sector_run run = {};
-  kvfs_result result = split_into_sectors(sector_size, device_offset, length, &run);
-  if (result != kvfs_ok) {
-    return result;
+  if (sector_size == 0) {
+    KVFS_ERROR("Device has a sector size of 0.\n");
+    return kvfs_inconsistent;
   }
+  sector_run run = split_into_sectors(sector_size, device_offset, length);
   unsigned char* destination = read->destination + read->delivered;
+  kvfs_result result = kvfs_ok;
   if (run.lead_in != 0) {
-    const std::uint32_t part = sector_size - run.lead_in;
+    const std::uint32_t part = static_cast<std::uint32_t>(kvfs_min<std::uint64_t>(sector_size - run.lead_in, length));
     result = read_partial_sector(read->device, run.first, run.lead_in, part, destination);
     if (result != kvfs_ok) {
       KVFS_ERROR("Error while reading lead-in sector %llu.\n", to_ull(run.first));
@@ -640,13 +640,8 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
     --run.count;
     destination += part;
   }
-  void* straight = destination;
-  if (run.count != 0) {
-    result = kvfs_device_read_disk_sectors(read->device, run.first, static_cast<std::uint32_t>(run.count), &straight);
-  }
+  result = read_whole_sectors(read->device, run, destination);
   if (result != kvfs_ok) {
-    KVFS_ERROR("Error while reading %llu fork sectors starting at sector %llu.\n", to_ull(run.count),
-               to_ull(run.first));
     return result;
   }
   destination += run.count * sector_size;
