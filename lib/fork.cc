@@ -1529,8 +1529,8 @@ static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64
   }
 }
 
-// Forgets what the cache holds behind an old or new end of the fork: what comes there lies elsewhere on the device. What
-// was modified there has been flushed. The cache's block that lies across the end is read again too, unless it was
+// Forgets what the cache holds behind an old or new end of the fork: what comes there lies elsewhere on the device.
+// What was modified there has been flushed. The cache's block that lies across the end is read again too, unless it was
 // modified before the end; then it has zeros behind it.
 static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
   const kvfs_fork_private* const priv = fork->priv;

@@ -1035,11 +1035,8 @@ TEST_F(ForkProcessWrite, ItemBehindTheLast_CountsAsMissing) {
 
 // Blocks of one sector and a half, from byte 3072 of the device on when they begin with block 2.
 ForkShape blocks_of_odd_size(std::uint64_t logical_size, const std::vector<BlockRun>& extents) {
-  return {.sector_size = 1024,
-          .block_size = 1536,
-          .transfer_unit = 2048,
-          .logical_size = logical_size,
-          .extents = extents};
+  return {
+      .sector_size = 1024, .block_size = 1536, .transfer_unit = 2048, .logical_size = logical_size, .extents = extents};
 }
 
 // Writes all of the fork and flushes it; what the image file holds then is compared with what was written.
@@ -1079,8 +1076,7 @@ void expect_refused(const ForkShape& shape, const std::string& piece) {
   EXPECT_EQ(transfers(faults), Lines{});
   EXPECT_EQ(faults.locks_held(), 0);
   EXPECT_EQ(fork.dirty_items(), 1u);
-  EXPECT_LOG(log,
-             "ERROR kvfs_fork_flush_internal Piece of " + piece + " does not begin and end on sector borders.\n",
+  EXPECT_LOG(log, "ERROR kvfs_fork_flush_internal Piece of " + piece + " does not begin and end on sector borders.\n",
              "ERROR kvfs_fork_do_device_io Error while processing I/O request.\n",
              "ERROR kvfs_fork_flush_internal Error while writing fork to disk.\n");
 }
