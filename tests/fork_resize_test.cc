@@ -971,6 +971,18 @@ TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlockAcrossItsEnd_HasNothingOfIt
   EXPECT_LOG(log);
 }
 
+// A flush forgets the count of items with such a block, so that there is none to take this one off.
+TEST(ResizeFork, ShrunkByAFlushedBlockAcrossItsEnd_CountsNoItemTwice) {
+  OpenVolume volume(volume_to_grow(7));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  ASSERT_EQ(kvfs_fork_write(fork.get(), 6 * kBlockSize, "gone", 4, nullptr), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(fork.get()->priv->items[0]->dirty_blocks, 1u);
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(fork.get()->priv->items[0]->dirty_blocks, 0u);
+  EXPECT_EQ(fork.get()->priv->dirty_items, 0u);
+}
+
 TEST(ResizeFork, ShrunkInsideABlockOfTheCache_ReadsThatBlockAgain) {
   OpenVolume volume(volume_to_grow(8));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);

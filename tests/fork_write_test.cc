@@ -1098,6 +1098,14 @@ TEST(ForkFlush, LogicalEndInASectorThatEndsInAnotherBlock_IsRefusedWithoutAWrite
   expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072");
 }
 
+TEST(ForkFlushInternal, RangeThatBeginsWithinASectorOfTheFork_IsRefusedWithoutAWrite) {
+  OpenFork fork(blocks_of_odd_size(3072, {{1, 2}}));
+  write_at(fork, 0, marker_bytes(2048));
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush_internal(fork.get(), 1536, 1536), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+}
+
 TEST(ForkFlushInternal, RangeOfWholeSectors_IsWrittenWhateverLiesBeforeIt) {
   OpenFork fork(blocks_of_odd_size(6144, {{1, 2}, {6, 2}}));
   const ByteVector bytes = marker_bytes(2048);
