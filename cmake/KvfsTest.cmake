@@ -19,9 +19,6 @@ function(kvfs_add_test name)
   add_executable(${name} ${arg_SOURCES})
   kvfs_set_test_options(${name})
   target_compile_definitions(${name} PRIVATE _LARGEFILE64_SOURCE)
-  if(KVFS_VOLUMES_DIR)
-    target_compile_definitions(${name} PRIVATE KVFS_VOLUMES_DIR="${KVFS_VOLUMES_DIR}")
-  endif()
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kvfs_test_support GTest::gmock_main)
   gtest_discover_tests(
     ${name}

@@ -240,14 +240,14 @@ static constexpr std::uint64_t round_up_to_byte(std::uint64_t blocks) {
   return (blocks + 7) / 8 * 8;
 }
 
-// A search that goes round the volume once.
+// A search that goes round the volume, twice at most.
 struct free_run_search {
   kvfs_fork* fork;
   std::uint64_t total;   // blocks of the volume
   std::uint64_t wanted;  // blocks
   std::uint64_t hint;    // where the search began
   std::uint64_t position;
-  bool wrapped;
+  bool wrapped;  // whether the second round has begun
   bitmap_mapping map;
 };
 
@@ -278,8 +278,10 @@ static std::uint64_t count_clear_bits(const free_run_search& search, std::uint64
   return clear;
 }
 
-// Moves behind a used block. The search is over when it is back where it began: positions are multiples of 8, and the
-// place of beginning need not be one.
+// Moves behind a used block, and from the end of the volume to its beginning: where that is inside a byte, the bits
+// behind it stand for no blocks. The search is over when it is back at the hint. Positions are multiples of 8 and never
+// equal a hint that is none, and free blocks before a hint may lead over it; a third round, which would find what the
+// second one has found, is never begun.
 static bool advance(free_run_search* search, std::uint64_t clear) {
   search->position = round_up_to_byte(search->position + kvfs_max<std::uint64_t>(clear, 1));
   if (search->position >= search->total) {
@@ -289,7 +291,7 @@ static bool advance(free_run_search* search, std::uint64_t clear) {
     search->position = 0;
     search->wrapped = true;
   }
-  return !search->wrapped || search->position < search->hint;
+  return search->position != search->hint;
 }
 
 static kvfs_result search_free_run(free_run_search* search, kvfs_allocation_location* location) {

@@ -35,6 +35,7 @@ struct kvfs_btree_record_locator_private {
   std::uint32_t record_data_offset;  // of the data in the record: the key length rounded up to even
   std::uint32_t record_size;         // bytes
   unsigned char* record;             // the copy
+
   std::uint32_t is_vacant;    // nonzero for the place behind the last record of its node, empty when it was opened
   std::uint8_t index_height;  // of the index node in which a search found the place; 0 for any other node
 };

@@ -54,16 +54,18 @@ static void set_dirty_items(kvfs_fork* fork, std::size_t count) {
   __atomic_store_n(&fork->priv->dirty_items, count, __ATOMIC_RELAXED);
 }
 
+// Takes an item that had modified blocks off the count when it has none any more.
+static void count_out_if_clean(kvfs_fork* fork, const kvfs_fork_cache_item* item) {
+  if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
+    set_dirty_items(fork, dirty_items(fork) - 1);
+  }
+}
+
 // ---- Extents -------------------------------------------------------------------------------------------------------
 
-// The blocks that extents account for. The sum has 32 bits, as a fork's block count has.
-struct found_blocks {
-  std::uint32_t count;
-  bool wrapped;  // whether the sum has left the 32 bits
-};
-
-// Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents.
-static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, found_blocks* found,
+// Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents. The
+// sum has 32 bits, as a fork's block count has.
+static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, std::uint32_t* found,
                                       std::uint32_t* used) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
   for (*used = 0; *used < kHFSPlusExtentDensity; ++*used) {
@@ -74,14 +76,13 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
         KVFS_ERROR_AS(kFunction, "Found zero-sized extent with non-0 start block.\n");
         return kvfs_inconsistent;
       }
-      if (found->count != total) {
+      if (*found != total) {
         KVFS_ERROR_AS(kFunction, "Last extent ends before the end of the fork.\n");
         return kvfs_inconsistent;
       }
       return kvfs_ok;
     }
-    found->wrapped = found->wrapped || count > kMaximum32 - found->count;
-    found->count += count;
+    *found += count;
   }
   return kvfs_ok;
 }
@@ -107,27 +108,36 @@ static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32
   return kvfs_ok;
 }
 
+// The records that were looked up. A sum of blocks that has wrapped can lead back to one of them, and from there round
+// and round. Comparing with one start block, exchanged at each power of two, finds that with constant memory.
+struct overflow_lookups {
+  std::uint32_t count;
+  std::uint32_t checkpoint;  // a start block that was looked up
+};
+
 // Reads the overflow record that goes on behind the blocks found so far.
-static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, found_blocks found,
-                                        HFSPlusExtentRecord* record) {
+static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, std::uint32_t found,
+                                        overflow_lookups* lookups, HFSPlusExtentRecord* record) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
-  if (found.wrapped) {
-    // The sum could lead back to a record that was used already, without end.
-    KVFS_ERROR_AS(kFunction, "Extents of CNID %lu hold more blocks than a volume can have.\n", to_ul(cnid));
+  if (lookups->count != 0 && found == lookups->checkpoint) {
+    KVFS_ERROR_AS(kFunction, "Overflow extents of CNID %lu lead back to where they began.\n", to_ul(cnid));
     return kvfs_inconsistent;
+  }
+  if (std::has_single_bit(++lookups->count)) {
+    lookups->checkpoint = found;
   }
   int exists = 0;
   const kvfs_result result =
-      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found.count, &exists, record);
+      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kFunction,
                   "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
-                  to_ul(cnid), to_ul(found.count));
+                  to_ul(cnid), to_ul(found));
     return result;
   }
   if (exists == 0) {
     KVFS_ERROR_AS(kFunction, "No overflow extent found for CNID %lu starting with block %lu.\n", to_ul(cnid),
-                  to_ul(found.count));
+                  to_ul(found));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -140,7 +150,8 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
   HFSPlusExtentRecord record = fork_data->extents;
   kvfs_owned<HFSPlusExtentDescriptor> array;
   std::uint32_t count = 0;
-  found_blocks found = {0, false};
+  std::uint32_t found = 0;  // blocks
+  overflow_lookups lookups = {0, 0};
   for (;;) {
     std::uint32_t used = 0;
     kvfs_result result = scan_extent_record(record, total, &found, &used);
@@ -150,7 +161,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
     if (result != kvfs_ok) {
       return result;
     }
-    if (found.count == total || (extents == nullptr && partial != 0)) {
+    if (found == total || (extents == nullptr && partial != 0)) {
       *out_array = array.release();
       *out_count = count;
       return kvfs_ok;
@@ -159,7 +170,7 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
       KVFS_CRITICAL("No kvfs_extents reference and we are not reading extents partially.\n");
       return kvfs_internal;
     }
-    result = next_overflow_record(extents, cnid, found, &record);
+    result = next_overflow_record(extents, cnid, found, &lookups, &record);
     if (result != kvfs_ok) {
       return result;
     }
@@ -587,39 +598,39 @@ struct sector_run {
   std::uint32_t lead_out;  // bytes of the sector behind the run that belong to the piece
 };
 
-// Splits a piece into sectors. A piece that neither begins nor ends on a sector border within a sector has no run.
-static kvfs_result split_into_sectors(std::uint32_t sector_size, std::uint64_t device_offset, std::uint64_t length,
-                                      sector_run* run) {
-  if (sector_size == 0) {
-    KVFS_ERROR_AS("kvfs_fork_process_read_io", "Device has a sector size of 0.\n");
-    return kvfs_inconsistent;
-  }
+static sector_run split_into_sectors(std::uint32_t sector_size, std::uint64_t device_offset, std::uint64_t length) {
   const std::uint64_t end = device_offset + length;
-  run->first = device_offset / sector_size;
-  run->count = end / sector_size - run->first;
-  run->lead_in = static_cast<std::uint32_t>(device_offset % sector_size);
-  run->lead_out = static_cast<std::uint32_t>(end % sector_size);
-  if ((run->lead_in != 0 && run->count == 0) || run->count > kMaximum32) {
-    KVFS_ERROR_AS("kvfs_fork_process_read_io",
-                  "Piece of %llu bytes at device offset %llu cannot be read as a run of sectors.\n", to_ull(length),
-                  to_ull(device_offset));
-    return kvfs_inconsistent;
+  const std::uint64_t first = device_offset / sector_size;
+  return {first, end / sector_size - first, static_cast<std::uint32_t>(device_offset % sector_size),
+          static_cast<std::uint32_t>(end % sector_size)};
+}
+
+// Reads whole sectors. More of them than can be counted, as when a piece lies within one sector and their number is one
+// below 0, are the device's to refuse.
+static kvfs_result read_whole_sectors(kvfs_device* device, const sector_run& run, void* destination) {
+  const std::uint32_t count = static_cast<std::uint32_t>(kvfs_min(run.count, kMaximum32));
+  const kvfs_result result =
+      count == 0 ? kvfs_ok : kvfs_device_read_disk_sectors(device, run.first, count, &destination);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS("kvfs_fork_process_read_io", "Error while reading %llu fork sectors starting at sector %llu.\n",
+                  to_ull(run.count), to_ull(run.first));
   }
-  return kvfs_ok;
+  return result;
 }
 
 kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset, std::uint64_t /*fork_offset*/,
                                       std::uint64_t length) {
   kvfs_fork_read_context* const read = static_cast<kvfs_fork_read_context*>(context);
   const std::uint32_t sector_size = read->device->sector_size;
-  sector_run run = {};
-  kvfs_result result = split_into_sectors(sector_size, device_offset, length, &run);
-  if (result != kvfs_ok) {
-    return result;
+  if (sector_size == 0) {
+    KVFS_ERROR("Device has a sector size of 0.\n");
+    return kvfs_inconsistent;
   }
+  sector_run run = split_into_sectors(sector_size, device_offset, length);
   unsigned char* destination = read->destination + read->delivered;
+  kvfs_result result = kvfs_ok;
   if (run.lead_in != 0) {
-    const std::uint32_t part = sector_size - run.lead_in;
+    const std::uint32_t part = static_cast<std::uint32_t>(kvfs_min<std::uint64_t>(sector_size - run.lead_in, length));
     result = read_partial_sector(read->device, run.first, run.lead_in, part, destination);
     if (result != kvfs_ok) {
       KVFS_ERROR("Error while reading lead-in sector %llu.\n", to_ull(run.first));
@@ -629,13 +640,8 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
     --run.count;
     destination += part;
   }
-  void* straight = destination;
-  if (run.count != 0) {
-    result = kvfs_device_read_disk_sectors(read->device, run.first, static_cast<std::uint32_t>(run.count), &straight);
-  }
+  result = read_whole_sectors(read->device, run, destination);
   if (result != kvfs_ok) {
-    KVFS_ERROR("Error while reading %llu fork sectors starting at sector %llu.\n", to_ull(run.count),
-               to_ull(run.first));
     return result;
   }
   destination += run.count * sector_size;
@@ -1131,14 +1137,26 @@ static std::uint64_t piece_offset(const flush_piece& piece) {
   return piece.fork_offset + (piece.position << piece.flush->sector_shift);
 }
 
-// Pieces must begin on sector borders, on the device and in the fork; an odd block size would shift what is written.
-static kvfs_result check_piece(const kvfs_fork_write_context* flush, std::uint64_t device_offset,
-                               std::uint64_t fork_offset) {
-  const std::uint64_t mask = sector_size_of(flush) - 1;
-  if ((device_offset & mask) != 0 || (fork_offset & mask) != 0) {
-    KVFS_ERROR_AS("kvfs_fork_process_write_io",
-                  "Extent piece at device offset %llu, fork offset %llu begins within a sector.\n",
-                  to_ull(device_offset), to_ull(fork_offset));
+// Where a piece ends in the fork, bytes: no later than the logical end, if the fork has one.
+static std::uint64_t end_of_piece(const kvfs_fork* fork, std::uint64_t fork_offset, std::uint64_t length) {
+  const std::uint64_t logical_size = fork->priv->logical_size;
+  return logical_size != 0 ? kvfs_min(fork_offset + length, logical_size) : fork_offset + length;
+}
+
+// Refuses a piece that shares a sector with a block of somebody else, which would be overwritten. The sector of the
+// logical end may go on behind it as far as the fork's last block does.
+static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::uint64_t fork_offset,
+                               std::uint64_t length) {
+  const kvfs_fork_write_context* const flush = static_cast<kvfs_fork_write_context*>(context);
+  const std::uint64_t sector_size = sector_size_of(flush);
+  const std::uint64_t block_size = flush->fork->block_size;
+  const std::uint64_t end = end_of_piece(flush->fork, fork_offset, length);
+  const std::uint64_t end_of_sectors = kvfs_divide_rounding_up(end, sector_size) * sector_size;
+  const std::uint64_t end_of_blocks = kvfs_divide_rounding_up(end, block_size) * block_size;
+  if (device_offset % sector_size != 0 || fork_offset % sector_size != 0 || end_of_sectors > end_of_blocks) {
+    KVFS_ERROR_AS("kvfs_fork_flush_internal",
+                  "Piece of %llu bytes at device offset %llu does not begin and end on sector borders.\n",
+                  to_ull(length), to_ull(device_offset));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -1230,9 +1248,7 @@ static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, st
   if (unlocked != kvfs_ok) {
     KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item's item lock.\n");
   }
-  if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
-    set_dirty_items(fork, dirty_items(fork) - 1);
-  }
+  count_out_if_clean(fork, item);
   return kvfs_result_keep(result, unlocked);
 }
 
@@ -1265,21 +1281,13 @@ kvfs_result kvfs_fork_process_write_io(void* context, std::uint64_t device_offse
                                        std::uint64_t length) {
   kvfs_fork_write_context* const flush = static_cast<kvfs_fork_write_context*>(context);
   const std::uint64_t sector_size = sector_size_of(flush);
-  const std::uint64_t logical_size = flush->fork->priv->logical_size;
-  kvfs_result result = check_piece(flush, device_offset, fork_offset);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  std::uint64_t end = fork_offset + length;
-  if (logical_size != 0 && end >= logical_size) {
-    if (fork_offset >= logical_size) {
-      return kvfs_ok;
-    }
-    end = logical_size;
+  const std::uint64_t end = end_of_piece(flush->fork, fork_offset, length);
+  if (end <= fork_offset) {
+    return kvfs_ok;
   }
   const std::uint64_t sectors = kvfs_divide_rounding_up(end, sector_size) - fork_offset / sector_size;
   flush_piece piece = {flush, fork_offset, device_offset >> flush->sector_shift, sectors, 0};
-  result = flush_piece_items(&piece);
+  const kvfs_result result = flush_piece_items(&piece);
   if (result != kvfs_ok) {
     return result;
   }
@@ -1321,12 +1329,6 @@ static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector
                      to_ull(transfer_unit));
     return kvfs_inconsistent;
   }
-  if (fork->block_size % sector_size != 0) {
-    // The last sector of an extent would reach into a block of somebody else.
-    KVFS_ERROR_AS(kFunction, "Allocation block size (%lu) is not a multiple of sector size (%lu).\n",
-                  to_ul(fork->block_size), to_ul(sector_size));
-    return kvfs_inconsistent;
-  }
   return kvfs_ok;
 }
 
@@ -1357,7 +1359,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
     return kvfs_internal;
   }
   const std::uint32_t block_shift = unit_shift - sector_shift;
-  *flush = {fork, offset, sector_shift, block_shift, unit / sector_size};
+  *flush = {fork, sector_shift, block_shift, unit / sector_size, offset};
   return kvfs_ok;
 }
 
@@ -1375,7 +1377,10 @@ kvfs_result kvfs_fork_flush_internal(kvfs_fork* fork, std::uint64_t offset, std:
     KVFS_ERROR("Error while write-locking dirty lock.\n");
     return guard.result();
   }
-  result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, &flush);
+  result = kvfs_fork_do_device_io(fork, offset, length, check_piece, &flush);  // of all pieces, before the first write
+  if (result == kvfs_ok) {
+    result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, &flush);
+  }
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while writing fork to disk.\n");
   }
@@ -1505,10 +1510,50 @@ static void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data) 
   resize->extents_count = count;
 }
 
+// Forgets the blocks of an item from block `first` of it on, those that wait to be written included.
+static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64_t first) {
+  kvfs_fork_cache_item* const item = fork->priv->items[item_index];
+  const std::uint64_t blocks_per_item = fork->priv->item_size / fork->priv->modificationBitmapBlockSize;
+  const bool was_clean = item->dirty_blocks == 0;
+  for (std::uint64_t block = first; block < blocks_per_item; ++block) {
+    unsigned char* const valid = &item->valid_bitmap[bitmap_byte(block)];
+    *valid = static_cast<unsigned char>(*valid & ~bitmap_mask(item_index * blocks_per_item + block));
+    unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];
+    if ((*modified & bitmap_mask(block)) != 0) {
+      *modified = static_cast<unsigned char>(*modified & ~bitmap_mask(block));
+      --item->dirty_blocks;
+    }
+  }
+  if (!was_clean) {
+    count_out_if_clean(fork, item);
+  }
+}
+
+// Forgets what the cache holds behind an old or new end of the fork: what comes there lies elsewhere on the device.
+// What was modified there has been flushed. The cache's block that lies across the end is read again too, unless it was
+// modified before the end; then it has zeros behind it.
+static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
+  const kvfs_fork_private* const priv = fork->priv;
+  const std::uint64_t index = end / priv->item_size;
+  kvfs_fork_cache_item* const item = item_at(fork, index);
+  if (item == nullptr) {
+    return;
+  }
+  const std::uint32_t unit = priv->modificationBitmapBlockSize;
+  const std::uint32_t offset = static_cast<std::uint32_t>(end % priv->item_size);
+  std::uint32_t first = offset / unit;
+  if (offset % unit != 0) {
+    std::memset(item->data + offset, 0, kvfs_min(unit - offset % unit, item->data_size - offset));
+    first += (item->modification_bitmap[bitmap_byte(first)] & bitmap_mask(first)) != 0 ? 1 : 0;
+  }
+  forget_blocks(fork, index, first);
+}
+
 // Puts the new size into effect: nothing can fail any more. Items behind the new end are not destroyed, since somebody
 // may hold a mapping of them; they wait for the end of the fork.
 static void apply_resize(fork_resize* resize) {
   kvfs_fork_private* const priv = resize->fork->priv;
+  const std::uint64_t common_end = kvfs_min(priv->logical_size, new_logical_size(*resize));
   for (std::uint32_t i = 0; i < priv->items_end; ++i) {
     kvfs_fork_cache_item* const item = priv->items[i];
     if (i < resize->items_length) {
@@ -1528,6 +1573,7 @@ static void apply_resize(fork_resize* resize) {
   priv->items_length = static_cast<std::uint32_t>(resize->items_length);
   priv->items_end = kvfs_min(priv->items_end, priv->items_length);
   priv->logical_size = new_logical_size(*resize);
+  forget_behind(resize->fork, common_end);
 }
 
 // ---- Growing -------------------------------------------------------------------------------------------------------

@@ -5,8 +5,10 @@
 // validity and modification are tracked, and bytes transferred, in blocks of one transfer unit.
 //
 // Invariants:
-// - a block is read from the device at most once, before the first access to it; a write does not make it valid, so
-//   that a block must be mapped or read before all of it is overwritten;
+// - a block is read from the device at most once, before the first access to it, while the fork keeps its size; a write
+//   does not make it valid, so that a block must be mapped or read before all of it is overwritten;
+// - a fork that changes its size forgets the blocks behind the end, those across it included, which are read again. One
+//   across the end that was modified keeps its bytes before it and has zeros behind it;
 // - an item's dirty_blocks counts the set bits of its modification bitmap, and the fork's dirty_items counts the items
 //   with dirty blocks;
 // - references count the mappings that were not given back. Each block of a range that is mapped or read adds one, each

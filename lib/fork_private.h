@@ -43,17 +43,18 @@ struct kvfs_fork_private {
   std::uint64_t logical_size;             // bytes
   HFSPlusExtentDescriptor* fork_extents;  // owned; all extents in the fork's order, in on-disk byte order
   std::uint32_t fork_extents_count;
-  std::uint64_t fork_extents_blocks;  // the sum of their block counts, 0 until the first transfer forms it
-  kvfs_fork_extent_cursor cursor;     // like the sum used by transfers alone, of which the locks allow one at a time
-  kvfs_rwlock* items_lock;            // guards `items` and the creation of items
-  kvfs_fork_cache_item** items;       // owned; null where no item was created yet
+  kvfs_rwlock* items_lock;       // guards `items` and the creation of items
+  kvfs_fork_cache_item** items;  // owned; null where no item was created yet
   std::uint32_t items_length;
-  std::uint32_t items_end;                    // no slot from here on has an item: a huge array is never walked whole
   std::uint32_t item_size;                    // kForkItemSize
   std::uint32_t modificationBitmapBlockSize;  // the transfer unit, bytes
   kvfs_rwlock* dirty_lock;                    // guards modification bitmaps and dirty counts
   std::size_t dirty_items;                    // items with dirty blocks
+
+  std::uint32_t items_end;              // no slot from here on has an item: a huge array is never walked whole
   kvfs_fork_cache_item* dropped_items;  // owned; items behind the end since the fork was shrunk, still mapped perhaps
+  kvfs_fork_extent_cursor cursor;       // used by transfers alone, of which the locks allow one at a time
+  std::uint64_t fork_extents_blocks;    // like the cursor; the sum of the extents, 0 until the first transfer forms it
 };
 
 // ---- Opening -------------------------------------------------------------------------------------------------------
@@ -118,20 +119,21 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
 
 struct kvfs_fork_write_context {
   kvfs_fork* fork;
-  std::uint64_t range_offset;  // where the flushed range begins in the fork, bytes
   std::uint32_t sector_shift;  // log2 of the device's sector size
   std::uint32_t block_shift;   // log2 of the sectors in a block
   std::uint64_t sectors_per_block;
+  std::uint64_t range_offset;  // where the flushed range begins in the fork, bytes
 };
 
-// Writes the modified blocks of a piece; the context is a kvfs_fork_write_context.
+// Writes the modified blocks of a piece, which begins on a sector border; the context is a kvfs_fork_write_context.
 //
 // A block may straddle two extents when the transfer unit is larger than an allocation block. Each piece then writes
 // its own sectors of the block, and the block is clean once its last sectors were written.
 kvfs_result kvfs_fork_process_write_io(void* context, std::uint64_t device_offset, std::uint64_t fork_offset,
                                        std::uint64_t length);
 
-// Writes the modified blocks of one range; the caller holds items_lock.
+// Writes the modified blocks of one range; the caller holds items_lock. Nothing is written when an extent shares a
+// sector of the range with another block.
 //
 // Locks: dirty_lock for writing, each item's lock for writing.
 // Returns as kvfs_fork_flush does.

@@ -735,6 +735,31 @@ TEST(FindRun, BeforeTheHintOnly_IsFoundInTheSameRound) {
   EXPECT_EQ(find_run(volume_with_used({{0, 504}, {512, 512}}), 8, 515), "start=504 count=8 index=0 bytes=0 0");
 }
 
+// From a hint inside a byte only the second round tests every run from a whole byte: the first one steps from 4 over
+// the bits of block 9, seen in the place of 17, to 24.
+TEST(FindRun, HintInsideAByte_IsFollowedByARoundFromBlockZero) {
+  EXPECT_EQ(find_run(volume_with_used({{9, 1}, {32, 992}}), 16, 4), "start=16 count=16 index=0 bytes=0 0");
+}
+
+// The position never equals such a hint: the search ends where it would begin its third round.
+TEST(FindRun, HintInsideAByteAndNoRunInASecondRound_GivesNoRun) {
+  EXPECT_EQ(find_run(volume_with_used({{9, 1}, {24, 1000}}), 16, 4), kNothing);
+}
+
+// The free blocks before the hint lead over it, so that the position does not equal it either.
+TEST(FindRun, HintThatTheSecondRoundPassesOver_GivesNoRun) {
+  EXPECT_EQ(find_run(volume_with_used({{9, 1}, {24, 1000}}), 16, 8), kNothing);
+}
+
+// The bits behind the last block are clear, but no blocks are there.
+TEST(FindRun, VolumeThatEndsInsideAByte_IsNotSearchedBehindItsEnd) {
+  OpenVolume volume(volume_with_used({{0, 60}}));
+  volume.header()->totalBlocks.set(60);
+  kvfs_allocation_location location = kUntouched;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 4, 16, &location), kvfs_ok);
+  EXPECT_EQ(describe(location), kNothing);
+}
+
 // At the end of the volume fewer blocks are tested than are reported; marking them is what fails.
 TEST(FindRun, AtTheEndOfTheVolume_IsReportedInFull) {
   EXPECT_EQ(find_run(volume_with_used({{0, 1016}}), 100, 1016), "start=1016 count=100 index=0 bytes=0 0");

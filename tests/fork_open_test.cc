@@ -190,17 +190,74 @@ TEST(ForkResolveExtents, OverflowRecordWithAMalformedDescriptor_IsInconsistent) 
   EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Found zero-sized extent with non-0 start block.\n");
 }
 
-TEST(ForkResolveExtents, BlocksThatWrapAroundToAKnownRecord_EndTheSearch) {
-  // The sum of the second record leads back to the block at which it begins itself.
-  LogCapture log;
+constexpr std::uint32_t kHalf = 0x80000000;
+
+// Eight extents of 2^32 + `more` blocks.
+std::vector<BlockRun> runs_that_wrap(std::uint32_t more) {
+  return {{1, kHalf}, {1, kHalf - 6}, {1, more}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 2}};
+}
+
+TEST(ForkResolveExtents, BlocksThatWrapAround_AreLookedForWhereTheirSumLeads) {
   OverflowFile overflow;
-  const std::uint32_t half = 0x80000000;
-  overflow.add(kHFSCatalogFileID, 36, {{1, half}, {1, half - 6}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}});
+  overflow.add(kHFSCatalogFileID, 36, runs_that_wrap(5));
+  overflow.add(kHFSCatalogFileID, 41, {{90, 2}});
+  LogCapture log;
+  const Resolved resolved = resolve(fork_data(43, kEightRuns), &overflow, 0);
+  EXPECT_EQ(resolved.result, kvfs_ok);
+  EXPECT_EQ(resolved.numbers.size(), 2u * 17);
+  EXPECT_EQ(overflow.lookups(), (Lines{"type 0 cnid 4 block 36", "type 0 cnid 4 block 41"}));
+  EXPECT_LOG(log);
+}
+
+TEST(ForkResolveExtents, SumThatWrapsAroundToNoRecord_IsInconsistent) {
+  OverflowFile overflow;
+  LogCapture log;
+  EXPECT_EQ(resolve(fork_data(36, runs_that_wrap(5)), &overflow, 0).result, kvfs_inconsistent);
+  EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents No overflow extent found for CNID 4 starting with block 5.\n");
+}
+
+// Resolves extents that lead back to a record and expects an end with a message.
+void expect_circle(OverflowFile* overflow, const std::vector<BlockRun>& runs, std::size_t most_lookups) {
+  LogCapture log;
   FaultInjector faults;
-  EXPECT_EQ(resolve(fork_data(100, kEightRuns), &overflow, 0).result, kvfs_inconsistent);
-  EXPECT_EQ(overflow.lookups().size(), 1u);
+  EXPECT_EQ(resolve(fork_data(50, runs), overflow, 0).result, kvfs_inconsistent);
+  EXPECT_LE(overflow->lookups().size(), most_lookups);
   EXPECT_EQ(faults.outstanding_allocations(), 0u);
-  EXPECT_TRUE(log.has("ERROR", "kvfs_fork_resolve_extents", "more blocks than a volume can have"));
+  EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 lead back to where they began.\n");
+}
+
+TEST(ForkResolveExtents, RecordThatLeadsBackToItself_EndsTheSearch) {
+  OverflowFile overflow;
+  overflow.add(kHFSCatalogFileID, 36, {{1, kHalf}, {1, kHalf - 6}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}});
+  expect_circle(&overflow, kEightRuns, 1);
+}
+
+TEST(ForkResolveExtents, TwoRecordsThatLeadToEachOther_EndTheSearch) {
+  OverflowFile overflow;
+  overflow.add(kHFSCatalogFileID, 36, runs_that_wrap(0xFFFFFFFF));
+  overflow.add(kHFSCatalogFileID, 35, runs_that_wrap(1));
+  expect_circle(&overflow, kEightRuns, 3);
+}
+
+// The record of block 0 is not yet known when the sum leads there: the fork's first extents are in its fork data.
+TEST(ForkResolveExtents, SumThatWrapsAroundToZero_IsLookedFor) {
+  OverflowFile overflow;
+  overflow.add(kHFSCatalogFileID, 0, {{90, 2}});
+  const std::vector<BlockRun> runs = {{1, kHalf}, {1, kHalf - 6}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}};
+  EXPECT_EQ(resolve(fork_data(2, runs), &overflow, 0).result, kvfs_ok);
+  EXPECT_EQ(overflow.lookups(), Lines{"type 0 cnid 4 block 0"});
+}
+
+TEST(ForkResolveExtents, CircleOfManyRecords_EndsTheSearch) {
+  OverflowFile overflow;
+  constexpr std::uint32_t kRecords = 100;
+  const std::vector<BlockRun> eight_ones(8, BlockRun{7, 1});
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    overflow.add(kHFSCatalogFileID, 100 + 8 * i, eight_ones);
+  }
+  overflow.add(kHFSCatalogFileID, 36, runs_that_wrap(64));
+  overflow.add(kHFSCatalogFileID, 100 + 8 * kRecords, runs_that_wrap(0xFFFFFFFF - 8 * kRecords + 1));
+  expect_circle(&overflow, kEightRuns, 3 * kRecords);
 }
 
 TEST(ForkResolveExtents, ManyOverflowRecords_AreAllFound) {

@@ -476,18 +476,37 @@ TEST(ForkProcessRead, EachBufferThatCannotBeHad_IsNoMemory) {
   }
 }
 
-TEST(ForkProcessRead, PieceWithinASector_IsRefusedBecauseTheSectorsEndWouldNotFit) {
+// The number of whole sectors behind the first one is below 0, which no device reads. Of the first sector no more bytes
+// are copied than the piece has.
+TEST(ForkProcessRead, PieceWithinASector_ReadsThatSectorAndFails) {
   const ForkMedium medium({.image_size = 65536});
-  ByteVector bytes(10, 0xEE);
-  kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
+  for (const std::size_t length : {std::size_t{10}, std::size_t{1536 - 1100 - 1}}) {
+    ByteVector bytes(length + 1, 0xEE);
+    kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
+    LogCapture log;
+    FaultInjector faults;
+    EXPECT_EQ(kvfs_fork_process_read_io(&context, 1100, 0, length), kvfs_invalid);
+    EXPECT_EQ(transfers(faults), Lines{"read 1024 512"});
+    EXPECT_EQ(faults.outstanding_allocations(), 0u);
+    EXPECT_EQ(bytes[length], 0xEE);
+    EXPECT_EQ(context.delivered, 0u);
+    EXPECT_LOG(log,
+               "ERROR kvfs_device_read_disk_sectors Invalid parameter: Resulting buffer would be larger than "
+               "addressable space (2199023255040).\n",
+               "ERROR kvfs_fork_process_read_io Error while reading 18446744073709551615 fork sectors starting at "
+               "sector 3.\n");
+  }
+}
+
+TEST(ForkProcessRead, PieceOfMoreSectorsThanCanBeCounted_IsRefusedByTheDevice) {
+  const ForkMedium medium({.image_size = 65536});
+  kvfs_fork_read_context context = {medium.device(), nullptr, 0};
   LogCapture log;
-  FaultInjector faults;
-  EXPECT_EQ(kvfs_fork_process_read_io(&context, 1100, 0, 10), kvfs_inconsistent);
-  EXPECT_EQ(transfers(faults), Lines{});
-  EXPECT_EQ(bytes, ByteVector(10, 0xEE));
+  EXPECT_EQ(kvfs_fork_process_read_io(&context, 0, 0, (std::uint64_t{1} << 32) * 512 + 512), kvfs_invalid);
   EXPECT_LOG(log,
-             "ERROR kvfs_fork_process_read_io Piece of 10 bytes at device offset 1100 cannot be read as a run of "
-             "sectors.\n");
+             "ERROR kvfs_device_read_disk_sectors Invalid parameter: Resulting buffer would be larger than addressable "
+             "space (2199023255040).\n",
+             "ERROR kvfs_fork_process_read_io Error while reading 4294967297 fork sectors starting at sector 0.\n");
 }
 
 TEST(ForkProcessRead, SectorSizeZero_IsRefused) {

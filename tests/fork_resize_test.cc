@@ -99,10 +99,13 @@ constexpr kvfs_allocation_location kUntouched = {7, 7, 7, 7, 7, {7, 7}};
 const std::string kUntouchedText = "start=7 count=7 index=7 bytes=7 7 reserved=7 7";
 
 // Sets the fork's size in the header, as the caller of an expansion has to.
-void set_logical_size(OpenVolume& volume) {
+void set_logical_size(OpenVolume& volume, const kvfs_fork* fork) {
   HFSPlusForkData fork_data = volume.header()->startupFile;
-  fork_data.logicalSize.set(*volume.fork(kStartup)->logical_size);
+  fork_data.logicalSize.set(*fork->logical_size);
   kvfs_volume_update_fork_data(volume.get(), kHFSStartupFileID, &fork_data);
+}
+void set_logical_size(OpenVolume& volume) {
+  set_logical_size(volume, volume.fork(kStartup));
 }
 
 // ---- Recording a run -----------------------------------------------------------------------------------------------
@@ -247,9 +250,9 @@ TEST(ExpandFork, EverySpecialFileOfTheHeader_CanGrow) {
 // Opens the startup file's data as the fork of another file.
 class ForkOfAnotherFile {
  public:
-  ForkOfAnotherFile(OpenVolume& volume, std::uint32_t cnid) {
+  ForkOfAnotherFile(OpenVolume& volume, std::uint32_t cnid, std::uint32_t transfer_unit = kBlockSize) {
     EXPECT_EQ(kvfs_fork_create(volume.device(), volume.get()->extents, 0, volume.header(), cnid,
-                               &volume.header()->startupFile, kBlockSize, &fork_),
+                               &volume.header()->startupFile, transfer_unit, &fork_),
               kvfs_ok);
   }
   ~ForkOfAnotherFile() { kvfs_fork_destroy(&fork_); }
@@ -905,6 +908,117 @@ TEST(ResizeFork, ExpandedAfterAShrink_GetsOtherBlocks) {
   kvfs_allocation_location added = {};
   ASSERT_EQ(kvfs_fork_expand(fork, volume.get(), &added), kvfs_ok);
   EXPECT_EQ(startup_file(volume), "65536 size=32768 total=16 extents={200+8 216+8}");
+}
+
+// A startup file that grows by a block and has its first extent at block 200. Each byte is its block's number.
+Volume volume_to_grow(std::uint32_t blocks) {
+  Volume image = startup_volume({.extents = {{200, blocks}}, .clump_blocks = 1});
+  for (std::uint32_t block = 200; block < 220; ++block) {
+    image.fill(std::uint64_t{block} * kBlockSize, kBlockSize, static_cast<std::uint8_t>(block));
+  }
+  return image;
+}
+
+// Grows the fork by a block, for which block 208 is the first one that is free.
+void expand_by_block_208(kvfs_fork* fork, OpenVolume& volume) {
+  kvfs_allocation_location added = {};
+  ASSERT_EQ(kvfs_fork_expand(fork, volume.get(), &added), kvfs_ok);
+  EXPECT_EQ(added.start_block, 208u);
+  EXPECT_EQ(added.block_count, 1u);
+  set_logical_size(volume, fork);
+}
+
+TEST(ResizeFork, ExpandedAfterAShrink_ReadsWhatItsNewBlockHolds) {
+  OpenVolume volume(volume_to_grow(8));
+  kvfs_fork* const fork = volume.fork(kStartup);
+  EXPECT_EQ(byte_at(fork, 6 * kBlockSize), 206);
+  EXPECT_EQ(byte_at(fork, 7 * kBlockSize), 207);
+  ASSERT_EQ(kvfs_fork_shrink(fork, volume.get(), 1), kvfs_ok);
+  expand_by_block_208(fork, volume);
+  FaultInjector faults;
+  EXPECT_EQ(byte_at(fork, 6 * kBlockSize), 206);
+  EXPECT_EQ(faults.reads().size(), 0u);
+  EXPECT_EQ(byte_at(fork, 7 * kBlockSize), 208);
+}
+
+TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlock_HasNothingOfItLeft) {
+  OpenVolume volume(volume_to_grow(8));
+  kvfs_fork* const fork = volume.fork(kStartup);
+  ASSERT_EQ(kvfs_fork_write(fork, 7 * kBlockSize, "gone", 4, nullptr), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_shrink(fork, volume.get(), 1), kvfs_ok);
+  expand_by_block_208(fork, volume);
+  EXPECT_EQ(byte_at(fork, 7 * kBlockSize), 208);
+  ASSERT_EQ(kvfs_fork_flush(fork), kvfs_ok);
+  EXPECT_EQ(volume.contents().get8(207 * kBlockSize), 'g');
+  EXPECT_EQ(volume.contents().get8(208 * kBlockSize), 208);
+}
+
+// The last block of the cache lies half behind the end and stays modified after its flush. Cut off whole, it must not
+// be written to the blocks that come there next.
+TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlockAcrossItsEnd_HasNothingOfItLeft) {
+  OpenVolume volume(volume_to_grow(7));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  ASSERT_EQ(kvfs_fork_write(fork.get(), 6 * kBlockSize, "gone", 4, nullptr), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(fork.get()->priv->dirty_items, 0u);
+  EXPECT_EQ(fork.get()->priv->items[0]->dirty_blocks, 0u);
+  expand_by_block_208(fork.get(), volume);
+  LogCapture log;
+  FaultInjector faults;
+  ASSERT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(faults.writes().size(), 0u);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 208);
+  EXPECT_LOG(log);
+}
+
+// A flush forgets the count of items with such a block, so that there is none to take this one off.
+TEST(ResizeFork, ShrunkByAFlushedBlockAcrossItsEnd_CountsNoItemTwice) {
+  OpenVolume volume(volume_to_grow(7));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  ASSERT_EQ(kvfs_fork_write(fork.get(), 6 * kBlockSize, "gone", 4, nullptr), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(fork.get()->priv->items[0]->dirty_blocks, 1u);
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(fork.get()->priv->items[0]->dirty_blocks, 0u);
+  EXPECT_EQ(fork.get()->priv->dirty_items, 0u);
+}
+
+TEST(ResizeFork, ShrunkInsideABlockOfTheCache_ReadsThatBlockAgain) {
+  OpenVolume volume(volume_to_grow(8));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 207);
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
+  expand_by_block_208(fork.get(), volume);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 208);
+}
+
+// What was written before the new end is not on the device yet, so that the block cannot be read again; behind the end
+// it has zeros then.
+TEST(ResizeFork, ShrunkInsideAModifiedBlockOfTheCache_KeepsWhatIsBeforeItsEnd) {
+  OpenVolume volume(volume_to_grow(8));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  ASSERT_EQ(kvfs_fork_write(fork.get(), 6 * kBlockSize, "keep", 4, nullptr), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 'k');
+  expand_by_block_208(fork.get(), volume);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 'k');
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 0);
+  LogCapture log;
+  ASSERT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(volume.contents().read(206 * kBlockSize, 4), (Bytes{'k', 'e', 'e', 'p'}));
+  EXPECT_EQ(volume.contents().get8(207 * kBlockSize), 207);
+}
+
+TEST(ResizeFork, ExpandedInsideABlockOfTheCache_ReadsThatBlockAgain) {
+  OpenVolume volume(volume_to_grow(7));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
+  expand_by_block_208(fork.get(), volume);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 208);
 }
 
 // The flush of the part that goes is measured against the size in the header.

@@ -972,7 +972,7 @@ class ForkProcessWrite : public ::testing::Test {
   }
 
   OpenFork fork_{ForkShape{.logical_size = kMiB + 8192, .extents = {{2, 258}}}};
-  kvfs_fork_write_context context_ = {fork_.get(), 0, 9, 3, 8};
+  kvfs_fork_write_context context_ = {fork_.get(), 9, 3, 8, 0};
 };
 
 TEST_F(ForkProcessWrite, Piece_IsWrittenWhereItLiesOnTheDevice) {
@@ -1031,43 +1031,89 @@ TEST_F(ForkProcessWrite, ItemBehindTheLast_CountsAsMissing) {
   EXPECT_LOG(log);
 }
 
-TEST_F(ForkProcessWrite, PieceOffTheSectorBorders_IsRefusedWithoutAWrite) {
+// ---- Allocation blocks that are no whole sectors --------------------------------------------------------------------
+
+// Blocks of one sector and a half, from byte 3072 of the device on when they begin with block 2.
+ForkShape blocks_of_odd_size(std::uint64_t logical_size, const std::vector<BlockRun>& extents) {
+  return {
+      .sector_size = 1024, .block_size = 1536, .transfer_unit = 2048, .logical_size = logical_size, .extents = extents};
+}
+
+// Writes all of the fork and flushes it; what the image file holds then is compared with what was written.
+void expect_flushed(const ForkShape& shape, const Lines& writes, const Lines& logged = {}) {
+  OpenFork fork(shape);
+  const ByteVector bytes = fork.changed_bytes(0, static_cast<std::size_t>(shape.logical_size));
+  cache(fork, 0, bytes.size());
+  write_at(fork, 0, bytes);
   LogCapture log;
   FaultInjector faults;
-  EXPECT_EQ(process(8292, 0, 4096), kvfs_inconsistent);
-  EXPECT_EQ(process(8192, 100, 4096), kvfs_inconsistent);
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), writes);
+  EXPECT_TRUE(log.matches(logged));
+  for (std::size_t offset = 0; offset < bytes.size(); ++offset) {
+    ASSERT_EQ(fork.read_image(fork.device_offset(offset), 1)[0], bytes[offset]) << offset;
+  }
+}
+
+TEST(ForkFlush, ExtentsOfWholeSectors_AreWrittenWhateverTheBlockSize) {
+  expect_flushed(blocks_of_odd_size(6144, {{2, 2}, {6, 2}}),
+                 {"write 3072 2048", "write 5120 1024", "write 9216 1024", "write 10240 2048"});
+}
+
+// The bytes behind the logical end, up to the end of its sector, are still the fork's.
+TEST(ForkFlush, LogicalEndInASectorOfItsBlock_IsWrittenWhateverTheBlockSize) {
+  expect_flushed(blocks_of_odd_size(3072 - 10, {{2, 2}}), {"write 3072 2048", "write 5120 1024"},
+                 {"WARNING kvfs_fork_flush Dirty items is non-0 (1) after successful full flush.\n"});
+}
+
+// Neither the first block, which could be written, nor any other one is.
+void expect_refused(const ForkShape& shape, const std::string& piece) {
+  OpenFork fork(shape);
+  write_at(fork, 0, marker_bytes(2048));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
   EXPECT_EQ(transfers(faults), Lines{});
-  EXPECT_LOG(log,
-             "ERROR kvfs_fork_process_write_io Extent piece at device offset 8292, fork offset 0 begins within a "
-             "sector.\n",
-             "ERROR kvfs_fork_process_write_io Extent piece at device offset 8192, fork offset 100 begins within a "
-             "sector.\n");
+  EXPECT_EQ(faults.locks_held(), 0);
+  EXPECT_EQ(fork.dirty_items(), 1u);
+  EXPECT_LOG(log, "ERROR kvfs_fork_flush_internal Piece of " + piece + " does not begin and end on sector borders.\n",
+             "ERROR kvfs_fork_do_device_io Error while processing I/O request.\n",
+             "ERROR kvfs_fork_flush_internal Error while writing fork to disk.\n");
 }
 
 TEST(ForkFlush, ExtentThatBeginsWithinASector_IsRefusedWithoutAWrite) {
-  OpenFork fork({.sector_size = 1024,
-                 .block_size = 1536,
-                 .transfer_unit = 2048,
-                 .logical_size = 3072,
-                 .extents = {{1, 1}, {5, 1}}});
-  write_at(fork, 0, marker_bytes(2048));
-  LogCapture log;
-  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
-  EXPECT_EQ(fork.changed_ranges(), Lines{});
-  EXPECT_EQ(fork.dirty_items(), 1u);
+  expect_refused(blocks_of_odd_size(3072, {{1, 2}}), "3072 bytes at device offset 1536");
 }
 
-TEST(ForkFlush, ExtentThatEndsWithinASector_IsRefusedWithoutAWriteBehindIt) {
+TEST(ForkFlush, ExtentThatEndsWithinASector_IsRefusedWithoutAWrite) {
   // The sector at byte 4096 holds the end of the first extent and the beginning of another file's block.
-  OpenFork fork({.sector_size = 1024,
-                 .block_size = 1536,
-                 .transfer_unit = 2048,
-                 .logical_size = 3072,
-                 .extents = {{2, 1}, {6, 1}}});
+  expect_refused(blocks_of_odd_size(3072, {{2, 1}, {6, 1}}), "1536 bytes at device offset 3072");
+}
+
+TEST(ForkFlush, LaterExtentThatBeginsWithinASector_IsRefusedBeforeTheFirstWrite) {
+  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680");
+}
+
+TEST(ForkFlush, LogicalEndInASectorThatEndsInAnotherBlock_IsRefusedWithoutAWrite) {
+  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072");
+}
+
+TEST(ForkFlushInternal, RangeThatBeginsWithinASectorOfTheFork_IsRefusedWithoutAWrite) {
+  OpenFork fork(blocks_of_odd_size(3072, {{1, 2}}));
   write_at(fork, 0, marker_bytes(2048));
-  LogCapture log;
-  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
-  EXPECT_TRUE(fork.read_image(4608, 512) == ForkMedium::image_bytes(4608, 512));
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush_internal(fork.get(), 1536, 1536), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+}
+
+TEST(ForkFlushInternal, RangeOfWholeSectors_IsWrittenWhateverLiesBeforeIt) {
+  OpenFork fork(blocks_of_odd_size(6144, {{1, 2}, {6, 2}}));
+  const ByteVector bytes = marker_bytes(2048);
+  cache(fork, 4096, bytes.size());
+  write_at(fork, 4096, bytes);
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush_internal(fork.get(), 3072, 3072), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 10240 2048"});
 }
 
 // ---- Every fault ---------------------------------------------------------------------------------------------------

@@ -186,11 +186,11 @@ std::vector<Story> made_up_stories() {
   const char* const too_much =
       "ERROR kvfs_btree_search_node_internal Aborting search: This B-tree has called for more work than any sound one "
       "does.\n";
-  const char* const too_many =
-      "ERROR kvfs_fork_resolve_extents Extents of CNID 4 hold more blocks than a volume can have.\n";
+  const char* const leads_back =
+      "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 lead back to where they began.\n";
   return {
       {"IndexNodesInACircle", index_circle, "Label", cyclic, cyclic},
-      {"WrappingOverflowRecords", wrapping_overflow_records, "Label", too_many, too_many},
+      {"WrappingOverflowRecords", wrapping_overflow_records, "Label", leads_back, leads_back},
       {"HundredThousandExtents", many_extents, "Label", "", ""},
       {"OneKeyManyTimes", one_key_many_times, "Label", one_key, one_key},
       {"DeepIndexUnderFullNodes", deep_index_under_full_nodes, "Label", "", too_much},

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <set>
 
 #include "big_endian.h"
 
@@ -187,11 +188,12 @@ bool VolumeModel::is_used(std::uint64_t block) const {
   return (bitmap_.at(static_cast<std::size_t>(block / 8)) & 0x80U >> block % 8) != 0;
 }
 
-// All bits of a byte are tested: from a position inside a byte the test begins there and goes round in that byte.
+// All bits of a byte are tested: from a position inside a byte the test begins there and goes round in that byte. Where
+// the search has been it finds nothing when it comes back.
 ModelRun VolumeModel::find_run(std::uint32_t wanted, std::uint32_t hint) const {
-  const std::uint64_t begin = std::min<std::uint64_t>(hint != 0 ? hint : next_allocation, total_blocks - 1);
-  bool wrapped = false;
-  for (std::uint64_t position = begin; !wrapped || position < begin;) {
+  std::set<std::uint64_t> visited;
+  std::uint64_t position = std::min<std::uint64_t>(hint != 0 ? hint : next_allocation, total_blocks - 1);
+  while (visited.insert(position).second) {
     const std::uint64_t tested = up_to_byte(std::min<std::uint64_t>(total_blocks - position, wanted));
     std::uint64_t clear = 0;
     while (clear < tested && !is_used((position / 8 + clear / 8) * 8 + (position + clear) % 8)) {
@@ -200,14 +202,8 @@ ModelRun VolumeModel::find_run(std::uint32_t wanted, std::uint32_t hint) const {
     if (clear == tested) {
       return {static_cast<std::uint32_t>(position), wanted, 0};
     }
-    position = up_to_byte(position + std::max<std::uint64_t>(clear, 1));
-    if (position >= total_blocks) {
-      if (wrapped) {
-        break;
-      }
-      position = 0;
-      wrapped = true;
-    }
+    const std::uint64_t next = up_to_byte(position + std::max<std::uint64_t>(clear, 1));
+    position = next < total_blocks ? next : 0;
   }
   return {};
 }

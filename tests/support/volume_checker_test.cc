@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 
+#include "known_volumes.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {
@@ -324,18 +325,17 @@ class ForeignVolumeTest : public ::testing::Test {
   std::filesystem::path folder_;
 };
 
-#ifdef KVFS_VOLUMES_DIR
-TEST_F(ForeignVolumeTest, VolumesOfTheCollection_AreSound) {
-  ASSERT_TRUE(std::filesystem::exists(std::filesystem::path(KVFS_VOLUMES_DIR) / "manifest.json"));
-  const std::string image = (folder_ / "image").string();
-  for (const auto& file : std::filesystem::directory_iterator(KVFS_VOLUMES_DIR)) {
-    if (file.path().extension() == ".xz") {
-      ASSERT_EQ(shell("xz -dc '" + file.path().string() + "' > '" + image + "'"), "");
-      EXPECT_EQ(joined(check_volume(Volume::load(image))), "") << file.path();
-    }
+class CollectedVolumes : public KnownVolumes {};
+KVFS_INSTANTIATE_KNOWN_VOLUMES(CollectedVolumes);
+
+TEST_P(CollectedVolumes, AllOfThem_AreSound) {
+  const std::string image = ::testing::TempDir() + "kvfs_collected_" + std::to_string(::getpid());
+  for (const KnownVolume& volume : volumes()) {
+    ASSERT_TRUE(unpack(volume.file, image));
+    EXPECT_EQ(joined(check_volume(Volume::load(image))), "") << volume.file;
   }
+  std::filesystem::remove(image);
 }
-#endif
 
 // This writer marks one block more than its files have, which is tolerated.
 TEST_F(ForeignVolumeTest, VolumeOfXorriso_IsSoundButForALeakedBlock) {

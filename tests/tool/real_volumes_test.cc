@@ -10,12 +10,12 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "big_endian.h"
+#include "known_volumes.h"
 #include "tool_runner.h"
 #include "unicode_fixture.h"
 
@@ -23,8 +23,6 @@ namespace kvfs_test {
 namespace {
 
 using ::testing::Contains;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 std::string print(const std::string& path) {
   const ToolRun run = run_tool({path});
@@ -96,99 +94,35 @@ void expect_same_label_by_7z(const std::string& path, const std::string& compose
 
 // ---- Volumes at hand -----------------------------------------------------------------------------------------------
 
-#ifdef KVFS_VOLUMES_DIR
+class RealVolumes : public KnownVolumes {};
+KVFS_INSTANTIATE_KNOWN_VOLUMES(RealVolumes);
 
-struct KnownVolume {
-  std::string file;
-  std::string composed;
-  std::string raw;
-  Name units;
-};
-
-std::string unescaped(const std::string& json) {
-  std::string text;
-  for (std::size_t i = 0; i < json.size(); ++i) {
-    if (json[i] == '\\' && i + 5 < json.size() && json[i + 1] == 'u') {
-      text += to_utf8(Name(1, static_cast<char16_t>(std::stoul(json.substr(i + 2, 4), nullptr, 16))));
-      i += 5;
-    } else if (json[i] == '\\' && i + 1 < json.size()) {
-      text += json[++i];
-    } else {
-      text += json[i];
-    }
-  }
-  return text;
-}
-
-std::string string_field(const std::string& object, const std::string& name) {
-  std::smatch match;
-  if (!std::regex_search(object, match, std::regex("\"" + name + "\": \"((?:[^\"\\\\]|\\\\.)*)\""))) {
-    ADD_FAILURE() << "no field " << name << " in " << object;
-    return "";
-  }
-  return unescaped(match[1]);
-}
-
-// The entries of the manifest, which lists one flat object for each volume.
-std::vector<KnownVolume> read_manifest(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  const std::string manifest = text.str();
-  std::vector<KnownVolume> volumes;
-  const std::regex object(R"(\{[^{}]*"file"[^{}]*\})");
-  for (auto it = std::sregex_iterator(manifest.begin(), manifest.end(), object); it != std::sregex_iterator(); ++it) {
-    const std::string entry = it->str();
-    KnownVolume volume = {
-        string_field(entry, "file"), string_field(entry, "label_composed"), string_field(entry, "label_raw"), {}};
-    std::istringstream units(string_field(entry, "label_units"));
-    std::string unit;
-    while (units >> unit) {
-      volume.units.push_back(static_cast<char16_t>(std::stoul(unit, nullptr, 16)));
-    }
-    volumes.push_back(volume);
-  }
-  return volumes;
-}
-
-// An unpacked copy of a file in xz format.
-class UnpackedFile : public ScratchFile {
- public:
-  explicit UnpackedFile(const std::string& packed) {
-    EXPECT_EQ(run_program("xz", {"--decompress", "--stdout", packed}, {.out_path = path()}).status, 0) << packed;
-  }
-};
-
-TEST(RealVolumes, VolumesOfOtherSystems_PrintTheLabelsOfTheirManifest) {
-  const std::filesystem::path folder = KVFS_VOLUMES_DIR;
-  ASSERT_TRUE(std::filesystem::exists(folder / "manifest.json")) << folder;
-  const std::vector<KnownVolume> volumes = read_manifest(folder / "manifest.json");
-  ASSERT_THAT(volumes, Not(IsEmpty()));
-  for (const KnownVolume& volume : volumes) {
+TEST_P(RealVolumes, VolumesOfOtherSystems_PrintTheLabelsOfTheirManifest) {
+  for (const KnownVolume& volume : volumes()) {
     SCOPED_TRACE(volume.file);
-    const UnpackedFile image(folder / volume.file);
+    const ScratchFile image;
+    ASSERT_TRUE(unpack(volume.file, image.path()));
     EXPECT_EQ(to_utf8(volume.units), volume.raw) << "the manifest agrees with itself";
     expect_label(image.path(), volume.composed, volume.raw);
     EXPECT_EQ(read_label(image.volume()), volume.units);
-    expect_same_label_by_others(image.path(), volume.raw, true);
+    // fshfsinfo cannot do without an attributes file.
+    const bool with_fshfsinfo = image.volume().get_field("attributesFile.totalBlocks") != 0;
+    expect_same_label_by_others(image.path(), volume.raw, with_fshfsinfo);
     expect_same_label_by_7z(image.path(), volume.composed, volume.raw);
   }
 }
 
-TEST(RealVolumes, EveryPackedVolume_IsInTheManifest) {
-  const std::filesystem::path folder = KVFS_VOLUMES_DIR;
-  ASSERT_TRUE(std::filesystem::exists(folder / "manifest.json")) << folder;
-  std::vector<std::string> known;
-  for (const KnownVolume& volume : read_manifest(folder / "manifest.json")) {
+TEST_P(RealVolumes, EveryPackedVolume_IsInTheManifest) {
+  std::vector<std::filesystem::path> known;
+  for (const KnownVolume& volume : volumes()) {
     known.push_back(volume.file);
   }
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+  for (const auto& entry : std::filesystem::directory_iterator(folder())) {
     if (entry.path().extension() == ".xz") {
-      EXPECT_THAT(known, Contains(entry.path().filename().string()));
+      EXPECT_THAT(known, Contains(entry.path()));
     }
   }
 }
-
-#endif
 
 // ---- Volumes written by xorriso ------------------------------------------------------------------------------------
 

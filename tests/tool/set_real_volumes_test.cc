@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "known_volumes.h"
 #include "set_fixture.h"
 #include "unicode_fixture.h"
 #include "volume_image.h"
@@ -19,6 +20,7 @@ namespace {
 
 using ::testing::Each;
 using ::testing::EndsWith;
+using ::testing::HasSubstr;
 
 constexpr Tree kCatalog = Tree::kCatalog;
 
@@ -46,27 +48,49 @@ void expect_set_and_set_back(const ScratchFile& image, const std::vector<std::st
 
 // ---- Volumes at hand -----------------------------------------------------------------------------------------------
 
-#ifdef KVFS_VOLUMES_DIR
-
-TEST(SetRealVolumes, VolumesOfOtherSystems_AreSetAndSetBack) {
-  const std::filesystem::path folder = KVFS_VOLUMES_DIR;
-  ASSERT_TRUE(std::filesystem::exists(folder / "manifest.json")) << folder;
-  int volumes = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.path().extension() == ".xz") {
-      SCOPED_TRACE(entry.path().filename());
-      const ScratchFile image;
-      const ToolRun unpacked =
-          run_program("xz", {"--decompress", "--stdout", entry.path()}, {.out_path = image.path()});
-      ASSERT_EQ(unpacked.status, 0) << unpacked;
-      expect_set_and_set_back(image, {"x", "A label of ordinary length", kGermanLabel, kKoreanLabel, kLongLabel});
-      ++volumes;
-    }
-  }
-  EXPECT_GT(volumes, 0);
+// The root of the catalog is full: the label is refused and the image stays as it was.
+void expect_no_room(const ScratchFile& image, const std::string& label) {
+  SCOPED_TRACE("label " + label);
+  const Volume before = image.volume();
+  const ToolRun run = run_tool({image.path(), label});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_THAT(run.err, HasSubstr("ERROR kvfs_btree_split_node Unable to split root node.\n"));
+  EXPECT_THAT(run.err, EndsWith("Error while changing volume label.\n"));
+  EXPECT_TRUE(image.volume() == before) << "the image has changed";
 }
 
-#endif
+class SetRealVolumes : public KnownVolumes {};
+KVFS_INSTANTIATE_KNOWN_VOLUMES(SetRealVolumes);
+
+TEST_P(SetRealVolumes, VolumesOfOtherSystems_AreSetAndSetBack) {
+  for (const KnownVolume& volume : volumes()) {
+    if (volume.longest_label.has_value()) {
+      SCOPED_TRACE(volume.file);
+      const ScratchFile image;
+      ASSERT_TRUE(unpack(volume.file, image.path()));
+      expect_set_and_set_back(image, {"x", "A label of ordinary length", kGermanLabel, kKoreanLabel,
+                                      kLongLabel.substr(0, *volume.longest_label)});
+    }
+  }
+}
+
+TEST_P(SetRealVolumes, LabelsWithoutRoom_AreRefusedAndLeaveTheVolumeAsItWas) {
+  for (const KnownVolume& volume : volumes()) {
+    SCOPED_TRACE(volume.file);
+    const ScratchFile image;
+    ASSERT_TRUE(unpack(volume.file, image.path()));
+    if (!volume.longest_label.has_value()) {
+      expect_no_room(image, "");
+      expect_no_room(image, "x");
+      expect_no_room(image, volume.raw);
+      expect_no_room(image, kLongLabel);
+    } else if (*volume.longest_label < kLongLabel.size()) {
+      expect_no_room(image, kLongLabel.substr(0, *volume.longest_label + 1));
+      expect_no_room(image, kLongLabel);
+    }
+  }
+}
 
 // ---- Volumes written by xorriso ------------------------------------------------------------------------------------
 
@@ -90,7 +114,7 @@ Volume written_by_xorriso(const std::string& label, int files) {
 
 // xorriso fills the leaves and leaves no node free, so that there is room for as many units as the old label has. A
 // longer one finds its place or leaves the volume as it was.
-TEST(SetRealVolumes, VolumesOfXorriso_AreSetAndSetBack) {
+TEST(SetXorrisoVolumes, VolumesOfXorriso_AreSetAndSetBack) {
   for (const int files : {0, 10, 2500}) {
     SCOPED_TRACE(files);
     const ScratchFile image(written_by_xorriso("BACKUP", files));
