@@ -67,15 +67,15 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog);
 // type is unknown, that is reported and the answer is -1; for a name that is longer than its key it is
 // kvfs_key_malformed. Directly under the root folder a name that begins with a NUL unit, as those of the private
 // folders, orders before all others by binary comparison and after all others by case folding. When both keys have such
-// a name the first decides, so that they are never equal: this must stay as it is.
+// a name the first decides, so that they are never equal (Q-catalog-1, Q-catalog-2, X-catalog-1).
 //
 //   compare_type  kHFSCaseFolding or kHFSBinaryCompare
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);
 
-// Converts a stored name to UTF-8 with "/" for every "\".
+// Converts a stored name to UTF-8 with "/" for every "\" (Q-catalog-9).
 //
 //   units, count  the name, big-endian; 255 units at most
-//   buffer, size  receive the text and a NUL; bytes
+//   buffer, size  receive the text and a NUL; bytes, at least 1 (X-catalog-8)
 //
 // Returns the bytes of text, without the NUL; 0 on failure.
 std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size);
@@ -137,7 +137,7 @@ kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog
                                        kvfs_catalog_search_result* out_result);
 
 // Searches for the thread record of an item and, with `follow`, for the item itself. When there is no thread record,
-// or what was found is not one, that search's result is the outcome: callers test `found`.
+// or what was found is not one, that search's result is the outcome: callers test `found` (Q-catalog-6).
 //
 //   cnid  catalog node ID, host order
 //
@@ -150,7 +150,7 @@ kvfs_result kvfs_catalog_search_by_cnid(kvfs_catalog* catalog, std::uint32_t cni
 using kvfs_catalog_component_source = kvfs_result (*)(void* context, kvfs_be16* buffer, std::size_t capacity,
                                                       std::size_t* out_length);
 
-// Walks down a path, component by component.
+// Walks down a path, component by component (see Q-catalog-7).
 //
 //   source, context  give the components
 //   start            locator of the folder to start from, or null for the root folder
@@ -194,13 +194,14 @@ kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatal
                                        std::uint16_t data_length, const kvfs_catalog_search_result* hint,
                                        kvfs_catalog_record_locator** out_locator);
 
-// Moves a file or folder to a new folder and name, with its thread record and the valences of both folders.
+// Moves a file or folder to a new folder and name, with its thread record and the valences of both folders. Nothing is
+// undone on failure (Q-catalog-13).
 //
 //   locator         of the record, with its parent's locator unless it is the root folder. It is closed, and the
 //                   caller's pointer null, on success and on every failure after the record was deleted
 //   new_parent      catalog node ID of the folder that will hold the item, on-disk order; the root folder stays under 1
 //   name, name_length  new name, big-endian and decomposed; units. A name of more than 255 units is refused only after
-//                   the record was deleted: callers check the length before
+//                   the record was deleted: callers check the length before (Q-catalog-12)
 //
 // Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's
 // locator, for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is
@@ -250,7 +251,7 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 // data fork, and its place in the counts of the volume header. The locator stays open; the caller closes it.
 //
 // What callers have to know, and some rely on:
-// - whether a folder is empty is not asked: see kvfs_catalog_can_delete_file;
+// - whether a folder is empty is not asked: see kvfs_catalog_can_delete_file (Q-catalog-16);
 // - the resource fork's blocks and the extents in the overflow file stay allocated;
 // - when the thread record is missing, the record in the place where it would stand is deleted in its stead;
 // - without the parent's locator the parent's valence stays as it is;

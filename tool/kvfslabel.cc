@@ -30,6 +30,7 @@ struct arguments {
   const char* new_label;  // null to print the label
 };
 
+// By the tool's own name, whatever it was called by (Q-tool-2).
 static void kvfslabel_usage() {
   std::fprintf(stderr, "%s %s\n", kToolName, kToolVersion);
   std::fprintf(stderr, "usage: %s [--output-mode=<raw|composed>] <device> [<new label>]\n", kToolName);
@@ -48,7 +49,8 @@ static bool set_output_mode(const char* name) {
   return false;
 }
 
-// Reads the command line. Only its first argument can be the option; whatever else it begins with, it is the device.
+// Reads the command line. Only its first argument can be the option; whatever else it begins with, it is the device
+// (Q-tool-1).
 static arguments parse_arguments(int argc, char* const* argv) {
   constexpr arguments kNotUnderstood = {nullptr, nullptr};
   constexpr std::size_t kOptionLength = sizeof(kOutputModeOption) - 1;
@@ -90,7 +92,8 @@ static char next_decoded(const char** field) {
   return f[0];
 }
 
-// Compares a field with a path. Some C libraries hand fields out decoded and some do not, so that either form counts.
+// Compares a field with a path. Some C libraries hand fields out decoded and some do not, so that either form counts
+// (X-tool-1).
 static bool names_device(const char* field, const char* path) {
   if (std::strcmp(field, path) == 0) {
     return true;
@@ -103,7 +106,7 @@ static bool names_device(const char* field, const char* path) {
   return *field == *path;
 }
 
-// Refuses a device that the mount table lists under exactly this path; says why and returns false.
+// Refuses a device that the mount table lists under exactly this path (Q-tool-3); says why and returns false.
 static bool check_not_mounted(const char* path) {
   std::FILE* const table = fopen64(kMountTable, "r");
   if (table == nullptr) {
@@ -125,7 +128,7 @@ static bool check_not_mounted(const char* path) {
 // ---- The device file -----------------------------------------------------------------------------------------------
 
 // Opens a file away from the descriptors of the standard streams. Where one of these was closed, the file would take
-// its place, and messages would be written over the volume. Returns the descriptor, or -1.
+// its place, and messages would be written over the volume (X-tool-2). Returns the descriptor, or -1.
 static int open_device_file(const char* path, int flags) {
   const int fd = open64(path, flags);
   if (fd == -1 || fd > STDERR_FILENO) {
@@ -185,7 +188,7 @@ int main(int argc, char** argv) {
   const char* const mode = reading ? "" : "/write";
   const int fd = open_device_file(asked.device, reading ? O_RDONLY : O_RDWR);
   if (fd == -1) {
-    // The three messages that name the mode speak of volume, device and volume in turn: they must stay as they are.
+    // The three messages that name the mode speak of volume, device and volume in turn: Q-tool-4.
     std::fprintf(stderr, "Error while opening HFS+ volume in read%s mode.\n", mode);
     return EXIT_FAILURE;
   }

@@ -21,7 +21,7 @@ inline std::uint32_t output_mode = kOutputComposed;
 // standard output does not take it.
 kvfs_result kvfslabel_print_label(const kvfs_volume* volume);
 
-// Renames the root folder and flushes the catalog file; the volume header is not written.
+// Renames the root folder and flushes the catalog file; the volume header is not written (Q-tool-5).
 //
 //   label  UTF-8, NUL-terminated; at most 255 UTF-16 units once it is decomposed
 //
