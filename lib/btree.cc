@@ -514,8 +514,8 @@ static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const
 
 // Adds a reference to an open locator. Its public lengths and pointers stay as they were, and so does the room for its
 // copy: who opens a record again is expected to find it at its old size (Q-btree-3). Only a vacant place may have
-// become a longer record (X-btree-6): the search for the place of a new index record behind the last one of a node opens
-// a locator there with the bytes of the record before, and inserting finds it open.
+// become a longer record (X-btree-6): the search for the place of a new index record behind the last one of a node
+// opens a locator there with the bytes of the record before, and inserting finds it open.
 static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locator_arguments& arguments) {
   static const char* const kFunction = "kvfs_btree_record_locator_open";
   kvfs_btree_record_locator_private* const priv = locator->priv;

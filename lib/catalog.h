@@ -216,7 +216,7 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
 //   parent             locator of the folder
 //   increment          1 adds the child, 0 takes it away
 //
-// Returns kvfs_ok in every case, also when nothing was changed: failures are in the log only, and callers rely on that.
+// Returns kvfs_ok in every case, also when nothing was changed: failures are in the log only (Q-catalog-10).
 kvfs_result kvfs_catalog_update_valence(kvfs_catalog* catalog, const void* child_record_data,
                                         kvfs_catalog_record_locator* parent, int increment);
 
@@ -281,7 +281,7 @@ int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);
 std::uint64_t kvfs_catalog_record_get_file_size(const HFSPlusCatalogFile* record, kvfs_catalog* catalog);
 
 // Sets the size of a file's data fork in a record. The size goes into bytes 88 to 95 whatever the record is: the buffer
-// must hold 96 bytes even for a folder record, whose kind is reported but not refused. Callers rely on that.
+// must hold 96 bytes even for a folder record, whose kind is reported but not refused (Q-catalog-21).
 //
 //   record  record data, on-disk order; null is reported and nothing done
 //   size    bytes
