@@ -700,7 +700,7 @@ struct name_cursor {
   // The next unit as it is; 0 at the end, which a zero unit looks like (Q-unicode-6).
   std::uint16_t take() { return next == end ? std::uint16_t{0} : (next++)->get(); }
 
-  // The next unit that does not fold to 0, folded; 0 at the end.
+  // The next unit that does not fold to 0, folded; 0 at the end. Others are passed over (Q-unicode-13).
   std::uint16_t take_folded() {
     std::uint16_t unit = 0;
     while (unit == 0 && next != end) {

@@ -338,7 +338,7 @@ void kvfs_volume_update_fork_data(kvfs_volume* volume, std::uint32_t cnid, const
     KVFS_CRITICAL("Unexpected catalog node ID for volume header file: %lu", to_ul(cnid));
     return;
   }
-  std::memmove(slot, fork_data, sizeof(*slot));  // callers may hand in the slot itself
+  std::memmove(slot, fork_data, sizeof(*slot));  // X-volume-2: it may be the slot itself
 }
 
 // ---- Counters ------------------------------------------------------------------------------------------------------

@@ -81,7 +81,7 @@ static kvfs_result initialize(pthread_rwlock_t* lock) {
     KVFS_ERROR_AS(kFunction, "Error while initializing pthread_rwlock: %s (%d)\n", std::strerror(created), created);
     result = kvfs_no_memory;
   }
-  (void)pthread_rwlockattr_destroy(&attributes);  // nothing depends on the attribute any more
+  (void)pthread_rwlockattr_destroy(&attributes);  // X-lock-2: nothing depends on it any more
   return result;
 }
 
