@@ -1412,6 +1412,8 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
 }
 
 // ---- Growing and shrinking -----------------------------------------------------------------------------------------
+//
+// A fork that changes its size forgets what is cached behind its end: X-fork-11.
 
 kvfs_result UpdateForkExtents(HFSPlusForkData* fork_data, const kvfs_allocation_location* location) {
   if (fork_data == nullptr) {

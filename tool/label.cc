@@ -69,6 +69,8 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
 }
 
 // ---- Setting -------------------------------------------------------------------------------------------------------
+//
+// A label that could not be printed afterwards is not written: X-tool-5.
 
 // A text of UTF-16 units in host order.
 struct utf16_text {
