@@ -710,7 +710,8 @@ void kvfs_btree_shift_locators(kvfs_btree* tree, std::uint32_t node, std::int32_
 
 // ---- Search --------------------------------------------------------------------------------------------------------
 //
-// A search ends, and soon, whatever the nodes say: see X-btree-3 for ways down, X-btree-4 and X-btree-5 for keys.
+// A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4 and
+// X-btree-5 for keys.
 
 void kvfs_btree_search_result_init(kvfs_btree_search_result* result) {
   *result = {0, 0, nullptr};
@@ -765,7 +766,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   walk->node = view_of(walk->tree, node, walk->map);
   walk->descriptor = descriptor_of(walk->node);
   walk->index = 0;
-  if (walk->descriptor.numRecords.get() == 0) {  // X-btree-2
+  if (walk->descriptor.numRecords.get() == 0) {
     KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
@@ -2440,8 +2441,8 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
   return result;
 }
 
-// Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the
-// deleted record, so that it is indexed under the deleted key again: Q-btree-20.
+// Q-btree-20. Replaces the index record of a node that lost its first record. An empty node still holds the bytes of the
+// deleted record, so that it is indexed under the deleted key again: this must stay as it is.
 static kvfs_result replace_index_record_of_deleted(const deletion& removal, std::uint16_t depth) {
   std::uint8_t height = 0;
   kvfs_result result = height_above(kDeleteFunction, removal.descriptor.height, depth, &height);
