@@ -710,8 +710,8 @@ void kvfs_btree_shift_locators(kvfs_btree* tree, std::uint32_t node, std::int32_
 
 // ---- Search --------------------------------------------------------------------------------------------------------
 //
-// A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4 and
-// X-btree-5 for keys.
+// A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4
+// and X-btree-5 for keys.
 
 void kvfs_btree_search_result_init(kvfs_btree_search_result* result) {
   *result = {0, 0, nullptr};
@@ -2441,7 +2441,7 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
   return result;
 }
 
-// Q-btree-20. Replaces the index record of a node that lost its first record. An empty node still holds the bytes of the
+// Q-btree-20. Replaces the index record of a node that lost its first record. An empty node still has the bytes of the
 // deleted record, so that it is indexed under the deleted key again: this must stay as it is.
 static kvfs_result replace_index_record_of_deleted(const deletion& removal, std::uint16_t depth) {
   std::uint8_t height = 0;

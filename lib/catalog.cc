@@ -14,6 +14,8 @@
 #include "volume.h"
 
 // ---- Keys and records ----------------------------------------------------------------------------------------------
+//
+// Of keys and records no more is read than they hold: X-catalog-3.
 
 static constexpr std::uint16_t key_length_for(std::uint32_t name_length) {
   return static_cast<std::uint16_t>(kHFSPlusCatalogKeyMinimumLength + sizeof(kvfs_be16) * name_length);
@@ -51,6 +53,9 @@ static kvfs_btree* btree_of(const kvfs_catalog* catalog) {
 }
 
 // ---- Key order -----------------------------------------------------------------------------------------------------
+//
+// A key that cannot be compared sorts first (Q-catalog-2); one whose name goes on behind its end ends the search when it
+// comes to that (X-catalog-1).
 
 // A key with its fields in reach. The name is read only as far as the key goes.
 struct catalog_key_view {
@@ -207,6 +212,8 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog) {
 }
 
 // ---- Names ---------------------------------------------------------------------------------------------------------
+//
+// The zero byte needs room: X-catalog-8.
 
 std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size) {
   std::uint16_t native[kHFSPlusMaxNameLength];
@@ -525,7 +532,7 @@ struct path_walk {
 
 static const char kPathFunction[] = "kvfs_catalog_search_by_path";
 
-// A folder record must have all of its fields (X-catalog-3).
+// A folder record must have all of its fields.
 static kvfs_result check_folder_size(const kvfs_catalog_record_locator* locator) {
   const std::size_t size = locator->btree_locator->data_size;
   if (size < sizeof(HFSPlusCatalogFolder)) {
@@ -1075,8 +1082,7 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
 
-// Copies a record of a known size out of a locator; false, with a message, when the record is shorter
-// (X-catalog-3).
+// Copies a record of a known size out of a locator; false, with a message, when the record is shorter.
 static bool copy_record(const char* function, const kvfs_catalog_record_locator* locator, void* record,
                         std::size_t size) {
   const kvfs_btree_record_locator* const stored = locator->btree_locator;
@@ -1097,8 +1103,7 @@ static std::uint32_t key_parent_of(const kvfs_catalog_record_locator* locator) {
              : kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get();
 }
 
-// Looks at the record behind the place of a folder's thread record, which comes before all of the folder's items
-// and need not be there (Q-catalog-15).
+// Looks at the record behind the place of a folder's thread record, which comes before all of the folder's items.
 static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_search_result& thread,
                                       std::uint32_t folder_id, int* out_empty) {
   static const char* const kFunction = "kvfs_catalog_is_directory_empty";
@@ -1173,8 +1178,7 @@ struct catalog_deletion {
 
 static const char kDeleteFunction[] = "kvfs_catalog_delete";
 
-// Frees the blocks of the data fork; the resource fork's stay allocated. A failure does not stop the deletion
-// (Q-catalog-17).
+// Frees the blocks of the data fork; the resource fork's stay allocated. A failure does not stop the deletion.
 static void free_data_fork(catalog_deletion* item) {
   const HFSPlusForkData* const fork_data = &item->record.file.dataFork;
   kvfs_bitmap* const bitmap = item->volume->bitmap;

@@ -67,7 +67,7 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog);
 // type is unknown, that is reported and the answer is -1; for a name that is longer than its key it is
 // kvfs_key_malformed. Directly under the root folder a name that begins with a NUL unit, as those of the private
 // folders, orders before all others by binary comparison and after all others by case folding. When both keys have such
-// a name the first decides, so that they are never equal (Q-catalog-1, Q-catalog-2, X-catalog-1).
+// a name the first decides, so that they are never equal: this must stay as it is.
 //
 //   compare_type  kHFSCaseFolding or kHFSBinaryCompare
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);
@@ -75,7 +75,7 @@ int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t
 // Converts a stored name to UTF-8 with "/" for every "\" (Q-catalog-9).
 //
 //   units, count  the name, big-endian; 255 units at most
-//   buffer, size  receive the text and a NUL; bytes, at least 1 (X-catalog-8)
+//   buffer, size  receive the text and a NUL; bytes
 //
 // Returns the bytes of text, without the NUL; 0 on failure.
 std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size);
@@ -230,7 +230,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
 
-// Tells whether a folder holds no items: whether the record behind its thread record belongs to another folder.
+// Tells whether a folder holds no items: whether the record behind its thread record belongs to another folder. Whether
+// the thread record is there is not asked (Q-catalog-15).
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
@@ -252,7 +253,7 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 //
 // What callers have to know, and some rely on:
 // - whether a folder is empty is not asked: see kvfs_catalog_can_delete_file (Q-catalog-16);
-// - the resource fork's blocks and the extents in the overflow file stay allocated;
+// - the resource fork's blocks and the extents in the overflow file stay allocated (Q-catalog-17);
 // - when the thread record is missing, the record in the place where it would stand is deleted in its stead;
 // - without the parent's locator the parent's valence stays as it is;
 // - each block is freed as FreeAllocationBlock does it, and a failure to free is logged and ignored.

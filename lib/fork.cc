@@ -489,6 +489,8 @@ kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std
 }
 
 // ---- Pieces of extents ---------------------------------------------------------------------------------------------
+//
+// A piece within one sector is read only as far as it has room: X-fork-4.
 
 static std::uint64_t sum_of_extents(const kvfs_fork_private* priv) {
   std::uint64_t sum = 0;
@@ -590,8 +592,7 @@ struct sector_run {
   std::uint32_t lead_out;  // bytes of the sector behind the run that belong to the piece
 };
 
-// Splits a piece into sectors. A piece that neither begins nor ends on a sector border within a sector has no run
-// (X-fork-4).
+// Splits a piece into sectors. A piece that neither begins nor ends on a sector border within a sector has no run.
 static kvfs_result split_into_sectors(std::uint32_t sector_size, std::uint64_t device_offset, std::uint64_t length,
                                       sector_run* run) {
   if (sector_size == 0) {

@@ -676,6 +676,8 @@ int kvfs_unicode_compose(const kvfs_be16* src, std::size_t src_count, std::uint1
 }
 
 // ---- The order of names --------------------------------------------------------------------------------------------
+//
+// Zero units (Q-unicode-6) and ignorable ones (Q-unicode-13) have an order of their own.
 
 namespace {
 
@@ -697,10 +699,10 @@ struct name_cursor {
   const kvfs_be16* next;
   const kvfs_be16* end;
 
-  // The next unit as it is; 0 at the end, which a zero unit looks like (Q-unicode-6).
+  // The next unit as it is, 0 at the end.
   std::uint16_t take() { return next == end ? std::uint16_t{0} : (next++)->get(); }
 
-  // The next unit that does not fold to 0, folded; 0 at the end. Others are passed over (Q-unicode-13).
+  // The next unit that does not fold to 0, folded; 0 at the end.
   std::uint16_t take_folded() {
     std::uint16_t unit = 0;
     while (unit == 0 && next != end) {
