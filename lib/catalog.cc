@@ -54,8 +54,8 @@ static kvfs_btree* btree_of(const kvfs_catalog* catalog) {
 
 // ---- Key order -----------------------------------------------------------------------------------------------------
 //
-// A key that cannot be compared sorts first (Q-catalog-2); one whose name goes on behind its end ends the search when it
-// comes to that (X-catalog-1).
+// A key that cannot be compared sorts first (Q-catalog-2). One whose name goes on behind its end ends the search when
+// it comes to that (X-catalog-1).
 
 // A key with its fields in reach. The name is read only as far as the key goes.
 struct catalog_key_view {
