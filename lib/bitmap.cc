@@ -55,7 +55,7 @@ static constexpr unsigned char block_bit(std::uint64_t block) {
   return static_cast<unsigned char>(0x80U >> (block % 8));
 }
 
-// Single bits are changed with this part of the allocation file mapped.
+// Single bits are changed with this part of the allocation file mapped, all of it (Q-bitmap-2).
 static constexpr std::uint64_t kChunkSize = 4096;
 
 // A mapped range of the allocation file.
@@ -88,9 +88,9 @@ static kvfs_result write_byte(kvfs_fork* fork, std::uint64_t offset, unsigned ch
 static kvfs_result clear_mapped_bit(kvfs_fork* fork, const bitmap_mapping& chunk, std::uint32_t block) {
   const unsigned char byte = byte_of(chunk, block);
   if ((byte & block_bit(block)) == 0) {
-    return kvfs_failed;
+    return kvfs_failed;  // without a message: Q-bitmap-3
   }
-  // To the first byte of the chunk, not to the byte's own place: callers rely on that as it stands.
+  // To the first byte of the chunk, not to the byte's own place: Q-bitmap-1.
   const kvfs_result result = write_byte(fork, chunk.offset, static_cast<unsigned char>(byte & ~block_bit(block)));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS("FreeAllocationBlock", "Error while writing back modified byte to allocation file.\n");
@@ -170,7 +170,8 @@ static void roll_back_blocks(kvfs_fork* fork, const bitmap_mapping& map, std::ui
   }
 }
 
-// The allocation file's fork, or null with a message when the volume was opened without that file.
+// The allocation file's fork, or null with a message when the volume was opened without that file
+// (X-bitmap-1).
 static kvfs_fork* fork_of_bits(const char* function, const kvfs_volume* volume) {
   if (volume->bitmap == nullptr) {
     KVFS_ERROR_AS(function, "The volume was opened without its allocation file.\n");
@@ -192,7 +193,7 @@ static kvfs_result set_mapped_bits(kvfs_fork* fork, const bitmap_mapping& map, s
       result = write_byte(fork, block / 8, static_cast<unsigned char>(byte | block_bit(block)));
       if (result != kvfs_ok) {
         KVFS_ERROR_AS(kAllocateFunction, "Error while writing out modified bitmap byte.\n");
-        // A write that fails only when it gives its locks back has set the bit.
+        // A write that fails only when it gives its locks back has set the bit: X-bitmap-4.
         set_end += (byte_of(map, block) & block_bit(block)) != 0 ? 1 : 0;
       }
     }
@@ -233,6 +234,8 @@ kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint3
 }
 
 // ---- Searching for free blocks -------------------------------------------------------------------------------------
+//
+// The search ends wherever in a byte it began: X-bitmap-2.
 
 static const char kFindFunction[] = "FindContiguousUnallocated";
 
@@ -268,7 +271,7 @@ static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
 }
 
 // Counts the clear bits from the position on, `count` at most. Bytes are counted from the start of the mapping, which
-// is exact once the position is a multiple of 8, as every one but the first is: this must stay as it is.
+// is exact once the position is a multiple of 8, as every one but the first is: Q-bitmap-7.
 static std::uint64_t count_clear_bits(const free_run_search& search, std::uint64_t count) {
   const unsigned char* const bytes = static_cast<const unsigned char*>(search.map.bytes);
   std::uint64_t clear = 0;
@@ -343,7 +346,7 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
 
 // ---- Growing forks -------------------------------------------------------------------------------------------------
 
-// Blocks that hold a number of bytes; none when the volume has no block size.
+// Blocks that hold a number of bytes; none when the volume has no block size (X-bitmap-3).
 static std::uint64_t blocks_for(const kvfs_volume* volume, std::uint64_t bytes) {
   const std::uint32_t block_size = volume->header->blockSize.get();
   return block_size == 0 ? 0 : kvfs_divide_rounding_up(bytes, block_size);
@@ -522,7 +525,7 @@ kvfs_result UpdateForks(kvfs_volume* volume, HFSPlusForkData* fork_data, std::ui
     KVFS_ERROR("Error while looking up unallocated region.\n");
     return result;
   }
-  if (location.block_count != 0) {
+  if (location.block_count != 0) {  // X-bitmap-5
     add_run(fork_data, used, &location);
   }
   *out_location = location;

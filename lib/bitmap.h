@@ -47,7 +47,7 @@ bool kvfs_bitmap_works_on(const kvfs_bitmap* bitmap, const kvfs_fork* fork);
 // ---- Allocating and freeing ----------------------------------------------------------------------------------------
 
 // Frees one block. The cleared byte is written to the first byte of the 4096-byte chunk that holds it, not to its own
-// place: callers rely on that as it stands. The volume header's count of free blocks does not change.
+// place (Q-bitmap-1). The volume header's count of free blocks does not change (Q-bitmap-4).
 //
 //   block  allocation block, host order
 //
@@ -59,14 +59,14 @@ kvfs_result FreeAllocationBlock(std::uint32_t block, kvfs_bitmap* bitmap);
 // run begins at the header's nextAllocation, that moves behind the run. On failure the blocks marked so far are freed
 // again, as far as that is possible.
 //
-//   start_block, count  the run; it must lie within one MiB of the allocation file
+//   start_block, count  the run; it must lie within one MiB of the allocation file (Q-bitmap-9)
 //
 // Returns kvfs_ok; kvfs_failed when a block is used already; kvfs_invalid when the volume was opened without its
 // allocation file; or the failure of the fork.
 kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint32_t count, kvfs_volume* volume);
 
 // Frees blocks of a fork, found through the eight extents of its fork data; extents in the overflow file are not
-// visited. The volume header's count of free blocks does not change.
+// visited (Q-bitmap-5). The volume header's count of free blocks does not change.
 //
 //   fork_data           on-disk order
 //   first_block, count  blocks of the fork
@@ -90,7 +90,7 @@ struct kvfs_allocation_location {
 
 // Searches for a run of free blocks. Nothing is marked. The run tested is rounded up to whole bytes of the bitmap, so
 // that up to seven blocks behind it have to be free too; at the end of the volume a run is reported in full although
-// fewer blocks are left there, which marking it then refuses.
+// fewer blocks are left there, which marking it then refuses (Q-bitmap-6).
 //
 //   wanted        blocks
 //   hint          block to start from; 0 starts from the volume header's nextAllocation, and one behind the last block
@@ -98,8 +98,8 @@ struct kvfs_allocation_location {
 //   out_location  receives start block and block count, both 0 when there is no such run; the rest is 0. The start
 //                 block of a search for 0 blocks is the one that it starts from. Unchanged on failure
 //
-// Returns kvfs_ok, found or not; kvfs_invalid when the volume was opened without its allocation file; or the failure of
-// the fork.
+// Returns kvfs_ok, found or not (Q-bitmap-8); kvfs_invalid when the volume was opened without its allocation file; or
+// the failure of the fork.
 kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted, std::uint32_t hint,
                                       kvfs_allocation_location* out_location);
 

@@ -14,7 +14,7 @@
 // ---- Node view -----------------------------------------------------------------------------------------------------
 
 // The bytes of one node. Offsets and lengths in a node come from disk: whatever follows one of them goes through the
-// routines below, which stay inside the node.
+// routines below, which stay inside the node (X-btree-1).
 struct node_view {
   unsigned char* bytes;
   std::uint32_t size;    // the tree's nodeSize
@@ -73,7 +73,7 @@ static bool read_key_end(const node_view& node, std::uint32_t offset, std::uint3
   return *end <= node.size;
 }
 
-// Recognises that a walk from node to node goes in circles. Where a node leads depends on the node alone, so that
+// Recognises that a walk from node to node goes in circles (X-btree-3). Where a node leads depends on it alone, so that
 // coming back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of two,
 // finds that with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
 struct cycle_finder {
@@ -166,7 +166,7 @@ static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader
                                   const HFSPlusForkData* fork_data, std::uint16_t* node_size) {
   static const char* const kFunction = "kvfs_btree_process";
   const std::uint64_t sector_size = device->sector_size;
-  if (sector_size == 0) {
+  if (sector_size == 0) {  // X-device-1
     KVFS_ERROR_AS(kFunction, "Device has a sector size of 0.\n");
     return kvfs_inconsistent;
   }
@@ -193,7 +193,7 @@ static kvfs_result check_header_descriptor(const mapping& map) {
   if (descriptor->kind == kBTHeaderNode && descriptor->numRecords.get() == kBTHeaderNodeRecords) {
     return kvfs_ok;
   }
-  // The count is printed with its bytes the wrong way round, 1024 for 4 records: this must stay as it is.
+  // The count is printed with its bytes the wrong way round, 1024 for 4 records: Q-btree-1.
   const int swapped = descriptor->numRecords.bytes[0] | descriptor->numRecords.bytes[1] << 8;
   KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Node kind %d, %d records - should be kind 1, 3 records - but it isn't!\n",
                 kFunction, static_cast<int>(descriptor->kind), swapped);
@@ -215,8 +215,8 @@ static kvfs_result check_header_record(const mapping& map) {
   return kvfs_ok;
 }
 
-// Maps the descriptor and the header record of node 0, checks both and reads the two fields that a tree keeps. What was
-// mapped stays mapped for the caller.
+// Maps the descriptor and the header record of node 0, checks both and reads the two fields that a tree keeps, as they
+// stand (Q-btree-2). What was mapped stays mapped for the caller.
 static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mapping* header, std::uint16_t* node_size,
                                      std::uint16_t* max_key_length) {
   static const char* const kFunction = "kvfs_btree_process";
@@ -522,9 +522,9 @@ static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const
 }
 
 // Adds a reference to an open locator. Its public lengths and pointers stay as they were, and so does the room for its
-// copy: who opens a record again is expected to find it at its old size. Only a vacant place may have become a longer
-// record: the search for the place of a new index record behind the last one of a node opens a locator there with the
-// bytes of the record before, and inserting finds it open.
+// copy: who opens a record again is expected to find it at its old size (Q-btree-3). Only a vacant place may have
+// become a longer record (X-btree-6): the search for the place of a new index record behind the last one of a node
+// opens a locator there with the bytes of the record before, and inserting finds it open.
 static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locator_arguments& arguments) {
   static const char* const kFunction = "kvfs_btree_record_locator_open";
   kvfs_btree_record_locator_private* const priv = locator->priv;
@@ -644,7 +644,7 @@ void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {
   kvfs_write_guard guard((*locator)->priv->tree->priv->open_locators_lock);
   if (guard.result() != kvfs_ok) {
     KVFS_ERROR("Error while locking B-tree open locators list.\n");
-    *locator = nullptr;  // the reference is leaked: touching the list without the lock could do worse
+    *locator = nullptr;  // Q-btree-4: the reference is leaked; touching the list without the lock could do worse
     return;
   }
   kvfs_btree_record_locator_release(locator, false);
@@ -658,7 +658,7 @@ static kvfs_result write_record_data(kvfs_btree_record_locator* locator, const v
   static const char* const kFunction = "kvfs_btree_record_locator_write_data";
   kvfs_btree_record_locator_private* const priv = locator->priv;
   if (data_size > record_capacity(priv) || priv->record_data_offset > record_capacity(priv) - data_size) {
-    // The record was opened again with a longer key, and the public sizes are still those of the first opening.
+    // X-btree-6: it was opened again with a longer key, and the public sizes are still those of the first opening.
     KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has changed its layout and cannot be written.\n", priv->index,
                   to_ul(priv->node));
     return kvfs_internal;
@@ -734,6 +734,9 @@ static bool spend_work(kvfs_btree* tree, std::uint64_t work) {
 }
 
 // ---- Search --------------------------------------------------------------------------------------------------------
+//
+// A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4
+// and X-btree-5 for keys.
 
 void kvfs_btree_search_result_init(kvfs_btree_search_result* result) {
   *result = {0, 0, nullptr};
@@ -769,7 +772,7 @@ struct search_walk {
 };
 
 // A record of the current node. The engine rounds nothing here: the data of an index record begins right behind its
-// key, whose length is even.
+// key, whose length is even in a sound tree (Q-btree-7).
 struct node_record {
   std::uint16_t offset;
   std::uint16_t end;
@@ -808,7 +811,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
 static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
   const std::uint32_t total_nodes = walk->header.totalNodes.get();
-  // A start node equal to the number of nodes passes here: this must stay as it is.
+  // A start node equal to the number of nodes passes here: Q-btree-5.
   if (start > total_nodes) {
     KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Starting Node %lu > Total Nodes %lu\n", kFunction, to_ul(start),
                   to_ul(total_nodes));
@@ -823,7 +826,7 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
   if (!read_offset(view_of(walk->tree, start, walk->map), 0, &first)) {
     return report_bad_record(start, 0);
   }
-  if (first != kBTFirstRecordOffset) {
+  if (first != kBTFirstRecordOffset) {  // asked here alone: Q-btree-6
     KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Offset of record 0 in %lu is %hu, and not %zu!\n", kFunction, to_ul(start),
                   first, std::size_t{kBTFirstRecordOffset});
     return kvfs_inconsistent;
@@ -880,7 +883,7 @@ static kvfs_result finish_in_leaf(search_walk* walk, const node_record& record, 
   const kvfs_result result = finish_search(walk, record, walk->index);
   if (result != kvfs_ok) {
     static const char* const kFunction = "kvfs_btree_search_node_internal";
-    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Not enough memory\n", kFunction);
+    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Not enough memory\n", kFunction);  // or else: Q-btree-25
   }
   return result;
 }
@@ -985,8 +988,8 @@ static kvfs_result count_key(search_walk* walk, const node_record& record, bool 
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
 // that look like a key but leave the node are passed over there. The records of the header node, where the search in an
-// empty tree begins, are compared nevertheless: it is the first node of its cache item, and whatever its map reads as
-// ends in there.
+// empty tree begins, are compared nevertheless (Q-btree-8): it is the first node of its cache item, and whatever its
+// map reads as ends in there.
 static kvfs_result compare_record(search_walk* walk, const node_record& record, int* order) {
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   const unsigned char* const key = walk->node.bytes + record.offset;
@@ -1098,9 +1101,9 @@ kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree
   const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToLeaf, 0, &found);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_ERROR("Error while releasing open locators list read-mode lock.\n");  // held for writing; the words must stay
+    KVFS_ERROR("Error while releasing open locators list read-mode lock.\n");  // held for writing: Q-btree-25
     if (found.locator != nullptr) {
-      kvfs_btree_record_locator_release(&found.locator, false);  // the caller will not see it
+      kvfs_btree_record_locator_release(&found.locator, false);  // X-lock-1: the caller will not see it
     }
   } else if (result == kvfs_ok) {
     *out_result = found;
@@ -1124,7 +1127,8 @@ static void take_up_node(record_place* place, std::uint32_t node) {
   place->descriptor = descriptor_of(place->node);
 }
 
-// Moves on to the first record of the next node. Only one step is taken: an empty node is not passed over.
+// Moves on to the first record of the next node. Only one step is taken: an empty node is not passed over
+// (Q-btree-9).
 static kvfs_result step_to_next_node(record_place* place) {
   static const char* const kFunction = "kvfs_btree_get_next_record_internal";
   const std::uint32_t next = place->descriptor.fLink.get();
@@ -1256,9 +1260,9 @@ kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record
   const kvfs_result result = kvfs_btree_get_next_record_internal(tree, locator, &next);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_ERROR("Error while releasing open locators list read-mode lock.\n");  // held for writing; the words must stay
+    KVFS_ERROR("Error while releasing open locators list read-mode lock.\n");  // held for writing: Q-btree-25
     if (next != nullptr) {
-      kvfs_btree_record_locator_release(&next, false);  // the caller will not see it
+      kvfs_btree_record_locator_release(&next, false);  // X-lock-1: the caller will not see it
     }
   } else if (result == kvfs_ok) {
     *out_locator = next;
@@ -1357,6 +1361,8 @@ static std::uint8_t height_above(std::uint8_t height) {
 }
 
 // ---- Insertion -----------------------------------------------------------------------------------------------------
+//
+// The index of a tree that is too deep is not maintained: X-btree-10.
 
 // A record on its way into the tree.
 struct insertion {
@@ -1445,7 +1451,8 @@ static kvfs_result take_up_place(insertion* insert, const kvfs_btree_search_resu
   return kvfs_ok;
 }
 
-// Finds the node and the index of the new record, by the hint or by a search of its own.
+// Finds the node and the index of the new record, by the hint, which is not questioned (Q-btree-10), or by a search of
+// its own.
 static kvfs_result position_insertion(insertion* insert, const kvfs_btree_search_result* hint) {
   if (hint != nullptr && hint->locator != nullptr) {
     return take_up_place(insert, *hint);
@@ -1467,7 +1474,8 @@ static kvfs_result report_bad_insert_offset(std::uint32_t node, std::uint32_t in
   return kvfs_inconsistent;
 }
 
-// Checks the node around the place of the new record, and that the record fits an empty node.
+// Checks the node around the place of the new record, and that the record fits an empty node
+// (X-btree-7).
 static kvfs_result check_insertion(const insertion& insert) {
   const std::uint16_t node_size = insert.tree->nodeSize;
   if (!table_has_room(insert)) {
@@ -1485,7 +1493,7 @@ static kvfs_result check_insertion(const insertion& insert) {
   if (insert.index < insert.count) {
     const std::uint16_t next = offset_at(insert.node.view, insert.index + 1);
     if (offset > next || end < next) {
-      return kvfs_inconsistent;  // without a message: this must stay as it is
+      return kvfs_inconsistent;  // without a message: Q-btree-11
     }
   }
   if (end > node_size) {
@@ -1506,7 +1514,8 @@ static kvfs_result check_insertion(const insertion& insert) {
 // ---- The split point -----------------------------------------------------------------------------------------------
 
 // Finds the record at which a full node is split: the one for which the two halves, with the new record counted in,
-// differ least in size. Sizes grow with the index, so that a binary search does; of equals the first one found stays.
+// differ least in size. Sizes grow with the index, so that a binary search does; of equals the first one found stays
+// (Q-btree-12).
 struct split_search {
   std::int64_t total;         // bytes in use after the insertion, descriptor included
   std::int64_t best;          // smallest difference so far
@@ -1607,7 +1616,7 @@ static kvfs_result check_split_offsets(const insertion& insert) {
 // Takes up the half of a split node that the new record belongs to.
 static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, std::uint32_t new_node) {
   std::uint32_t node = insert->node.view.number;
-  // At the split index itself the record is appended to the node that was split.
+  // At the split index itself the record is appended to the node that was split: Q-btree-12.
   if (insert->index > split_index) {
     node = new_node;
     insert->index -= split_index;
@@ -1628,7 +1637,7 @@ static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, st
   if (insert->index > insert->count || offset_at(insert->node.view, insert->index) < kBTFirstRecordOffset) {
     return report_bad_insert_offset(node, insert->index);
   }
-  if (!fits_in_place(*insert)) {
+  if (!fits_in_place(*insert)) {  // X-btree-8
     KVFS_ERROR_AS(kInsertFunction, "Record of %lu bytes does not fit node %lu, even after a split.\n",
                   to_ul(insert->record_size), to_ul(node));
     return kvfs_internal;
@@ -1744,7 +1753,8 @@ static kvfs_result count_inserted_leaf_record(kvfs_btree* tree) {
 }
 
 // Searches for an index record of a height that is there or is not, as `found` says. In a damaged tree the search ends
-// elsewhere, in a leaf or in an index node of another height, whose records must not be taken for those of that height.
+// elsewhere, in a leaf or in an index node of another height, whose records must not be taken for those of that height
+// (X-btree-9).
 static kvfs_result search_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t found,
                                        kvfs_btree_search_result* place) {
   kvfs_btree_search_result_init(place);
@@ -1766,11 +1776,11 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
     return result;
   }
   if (found.found == 0) {
-    result = kvfs_inconsistent;  // without a message: this must stay as it is
+    result = kvfs_inconsistent;  // without a message: Q-btree-11
   } else {
     result = kvfs_btree_delete_record_internal(tree, found.locator, 0);
     if (result != kvfs_ok) {
-      // An index record; the words must stay as they are.
+      // An index record: Q-btree-25.
       KVFS_ERROR_AS(kInsertFunction, "Error while deleting file/folder record from B-tree.\n");
     }
   }
@@ -1904,7 +1914,7 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
   if (unlocked != kvfs_ok) {
     KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
     if (locator != nullptr) {
-      kvfs_btree_record_locator_release(&locator, false);  // the caller will not see it
+      kvfs_btree_record_locator_release(&locator, false);  // X-lock-1: the caller will not see it
     }
   } else if (result == kvfs_ok) {
     *out_locator = locator;
@@ -1944,6 +1954,8 @@ kvfs_result kvfs_btree_add_index_record(kvfs_btree* tree, const void* key, std::
 }
 
 // ---- Split ---------------------------------------------------------------------------------------------------------
+//
+// A split refuses a neighbour of another kind (X-btree-11) and a claimed node that is in use (X-btree-12).
 
 // A node that is being split, and what the split changes besides it.
 struct node_split {
@@ -1961,7 +1973,7 @@ struct node_split {
 
 static const char kSplitFunction[] = "kvfs_btree_split_node";
 
-// Reads the header record and the node to be split, and refuses the root.
+// Reads the header record and the node to be split, and refuses the root (Q-btree-13).
 static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
   kvfs_btree* const tree = split->tree;
   split->header = kvfs_allocate_zeroed<BTHeaderRec>();
@@ -2090,7 +2102,7 @@ static kvfs_result link_claimed_node(node_split* split) {
 }
 
 // Moves the upper records and stores both descriptors. The split node's offset table needs no change: the entry of the
-// first record that moved is that of its free space now, and the entries behind it stay.
+// first record that moved is that of its free space now, and the entries behind it stay (Q-btree-14).
 static void move_upper_records(node_split* split, std::uint16_t count, std::uint16_t begin, std::size_t moved) {
   unsigned char* const lower = split->split.view.bytes;
   std::memcpy(split->claimed.view.bytes + kBTFirstRecordOffset, lower + begin, moved);
@@ -2130,16 +2142,16 @@ static kvfs_result write_split(node_split* split, std::uint16_t count, std::size
   kvfs_btree* const tree = split->tree;
   kvfs_result result = write_node(tree, split->claimed);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified claimed node.\n ");
+    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified claimed node.\n ");  // Q-btree-25
     return result;
   }
-  // Data offsets change by the bytes moved, not by the distance of the nodes: this must stay. The next opening of the
+  // Data offsets change by the bytes moved, not by the distance of the nodes: Q-btree-15. The next opening of the
   // record puts its locator's offset right.
   kvfs_btree_shift_locators(tree, split->split.view.number, split->index, count - split->index,
                             split->claimed.view.number, true, split->index, static_cast<std::uint32_t>(moved));
   result = write_node(tree, split->split);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified split node.\n ");
+    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified split node.\n ");  // Q-btree-25
     return result;
   }
   if (split->neighbour != 0) {
@@ -2230,7 +2242,7 @@ static const char kClaimFunction[] = "kvfs_btree_claim_node";
 static constexpr std::uint16_t kMapNodeRecords = 1;
 static constexpr std::uint32_t kMapNodeTableSize = 2 * kOffsetEntrySize;
 
-// Unmapping a map node is tried again until it succeeds, but not for ever.
+// Unmapping a map node is tried again until it succeeds, but not for ever (X-btree-14).
 static constexpr int kCleanUpTries = 64;
 
 // The first segment: the map record of the header node.
@@ -2248,7 +2260,7 @@ static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
   walk->node = view_of(tree, 0, walk->header_map);
   walk->total_nodes = kvfs_view_as<BTHeaderRec>(walk->node.bytes + kBTHeaderRecordOffset)->totalNodes.get();
   walk->next = descriptor_of(walk->node).fLink.get();
-  if (walk->next > walk->total_nodes) {
+  if (walk->next > walk->total_nodes) {  // not >=: Q-btree-18
     KVFS_ERROR_AS(kClaimFunction,
                   "Invalid node data: Value of 'fLink' (%lu) in node 0 exceeds the total number of nodes (%lu).\n",
                   to_ul(walk->next), to_ul(walk->total_nodes));
@@ -2269,7 +2281,7 @@ static kvfs_result check_map_descriptor(const bitmap_walk& walk, const BTNodeDes
                   descriptor.numRecords.get());
     return kvfs_inconsistent;
   }
-  if (descriptor.fLink.get() > walk.total_nodes) {
+  if (descriptor.fLink.get() > walk.total_nodes) {  // not >=: Q-btree-18
     KVFS_ERROR_AS(kClaimFunction,
                   "Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number of nodes (%lu).\n",
                   to_ul(descriptor.fLink.get()), to_ul(walk.node.number), to_ul(walk.total_nodes));
@@ -2285,11 +2297,11 @@ static kvfs_result take_up_map_record(bitmap_walk* walk) {
   const std::uint16_t end = offset_at(walk->node, 1);
   walk->behind += walk->length;
   if (first < kBTFirstRecordOffset || first > limit) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: First record offset is out of range (%hu).", first);
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: First record offset is out of range (%hu).", first);  // Q-log-2
     return kvfs_inconsistent;
   }
   if (end < kBTFirstRecordOffset || end > limit) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Free space offset is out of range (%hu).", end);
+    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Free space offset is out of range (%hu).", end);  // Q-log-2
     return kvfs_inconsistent;
   }
   if (first > end) {
@@ -2335,7 +2347,8 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
   return take_up_map_record(walk);
 }
 
-// The byte of the bitmap at an index of the current segment; null, with a message, when it lies outside of the node.
+// The byte of the bitmap at an index of the current segment; null, with a message, when it lies outside of the node
+// (X-btree-13).
 static unsigned char* bitmap_byte_at(const bitmap_walk& walk, std::uint32_t index) {
   const std::uint64_t position = std::uint64_t{walk.start} + index;
   if (position >= walk.node.size) {
@@ -2348,7 +2361,7 @@ static unsigned char* bitmap_byte_at(const bitmap_walk& walk, std::uint32_t inde
 
 // Finds the first node whose bit is clear. A byte index that equals the segment's length still counts to the segment,
 // and the node that makes the walk move on is looked for in the new segment by its index in the old one. Both decide
-// which node is claimed and must stay as they are.
+// which node is claimed: Q-btree-16.
 static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
   std::uint32_t node = 1;
   while (node < walk->total_nodes) {
@@ -2375,7 +2388,7 @@ static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
   return kvfs_limit;
 }
 
-// Takes the node out of the count of free nodes and sets its bit.
+// Takes the node out of the count of free nodes, which is not questioned (Q-btree-17), and sets its bit.
 static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
   kvfs_btree* const tree = walk.tree;
   BTHeaderRec header =
@@ -2451,7 +2464,7 @@ struct deletion {
 
 static const char kDeleteFunction[] = "kvfs_btree_delete_record_internal";
 
-// Where the record lies, and what lies behind it.
+// Where the record lies, and what lies behind it. The node must have it (X-btree-15).
 struct record_extent {
   std::uint16_t begin;
   std::uint16_t end;
@@ -2498,7 +2511,8 @@ static kvfs_result read_deleted_extent(const deletion& removal, record_extent* e
   return kvfs_ok;
 }
 
-// Closes the gap in the node buffer. The bytes that become free, and the last entry of the table, stay as they are.
+// Closes the gap in the node buffer. The bytes that become free, and the last entry of the table, stay as they are
+// (Q-btree-19).
 static void remove_record(deletion* removal, const record_extent& extent) {
   const node_view& node = removal->node.view;
   const std::uint32_t count = removal->descriptor.numRecords.get();
@@ -2547,7 +2561,7 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
   return result;
 }
 
-// Replaces the index record of a node that has lost its first record. An empty node still holds the bytes of the
+// Q-btree-20. Replaces the index record of a node that lost its first record. An empty node still has the bytes of the
 // deleted record, so that it is indexed under the deleted key again: this must stay as it is.
 static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
   const std::uint8_t height = height_above(removal.descriptor.height);
@@ -2610,13 +2624,13 @@ static kvfs_result delete_from_node(deletion* removal) {
     return result;
   }
   removal->locator->priv->deleted = 1;
-  // The other open locators of the node keep their indexes although records have moved: this must stay as it is.
+  // The other open locators of the node keep their indexes although records have moved: Q-btree-21.
   return maintain_after_deletion(*removal);
 }
 
 kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_record_locator* locator,
                                               std::uint32_t /*flag*/) {
-  if (locator->priv->deleted != 0) {
+  if (locator->priv->deleted != 0) {  // X-btree-15
     KVFS_CRITICAL("Attempted to delete a deleted record.\n");
     return kvfs_internal;
   }
@@ -2683,7 +2697,8 @@ static kvfs_result write_descriptor(kvfs_btree* tree, std::uint32_t node, const 
   return kvfs_fork_write(tree->fork, fork_position(tree, node, 0), &descriptor, sizeof(descriptor), nullptr);
 }
 
-// Grows the fork and its logical size in the volume header, without which the new nodes could not be read.
+// Grows the fork and its logical size in the volume header, without which the new nodes could not be read
+// (X-btree-16).
 static kvfs_result grow_fork(tree_expansion* expansion) {
   kvfs_fork* const fork = expansion->tree->fork;
   const kvfs_result result = kvfs_fork_expand(fork, expansion->volume, &expansion->added);
@@ -2754,7 +2769,7 @@ static kvfs_result count_new_nodes(tree_expansion* expansion) {
 }
 
 // Whether the map record of the header node alone can describe all nodes. Map nodes that exist are not counted, so that
-// every expansion of a tree that has outgrown it adds one more: this must stay as it is.
+// every expansion of a tree that has outgrown it adds one more: Q-btree-23.
 static bool header_map_suffices(const tree_expansion& expansion) {
   const std::uint32_t node_size = expansion.tree->nodeSize;
   const std::uint32_t bytes = node_size < kBTHeaderNodeOverhead ? 0 : node_size - kBTHeaderNodeOverhead;
@@ -2769,7 +2784,7 @@ static kvfs_result allocate_map_node(const tree_expansion& expansion, std::uint3
     KVFS_ERROR_AS(kExpandFunction, "Error while allocating new map node.\n");
     return result;
   }
-  // A block has to be read before all of it is overwritten, or a later reading would bring its old bytes back.
+  // X-btree-16: a block has to be read before all of it is overwritten, or a later reading brings its old bytes back.
   mapping old_bytes;
   result = map_node(tree, *node, &old_bytes);
   if (result == kvfs_ok) {
@@ -2779,7 +2794,7 @@ static kvfs_result allocate_map_node(const tree_expansion& expansion, std::uint3
     result = kvfs_fork_fill(tree->fork, fork_position(tree, *node, 0), tree->nodeSize, 0, nullptr);
   }
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing back modified tree header record.\n");  // the words must stay
+    KVFS_ERROR_AS(kExpandFunction, "Error while writing back modified tree header record.\n");  // Q-btree-25
   }
   return result;
 }
@@ -2858,7 +2873,8 @@ static void restore_last_map_node(const tree_expansion& expansion) {
   }
 }
 
-// Undoes what was done, as far as that is possible. Returns the value of the failure.
+// Undoes what was done, as far as that is possible; a claimed node stays claimed (Q-btree-24). Returns the value of the
+// failure.
 static kvfs_result roll_back_expansion(const tree_expansion& expansion, kvfs_result result) {
   if (result == kvfs_ok) {
     KVFS_WARNING_AS(kExpandFunction, "Rollback requested with no error value. Setting dummy error.\n");
@@ -2896,7 +2912,7 @@ static kvfs_result unmap_expansion(tree_expansion* expansion) {
 }
 
 kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume) {
-  if (tree->priv->tree_kind != kHFSCatalogFileID) {
+  if (tree->priv->tree_kind != kHFSCatalogFileID) {  // Q-btree-22
     return kvfs_ok;
   }
   kvfs_write_guard guard(tree->priv->open_locators_lock);

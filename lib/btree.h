@@ -171,7 +171,7 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
 // closed by its owner. A node that becomes empty stays in the tree.
 //
 // Open locators on records behind the deleted one do NOT follow their records: they keep their index and their place,
-// where another record lies now. Callers rely on that as it stands; close such locators before deleting, or search
+// where another record lies now. Callers rely on that (Q-btree-21); close such locators before deleting, or search
 // anew.
 //
 //   flag  not used; 0

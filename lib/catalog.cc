@@ -16,6 +16,8 @@
 #include "volume.h"
 
 // ---- Keys and records ----------------------------------------------------------------------------------------------
+//
+// Of keys and records no more is read than they hold: X-catalog-3.
 
 static constexpr std::uint16_t key_length_for(std::uint32_t name_length) {
   return static_cast<std::uint16_t>(kHFSPlusCatalogKeyMinimumLength + sizeof(kvfs_be16) * name_length);
@@ -103,6 +105,9 @@ static kvfs_btree* btree_of(const kvfs_catalog* catalog) {
 }
 
 // ---- Key order -----------------------------------------------------------------------------------------------------
+//
+// A key that cannot be compared sorts first (Q-catalog-2). One whose name goes on behind its end ends the search when
+// it comes to that (X-catalog-1).
 
 // A key with its fields in reach. Of the name only what the key holds can be read.
 struct catalog_key_view {
@@ -135,7 +140,7 @@ static int compare_key_views(const catalog_key_view& a, const catalog_key_view& 
     return a.parent < b.parent ? -1 : 1;
   }
   const bool binary = compare_type == kHFSBinaryCompare;
-  // The first key decides even when both are private names, so that such names are never equal: this must stay.
+  // The first key decides even when both are private names, so that such names are never equal: Q-catalog-1.
   if (is_private_name(a)) {
     return binary ? -1 : 1;
   }
@@ -205,7 +210,8 @@ kvfs_result kvfs_catalog_create(kvfs_device* device, kvfs_extents* extents, HFSP
   return kvfs_ok;
 }
 
-// Takes a locator that is about to be freed from those that have it for their parent: none may follow a dead link.
+// Takes a locator that is about to be freed from those that have it for their parent: none may follow a dead
+// link (X-catalog-5).
 static void forget_parent(kvfs_catalog_private* priv, const kvfs_catalog_record_locator* parent) {
   for (kvfs_catalog_record_locator* child = priv->open_locators; child != nullptr; child = child->priv->next) {
     if (child->priv->parent == parent) {
@@ -215,7 +221,7 @@ static void forget_parent(kvfs_catalog_private* priv, const kvfs_catalog_record_
 }
 
 // Closes the locators that are still open, from the head of the list. A head that somebody else references too stays,
-// and ends the clean-up.
+// and ends the clean-up (Q-catalog-5).
 static void close_leaked_locators(kvfs_catalog_private* priv) {
   static const char* const kFunction = "kvfs_catalog_destroy";
   std::uint64_t closed = 0;
@@ -262,6 +268,8 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog) {
 }
 
 // ---- Names ---------------------------------------------------------------------------------------------------------
+//
+// The zero byte needs room: X-catalog-8.
 
 static constexpr std::uint16_t kSurrogateMask = 0xFC00;
 static constexpr std::uint16_t kHighSurrogate = 0xD800;
@@ -391,7 +399,7 @@ kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_r
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
     KVFS_ERROR("Error while unlocking catalog open locators list lock.\n");
-    // The locator is freed although it was opened: this must stay. The list must not keep what is freed.
+    // Q-catalog-3: the locator is freed although it was opened. The list must not keep what is freed.
     set_parent(&block->locator, nullptr);
     unlink_locator(&block->locator);
     return unlocked;
@@ -419,7 +427,7 @@ kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locat
   kvfs_catalog_record_locator* const closed = *locator;
   kvfs_catalog_record_locator_private* const priv = closed->priv;
   *locator = nullptr;
-  if (priv->reference_count == 0) {
+  if (priv->reference_count == 0) {  // Q-catalog-4
     KVFS_WARNING("Closing locator %p with 0 refcount!\n", static_cast<void*>(closed));
   } else {
     --priv->reference_count;
@@ -511,7 +519,8 @@ kvfs_result kvfs_catalog_get_next_record(kvfs_catalog* catalog, const kvfs_catal
   return result;
 }
 
-// Builds the key of the item that a thread record leads to, in the name of `function`.
+// Builds the key of the item that a thread record leads to, in the name of `function`. The record must hold its name
+// (X-catalog-2).
 static kvfs_result make_target_key(const char* function, const kvfs_catalog_record_locator* thread,
                                    HFSPlusCatalogKey* key) {
   const kvfs_btree_record_locator* const record = thread->btree_locator;
@@ -637,7 +646,7 @@ static kvfs_result start_path(path_walk* walk, kvfs_catalog_record_locator* star
   if (result != kvfs_ok) {
     return result;
   }
-  // The root folder's parent has no record to search in; the root folder stands for it.
+  // The root folder's parent has no record to search in; the root folder stands for it: Q-catalog-8.
   if (folder_id_of(start) != kHFSRootParentID) {
     walk->parent_cnid = folder_id_of(start);
     walk->parent = start;
@@ -722,7 +731,7 @@ static kvfs_result accept_current_record(path_walk* walk) {
 static kvfs_result next_component(path_walk* walk) {
   walk->component_length = 0;
   kvfs_result result = walk->source(walk->context, walk->component, kHFSPlusMaxNameLength, &walk->component_length);
-  if (result == kvfs_ok && walk->component_length > kHFSPlusMaxNameLength) {
+  if (result == kvfs_ok && walk->component_length > kHFSPlusMaxNameLength) {  // X-catalog-4
     result = kvfs_invalid;
   }
   if (result != kvfs_ok) {
@@ -877,7 +886,7 @@ static bool counts_as_folder(const void* record_data) {
          (file->flags.get() & kHFSHasLinkChainMask) != 0;
 }
 
-// Rewrites the folder record of the parent, in the name of kvfs_catalog_update_valence.
+// Rewrites the folder record of the parent, in the name of kvfs_catalog_update_valence. Its counts wrap (Q-catalog-11).
 static void change_counts(const void* child_record_data, kvfs_catalog_record_locator* parent, std::uint32_t change) {
   static const char* const kFunction = "kvfs_catalog_update_valence";
   HFSPlusCatalogFolder folder;
@@ -903,7 +912,7 @@ kvfs_result kvfs_catalog_update_valence(kvfs_catalog* /*catalog*/, const void* c
   } else {
     change_counts(child_record_data, parent, increment != 0 ? 1U : 0U - 1U);
   }
-  return kvfs_ok;  // in every case: callers rely on it
+  return kvfs_ok;  // in every case: Q-catalog-10
 }
 
 kvfs_result kvfs_catalog_increment_valence(kvfs_catalog* catalog, const void* child_record_data,
@@ -1066,7 +1075,7 @@ static kvfs_result enter_new_folder(const renaming& item) {
   return result;
 }
 
-// Inserts the new thread record where the old one stood or would have stood.
+// Inserts the new thread record where the old one stood or would have stood (Q-catalog-14).
 [[gnu::noinline]] static kvfs_result insert_thread_record(renaming* item, const kvfs_catalog_search_result& place) {
   HFSPlusCatalogKey key;
   make_thread_key(&key, item->cnid);
@@ -1151,7 +1160,7 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
     return result;
   }
   if (name_length > kHFSPlusMaxNameLength) {
-    return kvfs_invalid;  // only now, with the record gone, and without a message: this must stay as it is
+    return kvfs_invalid;  // only now, with the record gone, and without a message: Q-catalog-12
   }
   item.name_length = static_cast<std::uint32_t>(name_length);
   result = insert_renamed_record(item);
@@ -1292,7 +1301,7 @@ static kvfs_result take_up_deleted_item(catalog_deletion* item) {
 
 static kvfs_result leave_parent(const catalog_deletion& item) {
   kvfs_catalog_record_locator* const parent = *item.locator->parent;
-  if (parent == nullptr) {
+  if (parent == nullptr) {  // Q-catalog-18
     KVFS_WARNING_AS(kDeleteFunction, "INFO: No parent rec in delete..This is a todo\n");
     return kvfs_ok;
   }
@@ -1313,7 +1322,7 @@ static void count_out(const catalog_deletion& item) {
   kvfs_volume_add_free_blocks(item.volume, item.freed_blocks);
 }
 
-// Deletes the thread record, or what stands in its place: whether it was found is not asked, and that must stay.
+// Deletes the thread record, or what stands in its place: whether it was found is not asked: Q-catalog-19.
 static kvfs_result delete_thread_record(const catalog_deletion& item) {
   HFSPlusCatalogKey key;
   make_thread_key(&key, item.cnid);
@@ -1379,7 +1388,7 @@ int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record) {
 
 static std::uint64_t size_of_forks(const HFSPlusCatalogFile& file) {
   const std::uint64_t data_size = file.dataFork.logicalSize.get();
-  return data_size != 0 ? data_size : file.resourceFork.logicalSize.get();
+  return data_size != 0 ? data_size : file.resourceFork.logicalSize.get();  // Q-catalog-20
 }
 
 // Reads the size out of a record that may be short; the resource fork's size is asked for only where it counts.
@@ -1428,7 +1437,7 @@ void kvfs_catalog_record_set_file_size(void* record, std::uint64_t size) {
     KVFS_ERROR("%s: Can only set size for a file record - This is a record of type: %d\n", __func__,
                static_cast<int>(type));
   }
-  kvfs_view_as<HFSPlusCatalogFile>(record)->dataFork.logicalSize.set(size);  // into any record: this must stay
+  kvfs_view_as<HFSPlusCatalogFile>(record)->dataFork.logicalSize.set(size);  // into any record: Q-catalog-21
 }
 
 kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCatalogFile* record,
@@ -1445,6 +1454,7 @@ kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCa
   if (thread.locator == nullptr) {
     return kvfs_internal;
   }
+  // A missing thread has no message: Q-catalog-22.
   result = thread.found != 0 ? make_target_key(__func__, thread.locator, &key) : kvfs_inconsistent;
   if (result == kvfs_ok) {
     result = kvfs_catalog_search_node(catalog, &key, out_result);
@@ -1472,7 +1482,7 @@ static kvfs_result failure_value(kvfs_result result) {
   return result;
 }
 
-// Finds a free block for the target.
+// Finds a free block for the target. None is a failure (X-catalog-6).
 static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFile& file, std::uint32_t* block) {
   kvfs_allocation_location location = {};
   const kvfs_result result = FindWriteLocation(file.fileID.get(), kHFSDataForkType, &file.dataFork, volume, 0,
@@ -1485,7 +1495,8 @@ static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFi
   return kvfs_ok;
 }
 
-// Writes the target, converted to UTF-8, to the first sector of a block; `size` receives its bytes.
+// Writes the target, converted to UTF-8, to the first sector of a block, whose rest it clears (X-catalog-7);
+// `size` receives its bytes.
 static kvfs_result write_target(kvfs_volume* volume, std::uint32_t block, const kvfs_be16* target_name,
                                 std::size_t target_length, std::size_t* size) {
   kvfs_device* const device = volume->device;
@@ -1512,7 +1523,8 @@ static void set_link_fields(HFSPlusCatalogFile* file, std::uint32_t block) {
   file->dataFork.totalBlocks.set(1);
 }
 
-// Writes the target, marks its block as used and writes the record back.
+// Writes the target, marks its block as used and writes the record back: in this order, with nothing undone
+// (Q-catalog-23).
 static kvfs_result store_link(kvfs_catalog_record_locator* locator, HFSPlusCatalogFile* file,
                               const kvfs_be16* target_name, std::size_t target_length, kvfs_volume* volume) {
   std::uint32_t block = 0;

@@ -73,7 +73,7 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog);
 //   compare_type  kHFSCaseFolding or kHFSBinaryCompare
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);
 
-// Converts a stored name to UTF-8 with "/" for every "\".
+// Converts a stored name to UTF-8 with "/" for every "\" (Q-catalog-9).
 //
 //   units, count  the text, big-endian, of any length; a zero unit ends it early
 //   buffer, size  receive the text and a NUL; bytes
@@ -138,7 +138,7 @@ kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog
                                        kvfs_catalog_search_result* out_result);
 
 // Searches for the thread record of an item and, with `follow`, for the item itself. When there is no thread record,
-// or what was found is not one, that search's result is the outcome: callers test `found`.
+// or what was found is not one, that search's result is the outcome: callers test `found` (Q-catalog-6).
 //
 //   cnid  catalog node ID, host order
 //
@@ -152,7 +152,7 @@ kvfs_result kvfs_catalog_search_by_cnid(kvfs_catalog* catalog, std::uint32_t cni
 using kvfs_catalog_component_source = kvfs_result (*)(void* context, kvfs_be16* buffer, std::size_t capacity,
                                                       std::size_t* out_length);
 
-// Walks down a path, component by component.
+// Walks down a path, component by component (see Q-catalog-7).
 //
 //   source, context  give the components
 //   start            locator of the folder to start from, or null for the root folder
@@ -196,13 +196,14 @@ kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatal
                                        std::uint16_t data_length, const kvfs_catalog_search_result* hint,
                                        kvfs_catalog_record_locator** out_locator);
 
-// Moves a file or folder to a new folder and name, with its thread record and the valences of both folders.
+// Moves a file or folder to a new folder and name, with its thread record and the valences of both folders. Nothing is
+// undone on failure (Q-catalog-13).
 //
 //   locator         of the record, with its parent's locator unless it is the root folder. It is closed, and the
 //                   caller's pointer null, on success and on every failure after the record was deleted
 //   new_parent      catalog node ID of the folder that will hold the item, on-disk order; the root folder stays under 1
 //   name, name_length  new name, big-endian and decomposed; units. A name of more than 255 units is refused only after
-//                   the record was deleted: callers check the length before
+//                   the record was deleted: callers check the length before (Q-catalog-12)
 //
 // Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's
 // locator, for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is
@@ -218,7 +219,7 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
 //   parent             locator of the folder
 //   increment          1 adds the child, 0 takes it away
 //
-// Returns kvfs_ok in every case, also when nothing was changed: failures are in the log only, and callers rely on that.
+// Returns kvfs_ok in every case, also when nothing was changed: failures are in the log only (Q-catalog-10).
 kvfs_result kvfs_catalog_update_valence(kvfs_catalog* catalog, const void* child_record_data,
                                         kvfs_catalog_record_locator* parent, int increment);
 
@@ -232,7 +233,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
 
-// Tells whether a folder holds no items: whether the record behind its thread record belongs to another folder.
+// Tells whether a folder holds no items: whether the record behind its thread record belongs to another folder. Whether
+// the thread record is there is not asked (Q-catalog-15).
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
@@ -254,8 +256,8 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 // data fork, and its place in the counts of the volume header. The locator stays open; the caller closes it.
 //
 // What callers have to know, and some rely on:
-// - whether a folder is empty is not asked: see kvfs_catalog_can_delete_file;
-// - the resource fork's blocks and the extents in the overflow file stay allocated;
+// - whether a folder is empty is not asked: see kvfs_catalog_can_delete_file (Q-catalog-16);
+// - the resource fork's blocks and the extents in the overflow file stay allocated (Q-catalog-17);
 // - when the thread record is missing, the record in the place where it would stand is deleted in its stead;
 // - without the parent's locator the parent's valence stays as it is;
 // - each block is freed as FreeAllocationBlock does it, and a failure to free is logged and ignored.
@@ -284,7 +286,7 @@ int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);
 std::uint64_t kvfs_catalog_record_get_file_size(const HFSPlusCatalogFile* record, kvfs_catalog* catalog);
 
 // Sets the size of a file's data fork in a record. The size goes into bytes 88 to 95 whatever the record is: the buffer
-// must hold 96 bytes even for a folder record, whose kind is reported but not refused. Callers rely on that.
+// must hold 96 bytes even for a folder record, whose kind is reported but not refused (Q-catalog-21).
 //
 //   record  record data, on-disk order; null is reported and nothing done
 //   size    bytes

@@ -49,8 +49,8 @@ void kvfs_device_destroy(kvfs_device** device);
 kvfs_result kvfs_device_read_disk_sectors(kvfs_device* device, std::uint64_t first_sector, std::uint32_t sector_count,
                                           void** buffer);
 
-// Writes whole sectors with a single transfer. `read_only` is not consulted: the system refuses a write through a
-// descriptor that was opened for reading.
+// Writes whole sectors with a single transfer. `read_only` is not consulted (Q-device-5): the system refuses a write
+// through a descriptor that was opened for reading.
 //
 //   buffer  sector_count x sector_size bytes
 //

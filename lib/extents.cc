@@ -24,7 +24,7 @@ static int order_of(std::uint32_t a, std::uint32_t b) {
 int kvfs_extents_compare_keys(const void* key_a, const void* key_b, std::uint8_t /*compare_type*/) {
   const std::uint16_t length_a = kvfs_view_as<kvfs_be16>(key_a)->get();
   const std::uint16_t length_b = kvfs_view_as<kvfs_be16>(key_b)->get();
-  // Both messages print the size of the whole key, although its length field is tested: this must stay as it is.
+  // Both messages print the size of the whole key, although its length field is tested: Q-extents-1.
   if (length_a != kHFSPlusExtentKeyLength) {
     KVFS_ERROR("Invalid key length for extents overflow file in a. Expected: %zu Actual: %hu\n",
                sizeof(HFSPlusExtentKey), length_a);
@@ -56,7 +56,7 @@ kvfs_result kvfs_extents_validate(kvfs_btree* btree, int* out_valid) {
   BTHeaderRec header = {};
   const kvfs_result result = kvfs_fork_read(btree->fork, kBTHeaderRecordOffset, &header, sizeof(header), nullptr);
   if (result != kvfs_ok) {
-    KVFS_ERROR("Error while reading node descriptor.\n");  // it is the header record; the words must stay
+    KVFS_ERROR("Error while reading node descriptor.\n");  // it is the header record: Q-extents-2
     return result;
   }
   if (header.btreeType != kHFSBTreeType) {
@@ -95,7 +95,7 @@ static kvfs_result open_valid_tree(kvfs_device* device, HFSPlusVolumeHeader* vol
     result = kvfs_inconsistent;
   }
   if (result != kvfs_ok) {
-    kvfs_btree_destroy(&tree);  // nobody else has it
+    kvfs_btree_destroy(&tree);  // nobody else has it: X-extents-1
     return result;
   }
   *out_tree = tree;
@@ -139,11 +139,11 @@ static kvfs_result copy_record(const kvfs_btree_search_result& found, int* out_f
     KVFS_CRITICAL_AS(kFunction, "Unexpected: Got NULL result with no error from kvfs_btree_search_node.\n");
     return kvfs_internal;
   }
-  if (found.found == 0) {
+  if (found.found == 0) {  // no exact key: Q-extents-3
     *out_found = 0;
     return kvfs_ok;
   }
-  if (found.locator->data_size < sizeof(HFSPlusExtentRecord)) {
+  if (found.locator->data_size < sizeof(HFSPlusExtentRecord)) {  // X-extents-2
     KVFS_ERROR_AS(kFunction, "Unexpected data size for extent record. Expected minimum: %zu Actual: %zu\n",
                   sizeof(HFSPlusExtentRecord), std::size_t{found.locator->data_size});
     return kvfs_inconsistent;
@@ -169,7 +169,7 @@ kvfs_result kvfs_extents_get_next_extent_record(kvfs_extents* extents, std::uint
   return result;
 }
 
-// The message of both routines below: insertion speaks of searching too, and must.
+// The message of both routines below: insertion speaks of searching too (Q-extents-2).
 static void report_key_failure(const char* function, std::uint8_t fork_type, std::uint32_t file_id,
                                std::uint32_t start_block) {
   KVFS_ERROR_AS(

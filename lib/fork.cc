@@ -30,7 +30,7 @@ static constexpr unsigned char bitmap_mask(std::uint64_t block) {
   return static_cast<unsigned char>(1U << (block % 8));
 }
 
-// Bytes of the fork in an extent. The product has 32 bits and must stay so: of an extent of 4 GiB and more only the
+// Bytes of the fork in an extent. The product has 32 bits (Q-fork-1): of an extent of 4 GiB and more only the
 // remainder is seen, and the fork goes on behind that with the next extent.
 static std::uint32_t extent_length(const kvfs_fork* fork, const HFSPlusExtentDescriptor& extent) {
   return fork->block_size * extent.blockCount.get();
@@ -62,6 +62,8 @@ static void count_out_if_clean(kvfs_fork* fork, const kvfs_fork_cache_item* item
 }
 
 // ---- Extents -------------------------------------------------------------------------------------------------------
+//
+// Extents are looked for only as long as they do not lead back to where they were found: X-fork-1.
 
 // Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents. The
 // sum has 32 bits, as a fork's block count has.
@@ -98,7 +100,7 @@ static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32
   if (grown == nullptr) {
     array->reset(old);
     KVFS_ERROR_AS("kvfs_fork_resolve_extents",
-                  "Error while allocating %zu bytes of memory for expanded fork_extents array.",
+                  "Error while allocating %zu bytes of memory for expanded fork_extents array.",  // Q-log-2
                   static_cast<std::size_t>(size));
     return kvfs_no_memory;
   }
@@ -289,7 +291,7 @@ kvfs_result kvfs_fork_create(kvfs_device* device, kvfs_extents* extents, int par
   kvfs_fork_private* priv = nullptr;
   if (kvfs_fork_private_create(device, extents, partial, cnid, fork_data, transfer_unit, &priv) != kvfs_ok) {
     KVFS_ERROR("Error while creating kvfs_fork_private.\n");
-    return kvfs_no_memory;  // whatever failed: callers rely on this one value
+    return kvfs_no_memory;  // whatever failed: Q-fork-2
   }
   *fork = {&priv->logical_size, block_size, priv};
   *out_fork = fork.release();
@@ -326,7 +328,7 @@ static kvfs_result fill_cache_item(kvfs_fork_cache_item* item, std::uint32_t ite
   // calloc costs only the pages that are touched, and what was never read from the device cannot leak onto it.
   item->data = static_cast<unsigned char*>(std::calloc(1, item_size));
   if (item->data == nullptr) {
-    // The size of a bitmap, not of the buffer: the message must stay as it is.
+    // The size of a bitmap, not of the buffer: Q-fork-3.
     KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data buffer.\n", bitmap_bytes);
     return kvfs_no_memory;
   }
@@ -385,7 +387,7 @@ void kvfs_fork_cache_item_destroy(kvfs_fork_cache_item** item) {
   *item = nullptr;
 }
 
-// Creates the item of a slot that is still empty.
+// Creates the item of a slot that is still empty. There is none behind the last slot (X-fork-3).
 static kvfs_result ensure_item(const char* function, kvfs_fork* fork, std::uint64_t index) {
   if (index >= fork->priv->items_length) {
     KVFS_ERROR_AS(function, "Cache item %llu lies behind the end of the fork.\n", to_ull(index));
@@ -400,7 +402,8 @@ static kvfs_result ensure_item(const char* function, kvfs_fork* fork, std::uint6
   return kvfs_ok;
 }
 
-// A block has to fit an item. A transfer unit comes from disk, and nothing has tested it before the first access.
+// A block has to fit an item. A transfer unit comes from disk, and nothing has tested it before the first access
+// (X-fork-2).
 static kvfs_result check_transfer_unit(const char* function, const kvfs_fork* fork) {
   const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
   if (unit == 0 || unit > fork->priv->item_size) {
@@ -441,7 +444,7 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
   return kvfs_ok;
 }
 
-// References block `block` of the fork and reads it unless it is valid.
+// References block `block` of the fork and reads it unless it is valid. No failure takes the reference back (Q-fork-4).
 static kvfs_result make_block_valid(kvfs_fork* fork, std::uint64_t block) {
   static const char* const kFunction = "kvfs_fork_read_into_cache";
   kvfs_fork_private* const priv = fork->priv;
@@ -497,6 +500,8 @@ kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std
 }
 
 // ---- Pieces of extents ---------------------------------------------------------------------------------------------
+//
+// A piece within one sector is read only as far as it has room: X-fork-4.
 
 static std::uint64_t sum_of_extents(const kvfs_fork_private* priv) {
   std::uint64_t sum = 0;
@@ -646,7 +651,7 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
   }
   destination += run.count * sector_size;
   if (run.lead_out != 0) {
-    // The bytes are taken from the end of the sector, not its beginning: this must stay as it is.
+    // The bytes are taken from the end of the sector, not its beginning: Q-fork-6.
     result =
         read_partial_sector(read->device, run.first + run.count, sector_size - run.lead_out, run.lead_out, destination);
     if (result != kvfs_ok) {
@@ -839,7 +844,7 @@ static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset
     KVFS_CRITICAL_AS(
         kFunction, "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
     if (guard.release() != kvfs_ok) {
-      KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock.\n");  // the words must stay
+      KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock.\n");  // Q-fork-14
     }
     return kvfs_internal;
   }
@@ -953,7 +958,7 @@ static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
   return kvfs_ok;
 }
 
-// Copies bytes into an item and marks the blocks that they touch as modified.
+// Copies bytes into an item and marks the blocks that they touch as modified, but not as valid (Q-fork-7).
 static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_t offset_in_item,
                          const unsigned char* bytes, std::size_t length) {
   const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
@@ -1051,7 +1056,7 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
   }
   kvfs_write_guard guard(fork->priv->items_lock);
   if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while read-locking items lock.\n");  // the lock is taken for writing; the words must stay
+    KVFS_ERROR("Error while read-locking items lock.\n");  // taken for writing: Q-fork-14
     return guard.result();
   }
   result = write_dirty_locked(fork, range, static_cast<const unsigned char*>(buffer));
@@ -1119,6 +1124,8 @@ kvfs_result kvfs_fork_fill(kvfs_fork* fork, std::uint64_t offset, std::uint64_t 
 }
 
 // ---- Flush ---------------------------------------------------------------------------------------------------------
+//
+// Blocks are written one by one (Q-fork-5), and only in whole sectors (X-fork-5).
 
 // A piece that is being flushed, counted in sectors from its start.
 struct flush_piece {
@@ -1217,7 +1224,7 @@ static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* i
         return result;
       }
       // A block whose sectors were not all written yet stays modified: its end lies in the next piece or behind the
-      // end of the fork, or its beginning lies before the flushed range.
+      // end of the fork, or its beginning lies before the flushed range (X-fork-6).
       const bool whole = count == rest && piece_offset(*piece) - offset_in_item % unit >= flush->range_offset;
       if (whole) {
         *modified = static_cast<unsigned char>(*modified & ~bitmap_mask(block));
@@ -1308,7 +1315,7 @@ static std::uint32_t lowest_set_bit(std::uint64_t value, std::uint32_t width) {
   return bit;
 }
 
-// Sectors and blocks are counted by shifts, which needs powers of two.
+// Sectors and blocks are counted by shifts, which needs powers of two here and nowhere else (Q-fork-10).
 static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t transfer_unit) {
   static const char* const kFunction = "kvfs_fork_flush_internal";
   if (!std::has_single_bit(sector_size)) {
@@ -1401,7 +1408,7 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
   const std::size_t still_dirty = dirty_items(fork);
   if (result == kvfs_ok && still_dirty != 0) {
     KVFS_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", still_dirty);
-    set_dirty_items(fork, 0);  // the count is forgotten, the bits are not: this must stay as it is
+    set_dirty_items(fork, 0);  // the count is forgotten, the bits are not: Q-fork-8
   }
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
@@ -1411,6 +1418,8 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
 }
 
 // ---- Growing and shrinking -----------------------------------------------------------------------------------------
+//
+// A fork that changes its size forgets what is cached behind its end: X-fork-11.
 
 kvfs_result UpdateForkExtents(HFSPlusForkData* fork_data, const kvfs_allocation_location* location) {
   if (fork_data == nullptr) {
@@ -1418,7 +1427,7 @@ kvfs_result UpdateForkExtents(HFSPlusForkData* fork_data, const kvfs_allocation_
     return kvfs_invalid;
   }
   if (location->extent_index >= kHFSPlusExtentDensity) {
-    KVFS_ERROR("Unable to update fork extents beyond the first 8 extents.");
+    KVFS_ERROR("Unable to update fork extents beyond the first 8 extents.");  // Q-log-2
     return kvfs_unsupported_extents;
   }
   HFSPlusExtentDescriptor* const extent = &fork_data->extents.extents[location->extent_index];
@@ -1439,7 +1448,8 @@ static bool is_in_volume_header(std::uint32_t cnid) {
          cnid == kHFSStartupFileID || cnid == kHFSAttributesFileID;
 }
 
-// Refuses volumes without an allocation file, and the allocation file itself while its bits are in use.
+// Refuses volumes without an allocation file (X-bitmap-1), and the allocation file itself while its bits are in use
+// (X-fork-7).
 static kvfs_result check_resizable(const char* function, const kvfs_fork* fork, const kvfs_volume* volume) {
   if (volume->bitmap == nullptr) {
     KVFS_ERROR_AS(function, "The volume was opened without its allocation file.\n");
@@ -1495,7 +1505,8 @@ static kvfs_result allocate_resized_arrays(const char* function, fork_resize* re
   return kvfs_ok;
 }
 
-// Takes the extents of the new fork data, and behind them those in the overflow file, which do not change.
+// Takes the extents of the new fork data, and behind them those in the overflow file, which do not change
+// (Q-fork-12).
 static void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data) {
   const kvfs_fork_private* const priv = resize->fork->priv;
   std::uint32_t count = 0;
@@ -1550,7 +1561,7 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
 }
 
 // Puts the new size into effect: nothing can fail any more. Items behind the new end are not destroyed, since somebody
-// may hold a mapping of them; they wait for the end of the fork.
+// may hold a mapping of them; they wait for the end of the fork (Q-fork-13).
 static void apply_resize(fork_resize* resize) {
   kvfs_fork_private* const priv = resize->fork->priv;
   const std::uint64_t common_end = kvfs_min(priv->logical_size, new_logical_size(*resize));
@@ -1598,7 +1609,8 @@ static kvfs_result check_expanded_size(const fork_resize& resize) {
   return kvfs_ok;
 }
 
-// Writes the modified blocks from the new end of the fork on. A fork that grows has none there.
+// Writes the modified blocks from the new end of the fork on. A fork that grows has none there
+// (X-fork-10).
 static kvfs_result flush_trailing_part(const char* function, const fork_resize& resize) {
   const std::uint64_t end = new_logical_size(resize);
   const std::uint64_t logical_size = resize.fork->priv->logical_size;
@@ -1612,7 +1624,7 @@ static kvfs_result flush_trailing_part(const char* function, const fork_resize& 
   return result;
 }
 
-// Enters the run into the fork data and marks its blocks as used.
+// Enters the run into the fork data, without their logical size (Q-fork-11), and marks its blocks as used.
 static kvfs_result claim_run(fork_resize* resize, const kvfs_allocation_location& run) {
   HFSPlusForkData changed = resize->saved;
   kvfs_result result = UpdateForkExtents(&changed, &run);
@@ -1657,7 +1669,7 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
 }
 
 // Whether a run goes on behind the last extent of a fork. One behind an earlier extent, where the logical size ends
-// before the blocks do, would take the place of extents in use.
+// before the blocks do, would take the place of extents in use (X-fork-8).
 static bool is_at_end(const kvfs_fork* fork, const kvfs_allocation_location& run) {
   const std::uint32_t count = fork->priv->fork_extents_count;
   if (run.extent_index >= count) {
@@ -1738,7 +1750,8 @@ static void cut_extents(HFSPlusForkData* fork_data, std::uint64_t total_blocks) 
   }
 }
 
-// Frees the blocks behind the new end. The extents that hold them are those of the fork data as it was.
+// Frees the blocks behind the new end. The extents that hold them are those of the fork data as it was
+// (X-fork-9).
 static kvfs_result free_cut_blocks(const fork_resize& resize, std::uint32_t blocks) {
   const std::uint32_t first = static_cast<std::uint32_t>(resize.total_blocks);
   std::uint32_t freed = 0;

@@ -13,6 +13,7 @@
 //   with dirty blocks;
 // - references count the mappings that were not given back. Each block of a range that is mapped or read adds one, each
 //   unmap and read takes one away for each item: callers map one block at a time. The count keeps nothing alive.
+// What of this must stay as it is: Q-fork-4, Q-fork-7 and Q-fork-9 of docs/quirks.md.
 //
 // Threads: any number may map, unmap, read, write, fill and flush one fork; opening, destroying, growing and shrinking
 // it is for one thread while no other uses it. Who holds a mapping owns the access to its bytes.
@@ -60,7 +61,7 @@ kvfs_result kvfs_fork_create(kvfs_device* device, kvfs_extents* extents, int par
                              const HFSPlusVolumeHeader* volume_header, std::uint32_t cnid, HFSPlusForkData* fork_data,
                              std::uint32_t min_block_size, kvfs_fork** out_fork);
 
-// Frees the fork and its cache; the handle becomes null. What was written and not flushed is lost.
+// Frees the fork and its cache; the handle becomes null. What was written and not flushed is lost (Q-fork-9).
 void kvfs_fork_destroy(kvfs_fork** fork);
 
 // ---- Access --------------------------------------------------------------------------------------------------------

@@ -38,7 +38,7 @@ constexpr std::uint32_t joined_surrogates(std::uint32_t high, std::uint32_t low)
 
 // ---- UTF-16 to UTF-8 -----------------------------------------------------------------------------------------------
 
-// The sizing pass: stores the bytes of the text as the units lie in memory.
+// The sizing pass: stores the bytes of the text as the units lie in memory (Q-unicode-7).
 kvfs_result measure_utf8(const std::uint16_t* units, std::size_t count, std::uint64_t limit, std::size_t* out_size) {
   std::uint64_t size = 0;
   bool high_pending = false;
@@ -91,6 +91,7 @@ struct utf8_buffer {
 };
 
 // The conversion pass. Surrogates are checked again, because the byte order may turn other units into them.
+// An unknown order is found at the first unit (Q-unicode-8).
 kvfs_result encode_utf8(const char* function, const std::uint16_t* units, std::size_t count, std::int32_t byte_order,
                         utf8_buffer* out) {
   std::uint16_t high = 0;
@@ -108,7 +109,7 @@ kvfs_result encode_utf8(const char* function, const std::uint16_t* units, std::s
       continue;
     }
     if (!out->append(high != 0 ? joined_surrogates(high, unit) : unit)) {
-      // The sizing pass saw the units in another byte order, in which they are shorter.
+      // X-unicode-1: the sizing pass saw the units in another byte order, in which they are shorter.
       KVFS_ERROR_AS(function, "Text in byte order %d needs more than the %zu bytes sized for it.\n",
                     static_cast<int>(byte_order), out->capacity);
       return kvfs_inconsistent;
@@ -145,7 +146,7 @@ kvfs_result kvfs_unicode_unistr_to_utf8(const std::uint16_t* units, std::size_t 
   if (encoded != kvfs_ok) {
     return encoded;
   }
-  out.bytes[out.size] = '\0';
+  out.bytes[out.size] = '\0';  // where the capacity ends, at the latest: Q-unicode-9
   if (allocated) {
     *outs = allocated.release();
   }
@@ -264,7 +265,8 @@ void append_code_point(std::uint32_t value, utf16_buffer* out) {
 }
 
 // The conversion pass. A character that takes no bytes is stored before it ends the text, so that the count of units
-// differs from the one that was sized: a zero byte adds a unit, a value that is no code point costs what follows it.
+// differs from the one that was sized: a zero byte adds a unit, a value that is no code point costs what follows it
+// (Q-unicode-11).
 kvfs_result decode_utf8(const char* function, utf8_text text, std::size_t expected, utf16_buffer* out) {
   while (!text.empty()) {
     utf8_character character{};
@@ -341,7 +343,7 @@ kvfs_result kvfs_unicode_utf8_to_unistr(const char* text, std::size_t length, st
     out.capacity = allocated ? expected + 1 : 0;
   }
 
-  if (out.units != nullptr) {  // short of memory, the result is an empty success
+  if (out.units != nullptr) {  // short of memory, the result is an empty success: Q-unicode-10
     const kvfs_result decoded = decode_utf8(__func__, {text, length}, expected, &out);
     if (decoded != kvfs_ok) {
       return decoded;
@@ -389,7 +391,7 @@ std::size_t decompose_syllable(std::uint16_t syllable, std::uint16_t* out) {
 }
 
 // The syllable that `next` makes of a leading consonant or of a syllable without a trailing one; 0 when it makes none.
-// U+11A7 counts as a trailing consonant and leaves the syllable as it is.
+// U+11A7 counts as a trailing consonant and leaves the syllable as it is (Q-unicode-4).
 constexpr std::uint16_t joined_hangul(std::uint16_t first, std::uint16_t next) {
   if (in_range(first, kLeadingBase, kLeadingCount) && in_range(next, kVowelBase, kVowelCount)) {
     const int pair = (first - kLeadingBase) * kVowelCount + (next - kVowelBase);
@@ -509,7 +511,7 @@ int compare_sequence(std::size_t number, std::span<const kvfs_be16> text) {
 }
 
 // Finds a decomposition that the text begins with. Several may be such; which of them is met, and whether one is,
-// depends on where the search looks, so that its bounds and middle must stay as they are for names to be shown as ever.
+// depends on where the search looks, so that its bounds and middle stay as they are: Q-unicode-3.
 std::size_t find_composition(std::span<const kvfs_be16> text) {
   int low = 0;
   int high = static_cast<int>(kDecompositionCount) - 1;
@@ -602,7 +604,7 @@ struct name_buffer {
     return true;
   }
 
-  // Appends a zero unit where there is room, and reports the count.
+  // Appends a zero unit where there is room, and so not when only counting (X-unicode-2), and reports the count.
   void finish(std::size_t* out_count) {
     if (units != nullptr && count < capacity) {
       store_unit(&units[count], 0);
@@ -621,6 +623,7 @@ int refuse_without_room(std::size_t src_count, std::size_t* out_count) {
   return src_count != 0 ? 1 : 0;
 }
 
+// Appends a decomposition, as far as there is room for it (Q-unicode-12).
 template <typename Unit>
 bool append_decomposed(std::uint16_t c, name_buffer<Unit>* out) {
   std::uint16_t units[kUnicodeMaxDecomposedUnits];
@@ -643,6 +646,7 @@ int decompose_name(const std::uint16_t* src, std::size_t src_count, name_buffer<
   return fits ? 0 : 1;
 }
 
+// A zero unit ends what is composed; what is decomposed it does not end (Q-unicode-5).
 int compose_name(const kvfs_be16* src, std::size_t src_count, name_buffer<std::uint16_t> out, std::size_t* out_count) {
   bool fits = true;
   for (std::size_t i = 0; i < src_count && src[i].get() != 0 && fits;) {
@@ -673,6 +677,8 @@ int kvfs_unicode_compose(const kvfs_be16* src, std::size_t src_count, std::uint1
 }
 
 // ---- The order of names --------------------------------------------------------------------------------------------
+//
+// Zero units (Q-unicode-6) and ignorable ones (Q-unicode-13) have an order of their own.
 
 namespace {
 

@@ -2,7 +2,7 @@
 // which a catalog keeps its names.
 //
 // HFS Plus stores a name as big-endian UTF-16 units, decomposed by a fixed table. That table is older than any current
-// Unicode version and must stay as it is: a name that is decomposed by other rules is not found again. Two fixed tables
+// Unicode version (Q-unicode-1): a name that is decomposed by other rules is not found again. Two fixed tables
 // (decompositions, case folding) and the arithmetic of Hangul are all that is used; combining marks keep their order.
 //
 // Terms: a unit is one 16-bit element of UTF-16. Stored units are big-endian (kvfs_be16), all others in host order.
@@ -83,7 +83,8 @@ std::size_t kvfs_unicode_decompose_char(std::uint16_t c, std::uint16_t out[kUnic
 // Returns the composed unit, or the first unit itself when nothing begins there that composes.
 //
 // This is not quite the inverse of decomposition, and what it shows must not change:
-// - The 17 single units that some character decomposes to turn into that character: a stored ";" becomes U+037E.
+// - The 17 single units that some character decomposes to turn into that character: a stored ";" becomes U+037E
+//   (Q-unicode-2).
 // - The binary search settles for the first row it meets that the text begins with, even if a longer one exists, so
 //   that 99 of the 942 sequences do not come back. Likewise a longer row that the text sorts behind can lead it past a
 //   shorter one: U+00C6 becomes U+04D4, but not in front of U+03BA.

@@ -56,7 +56,7 @@ static void undo_setup(volume_parts* parts) {
 // Reads the sectors that hold the volume header: those that cover its 512 bytes from byte 1024 of the volume on.
 static kvfs_result read_header(kvfs_device* device, volume_parts* parts) {
   const std::uint64_t sector_size = device->sector_size;
-  if (sector_size == 0) {
+  if (sector_size == 0) {  // X-device-1
     KVFS_ERROR_AS(kSetupFunction, "Device has a sector size of 0.\n");
     return kvfs_invalid;
   }
@@ -84,7 +84,7 @@ static const char* variant_of(const HFSPlusVolumeHeader* header) {
   if (signature == kHFSXSigWord) {
     return "X";
   }
-  // Decimal digits behind "0x": this must stay as it is.
+  // Decimal digits behind "0x": Q-volume-1.
   KVFS_ERROR_AS(kSetupFunction, "Invalid signature word for HFS+ volume: 0x%hu\n", signature);
   return nullptr;
 }
@@ -126,7 +126,7 @@ static kvfs_result find_root_folder(volume_parts* parts) {
   return kvfs_ok;
 }
 
-// Copies the root folder's name, which its key holds, as the label.
+// Copies the root folder's name, which its key must hold (X-volume-1), as the label.
 static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* priv) {
   const kvfs_btree_record_locator* const record = parts.root.locator->btree_locator;
   if (record->key_length < kHFSPlusCatalogKeyNameOffset) {
@@ -137,7 +137,7 @@ static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* pr
   const HFSUniStr255* const name = &kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName;
   const std::uint16_t length = name->length.get();
   if (length > kHFSPlusMaxNameLength) {
-    // Without a line feed: the message of the caller goes on in the same line, and this must stay as it is.
+    // Without a line feed, so that the caller's message goes on in the same line: Q-log-2.
     KVFS_ERROR_AS(kSetupFunction, "Invalid volume label length: %hu", length);
     return kvfs_inconsistent;
   }
@@ -334,16 +334,16 @@ static HFSPlusForkData* fork_data_slot(HFSPlusVolumeHeader* header, std::uint32_
 void kvfs_volume_update_fork_data(kvfs_volume* volume, std::uint32_t cnid, const HFSPlusForkData* fork_data) {
   HFSPlusForkData* const slot = fork_data_slot(volume->header, cnid);
   if (slot == nullptr) {
-    // Without a line feed: the next message goes on in the same line, and this must stay as it is.
+    // Q-volume-3. Without a line feed, so that the next message goes on in the same line: Q-log-2.
     KVFS_CRITICAL("Unexpected catalog node ID for volume header file: %lu", to_ul(cnid));
     return;
   }
-  std::memmove(slot, fork_data, sizeof(*slot));  // callers may hand in the slot itself
+  std::memmove(slot, fork_data, sizeof(*slot));  // X-volume-2: it may be the slot itself
 }
 
 // ---- Counters ------------------------------------------------------------------------------------------------------
 
-// Adds in unsigned arithmetic; taking away is adding the complement.
+// Adds in unsigned arithmetic; taking away is adding the complement. Nothing stops at the ends (Q-volume-2).
 static void add_to(kvfs_be32* field, std::uint32_t amount) {
   field->set(field->get() + amount);
 }

@@ -30,6 +30,7 @@ struct arguments {
   const char* new_label;  // null to print the label
 };
 
+// By the tool's own name, whatever it was called by (Q-tool-2).
 static void kvfslabel_usage() {
   std::fprintf(stderr, "%s %s\n", kToolName, kToolVersion);
   std::fprintf(stderr, "usage: %s [--output-mode=<raw|composed>] <device> [<new label>]\n", kToolName);
@@ -48,7 +49,8 @@ static bool set_output_mode(const char* name) {
   return false;
 }
 
-// Reads the command line. Only its first argument can be the option; whatever else it begins with, it is the device.
+// Reads the command line. Only its first argument can be the option; whatever else it begins with, it is the device
+// (Q-tool-1).
 static arguments parse_arguments(int argc, char* const* argv) {
   constexpr arguments kNotUnderstood = {nullptr, nullptr};
   constexpr std::size_t kOptionLength = sizeof(kOutputModeOption) - 1;
@@ -114,7 +116,8 @@ static bool line_names_device(std::FILE* table, const char* path, int* last) {
 }
 
 // Whether the table lists a device. Some C libraries decode its fields and some do not, which cannot be told from a
-// field, so that its text is looked at as well: a name is decoded once, and no device hides another.
+// field, so that its text is looked at as well: a name is decoded once, and no device hides another
+// (X-tool-1).
 static bool lists_device(std::FILE* table, const char* path) {
   for (const mntent* entry = getmntent(table); entry != nullptr; entry = getmntent(table)) {
     if (std::strcmp(entry->mnt_fsname, path) == 0) {
@@ -131,7 +134,7 @@ static bool lists_device(std::FILE* table, const char* path) {
   return false;
 }
 
-// Refuses a device that the mount table lists under exactly this path; says why and returns false.
+// Refuses a device that the mount table lists under exactly this path (Q-tool-3); says why and returns false.
 static bool check_not_mounted(const char* path) {
   std::FILE* const table = fopen64(kMountTable, "r");
   if (table == nullptr) {
@@ -150,7 +153,7 @@ static bool check_not_mounted(const char* path) {
 // ---- The device file -----------------------------------------------------------------------------------------------
 
 // Opens a file away from the descriptors of the standard streams. Where one of these was closed, the file would take
-// its place, and messages would be written over the volume. Returns the descriptor, or -1.
+// its place, and messages would be written over the volume (X-tool-2). Returns the descriptor, or -1.
 static int open_device_file(const char* path, int flags) {
   const int fd = open64(path, flags);
   if (fd == -1 || fd > STDERR_FILENO) {
@@ -210,7 +213,7 @@ int main(int argc, char** argv) {
   const char* const mode = reading ? "" : "/write";
   const int fd = open_device_file(asked.device, reading ? O_RDONLY : O_RDWR);
   if (fd == -1) {
-    // The three messages that name the mode speak of volume, device and volume in turn: they must stay as they are.
+    // The three messages that name the mode speak of volume, device and volume in turn: Q-tool-4.
     std::fprintf(stderr, "Error while opening HFS+ volume in read%s mode.\n", mode);
     return EXIT_FAILURE;
   }

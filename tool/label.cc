@@ -32,7 +32,7 @@ static kvfs_result convert_stored_label(const kvfs_volume* volume, std::uint16_t
   return kvfs_ok;
 }
 
-// The one place that writes to standard output. A label that was not delivered is a failure.
+// The one place that writes to standard output. A label that was not delivered is a failure (X-tool-3).
 static kvfs_result deliver(const char* text, std::size_t length) {
   // With a buffer of its own the stream asks for no memory, and not whether it is a terminal.
   static char buffer[BUFSIZ];
@@ -75,6 +75,8 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
 }
 
 // ---- Setting -------------------------------------------------------------------------------------------------------
+//
+// A label that could not be printed afterwards is not written: X-tool-5.
 
 // A text of UTF-16 units in host order.
 struct utf16_text {
@@ -87,7 +89,7 @@ static kvfs_result convert_new_label(const char* label, utf16_text* text) {
   const std::size_t bytes = std::strlen(label);
   kvfs_result result = kvfs_unicode_utf8_to_unistr(label, bytes, &units, &text->length);
   if (result == kvfs_ok && units == nullptr && bytes != 0) {
-    result = kvfs_no_memory;  // the converter calls that an empty text; a volume must not lose its label over it
+    result = kvfs_no_memory;  // X-tool-4: to the converter, an empty text; no volume must lose its label
   }
   if (result != kvfs_ok) {
     std::fputs("Error when converting volume label from UTF-8 to UTF-16.\n", stderr);

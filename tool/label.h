@@ -22,7 +22,7 @@ inline std::uint32_t output_mode = kOutputComposed;
 kvfs_result kvfslabel_print_label(const kvfs_volume* volume);
 
 // Renames the root folder, reads the label back from the changed catalog as if to open the volume and to print it, and
-// flushes the catalog file; the volume header is not written.
+// flushes the catalog file; the volume header is not written (Q-tool-5).
 //
 //   label  UTF-8, NUL-terminated; at most 255 UTF-16 units once it is decomposed
 //

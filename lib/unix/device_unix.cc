@@ -26,7 +26,8 @@ struct transfer {
 static constexpr std::uint64_t kMaximumTransferSize = 0xFFFFFFFF;
 
 static transfer transfer_of(const kvfs_device* device, std::uint64_t first_sector, std::uint32_t sector_count) {
-  // The offset keeps its low 64 bits; what lies beyond a signed offset is refused by the callers.
+  // The offset keeps its low 64 bits; what lies beyond a signed offset is refused by the callers
+  // (Q-device-4).
   return {first_sector * device->sector_size, std::uint64_t{sector_count} * device->sector_size};
 }
 
@@ -49,13 +50,13 @@ kvfs_result kvfs_device_create(int fd, int read_only, std::uint32_t sector_size,
                                kvfs_device** out_device) {
   kvfs_owned<kvfs_device> device = kvfs_allocate_zeroed<kvfs_device>();
   if (!device) {
-    return kvfs_no_memory;
+    return kvfs_no_memory;  // without a message: Q-device-2
   }
   kvfs_owned<kvfs_device_private> priv = kvfs_allocate_zeroed<kvfs_device_private>();
   if (!priv) {
     return kvfs_no_memory;
   }
-  if (flock(fd, read_only != 0 ? LOCK_SH : LOCK_EX) != 0) {
+  if (flock(fd, read_only != 0 ? LOCK_SH : LOCK_EX) != 0) {  // it waits: Q-device-1
     const int error = errno;
     KVFS_ERROR("Error while locking device for %s access: %s (%d).\n", read_only != 0 ? "shared" : "exclusive",
                std::strerror(error), error);
@@ -94,7 +95,7 @@ static kvfs_result read_at(const kvfs_device* device, transfer range, void* buff
                   buffer, std::strerror(error), error);
     return kvfs_io_error;
   }
-  if (static_cast<std::uint64_t>(count) != range.size) {
+  if (static_cast<std::uint64_t>(count) != range.size) {  // Q-device-3
     KVFS_ERROR_AS(kFunction, "Partial read into buffer: %zd/%llu bytes read\n", count, to_ull(range.size));
     return kvfs_io_error;
   }
@@ -153,7 +154,7 @@ kvfs_result kvfs_device_write_disk_sectors(kvfs_device* device, std::uint64_t fi
                to_ull(range.offset), buffer, std::strerror(error), error);
     return kvfs_io_error;
   }
-  if (static_cast<std::uint64_t>(count) != range.size) {
+  if (static_cast<std::uint64_t>(count) != range.size) {  // Q-device-3
     KVFS_ERROR("Partial write of buffer contents: %zd/%llu bytes written\n", count, to_ull(range.size));
     return kvfs_io_error;
   }

@@ -21,7 +21,7 @@ static void log_message(const char* level, const char* function, int line, const
     std::fprintf(stderr, "[%s: %s, line %d] ", level, function, line);
   }
   std::vfprintf(stderr, format, arguments);
-  // The format decides, not the text that it gave: callers leave a line open on purpose by leaving the feed out there.
+  // The format decides, not the text that it gave (Q-log-1): callers leave a line open by leaving the feed out there.
   const std::size_t length = std::strlen(format);
   g_at_line_start = length > 0 && format[length - 1] == '\n' ? 1 : 0;
 }
@@ -81,7 +81,7 @@ static kvfs_result initialize(pthread_rwlock_t* lock) {
     KVFS_ERROR_AS(kFunction, "Error while initializing pthread_rwlock: %s (%d)\n", std::strerror(created), created);
     result = kvfs_no_memory;
   }
-  (void)pthread_rwlockattr_destroy(&attributes);  // nothing depends on the attribute any more
+  (void)pthread_rwlockattr_destroy(&attributes);  // X-lock-2: nothing depends on it any more
   return result;
 }
 
@@ -101,7 +101,7 @@ kvfs_result kvfs_rwlock_create(kvfs_rwlock** out_lock) {
 }
 
 kvfs_result kvfs_rwlock_destroy(kvfs_rwlock** lock) {
-  if (pthread_rwlock_destroy(&(*lock)->lock) != 0) {
+  if (pthread_rwlock_destroy(&(*lock)->lock) != 0) {  // it stays: Q-lock-1
     KVFS_ERROR("Error while destroying pthread_rwlock_t associated with kvfs_rwlock %p.\n", static_cast<void*>(*lock));
     return kvfs_failed;
   }
