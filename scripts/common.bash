@@ -2,6 +2,7 @@
 
 if command -v ccache >/dev/null; then
   export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+  export CCACHE_NOHASHDIR=1 # what one preset has compiled serves another one in another folder of builds
 fi
 
 # quietly LOG COMMAND...: the output goes into a file, which is shown when the command fails.
