@@ -34,7 +34,7 @@ show_progress() {
   done
 }
 
-# build_preset PRESET [arguments for cmake --build...]: what fails is shown whole. build/PRESET/build.log keeps the rest.
+# build_preset PRESET [arguments for cmake --build...]: what fails is shown whole; build/PRESET/build.log has the rest.
 build_preset() {
   local preset=$1 log=build/$1/build.log warnings
   shift
