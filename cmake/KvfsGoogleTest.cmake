@@ -14,5 +14,3 @@ if(EXISTS "${KVFS_GOOGLETEST_DIR}/CMakeLists.txt")
 else()
   find_package(GTest REQUIRED)
 endif()
-
-include(GoogleTest)

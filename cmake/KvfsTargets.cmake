@@ -21,7 +21,8 @@ function(kvfs_set_test_options target)
 endfunction()
 
 # Code that is shipped: nothing in it may need the C++ runtime library. Sections of their own let the linker drop the
-# library routines that the tool does not reach. Unwind tables serve exceptions and debuggers alone.
+# library routines that the tool does not reach. Unwind tables serve exceptions and debuggers alone. What is released
+# does not name the folders that it was built in, so that it is the same wherever that is.
 function(kvfs_set_shipped_options target)
   kvfs_set_common_options(${target})
   target_compile_options(
@@ -32,7 +33,12 @@ function(kvfs_set_shipped_options target)
             -ffunction-sections
             -fdata-sections
             $<$<CONFIG:Release,MinSizeRel>:-fno-unwind-tables>
-            $<$<CONFIG:Release,MinSizeRel>:-fno-asynchronous-unwind-tables>)
+            $<$<CONFIG:Release,MinSizeRel>:-fno-asynchronous-unwind-tables>
+            $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
+            $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>)
+  if(KVFS_COVERAGE)
+    target_compile_options(${target} PRIVATE -O0 --coverage -fprofile-update=atomic)
+  endif()
 endfunction()
 
 # The compiler driver names the C++ runtime library on every link. --as-needed stands before it on the command line and

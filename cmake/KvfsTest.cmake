@@ -5,8 +5,8 @@ include(KvfsGoogleTest)
 # kvfs_add_test(name [LABEL label] [LIBRARIES target...] SOURCES file...)
 #
 # One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and
-# the libraries named, by default the fixtures of tests/, the library under test and the volume builder. Each of its
-# cases becomes a test of ctest under the given label (default: unit).
+# the libraries named, by default the fixtures of tests/, the library under test and the volume builder. It is one test
+# of ctest under the given label (default: unit): its cases share a process.
 function(kvfs_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "LIBRARIES;SOURCES")
   if(NOT arg_LABEL)
@@ -20,12 +20,12 @@ function(kvfs_add_test name)
   kvfs_set_test_options(${name})
   target_compile_definitions(${name} PRIVATE _LARGEFILE64_SOURCE)
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kvfs_test_support GTest::gmock_main)
-  gtest_discover_tests(
-    ${name}
-    TEST_PREFIX "${name}."
-    DISCOVERY_MODE PRE_TEST
-    DISCOVERY_TIMEOUT 60
-    PROPERTIES LABELS ${arg_LABEL} TIMEOUT 600)
+  if(KVFS_PRECOMPILED_TEST_HEADERS)
+    target_precompile_headers(${name} REUSE_FROM kvfs_test_support)
+  endif()
+  # The option tells scripts/report-tests that the output is GoogleTest's.
+  add_test(NAME ${name} COMMAND ${name} --gtest_color=no)
+  set_tests_properties(${name} PROPERTIES LABELS ${arg_LABEL})
 endfunction()
 
 # kvfs_add_tool_test(name SOURCES file...)

@@ -3,7 +3,7 @@
 set(scripts "${CMAKE_CURRENT_LIST_DIR}")
 if(CPACK_GENERATOR STREQUAL DEB)
   set(CPACK_PRE_BUILD_SCRIPTS "${scripts}/documents.cmake")
-  set(CPACK_POST_BUILD_SCRIPTS "${scripts}/triggers.cmake")
+  set(CPACK_POST_BUILD_SCRIPTS "${scripts}/repack.cmake")
 else()
   set(CPACK_INSTALL_SCRIPTS "${scripts}/sources.cmake")
   set(CPACK_PACKAGING_INSTALL_PREFIX "/")

@@ -1,1 +1,0 @@
-// The headers under test come in on the command line.
