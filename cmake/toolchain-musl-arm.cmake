@@ -6,11 +6,9 @@ include("${CMAKE_CURRENT_LIST_DIR}/musl.cmake")
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++-12)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
 
-set(KVFS_CXX_HEADERS /usr/arm-linux-gnueabihf/include/c++/12)
-kvfs_use_musl("${CMAKE_CURRENT_LIST_DIR}/../build/musl-armhf/musl-gcc.specs" "${KVFS_CXX_HEADERS}"
-              "${KVFS_CXX_HEADERS}/arm-linux-gnueabihf")
+kvfs_use_musl("${CMAKE_CURRENT_LIST_DIR}/../build/musl-armhf/musl-gcc.specs")
 # Small pages keep relocation data apart from the rest at the cost of padding; a static program has next to none.
 string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-z,norelro -Wl,-z,max-page-size=65536 -Wl,-z,common-page-size=65536")

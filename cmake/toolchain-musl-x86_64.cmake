@@ -5,5 +5,5 @@ include("${CMAKE_CURRENT_LIST_DIR}/musl.cmake")
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 
-set(CMAKE_CXX_COMPILER x86_64-linux-gnu-g++-12)
-kvfs_use_musl(/usr/lib/x86_64-linux-musl/musl-gcc.specs /usr/include/c++/12 /usr/include/x86_64-linux-gnu/c++/12)
+set(CMAKE_CXX_COMPILER x86_64-linux-gnu-g++)
+kvfs_use_musl(/usr/lib/x86_64-linux-musl/musl-gcc.specs)

@@ -1,6 +1,7 @@
 // Any sequence of the library's operations on a volume, damaged or not: nothing crashes, runs away, leaks or leaves a
 // lock, whatever came before.
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>

@@ -39,7 +39,7 @@ build_preset() {
   local preset=$1 log=build/$1/build.log warnings
   shift
   echo "Building with the preset $preset in build/$preset"
-  quietly "build/$preset/configure.log" cmake --preset "$preset"
+  quietly "build/$preset/configure.log" scripts/configure "$preset"
   NINJA_STATUS='[%p] ' cmake --build --preset "$preset" "$@" 2>&1 | tee "$log" | show_progress ||
     { grep -v '^\[ *[0-9]*%\]' "$log"; return 1; }
   warnings=$(grep -c ': warning: ' "$log") || true

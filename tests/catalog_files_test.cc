@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ios>
 #include <optional>
 #include <string>
 #include <vector>

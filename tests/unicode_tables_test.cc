@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ios>
 #include <map>
 #include <string>
 #include <string_view>

@@ -1,4 +1,5 @@
-# What the tests of installing and of packages have in common: a folder to work in, what is installed, expectations.
+# What the tests of installing and of packages have in common: a folder to work in, what is installed, expectations, and
+# what becomes of those that this machine is not fit for.
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -13,6 +14,14 @@ done
 fail() {
   echo "${0##*/}: $*" >&2
   exit 1
+}
+
+# lacks WHAT: ends a test that this machine is not fit for. ctest knows the status as that of a test that is skipped;
+# where CI=true it is a failure, lest a test be lost unseen.
+lacks() {
+  [[ ${CI:-} != true ]] || fail "needs $1"
+  echo "skipped: needs $1"
+  exit 77
 }
 
 # expect FOLDER LINE...: the files and links below a folder are these.

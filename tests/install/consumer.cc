@@ -6,6 +6,7 @@
 #include <kvfs/volume.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 

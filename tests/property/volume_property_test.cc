@@ -644,20 +644,40 @@ Lines listed(const VolumeModel& model, Text text) {
   return sorted(lines);
 }
 
+// Whether fls may leave out an item. Its versions from 4.12 on list nothing of a folder whose thread record begins less
+// than the longest such record before the end of its node, although a record ends where its name does.
+bool may_be_left_out(const Volume& image, const VolumeModel& model, std::uint32_t cnid) {
+  constexpr int kLongestThread = 8 + 10 + 2 * 255;  // key, data before the name, name
+  for (cnid = model.items.at(cnid).parent; cnid != kRootFolderId; cnid = model.items.at(cnid).parent) {
+    const std::optional<RecordPlace> thread = image.find_thread(cnid);
+    if (thread.has_value() && image.node_size(Tree::kCatalog) - thread->offset_in_node < kLongestThread) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // "r/r 18:\tpath"; the special files have lower IDs.
-void expect_listing_of_fls(const std::string& image, const VolumeModel& model) {
+void expect_listing_of_fls(const std::string& path, const Volume& image, const VolumeModel& model) {
+  const auto line_of = [&model](std::uint32_t cnid, const ModelItem& item) {
+    std::string kind = item.folder ? "d/d " : item.is_link ? "l/l " : "r/r ";
+    // The second letter is that of the thread record.
+    kind[2] = item.has_thread ? kind[2] : '-';
+    return kind + std::to_string(cnid) + ":\t" + path_of(model, cnid);
+  };
   Lines lines;
-  for (const std::string& line : output_of("fls -r -p '" + image + "'")) {
+  for (const std::string& line : output_of("fls -r -p '" + path + "'")) {
     if (std::strtoul(line.c_str() + 4, nullptr, 10) >= kFirstUserId) {
       lines.push_back(line);
     }
   }
-  EXPECT_EQ(sorted(lines), listed(model, [&model](std::uint32_t cnid, const ModelItem& item) {
-              std::string kind = item.folder ? "d/d " : item.is_link ? "l/l " : "r/r ";
-              // The second letter is that of the thread record.
-              kind[2] = item.has_thread ? kind[2] : '-';
-              return kind + std::to_string(cnid) + ":\t" + path_of(model, cnid);
-            }));
+  for (const auto& [cnid, item] : model.items) {
+    if (cnid != kRootFolderId && may_be_left_out(image, model, cnid) &&
+        std::find(lines.begin(), lines.end(), line_of(cnid, item)) == lines.end()) {
+      lines.push_back(line_of(cnid, item));
+    }
+  }
+  EXPECT_EQ(sorted(lines), listed(model, line_of));
 }
 
 // "Path = label/path", "Folder = +", "Size = 5".
@@ -718,7 +738,7 @@ TEST(VolumeProperty, IndependentReaders_AgreeWithTheModel) {
       volume.compare();
     }
     volume.image().write_to(file.path());
-    expect_listing_of_fls(file.path(), volume.model());
+    expect_listing_of_fls(file.path(), volume.image(), volume.model());
     expect_listing_of_7z(file.path(), volume.model());
     expect_listing_of_fshfsinfo(file.path(), volume.model());
     expect_counts_of_fsstat(file.path(), volume.model());

@@ -1,6 +1,7 @@
 #include "block_allocator.h"
 
 #include <algorithm>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 

@@ -17,6 +17,7 @@
 #include <limits>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 namespace kvfs_test {

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <functional>
+#include <ostream>
 #include <stdexcept>
 
 #include "volume_checker.h"

@@ -99,6 +99,7 @@ ToolRun run_among_mounts(const std::string& script, const std::vector<std::strin
 }
 
 TEST(DeviceTrouble, ReadOnlyDevice_IsPrintedAndRefusedToBeSet) {
+  KVFS_NEEDS(may_mount(), "the right to mount in a namespace of its own");
   const Volume volume = build_volume(full_leaf());
   const ScratchFile image(volume);
   const std::string read_only = "mount --bind \"$1\" \"$1\"; mount -o remount,ro,bind \"$1\"; ";
@@ -141,6 +142,7 @@ TEST(DeviceTrouble, DeviceThatRefusesWrites_FailsWithTheReasonAndStaysAsItIs) {
 // The image has a hole where the split claims a node, and the file system that holds it is full: what the node before
 // it got is written, the new one is not. Each node is old or new.
 TEST(DeviceTrouble, ImageOnAFullFileSystem_FailsWithTheReasonAndLeavesWholeNodes) {
+  KVFS_NEEDS(may_mount(), "the right to mount in a namespace of its own");
   const Volume volume = build_volume(full_leaf());
   const ScratchFile image(volume);
   const ScratchFile complete(volume);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <ios>
 #include <set>
 #include <string>
 #include <vector>

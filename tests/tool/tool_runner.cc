@@ -289,4 +289,13 @@ bool has_program(const std::string& name) {
   return false;
 }
 
+bool may_mount() {
+  return run_program("unshare", {"--map-root-user", "--mount", "mount", "-t", "tmpfs", "tmpfs", "/mnt"}).status == 0;
+}
+
+bool in_ci() {
+  const char* const variable = std::getenv("CI");
+  return variable != nullptr && std::string(variable) == "true";
+}
+
 }  // namespace kvfs_test

@@ -124,6 +124,23 @@ bool comes_to_wait(RunningTool& tool);
 // Whether a program is there to be run.
 bool has_program(const std::string& name);
 
+// ---- What a machine may lack ----------------------------------------------------------------------------------------
+
+// Whether this machine gives the right to mount something on /mnt, in a mount namespace of its own. Containers in their
+// default settings do not, nor does a changed root.
+bool may_mount();
+// Whether the environment variable CI is "true": what a machine lacks is a failure there, lest a case be lost unseen.
+bool in_ci();
+
+// Ends a case as skipped where the condition does not hold, or as failed where nothing may be skipped.
+#define KVFS_NEEDS(condition, what)         \
+  if (!(condition) && in_ci()) {            \
+    FAIL() << "needs " what;                \
+  } else if (!(condition)) {                \
+    GTEST_SKIP() << "skipped: needs " what; \
+  }                                         \
+  static_assert(true, "for the semicolon")
+
 }  // namespace kvfs_test
 
 #endif  // KVFS_TOOL_RUNNER_H
