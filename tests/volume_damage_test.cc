@@ -507,11 +507,6 @@ TEST(VolumeDamage, IndexNodesThatLeadInACircle_EndTheSearch) {
                {"ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n"}});
 }
 
-std::string too_small(int length) {
-  return "ERROR kvfs_catalog_compare_keys Data in A is too small to be a HFSPlusCatalogKey (" + std::to_string(length) +
-         " bytes).\n";
-}
-
 // What a search says that needs more of a name than its key holds, in record `record` of the only leaf.
 Lines name_exceeds_key(int name, int key, int record, int searched) {
   return {"ERROR kvfs_catalog_compare_keys Names of " + std::to_string(name) + " and " + std::to_string(searched) +

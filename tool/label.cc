@@ -1,12 +1,14 @@
 #include "label.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
 #include "btree.h"
 #include "catalog.h"
 #include "fork.h"
+#include "format.h"
 #include "owned.h"
 #include "support.h"
 #include "unicode.h"
@@ -149,20 +151,35 @@ static bool finds_label(const kvfs_volume* volume) {
   return found;
 }
 
+// The number of records in the catalog, in big-endian order. Its header was read when the volume was opened.
+static kvfs_result read_record_count(const kvfs_volume* volume, kvfs_be32* count) {
+  kvfs_fork* const fork = (*volume->catalog->btree)->fork;
+  const std::uint64_t offset = kBTHeaderRecordOffset + offsetof(BTHeaderRec, leafRecords);
+  return kvfs_fork_read(fork, offset, count, sizeof(*count), nullptr);
+}
+
+// Whether the catalog has as many records as before the change. One more is a second thread of the root folder: the
+// first one, which other systems find, was not found again and still has the old name (X-tool-6).
+static bool keeps_record_count(const kvfs_volume* volume, kvfs_be32 before) {
+  kvfs_be32 now = {};
+  return read_record_count(volume, &now) == kvfs_ok && now.get() == before.get();
+}
+
 // Reads a label that was set back before it reaches the device: what cannot be found again, or cannot be printed, must
 // not take the place of a label that can.
-static kvfs_result read_label_back(const kvfs_volume* volume) {
+static kvfs_result read_label_back(const kvfs_volume* volume, kvfs_be32 records_before) {
   kvfs_owned<char> text;
   std::size_t length = 0;
-  if (finds_label(volume) && convert_label_to_text(volume, &text, &length) == kvfs_ok) {
+  if (finds_label(volume) && keeps_record_count(volume, records_before) &&
+      convert_label_to_text(volume, &text, &length) == kvfs_ok) {
     return kvfs_ok;
   }
   std::fputs("Error while reading the changed volume label back.\n", stderr);
   return kvfs_inconsistent;
 }
 
-// Renames the root folder in the cache.
-static kvfs_result change_label(kvfs_volume* volume, const char* label) {
+// Renames the root folder in the cache. `records` receives the number of records before that.
+static kvfs_result change_label(kvfs_volume* volume, const char* label, kvfs_be32* records) {
   utf16_text text = {};
   kvfs_result result = convert_new_label(label, &text);
   if (result != kvfs_ok) {
@@ -173,7 +190,10 @@ static kvfs_result change_label(kvfs_volume* volume, const char* label) {
   if (result != kvfs_ok) {
     return result;
   }
-  result = kvfs_volume_set_label(volume, swap_to_big_endian(decomposed), decomposed.length);
+  result = read_record_count(volume, records);
+  if (result == kvfs_ok) {
+    result = kvfs_volume_set_label(volume, swap_to_big_endian(decomposed), decomposed.length);
+  }
   if (result != kvfs_ok) {
     std::fputs("Error while changing volume label.\n", stderr);
   }
@@ -181,9 +201,10 @@ static kvfs_result change_label(kvfs_volume* volume, const char* label) {
 }
 
 kvfs_result kvfslabel_set_label(kvfs_volume* volume, const char* label) {
-  kvfs_result result = change_label(volume, label);
+  kvfs_be32 records = {};
+  kvfs_result result = change_label(volume, label, &records);
   if (result == kvfs_ok) {
-    result = read_label_back(volume);
+    result = read_label_back(volume, records);
   }
   if (result != kvfs_ok) {
     return result;

@@ -278,6 +278,18 @@ TEST(ToolSet, SplitThatLetsALeafBeginWithAPrivateName_IsRefusedAndChangesNothing
   EXPECT_EQ(run_tool({image.path()}), printed(std::string(20, 'S') + "\n"));
 }
 
+// When the new folder record splits that leaf there, the old thread is not found again. A second one, with the new
+// label, would stand behind it, where this tool finds it and other systems do not.
+TEST(ToolSet, SecondThreadOfTheRootFolder_IsRefusedAndChangesNothing) {
+  const ScratchFile image(volume_with_private_name_in_the_first_leaf());
+  expect_refused(
+      image, std::string(70, 'L'),
+      std::string("WARNING kvfs_catalog_rename_record Missing thread record for original file in rename. Creating new "
+                  "thread record...\n") +
+          kNotReadBack);
+  EXPECT_EQ(run_tool({image.path()}), printed("o\n"));
+}
+
 // ---- Printing without opening the volume anew ----------------------------------------------------------------------
 
 TEST(ToolSet, LabelPrintedWithoutReopening_IsTheNewOne) {
