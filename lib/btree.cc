@@ -736,7 +736,7 @@ static bool spend_work(kvfs_btree* tree, std::uint64_t work) {
 // ---- Search --------------------------------------------------------------------------------------------------------
 //
 // A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4
-// and X-btree-5 for keys.
+// and X-btree-5 for keys, X-btree-17 for the searches of an operation together.
 
 void kvfs_btree_search_result_init(kvfs_btree_search_result* result) {
   *result = {0, 0, nullptr};
@@ -843,7 +843,7 @@ static kvfs_result read_record(const search_walk* walk, std::uint32_t index, nod
   return kvfs_ok;
 }
 
-// Opens the locator of the search's result on the bytes of a record and ends the search.
+// Opens the locator of the search's result on the bytes of a record (X-btree-18) and ends the search.
 static kvfs_result finish_search(search_walk* walk, const node_record& record, std::uint32_t index) {
   walk->done = true;
   if (record.end > walk->node.size) {
@@ -1887,7 +1887,7 @@ kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key,
   insert.data_size = data_size;
   insert.record_size = record_size_for(key_length, data_size);
   kvfs_result result =
-      position_insertion(&insert, key == nullptr ? nullptr : hint);  // the search refuses to have no key
+      position_insertion(&insert, key == nullptr ? nullptr : hint);  // X-btree-19: the search refuses to have no key
   if (result == kvfs_ok) {
     result = check_insertion(insert);
   }
@@ -2562,7 +2562,7 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
 }
 
 // Q-btree-20. Replaces the index record of a node that lost its first record. An empty node still has the bytes of the
-// deleted record, so that it is indexed under the deleted key again: this must stay as it is.
+// deleted record, so that it is indexed under the deleted key again.
 static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
   const std::uint8_t height = height_above(removal.descriptor.height);
   kvfs_result result = delete_index_record(removal, height);

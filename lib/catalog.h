@@ -67,8 +67,8 @@ void kvfs_catalog_destroy(kvfs_catalog** catalog);
 // type is unknown, that is reported and the answer is -1. Parents decide first, then the names unit by unit; only where
 // a unit is needed that its key does not hold, the answer is kvfs_key_malformed. Directly under the root folder a name
 // that begins with a NUL unit, as those of the private folders, orders before all others by binary comparison and after
-// all others by case folding. When both keys have such a name the first decides, so that they are never equal: this
-// must stay as it is.
+// all others by case folding. When both keys have such a name the first decides, so that they are never equal
+// (Q-catalog-1).
 //
 //   compare_type  kHFSCaseFolding or kHFSBinaryCompare
 int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t compare_type);

@@ -627,7 +627,7 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
                                       std::uint64_t length) {
   kvfs_fork_read_context* const read = static_cast<kvfs_fork_read_context*>(context);
   const std::uint32_t sector_size = read->device->sector_size;
-  if (sector_size == 0) {
+  if (sector_size == 0) {  // X-device-1
     KVFS_ERROR("Device has a sector size of 0.\n");
     return kvfs_inconsistent;
   }
@@ -1487,7 +1487,7 @@ static void store_fork_data(const fork_resize& resize, const HFSPlusForkData& fo
   kvfs_volume_update_fork_data(resize.volume, resize.fork->priv->cnid, &fork_data);
 }
 
-// Allocates the arrays of the new size.
+// Allocates the arrays of the new size, before anything that would have to be undone (X-fork-12).
 static kvfs_result allocate_resized_arrays(const char* function, fork_resize* resize) {
   const std::size_t length = static_cast<std::size_t>(kvfs_max<std::uint64_t>(resize->items_length, 1));
   resize->items.reset(static_cast<kvfs_fork_cache_item**>(std::calloc(length, sizeof(kvfs_fork_cache_item*))));
