@@ -77,61 +77,55 @@ static arguments parse_arguments(int argc, char* const* argv) {
 
 // ---- The mount table -----------------------------------------------------------------------------------------------
 
-// No character of a path.
-static constexpr int kNoCharacter = 256;
-
-// Reads the digits of an escaped character, three octal ones. `next` is the first of them and receives what follows.
-static int read_escaped(std::FILE* table, int* next) {
-  int value = 0;
-  for (int i = 0; i < 3; ++i) {
-    if (*next < '0' || *next > '7') {
-      return kNoCharacter;
-    }
-    value = value * 8 + (*next - '0');
-    *next = std::getc(table);
-  }
-  return value;
+static bool is_octal_digit(char c) {
+  return c >= '0' && c <= '7';
 }
 
-// Reads a line of the table, in which a backslash, a blank and more are escaped, and compares its first field with a
-// path. `last` receives the last character, a line feed or EOF.
-static bool line_names_device(std::FILE* table, const char* path, int* last) {
-  bool same = true;
-  int c = std::getc(table);
-  while (c != ' ' && c != '\n' && c != EOF) {
-    int character = c;
-    c = std::getc(table);
-    if (character == '\\') {
-      character = read_escaped(table, &c);
-    }
-    same = same && *path != '\0' && character == static_cast<unsigned char>(*path);
-    path += same ? 1 : 0;
+// Reads one character of a mount table field, in which blanks, backslashes and more stand as three octal digits.
+static char next_decoded(const char** field) {
+  const char* const f = *field;
+  if (f[0] == '\\' && is_octal_digit(f[1]) && is_octal_digit(f[2]) && is_octal_digit(f[3])) {
+    *field = f + 4;
+    return static_cast<char>((f[1] - '0') * 64 + (f[2] - '0') * 8 + (f[3] - '0'));
   }
-  same = same && *path == '\0' && c == ' ';
-  while (c != '\n' && c != EOF) {
-    c = std::getc(table);
-  }
-  *last = c;
-  return same;
+  *field = f + 1;
+  return f[0];
 }
 
-// Whether the table lists a device. Some C libraries decode its fields and some do not, which cannot be told from a
-// field, so that its text is looked at as well: a name is decoded once, and no device hides another
-// (X-tool-1).
-static bool lists_device(std::FILE* table, const char* path) {
-  for (const mntent* entry = getmntent(table); entry != nullptr; entry = getmntent(table)) {
-    if (std::strcmp(entry->mnt_fsname, path) == 0) {
-      return true;
+// Compares a field, as the table has it, with a path.
+static bool names_device(const char* field, const char* path) {
+  while (*field != '\0' && *path != '\0') {
+    if (next_decoded(&field) != *path++) {
+      return false;
     }
   }
+  return *field == *path;
+}
+
+// Reads the text of the table for a device.
+static bool text_lists_device(std::FILE* table, const char* path) {
+  static char field[16384];  // the longest path, every character of it escaped
   std::rewind(table);
-  int last = '\n';
-  while (last != EOF) {
-    if (line_names_device(table, path, &last)) {
+  while (std::fscanf(table, " %16383[^ \n]%*[^\n]", field) > 0) {
+    if (names_device(field, path)) {
       return true;
     }
   }
   return false;
+}
+
+// Whether the table lists a device. Some C libraries decode its fields and some do not, which cannot be told from a
+// field. Where one has a backslash, the text is looked at as well: there a name is decoded once, and no device hides
+// another (X-tool-1).
+static bool lists_device(std::FILE* table, const char* path) {
+  bool escaped = false;
+  for (const mntent* entry = getmntent(table); entry != nullptr; entry = getmntent(table)) {
+    if (std::strcmp(entry->mnt_fsname, path) == 0) {
+      return true;
+    }
+    escaped = escaped || std::strchr(entry->mnt_fsname, '\\') != nullptr;
+  }
+  return escaped && text_lists_device(table, path);
 }
 
 // Refuses a device that the mount table lists under exactly this path (Q-tool-3); says why and returns false.
