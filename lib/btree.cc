@@ -763,7 +763,7 @@ struct search_walk {
   std::uint32_t index;          // of the record looked at
   std::uint32_t previous_data;  // where the data of the record kept in mind begins, in the node; 0 without one
 
-  cycle_finder descents;
+  std::uint32_t descents;
   std::uint64_t key_bytes;  // of all keys that were compared
   std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
 
@@ -787,8 +787,7 @@ static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
 }
 
 static kvfs_result report_too_much_work() {
-  KVFS_ERROR_AS("kvfs_btree_search_node_internal",
-                "Aborting search: This B-tree has called for more work than any sound one does.\n");
+  KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Aborting search: Too much work.\n");
   return kvfs_inconsistent;
 }
 
@@ -831,7 +830,6 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
                   first, std::size_t{kBTFirstRecordOffset});
     return kvfs_inconsistent;
   }
-  walk->descents.checkpoint = start;
   return enter_node(walk, start);
 }
 
@@ -901,8 +899,7 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
 // Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and than heights exist.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   static const char* const kFunction = "kvfs_btree_search_node_internal";
-  if (comes_back(&walk->descents, child) ||
-      walk->descents.steps == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
+  if (++walk->descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
     KVFS_ERROR_AS(kFunction, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
   }
@@ -964,6 +961,12 @@ static bool is_odd_key(std::uint32_t tree_kind, const void* key) {
          (tree_kind == kHFSCatalogFileID && length < kHFSPlusCatalogKeyMinimumLength);
 }
 
+// Whether the comparison logs a message for each key, since the catalog's header names an order that does not exist.
+static bool is_illegal_comparison(const search_walk& walk) {
+  const std::uint8_t order = walk.header.keyCompareType;
+  return walk.tree->priv->tree_kind == kHFSCatalogFileID && order != kHFSBinaryCompare && order != kHFSCaseFolding;
+}
+
 // Takes account of a key that is going to be compared, and ends a search that would go on for very long: one that meets
 // more keys than a node of each height can hold, or fills the log with keys of a wrong length.
 static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
@@ -972,18 +975,17 @@ static kvfs_result count_key(search_walk* walk, const node_record& record, bool 
   walk->key_bytes += bytes;
   walk->odd_keys += odd ? 1 : 0;
   if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
-    KVFS_ERROR_AS(kFunction,
-                  "Invalid node data: The keys up to record %lu of node %lu take more bytes than %lu nodes have.\n",
-                  to_ul(walk->index), to_ul(walk->node.number), to_ul(kMaximumHeight));
+    KVFS_ERROR_AS(kFunction, "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
+                  to_ul(kMaximumHeight), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
   if (walk->odd_keys > kMaximumOddKeys) {
-    KVFS_ERROR_AS(kFunction,
-                  "Invalid node data: More than %lu keys of a wrong length, the last one in record %lu of node %lu.\n",
+    KVFS_ERROR_AS(kFunction, "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
                   to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
-  return spend_work(walk->tree, bytes + (odd ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
+  const bool logged = odd || is_illegal_comparison(*walk);
+  return spend_work(walk->tree, bytes + (logged ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
 }
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
@@ -999,13 +1001,13 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
   if (has_keys && !record.key_inside && !(record.data != 0 && is_odd_key(kind, key))) {
     return report_bad_record(walk->node.number, walk->index);
   }
-  if (has_keys) {
+  if (has_keys || odd) {
     const kvfs_result counted = count_key(walk, record, odd);
     if (counted != kvfs_ok) {
       return counted;
     }
   }
-  if (has_keys || record.key_inside || walk->node.number == 0) {
+  if (has_keys || odd || record.key_inside || walk->node.number == 0) {
     *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && *order == kvfs_key_malformed) {
@@ -2009,9 +2011,14 @@ static kvfs_result report_contradiction(std::uint32_t node) {
   return kvfs_inconsistent;
 }
 
-// Whether the node bitmap, read as it is meant, calls a node used. What cannot be read of it calls none used. `buffer`
-// takes the nodes that hold it.
-static bool is_marked_used(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
+// The bit of a node in the node bitmap, read as it is meant.
+struct node_mark {
+  bool used;
+  bool begins_map_node;  // it is in the first byte of a map node, where a claim does not look: Q-btree-16
+};
+
+// Reads the bit of a node; what cannot be read calls it free. `buffer` takes the nodes that hold the bitmap.
+static node_mark read_node_mark(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
   std::uint32_t byte = node / 8;
   cycle_finder segments = {0, 0};
   for (std::uint32_t holder = 0; read_node(tree, holder, buffer) == kvfs_ok;) {
@@ -2019,32 +2026,39 @@ static bool is_marked_used(kvfs_btree* tree, std::uint32_t node, node_buffer* bu
     std::uint32_t begin = offset_at(view, holder == 0 ? kBTHeaderNodeRecords - 1 : 0);
     std::uint32_t end = holder == 0 ? begin + view.size - kBTHeaderNodeOverhead : offset_at(view, 1);
     if (end < begin || end > view.size) {
-      return false;
+      return {};
     }
     if (byte < end - begin) {
-      return (view.bytes[begin + byte] & node_bit(node)) != 0;
+      return {(view.bytes[begin + byte] & node_bit(node)) != 0, holder != 0 && byte == 0};
     }
     byte -= end - begin;
     holder = descriptor_of(view).fLink.get();
     if (comes_back(&segments, holder)) {  // 0, where the walk began, ends the chain as well
-      return false;
+      return {};
     }
   }
-  return false;
+  return {};
 }
 
 // Whether a claimed node is in use. The node bitmap may call a node free that is not: the byte behind a full map record
-// is read as a part of it, and a damaged bitmap says anything. A node is in use when the one before it, in use itself,
-// leads to it; besides, the root, the first leaf, the node that is split and the one behind that are. One that was
-// freed has been taken out of that chain, whatever it and other free nodes still hold. `buffer` is used up.
+// is read as a part of it, and a damaged bitmap says anything. A node is in use whose own bit, where the claim has not
+// set it, says so, or when the one before it, in use itself, leads to it; besides, the root, the first leaf, the node
+// that is split and the one behind that are. One that was freed has been taken out of that chain, whatever it and other
+// free nodes still hold. `buffer` is used up.
 static bool is_in_use(const node_split& split, std::uint32_t node, std::uint32_t previous, node_buffer* buffer) {
   const BTHeaderRec& header = *split.header;
   if (node == header.rootNode.get() || node == header.firstLeafNode.get() || node == split.split.view.number ||
       node == split.split_descriptor.fLink.get()) {
     return true;
   }
+  if (node / 8 >= buffer->view.size - kBTHeaderNodeOverhead) {  // behind the header node's map record
+    const node_mark own = read_node_mark(split.tree, node, buffer);
+    if (own.used && own.begins_map_node) {
+      return true;
+    }
+  }
   BTNodeDescriptor before = {};
-  return previous < header.totalNodes.get() && previous != node && is_marked_used(split.tree, previous, buffer) &&
+  return previous < header.totalNodes.get() && previous != node && read_node_mark(split.tree, previous, buffer).used &&
          read_descriptor(split.tree, previous, &before) == kvfs_ok && node == before.fLink.get();
 }
 
@@ -2479,8 +2493,8 @@ static kvfs_result read_deleted_extent(const deletion& removal, record_extent* e
   const node_view& node = removal.node.view;
   const std::uint32_t count = removal.descriptor.numRecords.get();
   if (!read_offset(node, count, &extent->free_space) || !read_offset(node, removal.index + 1, &extent->end)) {
-    KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: The offset table of node %lu has no room for %lu records.\n",
-                  to_ul(node.number), to_ul(kvfs_max(count, removal.index)));
+    KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: Node %lu has no room for %lu records.\n", to_ul(node.number),
+                  to_ul(kvfs_max(count, removal.index)));
     return kvfs_inconsistent;
   }
   extent->begin = offset_at(node, removal.index);

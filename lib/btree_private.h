@@ -104,8 +104,8 @@ inline constexpr std::uint32_t kMaximumOddKeys = 1000;
 
 // What the operations on a tree may cost together. The limits above are those of one search, of which a change makes up
 // to 2^16, and the opening of a fork one for each eight of its extents. Work is counted in units of about a nanosecond:
-// the bytes of each key that is compared and some for the comparison, some for each node, and a message for each key of
-// a wrong length. An operation is granted what it needs in a sound tree: a search as much as four levels of nodes of
+// the bytes of each key that is compared and some for the comparison, some for each node, and for each message of a
+// comparison. An operation is granted what it needs in a sound tree: a search as much as four levels of nodes of
 // 32 KiB take that are full of keys, a change as much as sixteen levels. What damaged trees need beyond is taken from a
 // reserve, which is not refilled.
 inline constexpr std::uint64_t kWorkOfASearch = std::uint64_t{160} << 10;
@@ -113,7 +113,7 @@ inline constexpr std::uint64_t kWorkOfAChange = std::uint64_t{128} << 20;
 inline constexpr std::uint64_t kWorkReserve = std::uint64_t{64} << 20;
 inline constexpr std::uint64_t kWorkOfANode = 128;
 inline constexpr std::uint64_t kWorkOfAKey = 8;
-inline constexpr std::uint64_t kWorkOfAMessage = std::uint64_t{16} << 10;
+inline constexpr std::uint64_t kWorkOfAMessage = std::uint64_t{4} << 10;
 inline constexpr std::uint32_t kNodeBytesOfOneUnit = 16;  // a node that is copied takes a unit for so many bytes
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,

@@ -122,7 +122,7 @@ static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cni
                                         overflow_lookups* lookups, HFSPlusExtentRecord* record) {
   static const char* const kFunction = "kvfs_fork_resolve_extents";
   if (lookups->count != 0 && found == lookups->checkpoint) {
-    KVFS_ERROR_AS(kFunction, "Overflow extents of CNID %lu lead back to where they began.\n", to_ul(cnid));
+    KVFS_ERROR_AS(kFunction, "Overflow extents of CNID %lu form a ring.\n", to_ul(cnid));
     return kvfs_inconsistent;
   }
   if (std::has_single_bit(++lookups->count)) {
@@ -1161,8 +1161,7 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
   const std::uint64_t end_of_sectors = kvfs_divide_rounding_up(end, sector_size) * sector_size;
   const std::uint64_t end_of_blocks = kvfs_divide_rounding_up(end, block_size) * block_size;
   if (device_offset % sector_size != 0 || fork_offset % sector_size != 0 || end_of_sectors > end_of_blocks) {
-    KVFS_ERROR_AS("kvfs_fork_flush_internal",
-                  "Piece of %llu bytes at device offset %llu does not begin and end on sector borders.\n",
+    KVFS_ERROR_AS("kvfs_fork_flush_internal", "Piece of %llu bytes at device offset %llu is not of whole sectors.\n",
                   to_ull(length), to_ull(device_offset));
     return kvfs_inconsistent;
   }

@@ -496,8 +496,7 @@ TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
     tree.poke(2, kNumRecords, 2, count);
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid node data: The offset table of node 2 has no room for " +
-                                 std::to_string(count) + " records."));
+    EXPECT_LOG(log, delete_error("Invalid node data: Node 2 has no room for " + std::to_string(count) + " records."));
   }
 }
 

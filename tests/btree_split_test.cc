@@ -720,10 +720,22 @@ TEST_F(BtreeSplitMapNode, NodeBeforeMarkedInAMapNode_CountsAsUsed) {
 }
 
 TEST_F(BtreeSplitMapNode, NodeBeforeNotMarkedInAMapNode_IsNotAsked) {
-  tree_.poke(map_, 14, 1, 0x7F);
+  tree_.poke(map_, 14, 1, 0x3F);
   LogCapture log;
   EXPECT_EQ(split_to_node_behind(), kvfs_ok);
   EXPECT_LOG(log);
+  EXPECT_TRUE(tree_.is_idle());
+}
+
+// The byte behind the header's map record calls it free, its own bit does not.
+TEST_F(BtreeSplitMapNode, ClaimedNodeMarkedInAMapNode_IsInUseWhateverItsLinksSay) {
+  tree_.poke_entry(0, 3, 0xBFF8);
+  tree_.poke(map_, 14, 1, 0x40);
+  tree_.poke(kFirstOfMapNode + 1, kBackwardLink, 4, 0);
+  LogCapture log;
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree_.get(), 2, 10, &new_node), kvfs_inconsistent);
+  EXPECT_LOG(log, contradiction(kFirstOfMapNode + 1));
   EXPECT_TRUE(tree_.is_idle());
 }
 

@@ -223,7 +223,7 @@ void expect_circle(OverflowFile* overflow, const std::vector<BlockRun>& runs, st
   EXPECT_EQ(resolve(fork_data(50, runs), overflow, 0).result, kvfs_inconsistent);
   EXPECT_LE(overflow->lookups().size(), most_lookups);
   EXPECT_EQ(faults.outstanding_allocations(), 0u);
-  EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 lead back to where they began.\n");
+  EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 form a ring.\n");
 }
 
 TEST(ForkResolveExtents, RecordThatLeadsBackToItself_EndsTheSearch) {

@@ -1076,7 +1076,7 @@ void expect_refused(const ForkShape& shape, const std::string& piece) {
   EXPECT_EQ(transfers(faults), Lines{});
   EXPECT_EQ(faults.locks_held(), 0);
   EXPECT_EQ(fork.dirty_items(), 1u);
-  EXPECT_LOG(log, "ERROR kvfs_fork_flush_internal Piece of " + piece + " does not begin and end on sector borders.\n",
+  EXPECT_LOG(log, "ERROR kvfs_fork_flush_internal Piece of " + piece + " is not of whole sectors.\n",
              "ERROR kvfs_fork_do_device_io Error while processing I/O request.\n",
              "ERROR kvfs_fork_flush_internal Error while writing fork to disk.\n");
 }

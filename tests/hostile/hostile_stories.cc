@@ -183,11 +183,8 @@ std::vector<Story> made_up_stories() {
   const char* const cyclic =
       "ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n";
   const char* const one_key = "ERROR kvfs_btree_record_locator_open Invalid parameter: record_size == 0\n";
-  const char* const too_much =
-      "ERROR kvfs_btree_search_node_internal Aborting search: This B-tree has called for more work than any sound one "
-      "does.\n";
-  const char* const leads_back =
-      "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 lead back to where they began.\n";
+  const char* const too_much = "ERROR kvfs_btree_search_node_internal Aborting search: Too much work.\n";
+  const char* const leads_back = "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 form a ring.\n";
   return {
       {"IndexNodesInACircle", index_circle, "Label", cyclic, cyclic},
       {"WrappingOverflowRecords", wrapping_overflow_records, "Label", leads_back, leads_back},
@@ -255,10 +252,9 @@ std::vector<Story> record_stories() {
       damage_to_leaf("NameLengthAllBits", "record[1].key.nodeName.length", 0xFFFF, long_name, long_name),
       damage_to_leaf("OffsetTableOverRecords", "numRecords", 300, "", no_space),
       damage_to_leaf("OffsetTableOverTheNode", "numRecords", 2040, "", no_space),
-      damage_to_leaf(
-          "OffsetTableBeyondTheNode", "numRecords", 0xFFFF, "",
-          "ERROR kvfs_btree_delete_record_internal Invalid node data: The offset table of node 1 has no room "
-          "for 65535 records.\n"),
+      damage_to_leaf("OffsetTableBeyondTheNode", "numRecords", 0xFFFF, "",
+                     "ERROR kvfs_btree_delete_record_internal Invalid node data: Node 1 has no room "
+                     "for 65535 records.\n"),
   };
 }
 
