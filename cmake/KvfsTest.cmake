@@ -28,18 +28,34 @@ function(kvfs_add_test name)
   set_tests_properties(${name} PROPERTIES LABELS ${arg_LABEL})
 endfunction()
 
-# kvfs_add_tool_test(name SOURCES file...)
+# kvfs_add_tool_runner(target SOURCES file...)
 #
-# A test program that runs the built tool. It finds the programs through the macros KVFSLABEL_PATH,
+# What test programs run the built tool with. They find the programs through the macros KVFSLABEL_PATH,
 # KVFSLABEL_FAULTY_PATH (the tool with injected faults), MAKE_VOLUME_PATH and SET_AND_PRINT_PATH; KVFS_EMULATOR has the
 # words that start programs of the target, if they do not run by themselves.
-function(kvfs_add_tool_test name)
-  kvfs_add_test(${name} LABEL tool ${ARGN})
+function(kvfs_add_tool_runner target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
+  add_library(${target} STATIC ${arg_SOURCES})
+  kvfs_set_test_options(${target})
+  target_compile_definitions(${target} PRIVATE _LARGEFILE64_SOURCE)
+  target_include_directories(${target} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/tool")
+  target_link_libraries(${target} PUBLIC kvfs_test_fixtures kvfs_test_support GTest::gmock)
+  if(KVFS_PRECOMPILED_TEST_HEADERS)
+    target_precompile_headers(${target} REUSE_FROM kvfs_test_support)
+  endif()
   string(JOIN " " emulator ${CMAKE_CROSSCOMPILING_EMULATOR})
-  target_compile_definitions(${name} PRIVATE KVFS_EMULATOR="${emulator}")
+  target_compile_definitions(${target} PUBLIC KVFS_EMULATOR="${emulator}")
   foreach(program IN ITEMS kvfslabel kvfslabel_faulty make_volume set_and_print)
     string(TOUPPER ${program} macro)
-    target_compile_definitions(${name} PRIVATE ${macro}_PATH="$<TARGET_FILE:${program}>")
-    add_dependencies(${name} ${program})
+    target_compile_definitions(${target} PUBLIC ${macro}_PATH="$<TARGET_FILE:${program}>")
+    add_dependencies(${target} ${program})
   endforeach()
+endfunction()
+
+# kvfs_add_tool_test(name [LIBRARIES target...] SOURCES file...)
+#
+# A test program that runs the built tool by means of kvfs_tool_runner.
+function(kvfs_add_tool_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES;SOURCES")
+  kvfs_add_test(${name} LABEL tool LIBRARIES kvfs_tool_runner ${arg_LIBRARIES} SOURCES ${arg_SOURCES})
 endfunction()
