@@ -289,7 +289,7 @@ static std::size_t take_piece(const kvfs_be16* units, std::size_t count, std::ui
   for (std::size_t i = 0; i < length; ++i) {
     native[i] = units[i].get();
   }
-  const bool cuts_pair = length < count && (native[length - 1] & kSurrogateMask) == kHighSurrogate;
+  const bool cuts_pair = length < count && (units[length - 1].get() & kSurrogateMask) == kHighSurrogate;
   return cuts_pair ? length - 1 : length;
 }
 
