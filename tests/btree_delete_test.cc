@@ -500,6 +500,18 @@ TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
   }
 }
 
+TEST_F(BtreeDelete, LocatorBehindTheOffsetTable_IsInconsistent) {
+  for (const std::uint16_t index : Numbers16{249, 0x7FFF, 0xFFFE}) {
+    ChangeTree tree(three_leaves());
+    tree.open();
+    kvfs_btree_record_locator* const locator = tree.locate(60);
+    locator->priv->index = index;
+    LogCapture log;
+    EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
+    EXPECT_LOG(log, delete_error("Invalid node data: Node 2 has no room for " + std::to_string(index) + " records."));
+  }
+}
+
 TEST_F(BtreeDelete, RecordThatTheNodeDoesNotHave_LiesBehindTheFreeSpace) {
   for (const auto& [count, free_space] : std::vector<std::pair<std::uint16_t, int>>{{0, 14}, {1, 32}}) {
     ChangeTree tree(three_leaves());

@@ -655,6 +655,17 @@ TEST(ReadAttrNode, FirstRecordElsewhere_EndsTheCheck) {
   }
 }
 
+TEST(ReadAttrNode, NodeWithoutRoomForAnOffset_EndsTheCheck) {
+  for (const std::size_t size : {14u, 15u}) {
+    Bytes node(size, 0);
+    node[kKind] = 0xFF;
+    node[kHeight] = 1;
+    LogCapture log;
+    read_node(node);
+    EXPECT_LOG(log, "ERROR ReadAttrNode HFSPlus:ReadAttrNode: Offset of record is 0, and not 14!\n");
+  }
+}
+
 TEST(ReadAttrNode, UnknownTypes_AreReportedAndTheWalkGoesOn) {
   LogCapture log;
   read_node(attributes_node({{1, 0}, {2, 16}, {0, 0x20}, {7, 0xDEADBEEF}}));
