@@ -501,7 +501,7 @@ TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
 }
 
 TEST_F(BtreeDelete, LocatorBehindTheOffsetTable_IsInconsistent) {
-  for (const std::uint16_t index : Numbers16{249, 0x7FFF, 0xFFFE}) {
+  for (const std::uint16_t index : Numbers16{256, 0x7FFF, 0xFFFE}) {
     ChangeTree tree(three_leaves());
     tree.open();
     kvfs_btree_record_locator* const locator = tree.locate(60);
