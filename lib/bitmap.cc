@@ -93,7 +93,7 @@ static kvfs_result clear_mapped_bit(kvfs_fork* fork, const bitmap_mapping& chunk
   // To the first byte of the chunk, not to the byte's own place: Q-bitmap-1.
   const kvfs_result result = write_byte(fork, chunk.offset, static_cast<unsigned char>(byte & ~block_bit(block)));
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS("FreeAllocationBlock", "Error while writing back modified byte to allocation file.\n");
+    KVFS_ERROR_AS(FreeAllocationBlock, "Error while writing back modified byte to allocation file.\n");
   }
   return result;
 }
@@ -124,7 +124,7 @@ static kvfs_result free_extent_part(const HFSPlusExtentDescriptor& extent, std::
     const std::uint32_t block = static_cast<std::uint32_t>(extent.startBlock.get() + i);
     const kvfs_result result = FreeAllocationBlock(block, bitmap);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS("FreeExtentAllocationBlocks", "Error while freeing allocation block %lu.\n", to_ul(block));
+      KVFS_ERROR_AS(FreeExtentAllocationBlocks, "Error while freeing allocation block %lu.\n", to_ul(block));
       return result;
     }
     ++*freed;
@@ -155,15 +155,13 @@ kvfs_result FreeExtentAllocationBlocks(const HFSPlusForkData* fork_data, std::ui
 
 // ---- Allocating ----------------------------------------------------------------------------------------------------
 
-static const char kAllocateFunction[] = "AllocateExtentAllocationBlocks";
-
 // Clears the bits of start .. end - 1 again, the last one first, and goes on whatever fails.
 static void roll_back_blocks(kvfs_fork* fork, const bitmap_mapping& map, std::uint64_t start, std::uint64_t end) {
   for (std::uint64_t block = end; block > start; --block) {
     const std::uint64_t undone = block - 1;
     const unsigned char byte = byte_of(map, undone);
     if (write_byte(fork, undone / 8, static_cast<unsigned char>(byte & ~block_bit(undone))) != kvfs_ok) {
-      KVFS_ERROR_AS(kAllocateFunction, "Error while rolling back modification to bitmap bit %lu.%s\n",
+      KVFS_ERROR_AS(AllocateExtentAllocationBlocks, "Error while rolling back modification to bitmap bit %lu.%s\n",
                     to_ul(static_cast<std::uint32_t>(undone)),
                     undone > start ? " Ignoring and continuing to attempt rollback of remaining blocks..." : "");
     }
@@ -172,9 +170,9 @@ static void roll_back_blocks(kvfs_fork* fork, const bitmap_mapping& map, std::ui
 
 // The allocation file's fork, or null with a message when the volume was opened without that file
 // (X-bitmap-1).
-static kvfs_fork* fork_of_bits(const char* function, const kvfs_volume* volume) {
+static kvfs_fork* fork_of_bits(const char* speaker, const kvfs_volume* volume) {
   if (volume->bitmap == nullptr) {
-    KVFS_ERROR_AS(function, "The volume was opened without its allocation file.\n");
+    KVFS_ERROR_BY(speaker, "The volume was opened without its allocation file.\n");
     return nullptr;
   }
   return volume->bitmap->priv->fork;
@@ -188,11 +186,11 @@ static kvfs_result set_mapped_bits(kvfs_fork* fork, const bitmap_mapping& map, s
     kvfs_result result = kvfs_failed;
     std::uint64_t set_end = block;
     if ((byte & block_bit(block)) != 0) {
-      KVFS_ERROR_AS(kAllocateFunction, "Block %d is already allocated.\n", static_cast<int>(block));
+      KVFS_ERROR_AS(AllocateExtentAllocationBlocks, "Block %d is already allocated.\n", static_cast<int>(block));
     } else {
       result = write_byte(fork, block / 8, static_cast<unsigned char>(byte | block_bit(block)));
       if (result != kvfs_ok) {
-        KVFS_ERROR_AS(kAllocateFunction, "Error while writing out modified bitmap byte.\n");
+        KVFS_ERROR_AS(AllocateExtentAllocationBlocks, "Error while writing out modified bitmap byte.\n");
         // A write that fails only when it gives its locks back has set the bit: X-bitmap-4.
         set_end += (byte_of(map, block) & block_bit(block)) != 0 ? 1 : 0;
       }
@@ -237,8 +235,6 @@ kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint3
 //
 // The search ends wherever in a byte it began: X-bitmap-2.
 
-static const char kFindFunction[] = "FindContiguousUnallocated";
-
 static constexpr std::uint64_t round_up_to_byte(std::uint64_t blocks) {
   return (blocks + 7) / 8 * 8;
 }
@@ -258,14 +254,14 @@ struct free_run_search {
 static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
   kvfs_result result = unmap_bytes(search->fork, &search->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFindFunction, "Error while unmapping previous region of bitmap data.\n");
+    KVFS_ERROR_AS(FindContiguousUnallocated, "Error while unmapping previous region of bitmap data.\n");
     return result;
   }
   *count = round_up_to_byte(kvfs_min(search->total - search->position, search->wanted));
   const std::uint64_t first_byte = search->position / 8;
   result = map_bytes(search->fork, first_byte, (search->position + *count + 7) / 8 - first_byte, &search->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFindFunction, "Error while mapping region of bitmap data.\n");
+    KVFS_ERROR_AS(FindContiguousUnallocated, "Error while mapping region of bitmap data.\n");
   }
   return result;
 }
@@ -327,7 +323,7 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
     *out_location = location;
     return kvfs_ok;
   }
-  kvfs_fork* const fork = fork_of_bits(kFindFunction, volume);
+  kvfs_fork* const fork = fork_of_bits(KVFS_NAME_OF(FindContiguousUnallocated), volume);
   if (fork == nullptr) {
     return kvfs_invalid;
   }
@@ -366,8 +362,6 @@ struct extent_walk {
   bool found;
 };
 
-static const char kWriteLocationFunction[] = "FindWriteLocation";
-
 // Walks one record; `whole` tells whether all of its eight descriptors are in use.
 static kvfs_result walk_record(const HFSPlusExtentRecord& record, extent_walk* walk, bool* whole) {
   *whole = true;
@@ -376,7 +370,7 @@ static kvfs_result walk_record(const HFSPlusExtentRecord& record, extent_walk* w
     if (count == 0) {
       *whole = false;
       if (extent.startBlock.get() != 0) {
-        KVFS_ERROR_AS(kWriteLocationFunction, "Encountered zero block count in extent.\n");
+        KVFS_ERROR_AS(FindWriteLocation, "Encountered zero block count in extent.\n");
         return kvfs_inconsistent;
       }
       return kvfs_ok;
@@ -395,13 +389,13 @@ static kvfs_result walk_record(const HFSPlusExtentRecord& record, extent_walk* w
 // Decides after a record whether the walk goes on with another one.
 static kvfs_result check_record_end(const extent_walk& walk, bool whole) {
   if (walk.accumulated > walk.total) {
-    KVFS_ERROR_AS(kWriteLocationFunction,
+    KVFS_ERROR_AS(FindWriteLocation,
                   "Inconsistent extent record: Found more blocks than the number of allocated blocks (%llu > %lu).\n",
                   to_ull(walk.accumulated), to_ul(walk.total));
     return kvfs_inconsistent;
   }
   if (walk.accumulated != walk.total && !whole) {
-    KVFS_ERROR_AS(kWriteLocationFunction,
+    KVFS_ERROR_AS(FindWriteLocation,
                   "List of extents ends before all blocks have been accounted for. Missing %lu blocks.\n",
                   to_ul(static_cast<std::uint32_t>(walk.total - walk.accumulated)));
     return kvfs_inconsistent;
@@ -415,11 +409,11 @@ static kvfs_result fetch_next_record(kvfs_extents* extents, std::uint8_t fork_ty
   const kvfs_result result = kvfs_extents_get_next_extent_record(
       extents, fork_type, cnid, static_cast<std::uint32_t>(walk.accumulated), &found, record);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kWriteLocationFunction, "Error while looking up next extent record.\n");
+    KVFS_ERROR_AS(FindWriteLocation, "Error while looking up next extent record.\n");
     return result;
   }
   if (found == 0) {
-    KVFS_ERROR_AS(kWriteLocationFunction, "Could not find next extent record.\n");
+    KVFS_ERROR_AS(FindWriteLocation, "Could not find next extent record.\n");
     return kvfs_internal;
   }
   return kvfs_ok;

@@ -164,10 +164,9 @@ static HFSPlusForkData* fork_data_of(HFSPlusVolumeHeader* volume_header, std::ui
 // Reads the node size from the header record without a fork, whose transfer unit depends on it.
 static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader* volume_header,
                                   const HFSPlusForkData* fork_data, std::uint16_t* node_size) {
-  static const char* const kFunction = "kvfs_btree_process";
   const std::uint64_t sector_size = device->sector_size;
   if (sector_size == 0) {  // X-device-1
-    KVFS_ERROR_AS(kFunction, "Device has a sector size of 0.\n");
+    KVFS_ERROR_AS(kvfs_btree_process, "Device has a sector size of 0.\n");
     return kvfs_inconsistent;
   }
   const std::uint64_t position =
@@ -177,7 +176,7 @@ static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader
   void* sectors = nullptr;
   const kvfs_result result = kvfs_device_read_disk_sectors(device, first, static_cast<std::uint32_t>(count), &sectors);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while reading first sector%s of B-tree.\n", count >= 2 ? "s" : "");
+    KVFS_ERROR_AS(kvfs_btree_process, "Error while reading first sector%s of B-tree.\n", count >= 2 ? "s" : "");
     return result;
   }
   const kvfs_owned<unsigned char> buffer(static_cast<unsigned char*>(sectors));
@@ -188,28 +187,28 @@ static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader
 
 // Node 0 must be a header node with its three records.
 static kvfs_result check_header_descriptor(const mapping& map) {
-  static const char* const kFunction = "kvfs_btree_process";
   const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(map.bytes);
   if (descriptor->kind == kBTHeaderNode && descriptor->numRecords.get() == kBTHeaderNodeRecords) {
     return kvfs_ok;
   }
   // The count is printed with its bytes the wrong way round, 1024 for 4 records: Q-btree-1.
   const int swapped = descriptor->numRecords.bytes[0] | descriptor->numRecords.bytes[1] << 8;
-  KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Node kind %d, %d records - should be kind 1, 3 records - but it isn't!\n",
-                kFunction, static_cast<int>(descriptor->kind), swapped);
+  KVFS_ERROR_AS(kvfs_btree_process,
+                "HFSPlus:%s: Node kind %d, %d records - should be kind 1, 3 records - but it isn't!\n",
+                KVFS_NAME_OF(kvfs_btree_process), static_cast<int>(descriptor->kind), swapped);
   return kvfs_inconsistent;
 }
 
 static kvfs_result check_header_record(const mapping& map) {
-  static const char* const kFunction = "kvfs_btree_process";
   const BTHeaderRec* const header = kvfs_view_as<BTHeaderRec>(map.bytes);
   if (header->btreeType != kHFSBTreeType) {
-    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Tree type, according to header node, is %d - and not kHFSBTreeType (0)\n",
-                  kFunction, static_cast<int>(header->btreeType));
+    KVFS_ERROR_AS(kvfs_btree_process,
+                  "HFSPlus:%s: Tree type, according to header node, is %d - and not kHFSBTreeType (0)\n",
+                  KVFS_NAME_OF(kvfs_btree_process), static_cast<int>(header->btreeType));
     return kvfs_inconsistent;
   }
   if ((header->attributes.get() & kBTBigKeysMask) == 0) {
-    KVFS_ERROR_AS(kFunction, "Big keys flag not set for HFS+ B-tree.\n");
+    KVFS_ERROR_AS(kvfs_btree_process, "Big keys flag not set for HFS+ B-tree.\n");
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -219,10 +218,9 @@ static kvfs_result check_header_record(const mapping& map) {
 // stand (Q-btree-2). What was mapped stays mapped for the caller.
 static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mapping* header, std::uint16_t* node_size,
                                      std::uint16_t* max_key_length) {
-  static const char* const kFunction = "kvfs_btree_process";
   kvfs_result result = map_range(fork, 0, sizeof(BTNodeDescriptor), descriptor);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while mapping node descriptor of B-tree from its fork.\n");
+    KVFS_ERROR_AS(kvfs_btree_process, "Error while mapping node descriptor of B-tree from its fork.\n");
     return result;
   }
   result = check_header_descriptor(*descriptor);
@@ -231,7 +229,7 @@ static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mappi
   }
   result = map_range(fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec), header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while mapping header record of B-tree from its fork.\n");
+    KVFS_ERROR_AS(kvfs_btree_process, "Error while mapping header record of B-tree from its fork.\n");
     return result;
   }
   result = check_header_record(*header);
@@ -241,18 +239,17 @@ static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mappi
 }
 
 static kvfs_result check_tree_of_fork(kvfs_fork* fork, std::uint16_t* node_size, std::uint16_t* max_key_length) {
-  static const char* const kFunction = "kvfs_btree_process";
   mapping descriptor;
   mapping header;
   kvfs_result result = check_header_node(fork, &descriptor, &header, node_size, max_key_length);
   const kvfs_result header_unmapped = unmap_range(&header);
   if (header_unmapped != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while unmapping header record of B-tree from its fork.\n");
+    KVFS_ERROR_AS(kvfs_btree_process, "Error while unmapping header record of B-tree from its fork.\n");
   }
   result = kvfs_result_keep(result, header_unmapped);
   const kvfs_result descriptor_unmapped = unmap_range(&descriptor);
   if (descriptor_unmapped != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while unmapping node descriptor of B-tree from its fork.\n");
+    KVFS_ERROR_AS(kvfs_btree_process, "Error while unmapping node descriptor of B-tree from its fork.\n");
   }
   return kvfs_result_keep(result, descriptor_unmapped);
 }
@@ -260,7 +257,7 @@ static kvfs_result check_tree_of_fork(kvfs_fork* fork, std::uint16_t* node_size,
 // The value of a failure exit, which must not be taken for a success.
 static kvfs_result failure_value(kvfs_result result) {
   if (result == kvfs_ok) {
-    KVFS_WARNING_AS("kvfs_btree_process", "err was not set at 'error'. Setting generic error value.\n");
+    KVFS_WARNING_AS(kvfs_btree_process, "err was not set at 'error'. Setting generic error value.\n");
     return kvfs_failed;
   }
   return result;
@@ -302,7 +299,7 @@ static kvfs_result open_tree(kvfs_device* device, kvfs_extents* extents, int par
   const kvfs_result result = kvfs_btree_process(volume_header, tree_kind, device, extents, partial, &tree->fork,
                                                 &tree->nodeSize, &tree->maxKeyLength);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS("kvfs_btree_create", "Error while reading %s B-Tree into memory.\n", kvfs_btree_type_name(tree_kind));
+    KVFS_ERROR_AS(kvfs_btree_create, "Error while reading %s B-Tree into memory.\n", kvfs_btree_type_name(tree_kind));
   }
   return result;
 }
@@ -342,7 +339,6 @@ kvfs_result kvfs_btree_create(kvfs_device* device, kvfs_extents* extents, int pa
 
 // Frees every locator that is still open, whatever references it has.
 static void release_leaked_locators(kvfs_btree_private* priv) {
-  static const char* const kFunction = "kvfs_btree_destroy";
   std::uint64_t released = 0;
   while (priv->open_locators != nullptr) {
     kvfs_btree_record_locator* leaked = priv->open_locators;
@@ -350,13 +346,14 @@ static void release_leaked_locators(kvfs_btree_private* priv) {
     kvfs_btree_record_locator_release(&leaked, true);
     ++released;
     if (reinterpret_cast<std::uintptr_t>(priv->open_locators) == head) {
-      KVFS_CRITICAL_AS(kFunction,
+      KVFS_CRITICAL_AS(kvfs_btree_destroy,
                        "Internal error: Closing head of B-tree open locators list did not change the head!\n");
       break;
     }
   }
   if (released != 0) {
-    KVFS_WARNING_AS(kFunction, "Cleaned up %llu leaked B-tree record locators on destroy.\n", to_ull(released));
+    KVFS_WARNING_AS(kvfs_btree_destroy, "Cleaned up %llu leaked B-tree record locators on destroy.\n",
+                    to_ull(released));
   }
 }
 
@@ -402,7 +399,7 @@ static bool check_attribute_record(const node_view& node, std::uint32_t index) {
   }
   const std::uint32_t type = kvfs_view_as<kvfs_be32>(node.bytes + data)->get();
   if (type != kAttributeInlineData) {
-    KVFS_ERROR_AS("ReadAttrNode", "HFSPlus:ERROR:%s: Unknown Attr Type: %X\n", "ReadAttrNode", type);
+    KVFS_ERROR_AS(ReadAttrNode, "HFSPlus:ERROR:%s: Unknown Attr Type: %X\n", "ReadAttrNode", type);
   }
   return true;
 }
@@ -448,25 +445,24 @@ static std::size_t record_capacity(const kvfs_btree_record_locator_private* priv
 
 // Rejects bytes that cannot be a record and computes where a record's data begins.
 static kvfs_result check_record(const unsigned char* record, std::size_t record_size, std::uint32_t* data_offset) {
-  static const char* const kFunction = "kvfs_btree_record_locator_open";
   if (record == nullptr) {
-    KVFS_ERROR_AS(kFunction, "Invalid parameter: record == NULL\n");
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open, "Invalid parameter: record == NULL\n");
     return kvfs_invalid;
   }
   if (record_size == 0) {
-    KVFS_ERROR_AS(kFunction, "Invalid parameter: record_size == 0\n");
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open, "Invalid parameter: record_size == 0\n");
     return kvfs_invalid;
   }
   if (record_size % 2 != 0) {
-    KVFS_ERROR_AS(kFunction, "Invalid parameter: record_size (%zu) is not aligned on a 2-byte boundary.\n",
-                  record_size);
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open,
+                  "Invalid parameter: record_size (%zu) is not aligned on a 2-byte boundary.\n", record_size);
     return kvfs_invalid;
   }
   const std::uint32_t key_length =
       kvfs_view_as<kvfs_be16>(record)->get() + static_cast<std::uint32_t>(sizeof(kvfs_be16));
   *data_offset = round_up_to_even(key_length);
   if (*data_offset > record_size) {
-    KVFS_ERROR_AS(kFunction,
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open,
                   "Invalid parameter: Record size too small to contain key! Expected minimum: %zu Actual: %zu\n",
                   std::size_t{*data_offset}, record_size);
     return kvfs_invalid;
@@ -496,25 +492,24 @@ struct locator_arguments {
 
 // Brings sizes and offsets of an open locator up to date with a record that is opened again, warning of each change.
 static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const locator_arguments& arguments) {
-  static const char* const kFunction = "kvfs_btree_record_locator_open";
   const unsigned long node = to_ul(arguments.node);
   if (priv->record_size != arguments.record_size) {
     KVFS_WARNING_AS(
-        kFunction,
+        kvfs_btree_record_locator_open,
         "Mismatching raw record sizes for node %lu, record %hu (stored: %zu specified: %zu). Using specified.\n", node,
         arguments.index, std::size_t{priv->record_size}, arguments.record_size);
     priv->record_size = static_cast<std::uint32_t>(arguments.record_size);
   }
   if (priv->record_data_offset != arguments.data_offset) {
     KVFS_WARNING_AS(
-        kFunction,
+        kvfs_btree_record_locator_open,
         "Mismatching raw record data offsets for node %lu, record %hu (stored: %zu specified: %zu). Using specified.\n",
         node, arguments.index, std::size_t{priv->record_data_offset}, std::size_t{arguments.data_offset});
     priv->record_data_offset = arguments.data_offset;
   }
   if (priv->record_key_offset != 0) {
     KVFS_WARNING_AS(
-        kFunction,
+        kvfs_btree_record_locator_open,
         "Mismatching raw record key offsets for node %lu, record %hu (stored: %zu specified: %zu). Using specified.\n",
         node, arguments.index, std::size_t{priv->record_key_offset}, std::size_t{0});
     priv->record_key_offset = 0;
@@ -526,31 +521,31 @@ static void update_shared_offsets(kvfs_btree_record_locator_private* priv, const
 // become a longer record (X-btree-6): the search for the place of a new index record behind the last one of a node
 // opens a locator there with the bytes of the record before, and inserting finds it open.
 static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locator_arguments& arguments) {
-  static const char* const kFunction = "kvfs_btree_record_locator_open";
   kvfs_btree_record_locator_private* const priv = locator->priv;
   const unsigned long node = to_ul(arguments.node);
   if (priv->fork_data_offset != arguments.fork_data_offset) {
     KVFS_WARNING_AS(
-        kFunction,
+        kvfs_btree_record_locator_open,
         "Mismatching data pointer offset for node %lu, record %hu (stored: %llu specified: %llu). Using specified.\n",
         node, arguments.index, to_ull(priv->fork_data_offset), to_ull(arguments.fork_data_offset));
     priv->fork_data_offset = arguments.fork_data_offset;
   }
   if (priv->tree != arguments.tree) {
-    KVFS_CRITICAL_AS(kFunction, "Mismatching btree pointers (%p != %p)! Internal error...\n",
+    KVFS_CRITICAL_AS(kvfs_btree_record_locator_open, "Mismatching btree pointers (%p != %p)! Internal error...\n",
                      static_cast<void*>(priv->tree), static_cast<void*>(arguments.tree));
     return kvfs_internal;
   }
   if (arguments.record_size > record_capacity(priv) && priv->is_vacant == 0) {
-    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has outgrown its open locator (from %zu to %zu bytes).\n",
-                  arguments.index, node, record_capacity(priv), arguments.record_size);
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open,
+                  "Record %hu of node %lu has outgrown its open locator (from %zu to %zu bytes).\n", arguments.index,
+                  node, record_capacity(priv), arguments.record_size);
     return kvfs_internal;
   }
   update_shared_offsets(priv, arguments);
   const std::size_t size = kvfs_min(arguments.record_size, record_capacity(priv));
   if (std::memcmp(priv->record, arguments.record, size) != 0) {
-    KVFS_WARNING_AS(kFunction, "Mismatching record data for node %lu, record %hu. Using specified.\n", node,
-                    arguments.index);
+    KVFS_WARNING_AS(kvfs_btree_record_locator_open,
+                    "Mismatching record data for node %lu, record %hu. Using specified.\n", node, arguments.index);
     std::memcpy(priv->record, arguments.record, size);
   }
   ++priv->reference_count;
@@ -562,7 +557,7 @@ static kvfs_result create_locator(const locator_arguments& arguments, kvfs_btree
   const std::size_t size = sizeof(tree_locator_block) + arguments.record_size;
   tree_locator_block* const block = static_cast<tree_locator_block*>(std::calloc(1, size));
   if (block == nullptr) {
-    KVFS_ERROR_AS("kvfs_btree_record_locator_open",
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open,
                   "Error while allocating %zu bytes for kvfs_btree_record_locator allocation.\n", size);
     return kvfs_no_memory;
   }
@@ -655,17 +650,17 @@ void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {
 
 // Writes a record's data to the fork and to the locator's copy; the caller holds the tree's lock.
 static kvfs_result write_record_data(kvfs_btree_record_locator* locator, const void* data, std::size_t data_size) {
-  static const char* const kFunction = "kvfs_btree_record_locator_write_data";
   kvfs_btree_record_locator_private* const priv = locator->priv;
   if (data_size > record_capacity(priv) || priv->record_data_offset > record_capacity(priv) - data_size) {
     // X-btree-6: it was opened again with a longer key, and the public sizes are still those of the first opening.
-    KVFS_ERROR_AS(kFunction, "Record %hu of node %lu has changed its layout and cannot be written.\n", priv->index,
+    KVFS_ERROR_AS(kvfs_btree_record_locator_write_data,
+                  "Record %hu of node %lu has changed its layout and cannot be written.\n", priv->index,
                   to_ul(priv->node));
     return kvfs_internal;
   }
   const kvfs_result result = kvfs_fork_write(priv->tree->fork, priv->fork_data_offset, data, data_size, nullptr);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while writing out record data.\n");
+    KVFS_ERROR_AS(kvfs_btree_record_locator_write_data, "Error while writing out record data.\n");
     return result;
   }
   if (data_size != 0) {
@@ -781,13 +776,13 @@ struct node_record {
 };
 
 static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
-  KVFS_ERROR_AS("kvfs_btree_search_node_internal",
+  KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                 "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(index), to_ul(node));
   return kvfs_inconsistent;
 }
 
 static kvfs_result report_too_much_work() {
-  KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Aborting search: Too much work.\n");
+  KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search: Too much work.\n");
   return kvfs_inconsistent;
 }
 
@@ -801,24 +796,23 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   walk->index = 0;
   walk->previous_data = 0;
   if (walk->descriptor.numRecords.get() == 0) {
-    KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Invalid node data: Node %lu has no records.\n", to_ul(node));
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
 }
 
 static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
-  static const char* const kFunction = "kvfs_btree_search_node_internal";
   const std::uint32_t total_nodes = walk->header.totalNodes.get();
   // A start node equal to the number of nodes passes here: Q-btree-5.
   if (start > total_nodes) {
-    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Starting Node %lu > Total Nodes %lu\n", kFunction, to_ul(start),
-                  to_ul(total_nodes));
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "HFSPlus:%s: Starting Node %lu > Total Nodes %lu\n",
+                  KVFS_NAME_OF(kvfs_btree_search_node_internal), to_ul(start), to_ul(total_nodes));
     return kvfs_invalid;
   }
   const kvfs_result result = map_node(walk->tree, start, &walk->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while mapping raw node data.\n");
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while mapping raw node data.\n");
     return result;
   }
   std::uint16_t first = 0;
@@ -826,8 +820,9 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
     return report_bad_record(start, 0);
   }
   if (first != kBTFirstRecordOffset) {  // asked here alone: Q-btree-6
-    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Offset of record 0 in %lu is %hu, and not %zu!\n", kFunction, to_ul(start),
-                  first, std::size_t{kBTFirstRecordOffset});
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "HFSPlus:%s: Offset of record 0 in %lu is %hu, and not %zu!\n",
+                  KVFS_NAME_OF(kvfs_btree_search_node_internal), to_ul(start), first,
+                  std::size_t{kBTFirstRecordOffset});
     return kvfs_inconsistent;
   }
   return enter_node(walk, start);
@@ -848,9 +843,8 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
     return report_bad_record(walk->node.number, index);
   }
   if (record.end < record.offset) {
-    KVFS_ERROR_AS("kvfs_btree_search_node_internal",
-                  "Invalid node data: Record %lu of node %lu ends before it begins.\n", to_ul(index),
-                  to_ul(walk->node.number));
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Record %lu of node %lu ends before it begins.\n",
+                  to_ul(index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
   const std::uint32_t node = walk->node.number;
@@ -880,8 +874,8 @@ static kvfs_result finish_in_leaf(search_walk* walk, const node_record& record, 
   walk->result.after = order < 0 ? 1 : 0;
   const kvfs_result result = finish_search(walk, record, walk->index);
   if (result != kvfs_ok) {
-    static const char* const kFunction = "kvfs_btree_search_node_internal";
-    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: Not enough memory\n", kFunction);  // or else: Q-btree-25
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "HFSPlus:%s: Not enough memory\n",
+                  KVFS_NAME_OF(kvfs_btree_search_node_internal));  // or else: Q-btree-25
   }
   return result;
 }
@@ -891,27 +885,27 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
   walk->result.found = order == 0 ? 1 : 0;
   const kvfs_result result = finish_search(walk, record, order < 0 ? walk->index + 1 : walk->index);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS("kvfs_btree_search_node_internal", "Error while creating kvfs_btree_record_locator.\n");
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while creating kvfs_btree_record_locator.\n");
   }
   return result;
 }
 
 // Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and than heights exist.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
-  static const char* const kFunction = "kvfs_btree_search_node_internal";
   if (++walk->descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
-    KVFS_ERROR_AS(kFunction, "Aborting search due to cyclic references in the B-tree.\n");
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
   }
   const std::uint64_t position = walk->map.offset;
   kvfs_result result = unmap_range(&walk->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while unmapping raw node data of node at offset %llu.\n", to_ull(position));
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while unmapping raw node data of node at offset %llu.\n",
+                  to_ull(position));
     return result;
   }
   result = map_node(walk->tree, child, &walk->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while mapping raw node data of node %lu.\n", to_ul(child));
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while mapping raw node data of node %lu.\n", to_ul(child));
     return result;
   }
   return enter_node(walk, child);
@@ -919,17 +913,17 @@ static kvfs_result descend(search_walk* walk, std::uint32_t child) {
 
 // Reads the child that an index record leads to.
 static kvfs_result read_child(const search_walk* walk, std::uint32_t data, std::uint32_t* child) {
-  static const char* const kFunction = "kvfs_btree_search_node_internal";
   if (data + sizeof(kvfs_be32) > walk->node.size) {
     return report_bad_record(walk->node.number, walk->index);
   }
   *child = kvfs_view_as<kvfs_be32>(walk->node.bytes + data)->get();
   if (*child == walk->node.number) {
-    KVFS_ERROR_AS(kFunction, "Index node points back to itself. Inconsistent B-tree.\n");
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Index node points back to itself. Inconsistent B-tree.\n");
     return kvfs_inconsistent;
   }
   if (*child >= walk->header.totalNodes.get()) {
-    KVFS_ERROR_AS(kFunction, "Index node points to node after the last node. Inconsistent B-tree.\n");
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
+                  "Index node points to node after the last node. Inconsistent B-tree.\n");
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -970,17 +964,18 @@ static bool is_illegal_comparison(const search_walk& walk) {
 // Takes account of a key that is going to be compared, and ends a search that would go on for very long: one that meets
 // more keys than a node of each height can hold, or fills the log with keys of a wrong length.
 static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
-  static const char* const kFunction = "kvfs_btree_search_node_internal";
   const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : std::uint64_t{record.data} - record.offset;
   walk->key_bytes += bytes;
   walk->odd_keys += odd ? 1 : 0;
   if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
-    KVFS_ERROR_AS(kFunction, "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
+                  "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
                   to_ul(kMaximumHeight), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
   if (walk->odd_keys > kMaximumOddKeys) {
-    KVFS_ERROR_AS(kFunction, "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
+                  "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
                   to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
@@ -1011,7 +1006,7 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
     *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && *order == kvfs_key_malformed) {
-    KVFS_ERROR_AS("kvfs_btree_search_node_internal",
+    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk->index),
                   to_ul(walk->node.number));
     return kvfs_inconsistent;
@@ -1132,16 +1127,15 @@ static void take_up_node(record_place* place, std::uint32_t node) {
 // Moves on to the first record of the next node. Only one step is taken: an empty node is not passed over
 // (Q-btree-9).
 static kvfs_result step_to_next_node(record_place* place) {
-  static const char* const kFunction = "kvfs_btree_get_next_record_internal";
   const std::uint32_t next = place->descriptor.fLink.get();
   kvfs_result result = unmap_range(&place->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while unmapping original raw node data.\n");
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal, "Error while unmapping original raw node data.\n");
     return result;
   }
   result = map_node(place->tree, next, &place->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while mapping raw node data of next node.\n");
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal, "Error while mapping raw node data of next node.\n");
     return result;
   }
   take_up_node(place, next);
@@ -1156,7 +1150,7 @@ static kvfs_result read_checked_offset(const record_place& place, std::uint32_t 
   *offset = 0;
   const bool exists = read_offset(place.node, index, offset) && index <= count;
   if (!exists || *offset < kBTFirstRecordOffset || *offset > offset_entry_position(place.node.size, count)) {
-    KVFS_ERROR_AS("kvfs_btree_get_next_record_internal",
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal,
                   "Invalid node data: Offset for record %hu is out of range (%hu).\n",
                   static_cast<unsigned short>(index), *offset);
     return kvfs_inconsistent;
@@ -1166,11 +1160,11 @@ static kvfs_result read_checked_offset(const record_place& place, std::uint32_t 
 
 // Opens a locator on the record of a place, after a check of the offset table.
 static kvfs_result open_record_at(const record_place& place, kvfs_btree_record_locator** out_locator) {
-  static const char* const kFunction = "kvfs_btree_get_next_record_internal";
   const std::uint16_t count = place.descriptor.numRecords.get();
   const unsigned short index = static_cast<unsigned short>(place.index);
   if (!has_offset_entry(place.node.size, count)) {
-    KVFS_ERROR_AS(kFunction, "Invalid node data: Node cannot fit %hu records given the node size (%hu).\n", count,
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal,
+                  "Invalid node data: Node cannot fit %hu records given the node size (%hu).\n", count,
                   place.tree->nodeSize);
     return kvfs_inconsistent;
   }
@@ -1185,7 +1179,7 @@ static kvfs_result open_record_at(const record_place& place, kvfs_btree_record_l
   }
   if (end < offset) {
     KVFS_ERROR_AS(
-        kFunction,
+        kvfs_btree_get_next_record_internal,
         "Invalid node data: Records offsets are not in order (offset for record %hu: %hu, offset for record %hu: %hu).\n",
         index, offset, static_cast<unsigned short>(place.index + 1), end);
     return kvfs_inconsistent;
@@ -1193,7 +1187,7 @@ static kvfs_result open_record_at(const record_place& place, kvfs_btree_record_l
   result = kvfs_btree_record_locator_open(place.tree, place.node.number, index, place.node.bytes + offset, end - offset,
                                           fork_position(place.tree, place.node.number, offset), out_locator);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while creating target record locator.\n");
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal, "Error while creating target record locator.\n");
   }
   return result;
 }
@@ -1201,15 +1195,15 @@ static kvfs_result open_record_at(const record_place& place, kvfs_btree_record_l
 // Opens the record of a place whose node is mapped, or the first one of the next node. The node looked at last stays
 // mapped for the caller.
 static kvfs_result open_next_record(record_place* place, kvfs_btree_record_locator** out_locator) {
-  static const char* const kFunction = "kvfs_btree_get_next_record_internal";
   const std::int8_t kind = place->descriptor.kind;
   const std::uint16_t count = place->descriptor.numRecords.get();
   if (kind != kBTLeafNode && kind != kBTIndexNode) {
-    KVFS_ERROR_AS(kFunction, "Invalid node kind: %hhd\n", kind);
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal, "Invalid node kind: %hhd\n", kind);
     return kvfs_inconsistent;
   }
   if (place->index > count) {
-    KVFS_ERROR_AS(kFunction, "Invalid node data: Next record (%hu) is larger than the number of records (%hu).\n",
+    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal,
+                  "Invalid node data: Next record (%hu) is larger than the number of records (%hu).\n",
                   static_cast<unsigned short>(place->index), count);
     return kvfs_inconsistent;
   }
@@ -1331,10 +1325,10 @@ static kvfs_result write_header_record(kvfs_btree* tree, const BTHeaderRec& head
 }
 
 // The key at an offset of a node; null, with a message, when it leaves the node.
-static const unsigned char* key_at(const char* function, const node_view& node, std::uint32_t offset) {
+static const unsigned char* key_at(const char* speaker, const node_view& node, std::uint32_t offset) {
   std::uint32_t end = 0;
   if (!read_key_end(node, offset, &end)) {
-    KVFS_ERROR_AS(function, "Invalid node data: Key at offset %lu of node %lu lies outside of the node.\n",
+    KVFS_ERROR_BY(speaker, "Invalid node data: Key at offset %lu of node %lu lies outside of the node.\n",
                   to_ul(offset), to_ul(node.number));
     return nullptr;
   }
@@ -1343,16 +1337,16 @@ static const unsigned char* key_at(const char* function, const node_view& node, 
 
 // Whether the index above a node of some height can be maintained. To be asked before the first change: a change that
 // ends half-way has to be discarded.
-static kvfs_result check_levels_above(const char* function, std::uint8_t height, std::uint16_t depth) {
+static kvfs_result check_levels_above(const char* speaker, std::uint8_t height, std::uint16_t depth) {
   if (height >= depth) {
     return kvfs_ok;  // it is the root
   }
   if (height == UINT8_MAX) {
-    KVFS_ERROR_AS(function, "B-tree depth too large.\n");  // the height above has to fit a byte
+    KVFS_ERROR_BY(speaker, "B-tree depth too large.\n");  // the height above has to fit a byte
     return kvfs_inconsistent;
   }
   if (depth > kMaximumMaintainedDepth) {
-    KVFS_ERROR_AS(function, "B-tree of depth %hu is too deep to be maintained.\n", depth);
+    KVFS_ERROR_BY(speaker, "B-tree of depth %hu is too deep to be maintained.\n", depth);
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -1380,8 +1374,6 @@ struct insertion {
   std::uint32_t count;          // its records, before the insertion
   std::uint32_t index;          // of the new record
 };
-
-static const char kInsertFunction[] = "kvfs_btree_insert_record_internal";
 
 // Descriptor, two entries of the offset table: what a node with a single record holds besides it.
 static constexpr std::uint32_t kSingleRecordOverhead = sizeof(BTNodeDescriptor) + std::size_t{2} * kOffsetEntrySize;
@@ -1415,17 +1407,17 @@ static bool fits_in_place(const insertion& insert) {
 static kvfs_result find_insert_location(kvfs_btree* tree, const void* key, kvfs_btree_search_result* place) {
   const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToLeaf, 0, place);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while searching for insert location.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while searching for insert location.\n");
     return result;
   }
   if (place->locator == nullptr) {
     KVFS_CRITICAL_AS(
-        kInsertFunction,
+        kvfs_btree_insert_record_internal,
         "ERROR:Unable to insert because kvfs_btree_search_node returned NULL when looking up insert location!\n");
     return kvfs_internal;
   }
   if (place->found != 0) {
-    KVFS_ERROR_AS(kInsertFunction, "ERROR:Unable to insert because already exists?!\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "ERROR:Unable to insert because already exists?!\n");
     kvfs_btree_record_locator_release(&place->locator, false);
     return kvfs_exists;
   }
@@ -1436,13 +1428,15 @@ static kvfs_result find_insert_location(kvfs_btree* tree, const void* key, kvfs_
 static kvfs_result take_up_place(insertion* insert, const kvfs_btree_search_result& place) {
   kvfs_btree* const tree = insert->tree;
   if (!allocate_node(tree, &insert->node)) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while allocating node-sized buffer for modified contents (%zu bytes).\n",
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                  "Error while allocating node-sized buffer for modified contents (%zu bytes).\n",
                   std::size_t{tree->nodeSize});
     return kvfs_no_memory;
   }
   const kvfs_result result = read_node(tree, *place.locator->node, &insert->node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while reading complete node data of node where record should be inserted.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                  "Error while reading complete node data of node where record should be inserted.\n");
     return result;
   }
   take_up_insertion_node(insert);
@@ -1471,8 +1465,8 @@ static kvfs_result position_insertion(insertion* insert, const kvfs_btree_search
 }
 
 static kvfs_result report_bad_insert_offset(std::uint32_t node, std::uint32_t index) {
-  KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(index),
-                to_ul(node));
+  KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(index), to_ul(node));
   return kvfs_inconsistent;
 }
 
@@ -1481,13 +1475,15 @@ static kvfs_result report_bad_insert_offset(std::uint32_t node, std::uint32_t in
 static kvfs_result check_insertion(const insertion& insert) {
   const std::uint16_t node_size = insert.tree->nodeSize;
   if (!table_has_room(insert)) {
-    KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                  "Invalid node data: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
                   insert.descriptor.numRecords.get(), node_size);
     return kvfs_inconsistent;
   }
   if (insert.index > insert.count) {
-    KVFS_ERROR_AS(kInsertFunction, "Invalid position: Record %lu does not follow the %lu records of node %lu.\n",
-                  to_ul(insert.index), to_ul(insert.count), to_ul(insert.node.view.number));
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                  "Invalid position: Record %lu does not follow the %lu records of node %lu.\n", to_ul(insert.index),
+                  to_ul(insert.count), to_ul(insert.node.view.number));
     return kvfs_inconsistent;
   }
   const std::uint16_t end = offset_at(insert.node.view, insert.count);
@@ -1505,7 +1501,7 @@ static kvfs_result check_insertion(const insertion& insert) {
     return report_bad_insert_offset(insert.node.view.number, insert.index);
   }
   if (insert.record_size + kSingleRecordOverhead > node_size) {
-    KVFS_ERROR_AS(kInsertFunction,
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
                   "Record cannot fit in a node given the B-tree's node size of %hu bytes (need %zu bytes).\n",
                   node_size, std::size_t{insert.record_size} + kSingleRecordOverhead);
     return kvfs_limit;
@@ -1544,13 +1540,14 @@ static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, sp
   search->split_size = boundary + kOffsetEntrySize * (std::int64_t{middle} + 1);
   search->claimed_size = search->total - boundary + kOffsetEntrySize * (moved + 2) + kBTFirstRecordOffset;
   if (search->claimed_size < 0) {
-    KVFS_ERROR_AS(kInsertFunction, "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
-                  to_ul(middle), to_ul(insert.node.view.number));
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                  "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(middle),
+                  to_ul(insert.node.view.number));
     return kvfs_inconsistent;
   }
   if (search->split_size > node_size && search->claimed_size > node_size) {
     KVFS_CRITICAL_AS(
-        kInsertFunction,
+        kvfs_btree_insert_record_internal,
         "Internal error: Occupied size for both split (%lu) and claimed (%lu) nodes exceed the node size (%hu)!\n",
         static_cast<unsigned long>(search->split_size), static_cast<unsigned long>(search->claimed_size),
         insert.tree->nodeSize);
@@ -1590,7 +1587,8 @@ static kvfs_result choose_split(const insertion& insert, std::uint16_t* split_in
     }
   }
   if (search.best_index < 0 || search.best_index > UINT16_MAX) {
-    KVFS_CRITICAL_AS(kInsertFunction, "Internal error: Invalid value for 'min_occupied_size_record' (%ld).\n",
+    KVFS_CRITICAL_AS(kvfs_btree_insert_record_internal,
+                     "Internal error: Invalid value for 'min_occupied_size_record' (%ld).\n",
                      static_cast<long>(search.best_index));
     return kvfs_internal;
   }
@@ -1607,7 +1605,7 @@ static kvfs_result check_split_offsets(const insertion& insert) {
   const std::uint32_t table = offset_table_start(node, insert.count);
   if (first > offset || offset > end || end > table) {
     KVFS_ERROR_AS(
-        kInsertFunction,
+        kvfs_btree_insert_record_internal,
         "Invalid node data: Record offsets are not in order (record 0: %hu, record %hu: %hu, free space: %hu, record offset array: %hu).\n",
         first, static_cast<unsigned short>(insert.index), offset, end, static_cast<unsigned short>(table));
     return kvfs_inconsistent;
@@ -1625,13 +1623,13 @@ static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, st
   }
   const kvfs_result result = read_node(insert->tree, node, &insert->node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while reading complete node data of claimed node.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading complete node data of claimed node.\n");
     return result;
   }
   take_up_insertion_node(insert);
   if (!table_has_room(*insert)) {
     KVFS_CRITICAL_AS(
-        kInsertFunction,
+        kvfs_btree_insert_record_internal,
         "Invalid node data in newly claimed node: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
         insert->descriptor.numRecords.get(), insert->tree->nodeSize);
     return kvfs_inconsistent;
@@ -1640,7 +1638,7 @@ static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, st
     return report_bad_insert_offset(node, insert->index);
   }
   if (!fits_in_place(*insert)) {  // X-btree-8
-    KVFS_ERROR_AS(kInsertFunction, "Record of %lu bytes does not fit node %lu, even after a split.\n",
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Record of %lu bytes does not fit node %lu, even after a split.\n",
                   to_ul(insert->record_size), to_ul(node));
     return kvfs_internal;
   }
@@ -1660,11 +1658,11 @@ static kvfs_result split_for_insertion(insertion* insert) {
   std::uint32_t new_node = 0;
   result = kvfs_btree_split_node(insert->tree, insert->node.view.number, split_index, &new_node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while splitting node.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while splitting node.\n");
     return result;
   }
   if (new_node == 0) {
-    KVFS_CRITICAL_AS(kInsertFunction, "Unexpected: kvfs_btree_split_node returned 0.\n");
+    KVFS_CRITICAL_AS(kvfs_btree_insert_record_internal, "Unexpected: kvfs_btree_split_node returned 0.\n");
     return kvfs_internal;
   }
   return take_up_half(insert, split_index, new_node);
@@ -1726,7 +1724,7 @@ static kvfs_result place_record(insertion* insert) {
       kvfs_btree_node_make_record(insert->key, insert->key_length, insert->data, insert->data_size, node.bytes + offset,
                                   static_cast<std::uint16_t>(size));
   if (result != kvfs_ok) {
-    KVFS_CRITICAL_AS(kInsertFunction,
+    KVFS_CRITICAL_AS(kvfs_btree_insert_record_internal,
                      "Unexpected: Error while assembling B-tree node record from source key and data.");
     return result;
   }
@@ -1743,13 +1741,14 @@ static kvfs_result count_inserted_leaf_record(kvfs_btree* tree) {
   BTHeaderRec header = {};
   kvfs_result result = read_header_record(tree, &header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while reading B-tree header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading B-tree header record.\n");
     return result;
   }
   header.leafRecords.set(header.leafRecords.get() + 1);
   result = write_header_record(tree, header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while writing out incremented leaf record count in header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
+                  "Error while writing out incremented leaf record count in header record.\n");
   }
   return result;
 }
@@ -1774,7 +1773,7 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
   kvfs_btree_search_result found;
   kvfs_result result = search_index_record(tree, former_key, height, 1, &found);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while searching for index node to modify.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while searching for index node to modify.\n");
     return result;
   }
   if (found.found == 0) {
@@ -1783,7 +1782,7 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
     result = kvfs_btree_delete_record_internal(tree, found.locator, 0);
     if (result != kvfs_ok) {
       // An index record: Q-btree-25.
-      KVFS_ERROR_AS(kInsertFunction, "Error while deleting file/folder record from B-tree.\n");
+      KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while deleting file/folder record from B-tree.\n");
     }
   }
   kvfs_btree_record_locator_release(&found.locator, false);
@@ -1794,7 +1793,8 @@ static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* form
 static kvfs_result replace_index_record(const insertion& insert) {
   const std::uint32_t former_offset = kBTFirstRecordOffset + insert.record_size;
   const std::uint8_t height = height_above(insert.descriptor.height);
-  const unsigned char* const former_key = key_at(kInsertFunction, insert.node.view, former_offset);
+  const unsigned char* const former_key =
+      key_at(KVFS_NAME_OF(kvfs_btree_insert_record_internal), insert.node.view, former_offset);
   if (former_key == nullptr) {
     return kvfs_inconsistent;
   }
@@ -1804,7 +1804,7 @@ static kvfs_result replace_index_record(const insertion& insert) {
   }
   result = kvfs_btree_add_index_record(insert.tree, insert.key, height, insert.node.view.number);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while adding index record.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while adding index record.\n");
   }
   return result;
 }
@@ -1821,7 +1821,7 @@ static kvfs_result maintain_after_insertion(const insertion& insert) {
   BTHeaderRec header = {};
   result = read_header_record(insert.tree, &header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while reading header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading header record.\n");
     return result;
   }
   if (insert.index != 0 || insert.descriptor.height >= header.treeDepth.get()) {
@@ -1842,7 +1842,7 @@ static kvfs_result insert_in_place(insertion* insert, kvfs_btree_record_locator*
   }
   result = write_node(tree, insert->node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while writing out modified node after inserting record.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while writing out modified node after inserting record.\n");
     return result;
   }
   if (moves_records) {  // and with them the place behind the last one, which a locator may stand for
@@ -1858,7 +1858,7 @@ static kvfs_result insert_in_place(insertion* insert, kvfs_btree_record_locator*
                                           insert->node.view.bytes + offset, insert->record_size,
                                           fork_position(tree, node, offset), out_locator);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while creating kvfs_btree_record_locator.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while creating kvfs_btree_record_locator.\n");
   }
   return result;
 }
@@ -1871,10 +1871,11 @@ static kvfs_result check_insertion_depth(const insertion& insert) {
   BTHeaderRec header = {};
   const kvfs_result result = read_header_record(insert.tree, &header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kInsertFunction, "Error while reading header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading header record.\n");
     return result;
   }
-  return check_levels_above(kInsertFunction, insert.descriptor.height, header.treeDepth.get());
+  return check_levels_above(KVFS_NAME_OF(kvfs_btree_insert_record_internal), insert.descriptor.height,
+                            header.treeDepth.get());
 }
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,
@@ -1973,41 +1974,40 @@ struct node_split {
   bool header_changed;
 };
 
-static const char kSplitFunction[] = "kvfs_btree_split_node";
-
 // Reads the header record and the node to be split, and refuses the root (Q-btree-13).
 static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
   kvfs_btree* const tree = split->tree;
   split->header = kvfs_allocate_zeroed<BTHeaderRec>();
   if (!split->header) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while allocating memory for a BTHeaderRec buffer.\n");
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while allocating memory for a BTHeaderRec buffer.\n");
     return kvfs_no_memory;
   }
   kvfs_result result = read_header_record(tree, split->header.get());
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while reading header record of B-tree.\n");
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while reading header record of B-tree.\n");
     return result;
   }
   if (!allocate_node(tree, &split->split)) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while allocating node-sized (%zu bytes) buffer to hold the split node data.\n",
+    KVFS_ERROR_AS(kvfs_btree_split_node,
+                  "Error while allocating node-sized (%zu bytes) buffer to hold the split node data.\n",
                   std::size_t{tree->nodeSize});
     return kvfs_no_memory;
   }
   result = read_node(tree, node, &split->split);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while mapping node descriptor of split node.\n");
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while mapping node descriptor of split node.\n");
     return result;
   }
   split->split_descriptor = descriptor_of(split->split.view);
   if (split->split_descriptor.height >= split->header->treeDepth.get()) {
-    KVFS_ERROR_AS(kSplitFunction, "Unable to split root node.\n");
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Unable to split root node.\n");
     return kvfs_internal;
   }
   return kvfs_ok;
 }
 
 static kvfs_result report_contradiction(std::uint32_t node) {
-  KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Node %lu is linked or marked wrongly.\n", to_ul(node));
+  KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Node %lu is linked or marked wrongly.\n", to_ul(node));
   return kvfs_inconsistent;
 }
 
@@ -2066,7 +2066,7 @@ static bool is_in_use(const node_split& split, std::uint32_t node, std::uint32_t
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
   kvfs_btree* const tree = split->tree;
   if (!allocate_node(tree, &split->claimed)) {
-    KVFS_ERROR_AS(kSplitFunction,
+    KVFS_ERROR_AS(kvfs_btree_split_node,
                   "Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
                   std::size_t{tree->nodeSize});
     return kvfs_no_memory;
@@ -2080,7 +2080,7 @@ static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
     result = read_node(tree, node, &split->claimed);
   }
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while mapping raw node data of claimed node.\n");
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while mapping raw node data of claimed node.\n");
   }
   return result;
 }
@@ -2100,7 +2100,8 @@ static kvfs_result link_claimed_node(node_split* split) {
   if (split->neighbour != 0) {
     const kvfs_result result = read_descriptor(split->tree, split->neighbour, &split->neighbour_descriptor);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kSplitFunction, "Error while reading node descriptor of claimed node's forward linked node.\n");
+      KVFS_ERROR_AS(kvfs_btree_split_node,
+                    "Error while reading node descriptor of claimed node's forward linked node.\n");
       return result;
     }
     if (split->neighbour_descriptor.kind != lower->kind || split->neighbour_descriptor.height != lower->height ||
@@ -2136,14 +2137,15 @@ static kvfs_result divide_records(node_split* split, std::uint16_t count, std::s
   std::uint16_t end = 0;
   if (split->index > count || !read_offset(lower, count, &end) || !read_offset(lower, split->index, &begin) ||
       begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
-    KVFS_ERROR_AS(kSplitFunction, "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
                   to_ul(split->index), to_ul(lower.number));
     return kvfs_inconsistent;
   }
   *moved = static_cast<std::size_t>(end - begin);
   const std::size_t needed = *moved + kOffsetEntrySize * (std::size_t{count} + 1) + sizeof(BTNodeDescriptor);
   if (needed > split->tree->nodeSize) {
-    KVFS_CRITICAL_AS(kSplitFunction, "Unexpected: Oversized split node data (expected maximum: %hu actual: %zu).\n",
+    KVFS_CRITICAL_AS(kvfs_btree_split_node,
+                     "Unexpected: Oversized split node data (expected maximum: %hu actual: %zu).\n",
                      split->tree->nodeSize, needed);
     return kvfs_internal;
   }
@@ -2156,7 +2158,7 @@ static kvfs_result write_split(node_split* split, std::uint16_t count, std::size
   kvfs_btree* const tree = split->tree;
   kvfs_result result = write_node(tree, split->claimed);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified claimed node.\n ");  // Q-btree-25
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while writing back modified claimed node.\n ");  // Q-btree-25
     return result;
   }
   // Data offsets change by the bytes moved, not by the distance of the nodes: Q-btree-15. The next opening of the
@@ -2165,21 +2167,21 @@ static kvfs_result write_split(node_split* split, std::uint16_t count, std::size
                             split->claimed.view.number, true, split->index, static_cast<std::uint32_t>(moved));
   result = write_node(tree, split->split);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified split node.\n ");  // Q-btree-25
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while writing back modified split node.\n ");  // Q-btree-25
     return result;
   }
   if (split->neighbour != 0) {
     result = kvfs_fork_write(tree->fork, fork_position(tree, split->neighbour, 0), &split->neighbour_descriptor,
                              sizeof(BTNodeDescriptor), nullptr);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kSplitFunction, "Error while writing back modified node descriptor.\n");
+      KVFS_ERROR_AS(kvfs_btree_split_node, "Error while writing back modified node descriptor.\n");
       return result;
     }
   }
   if (split->header_changed) {
     result = write_header_record(tree, *split->header);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kSplitFunction, "Error while writing out modified B-tree header record.\n");
+      KVFS_ERROR_AS(kvfs_btree_split_node, "Error while writing out modified B-tree header record.\n");
     }
   }
   return result;
@@ -2202,13 +2204,14 @@ static kvfs_result split_to_claimed_node(node_split* split, std::uint32_t claime
   if (result != kvfs_ok) {
     return result;
   }
-  const unsigned char* const key = key_at(kSplitFunction, split->claimed.view, kBTFirstRecordOffset);
+  const unsigned char* const key =
+      key_at(KVFS_NAME_OF(kvfs_btree_split_node), split->claimed.view, kBTFirstRecordOffset);
   if (key == nullptr) {
     return kvfs_inconsistent;
   }
   result = kvfs_btree_add_index_record(split->tree, key, height_above(split->split_descriptor.height), claimed);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSplitFunction, "Error while inserting new index record for claimed node.\n");
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Error while inserting new index record for claimed node.\n");
   }
   return result;
 }
@@ -2250,8 +2253,6 @@ struct bitmap_walk {
   cycle_finder segments;
 };
 
-static const char kClaimFunction[] = "kvfs_btree_claim_node";
-
 // A map node has a single record, which may fill it up to the two entries of its offset table.
 static constexpr std::uint16_t kMapNodeRecords = 1;
 static constexpr std::uint32_t kMapNodeTableSize = 2 * kOffsetEntrySize;
@@ -2264,18 +2265,19 @@ static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
   kvfs_btree* const tree = walk->tree;
   const kvfs_result result = map_node(tree, 0, &walk->header_map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kClaimFunction, "Error while mapping complete header node of B-tree.\n");
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Error while mapping complete header node of B-tree.\n");
     return result;
   }
   if (tree->nodeSize < kBTHeaderNodeOverhead) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Node of %hu bytes cannot hold a map record.\n", tree->nodeSize);
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Node of %hu bytes cannot hold a map record.\n",
+                  tree->nodeSize);
     return kvfs_inconsistent;
   }
   walk->node = view_of(tree, 0, walk->header_map);
   walk->total_nodes = kvfs_view_as<BTHeaderRec>(walk->node.bytes + kBTHeaderRecordOffset)->totalNodes.get();
   walk->next = descriptor_of(walk->node).fLink.get();
   if (walk->next > walk->total_nodes) {  // not >=: Q-btree-18
-    KVFS_ERROR_AS(kClaimFunction,
+    KVFS_ERROR_AS(kvfs_btree_claim_node,
                   "Invalid node data: Value of 'fLink' (%lu) in node 0 exceeds the total number of nodes (%lu).\n",
                   to_ul(walk->next), to_ul(walk->total_nodes));
     return kvfs_inconsistent;
@@ -2287,16 +2289,17 @@ static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
 
 static kvfs_result check_map_descriptor(const bitmap_walk& walk, const BTNodeDescriptor& descriptor) {
   if (descriptor.kind != kBTMapNode) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Expected map node, got node kind %hhd.\n", descriptor.kind);
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Expected map node, got node kind %hhd.\n",
+                  descriptor.kind);
     return kvfs_inconsistent;
   }
   if (descriptor.numRecords.get() != kMapNodeRecords) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Unexpected number of records in map node (%hu).\n",
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Unexpected number of records in map node (%hu).\n",
                   descriptor.numRecords.get());
     return kvfs_inconsistent;
   }
   if (descriptor.fLink.get() > walk.total_nodes) {  // not >=: Q-btree-18
-    KVFS_ERROR_AS(kClaimFunction,
+    KVFS_ERROR_AS(kvfs_btree_claim_node,
                   "Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number of nodes (%lu).\n",
                   to_ul(descriptor.fLink.get()), to_ul(walk.node.number), to_ul(walk.total_nodes));
     return kvfs_inconsistent;
@@ -2311,16 +2314,18 @@ static kvfs_result take_up_map_record(bitmap_walk* walk) {
   const std::uint16_t end = offset_at(walk->node, 1);
   walk->behind += walk->length;
   if (first < kBTFirstRecordOffset || first > limit) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: First record offset is out of range (%hu).", first);  // Q-log-2
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: First record offset is out of range (%hu).",
+                  first);  // Q-log-2
     return kvfs_inconsistent;
   }
   if (end < kBTFirstRecordOffset || end > limit) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Free space offset is out of range (%hu).", end);  // Q-log-2
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Free space offset is out of range (%hu).",
+                  end);  // Q-log-2
     return kvfs_inconsistent;
   }
   if (first > end) {
     KVFS_ERROR_AS(
-        kClaimFunction,
+        kvfs_btree_claim_node,
         "Invalid node data: Records offsets out of order in map node %lu (first offset: %hu, free space: %hu)\n",
         to_ul(walk->node.number), first, end);
     return kvfs_inconsistent;
@@ -2334,21 +2339,23 @@ static kvfs_result take_up_map_record(bitmap_walk* walk) {
 static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
   kvfs_result result = unmap_range(&walk->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kClaimFunction, "Error %llu while unmapping previously mapped map node data.\n", to_ull(result));
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Error %llu while unmapping previously mapped map node data.\n",
+                  to_ull(result));
     return result;
   }
   if (walk->next == 0) {
-    KVFS_ERROR_AS(kClaimFunction, "Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
                   to_ul(walk->node.number), to_ul((walk->total_nodes - node) / 8));
     return kvfs_inconsistent;
   }
   if (comes_back(&walk->segments, walk->next)) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: The map nodes form a ring at node %lu.\n", to_ul(walk->next));
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: The map nodes form a ring at node %lu.\n",
+                  to_ul(walk->next));
     return kvfs_inconsistent;
   }
   result = map_node(walk->tree, walk->next, &walk->map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kClaimFunction, "Error %llu while mapping next map node into memory.\n", to_ull(result));
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Error %llu while mapping next map node into memory.\n", to_ull(result));
     return result;
   }
   walk->node = view_of(walk->tree, walk->next, walk->map);
@@ -2366,7 +2373,7 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
 static unsigned char* bitmap_byte_at(const bitmap_walk& walk, std::uint32_t index) {
   const std::uint64_t position = std::uint64_t{walk.start} + index;
   if (position >= walk.node.size) {
-    KVFS_ERROR_AS(kClaimFunction, "Invalid node data: Byte %lu of the node bitmap lies outside of node %lu.\n",
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Byte %lu of the node bitmap lies outside of node %lu.\n",
                   to_ul(index), to_ul(walk.node.number));
     return nullptr;
   }
@@ -2398,7 +2405,7 @@ static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
     const bool whole_byte_used = *byte == 0xFF && node % 8 == 0 && !moves && walk->total_nodes - node > 8;
     node += whole_byte_used ? 8 : 1;
   }
-  KVFS_ERROR_AS(kClaimFunction, "Need to expand B-tree, but this is not yet implemented.\n");
+  KVFS_ERROR_AS(kvfs_btree_claim_node, "Need to expand B-tree, but this is not yet implemented.\n");
   return kvfs_limit;
 }
 
@@ -2410,7 +2417,7 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
   header.freeNodes.set(header.freeNodes.get() - 1);
   kvfs_result result = write_header_record(tree, header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kClaimFunction, "Error while writing out modified tree header record after claiming node.\n");
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Error while writing out modified tree header record after claiming node.\n");
     return result;
   }
   const std::uint32_t index = node / 8 - walk.behind;
@@ -2419,14 +2426,14 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
     return kvfs_inconsistent;
   }
   if ((*byte & node_bit(node)) != 0) {
-    KVFS_CRITICAL_AS(kClaimFunction, "Internal error: Node is already allocated!\n");
+    KVFS_CRITICAL_AS(kvfs_btree_claim_node, "Internal error: Node is already allocated!\n");
     return kvfs_internal;
   }
   const unsigned char used = static_cast<unsigned char>(*byte | node_bit(node));
   const std::uint64_t position = fork_position(tree, walk.node.number, std::uint64_t{walk.start} + index);
   result = kvfs_fork_write(tree->fork, position, &used, sizeof(used), nullptr);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kClaimFunction, "Error while writing out modified bitmap byte after claiming node.\n");
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Error while writing out modified bitmap byte after claiming node.\n");
   }
   return result;
 }
@@ -2437,7 +2444,8 @@ static void unmap_map_node(bitmap_walk* walk) {
     if (result == kvfs_ok) {
       return;
     }
-    KVFS_ERROR_AS(kClaimFunction, "Error %llu while unmapping previously mapped map node data.\n", to_ull(result));
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Error %llu while unmapping previously mapped map node data.\n",
+                  to_ull(result));
   }
 }
 
@@ -2476,8 +2484,6 @@ struct deletion {
   std::uint32_t index;
 };
 
-static const char kDeleteFunction[] = "kvfs_btree_delete_record_internal";
-
 // Where the record lies, and what lies behind it. The node must have it (X-btree-15).
 struct record_extent {
   std::uint16_t begin;
@@ -2493,32 +2499,34 @@ static kvfs_result read_deleted_extent(const deletion& removal, record_extent* e
   const node_view& node = removal.node.view;
   const std::uint32_t count = removal.descriptor.numRecords.get();
   if (!read_offset(node, count, &extent->free_space) || !read_offset(node, removal.index + 1, &extent->end)) {
-    KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: Node %lu has no room for %lu records.\n", to_ul(node.number),
-                  to_ul(kvfs_max(count, removal.index)));
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid node data: Node %lu has no room for %lu records.\n",
+                  to_ul(node.number), to_ul(kvfs_max(count, removal.index)));
     return kvfs_inconsistent;
   }
   extent->begin = offset_at(node, removal.index);
   if (extent->begin > extent->end) {
-    KVFS_ERROR_AS(kDeleteFunction, "$$$: This record offset is greater than the next. Impossible\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "$$$: This record offset is greater than the next. Impossible\n");
     return kvfs_inconsistent;
   }
   if (extent->free_space > node.size || extent->free_space < extent->end) {
-    KVFS_ERROR_AS(kDeleteFunction, "$$$: Free space of %d is greater than node size. Impossible\n",
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "$$$: Free space of %d is greater than node size. Impossible\n",
                   static_cast<int>(extent->free_space));
     return kvfs_inconsistent;
   }
   if (static_cast<std::uint32_t>(extent->end - extent->begin) > node.size - extent->begin) {
-    KVFS_ERROR_AS(kDeleteFunction, "$$$: This record size is greater than the node size. Impossible\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
+                  "$$$: This record size is greater than the node size. Impossible\n");
     return kvfs_inconsistent;
   }
   if (removal.index >= count) {
-    KVFS_ERROR_AS(kDeleteFunction, "Invalid position: Node %lu of %lu records has no record %lu.\n", to_ul(node.number),
-                  to_ul(count), to_ul(removal.index));
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid position: Node %lu of %lu records has no record %lu.\n",
+                  to_ul(node.number), to_ul(count), to_ul(removal.index));
     return kvfs_inconsistent;
   }
   const std::uint32_t new_free_space = extent->begin + static_cast<std::uint32_t>(extent->free_space - extent->end);
   if (extent->begin < kBTFirstRecordOffset || new_free_space > offset_table_start(node, count)) {
-    KVFS_ERROR_AS(kDeleteFunction, "Invalid node data: Records of node %lu overlap its descriptor or offset table.\n",
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
+                  "Invalid node data: Records of node %lu overlap its descriptor or offset table.\n",
                   to_ul(node.number));
     return kvfs_inconsistent;
   }
@@ -2545,7 +2553,8 @@ static kvfs_result count_deleted_leaf_record(const deletion& removal) {
   header.leafRecords.set(header.leafRecords.get() - 1);
   const kvfs_result result = write_header_record(removal.tree, header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while writing out decremented 'leafRecords' in B-tree header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
+                  "Error while writing out decremented 'leafRecords' in B-tree header record.\n");
   }
   return result;
 }
@@ -2555,20 +2564,22 @@ static kvfs_result delete_index_record(const deletion& removal, std::uint8_t hei
   kvfs_btree_search_result found;
   kvfs_result result = search_index_record(removal.tree, removal.locator->key, height, 1, &found);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while searching for index record of deleted record's node.\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
+                  "Error while searching for index record of deleted record's node.\n");
     return result;
   }
   if (found.locator == nullptr) {
-    KVFS_CRITICAL_AS(kDeleteFunction, "Unexpected: kvfs_btree_search_node returned NULL locator with no error.\n");
+    KVFS_CRITICAL_AS(kvfs_btree_delete_record_internal,
+                     "Unexpected: kvfs_btree_search_node returned NULL locator with no error.\n");
     return kvfs_internal;
   }
   if (found.found == 0) {
-    KVFS_ERROR_AS(kDeleteFunction, "Index record of deleted record's node not found.\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Index record of deleted record's node not found.\n");
     result = kvfs_inconsistent;
   } else {
     result = kvfs_btree_delete_record_internal(removal.tree, found.locator, 0);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kDeleteFunction, "Error while deleting index record from B-tree.\n");
+      KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Error while deleting index record from B-tree.\n");
     }
   }
   kvfs_btree_record_locator_release(&found.locator, false);
@@ -2583,13 +2594,14 @@ static kvfs_result replace_index_record_of_deleted(const deletion& removal) {
   if (result != kvfs_ok) {
     return result;
   }
-  const unsigned char* const key = key_at(kDeleteFunction, removal.node.view, kBTFirstRecordOffset);
+  const unsigned char* const key =
+      key_at(KVFS_NAME_OF(kvfs_btree_delete_record_internal), removal.node.view, kBTFirstRecordOffset);
   if (key == nullptr) {
     return kvfs_inconsistent;
   }
   result = kvfs_btree_add_index_record(removal.tree, key, height, removal.node.view.number);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while inserting index record.\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Error while inserting index record.\n");
   }
   return result;
 }
@@ -2614,19 +2626,20 @@ static kvfs_result maintain_after_deletion(const deletion& removal) {
 static kvfs_result delete_from_node(deletion* removal) {
   kvfs_btree* const tree = removal->tree;
   if (!allocate_node(tree, &removal->node)) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while allocating temporary copy of node data.\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Error while allocating temporary copy of node data.\n");
     return kvfs_no_memory;
   }
   kvfs_result result = read_node(tree, *removal->locator->node, &removal->node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while mapping raw node data.\n");
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Error while mapping raw node data.\n");
     return result;
   }
   removal->descriptor = descriptor_of(removal->node.view);
   record_extent extent = {};
   result = read_deleted_extent(*removal, &extent);
   if (result == kvfs_ok && removal->index == 0) {
-    result = check_levels_above(kDeleteFunction, removal->descriptor.height, depth_of(*removal));
+    result = check_levels_above(KVFS_NAME_OF(kvfs_btree_delete_record_internal), removal->descriptor.height,
+                                depth_of(*removal));
   }
   if (result != kvfs_ok) {
     return result;
@@ -2634,7 +2647,8 @@ static kvfs_result delete_from_node(deletion* removal) {
   remove_record(removal, extent);
   result = write_node(tree, removal->node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while writing out modified node %lu.\n", to_ul(removal->node.view.number));
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Error while writing out modified node %lu.\n",
+                  to_ul(removal->node.view.number));
     return result;
   }
   removal->locator->priv->deleted = 1;
@@ -2701,8 +2715,6 @@ struct tree_expansion {
   mapping new_map;  // the descriptor of the new map node
 };
 
-static const char kExpandFunction[] = "kvfs_btree_expand";
-
 static kvfs_result map_descriptor(kvfs_btree* tree, std::uint32_t node, mapping* map) {
   return map_range(tree->fork, fork_position(tree, node, 0), sizeof(BTNodeDescriptor), map);
 }
@@ -2717,7 +2729,7 @@ static kvfs_result grow_fork(tree_expansion* expansion) {
   kvfs_fork* const fork = expansion->tree->fork;
   const kvfs_result result = kvfs_fork_expand(fork, expansion->volume, &expansion->added);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while expanding fork.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while expanding fork.\n");
     return result;
   }
   expansion->fork_grown = true;
@@ -2737,12 +2749,12 @@ static kvfs_result map_last_map_node(tree_expansion* expansion) {
       result = map_descriptor(tree, node, &expansion->last_map);
     }
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kExpandFunction, "Error while mapping last map node's descriptor.\n");
+      KVFS_ERROR_AS(kvfs_btree_expand, "Error while mapping last map node's descriptor.\n");
       return result;
     }
     const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(expansion->last_map.bytes);
     if (node != 0 && descriptor->kind != kBTMapNode) {
-      KVFS_ERROR_AS(kExpandFunction, "Invalid node data: Expected map node, got node kind %hhd.\n", descriptor->kind);
+      KVFS_ERROR_AS(kvfs_btree_expand, "Invalid node data: Expected map node, got node kind %hhd.\n", descriptor->kind);
       return kvfs_inconsistent;
     }
     const std::uint32_t next = descriptor->fLink.get();
@@ -2752,7 +2764,7 @@ static kvfs_result map_last_map_node(tree_expansion* expansion) {
       return kvfs_ok;
     }
     if (comes_back(&chain, next)) {
-      KVFS_ERROR_AS(kExpandFunction, "Invalid node data: The map nodes form a ring at node %lu.\n", to_ul(next));
+      KVFS_ERROR_AS(kvfs_btree_expand, "Invalid node data: The map nodes form a ring at node %lu.\n", to_ul(next));
       return kvfs_inconsistent;
     }
     node = next;
@@ -2764,7 +2776,7 @@ static kvfs_result count_new_nodes(tree_expansion* expansion) {
   kvfs_btree* const tree = expansion->tree;
   const kvfs_result mapped = map_header_record(tree, &expansion->header);
   if (mapped != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while mapping B-tree header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while mapping B-tree header record.\n");
     return mapped;
   }
   expansion->saved_header = *kvfs_view_as<BTHeaderRec>(expansion->header.bytes);
@@ -2775,7 +2787,7 @@ static kvfs_result count_new_nodes(tree_expansion* expansion) {
   header.freeNodes.set(header.freeNodes.get() + nodes);
   const kvfs_result result = write_header_record(tree, header);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing back modified tree header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while writing back modified tree header record.\n");
     return result;
   }
   expansion->header_changed = true;
@@ -2795,7 +2807,7 @@ static kvfs_result allocate_map_node(const tree_expansion& expansion, std::uint3
   kvfs_btree* const tree = expansion.tree;
   kvfs_result result = kvfs_btree_claim_node(tree, node);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while allocating new map node.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while allocating new map node.\n");
     return result;
   }
   // X-btree-16: a block has to be read before all of it is overwritten, or a later reading brings its old bytes back.
@@ -2808,7 +2820,7 @@ static kvfs_result allocate_map_node(const tree_expansion& expansion, std::uint3
     result = kvfs_fork_fill(tree->fork, fork_position(tree, *node, 0), tree->nodeSize, 0, nullptr);
   }
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing back modified tree header record.\n");  // Q-btree-25
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while writing back modified tree header record.\n");  // Q-btree-25
   }
   return result;
 }
@@ -2818,7 +2830,7 @@ static kvfs_result chain_map_node(tree_expansion* expansion, std::uint32_t node)
   descriptor.fLink.set(node);
   const kvfs_result result = write_descriptor(expansion->tree, expansion->last_map_node, descriptor);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing out modified last map node.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while writing out modified last map node.\n");
     return result;
   }
   expansion->last_map_changed = true;
@@ -2834,18 +2846,18 @@ static kvfs_result fill_map_node(tree_expansion* expansion, std::uint32_t node) 
   kvfs_result result = kvfs_fork_write(tree->fork, fork_position(tree, node, offset_entry_position(node_size, 0)),
                                        &first, sizeof(first), nullptr);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing out modified last record pointer.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while writing out modified last record pointer.\n");
     return result;
   }
   result = kvfs_fork_write(tree->fork, fork_position(tree, node, offset_entry_position(node_size, 1)), &end,
                            sizeof(end), nullptr);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing out modified free space pointer.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while writing out modified free space pointer.\n");
     return result;
   }
   result = map_descriptor(tree, node, &expansion->new_map);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while mapping node descriptor of claimed node.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while mapping node descriptor of claimed node.\n");
     return result;
   }
   BTNodeDescriptor descriptor = *kvfs_view_as<BTNodeDescriptor>(expansion->new_map.bytes);
@@ -2853,7 +2865,7 @@ static kvfs_result fill_map_node(tree_expansion* expansion, std::uint32_t node) 
   descriptor.numRecords.set(kMapNodeRecords);
   result = write_descriptor(tree, node, descriptor);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while writing out node descriptor of claimed node.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while writing out node descriptor of claimed node.\n");
   }
   return result;
 }
@@ -2883,7 +2895,7 @@ static void restore_last_map_node(const tree_expansion& expansion) {
     if (write_descriptor(expansion.tree, expansion.last_map_node, expansion.saved_last_map) == kvfs_ok) {
       return;
     }
-    KVFS_ERROR_AS(kExpandFunction, "Error while rolling back modifications to last map node.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while rolling back modifications to last map node.\n");
   }
 }
 
@@ -2891,19 +2903,19 @@ static void restore_last_map_node(const tree_expansion& expansion) {
 // failure.
 static kvfs_result roll_back_expansion(const tree_expansion& expansion, kvfs_result result) {
   if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kExpandFunction, "Rollback requested with no error value. Setting dummy error.\n");
+    KVFS_WARNING_AS(kvfs_btree_expand, "Rollback requested with no error value. Setting dummy error.\n");
     result = kvfs_failed;
   }
   if (expansion.last_map_changed) {
     restore_last_map_node(expansion);
   }
   if (expansion.header_changed && write_header_record(expansion.tree, expansion.saved_header) != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while reverting B-tree header record modifications.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while reverting B-tree header record modifications.\n");
     return result;
   }
   if (expansion.fork_grown &&
       kvfs_fork_shrink(expansion.tree->fork, expansion.volume, expansion.added.block_count) != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while rolling back fork expansion.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while rolling back fork expansion.\n");
   }
   return result;
 }
@@ -2912,15 +2924,15 @@ static kvfs_result roll_back_expansion(const tree_expansion& expansion, kvfs_res
 static kvfs_result unmap_expansion(tree_expansion* expansion) {
   const kvfs_result new_unmapped = unmap_range(&expansion->new_map);
   if (new_unmapped != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while unmapping node descriptor of claimed node.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while unmapping node descriptor of claimed node.\n");
   }
   const kvfs_result header_unmapped = unmap_range(&expansion->header);
   if (header_unmapped != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while unmapping B-tree header record.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while unmapping B-tree header record.\n");
   }
   const kvfs_result last_unmapped = unmap_range(&expansion->last_map);
   if (last_unmapped != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while unmapping last map node's descriptor.\n");
+    KVFS_ERROR_AS(kvfs_btree_expand, "Error while unmapping last map node's descriptor.\n");
   }
   return kvfs_result_keep(kvfs_result_keep(new_unmapped, header_unmapped), last_unmapped);
 }

@@ -45,12 +45,12 @@ static std::uint16_t record_type_of(const kvfs_catalog_record_locator* locator) 
   return kvfs_view_as<kvfs_be16>(locator->btree_locator->data)->get();
 }
 
-// Reads the type of any locator's record, in the name of `function`.
-static kvfs_result read_record_type(const char* function, const kvfs_catalog_record_locator* locator,
+// Reads the type of any locator's record, in the name of `speaker`.
+static kvfs_result read_record_type(const char* speaker, const kvfs_catalog_record_locator* locator,
                                     std::uint16_t* type) {
   const std::size_t size = locator->btree_locator->data_size;
   if (size < sizeof(kvfs_be16)) {
-    KVFS_ERROR_AS(function, "Record of %zu bytes is too short for a record type.\n", size);
+    KVFS_ERROR_BY(speaker, "Record of %zu bytes is too short for a record type.\n", size);
     return kvfs_inconsistent;
   }
   *type = record_type_of(locator);
@@ -58,11 +58,11 @@ static kvfs_result read_record_type(const char* function, const kvfs_catalog_rec
 }
 
 // Reads the folder that holds the record of a locator, host order, out of the key.
-static kvfs_result read_key_parent(const char* function, const kvfs_catalog_record_locator* locator,
+static kvfs_result read_key_parent(const char* speaker, const kvfs_catalog_record_locator* locator,
                                    std::uint32_t* parent) {
   const kvfs_btree_record_locator* const record = locator->btree_locator;
   if (record->key_length < kHFSPlusCatalogKeyParentEnd) {
-    KVFS_ERROR_AS(function, "Key of %lu bytes is too short for a parent.\n", to_ul(record->key_length));
+    KVFS_ERROR_BY(speaker, "Key of %lu bytes is too short for a parent.\n", to_ul(record->key_length));
     return kvfs_inconsistent;
   }
   *parent = kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get();
@@ -70,26 +70,26 @@ static kvfs_result read_key_parent(const char* function, const kvfs_catalog_reco
 }
 
 // Checks that a locator's record has as many bytes as are going to be read.
-static kvfs_result check_record_size(const char* function, const kvfs_catalog_record_locator* locator,
+static kvfs_result check_record_size(const char* speaker, const kvfs_catalog_record_locator* locator,
                                      std::size_t minimum) {
   const std::size_t size = locator->btree_locator->data_size;
   if (size >= minimum) {
     return kvfs_ok;
   }
   if (minimum == sizeof(HFSPlusCatalogFolder)) {
-    KVFS_ERROR_AS(function, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
+    KVFS_ERROR_BY(speaker, "Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
                   minimum, size);
   } else {
-    KVFS_ERROR_AS(function, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n", minimum,
+    KVFS_ERROR_BY(speaker, "Unexpected data size for catalog record. Expected minimum: %zu Actual: %zu\n", minimum,
                   size);
   }
   return kvfs_inconsistent;
 }
 
 // Copies a record of a known size out of a locator.
-static kvfs_result copy_record(const char* function, const kvfs_catalog_record_locator* locator, void* record,
+static kvfs_result copy_record(const char* speaker, const kvfs_catalog_record_locator* locator, void* record,
                                std::size_t size) {
-  const kvfs_result checked = check_record_size(function, locator, size);
+  const kvfs_result checked = check_record_size(speaker, locator, size);
   if (checked == kvfs_ok) {
     std::memcpy(record, locator->btree_locator->data, size);
   }
@@ -223,7 +223,6 @@ static void forget_parent(kvfs_catalog_private* priv, const kvfs_catalog_record_
 // Closes the locators that are still open, from the head of the list. A head that somebody else references too stays,
 // and ends the clean-up (Q-catalog-5).
 static void close_leaked_locators(kvfs_catalog_private* priv) {
-  static const char* const kFunction = "kvfs_catalog_destroy";
   std::uint64_t closed = 0;
   while (priv->open_locators != nullptr) {
     kvfs_catalog_record_locator* const head = priv->open_locators;
@@ -234,13 +233,14 @@ static void close_leaked_locators(kvfs_catalog_private* priv) {
     (void)kvfs_catalog_record_locator_close_internal(&leaked);  // it has no failures
     ++closed;
     if (priv->open_locators == head) {
-      KVFS_CRITICAL_AS(kFunction,
+      KVFS_CRITICAL_AS(kvfs_catalog_destroy,
                        "Internal error: Closing head of catalog open locators list did not change the head!\n");
       break;
     }
   }
   if (closed != 0) {
-    KVFS_WARNING_AS(kFunction, "Cleaned up %llu leaked catalog record locators on destroy.\n", to_ull(closed));
+    KVFS_WARNING_AS(kvfs_catalog_destroy, "Cleaned up %llu leaked catalog record locators on destroy.\n",
+                    to_ull(closed));
   }
 }
 
@@ -519,9 +519,9 @@ kvfs_result kvfs_catalog_get_next_record(kvfs_catalog* catalog, const kvfs_catal
   return result;
 }
 
-// Builds the key of the item that a thread record leads to, in the name of `function`. The record must hold its name
+// Builds the key of the item that a thread record leads to, in the name of `speaker`. The record must hold its name
 // (X-catalog-2).
-static kvfs_result make_target_key(const char* function, const kvfs_catalog_record_locator* thread,
+static kvfs_result make_target_key(const char* speaker, const kvfs_catalog_record_locator* thread,
                                    HFSPlusCatalogKey* key) {
   const kvfs_btree_record_locator* const record = thread->btree_locator;
   const HFSPlusCatalogThread* const fields = kvfs_view_as<HFSPlusCatalogThread>(record->data);
@@ -533,7 +533,7 @@ static kvfs_result make_target_key(const char* function, const kvfs_catalog_reco
             record->data_size - kHFSPlusCatalogThreadNameOffset >= name_length * sizeof(kvfs_be16);
   }
   if (!whole) {
-    KVFS_ERROR_AS(function, "Thread record of %zu bytes cannot hold its name of %lu units.\n",
+    KVFS_ERROR_BY(speaker, "Thread record of %zu bytes cannot hold its name of %lu units.\n",
                   std::size_t{record->data_size}, to_ul(name_length));
     return kvfs_inconsistent;
   }
@@ -558,9 +558,8 @@ kvfs_result kvfs_catalog_follow_thread(kvfs_catalog* catalog, const kvfs_catalog
 // Replaces the result of finding a thread record by that of following it, in the name of kvfs_catalog_search_by_cnid.
 // Another record stays the result.
 static kvfs_result replace_by_thread_target(kvfs_catalog* catalog, kvfs_catalog_search_result* result) {
-  static const char* const kFunction = "kvfs_catalog_search_by_cnid";
   std::uint16_t type = 0;
-  const kvfs_result read = read_record_type(kFunction, result->locator, &type);
+  const kvfs_result read = read_record_type(KVFS_NAME_OF(kvfs_catalog_search_by_cnid), result->locator, &type);
   if (read != kvfs_ok || !is_thread(type)) {
     return read;
   }
@@ -568,11 +567,12 @@ static kvfs_result replace_by_thread_target(kvfs_catalog* catalog, kvfs_catalog_
   kvfs_catalog_search_result_init(&target);
   const kvfs_result followed = kvfs_catalog_follow_thread(catalog, result->locator, &target);
   if (followed != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while following thread when searching for node by CNID.\n");
+    KVFS_ERROR_AS(kvfs_catalog_search_by_cnid, "Error while following thread when searching for node by CNID.\n");
     return followed;
   }
   if (target.locator == nullptr) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected: kvfs_catalog_follow_thread returned NULL locator but no error.\n");
+    KVFS_CRITICAL_AS(kvfs_catalog_search_by_cnid,
+                     "Unexpected: kvfs_catalog_follow_thread returned NULL locator but no error.\n");
     return kvfs_internal;
   }
   replace_result(result, &target);
@@ -620,8 +620,6 @@ struct path_walk {
   std::size_t component_length;  // units
 };
 
-static const char kPathFunction[] = "kvfs_catalog_search_by_path";
-
 static std::uint32_t folder_id_of(const kvfs_catalog_record_locator* locator) {
   return kvfs_view_as<HFSPlusCatalogFolder>(locator->btree_locator->data)->folderID.get();
 }
@@ -633,16 +631,16 @@ static kvfs_result start_path(path_walk* walk, kvfs_catalog_record_locator* star
     return kvfs_ok;
   }
   std::uint16_t type = 0;
-  kvfs_result result = read_record_type(kPathFunction, start, &type);
+  kvfs_result result = read_record_type(KVFS_NAME_OF(kvfs_catalog_search_by_path), start, &type);
   if (result != kvfs_ok) {
     return result;
   }
   if (type != kHFSPlusFolderRecord) {
-    KVFS_ERROR_AS(kPathFunction, "Invalid argument: 'CatalogRecord' has non-folder type %hd.\n",
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Invalid argument: 'CatalogRecord' has non-folder type %hd.\n",
                   static_cast<short>(type));
     return kvfs_invalid;
   }
-  result = check_record_size(kPathFunction, start, sizeof(HFSPlusCatalogFolder));
+  result = check_record_size(KVFS_NAME_OF(kvfs_catalog_search_by_path), start, sizeof(HFSPlusCatalogFolder));
   if (result != kvfs_ok) {
     return result;
   }
@@ -658,7 +656,7 @@ static kvfs_result start_path(path_walk* walk, kvfs_catalog_record_locator* star
 static kvfs_result enter_current_folder(path_walk* walk) {
   if (walk->current.locator == nullptr) {
     if (walk->component_length != 0) {
-      KVFS_CRITICAL_AS(kPathFunction, "Unexpected: NULL current_entry but non-0 nodeNameLength (%zu).\n",
+      KVFS_CRITICAL_AS(kvfs_catalog_search_by_path, "Unexpected: NULL current_entry but non-0 nodeNameLength (%zu).\n",
                        walk->component_length);
       return kvfs_internal;
     }
@@ -666,7 +664,7 @@ static kvfs_result enter_current_folder(path_walk* walk) {
   }
   const std::uint16_t type = record_type_of(walk->current.locator);
   if (type != kHFSPlusFolderRecord) {
-    KVFS_ERROR_AS(kPathFunction, "Unexpected record type for parent directory in lookup: %hd.\n",
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Unexpected record type for parent directory in lookup: %hd.\n",
                   static_cast<short>(type));
     return kvfs_internal;
   }
@@ -685,7 +683,7 @@ static kvfs_result search_component(path_walk* walk) {
   make_key(&key, kvfs_be32::of(walk->parent_cnid), walk->component, static_cast<std::uint32_t>(walk->component_length));
   const kvfs_result result = kvfs_catalog_search_node(walk->catalog, &key, &walk->current);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kPathFunction, "Error while searching for intermediate path component.\n");
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Error while searching for intermediate path component.\n");
   }
   return result;
 }
@@ -696,11 +694,12 @@ static kvfs_result resolve_thread(path_walk* walk) {
   kvfs_catalog_search_result_init(&target);
   const kvfs_result followed = kvfs_catalog_follow_thread(walk->catalog, walk->current.locator, &target);
   if (followed != kvfs_ok) {
-    KVFS_ERROR_AS(kPathFunction, "Error while following thread.\n");
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Error while following thread.\n");
     return followed;
   }
   if (target.locator == nullptr || target.found == 0) {
-    KVFS_ERROR_AS(kPathFunction, "%s: Thread target not found.\n", kPathFunction);
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "%s: Thread target not found.\n",
+                  KVFS_NAME_OF(kvfs_catalog_search_by_path));
     kvfs_catalog_search_result_release(&target);
     return kvfs_inconsistent;
   }
@@ -711,12 +710,13 @@ static kvfs_result resolve_thread(path_walk* walk) {
 // Checks the record that was found and follows it when it is a thread.
 static kvfs_result accept_current_record(path_walk* walk) {
   std::uint16_t type = 0;
-  const kvfs_result read = read_record_type(kPathFunction, walk->current.locator, &type);
+  const kvfs_result read = read_record_type(KVFS_NAME_OF(kvfs_catalog_search_by_path), walk->current.locator, &type);
   if (read != kvfs_ok) {
     return read;
   }
   if (type < kHFSPlusFolderRecord || type > kHFSPlusFileThreadRecord) {
-    KVFS_ERROR_AS(kPathFunction, "Unexpected record type %hd for looked up record data.\n", static_cast<short>(type));
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Unexpected record type %hd for looked up record data.\n",
+                  static_cast<short>(type));
     return kvfs_inconsistent;
   }
   if (is_thread(type)) {
@@ -725,7 +725,8 @@ static kvfs_result accept_current_record(path_walk* walk) {
       return resolved;
     }
   }
-  return check_record_size(kPathFunction, walk->current.locator, sizeof(HFSPlusCatalogFolder));
+  return check_record_size(KVFS_NAME_OF(kvfs_catalog_search_by_path), walk->current.locator,
+                           sizeof(HFSPlusCatalogFolder));
 }
 
 static kvfs_result next_component(path_walk* walk) {
@@ -735,7 +736,7 @@ static kvfs_result next_component(path_walk* walk) {
     result = kvfs_invalid;
   }
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kPathFunction, "Error while converting native path component to HFS+ string.\n");
+    KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Error while converting native path component to HFS+ string.\n");
   }
   return result;
 }
@@ -773,18 +774,18 @@ static kvfs_result complete_result(path_walk* walk) {
   if (walk->current.found != 0) {
     const kvfs_result result = kvfs_catalog_record_locator_set_parent_locator(locator, walk->parent);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kPathFunction, "Error while setting parent locator (search found a match).\n");
+      KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Error while setting parent locator (search found a match).\n");
       return result;
     }
   } else if (walk->parent != nullptr) {
     const kvfs_result result = kvfs_catalog_record_locator_set_parent_locator(locator, walk->parent);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kPathFunction, "Error while setting parent locator (search did not find a match).\n");
+      KVFS_ERROR_AS(kvfs_catalog_search_by_path, "Error while setting parent locator (search did not find a match).\n");
       return result;
     }
   }
   std::uint16_t type = 0;
-  const kvfs_result read = read_record_type(kPathFunction, locator, &type);
+  const kvfs_result read = read_record_type(KVFS_NAME_OF(kvfs_catalog_search_by_path), locator, &type);
   locator->record_type = type;
   return read;
 }
@@ -888,9 +889,8 @@ static bool counts_as_folder(const void* record_data) {
 
 // Rewrites the folder record of the parent, in the name of kvfs_catalog_update_valence. Its counts wrap (Q-catalog-11).
 static void change_counts(const void* child_record_data, kvfs_catalog_record_locator* parent, std::uint32_t change) {
-  static const char* const kFunction = "kvfs_catalog_update_valence";
   HFSPlusCatalogFolder folder;
-  if (copy_record(kFunction, parent, &folder, sizeof(folder)) != kvfs_ok) {
+  if (copy_record(KVFS_NAME_OF(kvfs_catalog_update_valence), parent, &folder, sizeof(folder)) != kvfs_ok) {
     return;
   }
   if (counts_as_folder(child_record_data) && (folder.flags.get() & kHFSHasFolderCountMask) != 0) {
@@ -898,7 +898,7 @@ static void change_counts(const void* child_record_data, kvfs_catalog_record_loc
   }
   folder.valence.set(folder.valence.get() + change);
   if (kvfs_btree_record_locator_write_data(parent->btree_locator, &folder, sizeof(folder)) != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while writing out updated parent valence.\n");
+    KVFS_ERROR_AS(kvfs_catalog_update_valence, "Error while writing out updated parent valence.\n");
   }
 }
 
@@ -944,22 +944,21 @@ struct renaming {
   std::uint32_t name_length;
 };
 
-static const char kRenameFunction[] = "kvfs_catalog_rename_record";
-
 // Copies the record of the item, which has to be a file or a folder.
 static kvfs_result copy_renamed_record(renaming* item, const kvfs_catalog_record_locator* locator) {
   std::uint16_t type = 0;
-  const kvfs_result read = read_record_type(kRenameFunction, locator, &type);
+  const kvfs_result read = read_record_type(KVFS_NAME_OF(kvfs_catalog_rename_record), locator, &type);
   if (read != kvfs_ok) {
     return read;
   }
   if (type != kHFSPlusFileRecord && type != kHFSPlusFolderRecord) {
-    KVFS_ERROR_AS(kRenameFunction, "Invalid record type (0x%hX) in record data!\n", type);
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Invalid record type (0x%hX) in record data!\n", type);
     return kvfs_invalid;
   }
   item->is_folder = type == kHFSPlusFolderRecord;
   item->record_size = item->is_folder ? sizeof(HFSPlusCatalogFolder) : sizeof(HFSPlusCatalogFile);
-  const kvfs_result copied = copy_record(kRenameFunction, locator, &item->record, item->record_size);
+  const kvfs_result copied =
+      copy_record(KVFS_NAME_OF(kvfs_catalog_rename_record), locator, &item->record, item->record_size);
   item->cnid = item->is_folder ? item->record.folder.folderID : item->record.file.fileID;
   return copied;
 }
@@ -970,9 +969,9 @@ static kvfs_result check_parent_locator(const kvfs_catalog_record_locator* locat
     return kvfs_ok;
   }
   std::uint32_t parent = 0;
-  const kvfs_result read = read_key_parent(kRenameFunction, locator, &parent);
+  const kvfs_result read = read_key_parent(KVFS_NAME_OF(kvfs_catalog_rename_record), locator, &parent);
   if (read == kvfs_ok && parent != kHFSRootParentID) {
-    KVFS_ERROR_AS(kRenameFunction, "Supplied catalog record locator has no parent locator.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Supplied catalog record locator has no parent locator.\n");
     return kvfs_invalid;
   }
   return read;
@@ -981,7 +980,7 @@ static kvfs_result check_parent_locator(const kvfs_catalog_record_locator* locat
 // Checks what can be checked before anything is deleted.
 static kvfs_result prepare_rename(renaming* item, kvfs_catalog_record_locator* const* locator) {
   if (locator == nullptr || *locator == nullptr) {
-    KVFS_ERROR_AS(kRenameFunction, "No catalog record pointer specified.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "No catalog record pointer specified.\n");
     return kvfs_invalid;
   }
   kvfs_result result = check_parent_locator(*locator);
@@ -993,7 +992,7 @@ static kvfs_result prepare_rename(renaming* item, kvfs_catalog_record_locator* c
   }
   item->is_root = item->cnid.get() == kHFSRootFolderID;
   if (item->is_root && item->new_parent.get() != kHFSRootParentID) {
-    KVFS_ERROR_AS(kRenameFunction,
+    KVFS_ERROR_AS(kvfs_catalog_rename_record,
                   "Attempting to move root directory to other (non-root parent) folder. This is not allowed.\n");
     return kvfs_invalid;
   }
@@ -1006,12 +1005,13 @@ static kvfs_result leave_old_folder(renaming* item, const kvfs_catalog_record_lo
     return kvfs_ok;
   }
   if (*locator->parent == nullptr) {
-    KVFS_ERROR_AS(kRenameFunction, "%s: Unable to decrement valence!\n", kRenameFunction);
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "%s: Unable to decrement valence!\n",
+                  KVFS_NAME_OF(kvfs_catalog_rename_record));
     return kvfs_internal;
   }
   const kvfs_result result = kvfs_catalog_decrement_valence(item->catalog, &item->record, *locator->parent);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kRenameFunction, "Error when decrementing valence of old parent folder.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Error when decrementing valence of old parent folder.\n");
   }
   return result;
 }
@@ -1025,12 +1025,12 @@ static kvfs_result leave_old_folder(renaming* item, const kvfs_catalog_record_lo
   const kvfs_result result =
       kvfs_catalog_insert_record(item.catalog, &key, &item.record, item.record_size, nullptr, &inserted);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kRenameFunction, "Error while inserting record into catalog.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Error while inserting record into catalog.\n");
     return result;
   }
   if (inserted == nullptr) {
     KVFS_CRITICAL_AS(
-        kRenameFunction,
+        kvfs_catalog_rename_record,
         "Unexpected: kvfs_catalog_insert_record returned NULL locator but no error after inserting new record for renamed item into catalog.\n");
     return kvfs_internal;
   }
@@ -1042,19 +1042,19 @@ static kvfs_result leave_old_folder(renaming* item, const kvfs_catalog_record_lo
 static kvfs_result count_in_new_folder(const renaming& item, const kvfs_catalog_search_result& folder) {
   if (folder.locator == nullptr) {
     KVFS_CRITICAL_AS(
-        kRenameFunction,
+        kvfs_catalog_rename_record,
         "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error after searching for new containing folder of renamed item by CNID.\n");
     return kvfs_internal;
   }
   if (folder.found == 0) {
-    KVFS_CRITICAL_AS(kRenameFunction,
+    KVFS_CRITICAL_AS(kvfs_catalog_rename_record,
                      "Unable to find containing parent with CNID %lu when attempting to increment valence.\n",
                      to_ul(item.new_parent.get()));
     return kvfs_inconsistent;
   }
   const kvfs_result result = kvfs_catalog_increment_valence(item.catalog, &item.record, folder.locator);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kRenameFunction, "Error when incrementing valence of new parent folder.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Error when incrementing valence of new parent folder.\n");
   }
   return result;
 }
@@ -1067,7 +1067,8 @@ static kvfs_result enter_new_folder(const renaming& item) {
   kvfs_catalog_search_result_init(&folder);
   kvfs_result result = kvfs_catalog_search_by_cnid(item.catalog, item.new_parent.get(), true, &folder);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kRenameFunction, "Error while searching for containing folder of newly inserted record by CNID.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record,
+                  "Error while searching for containing folder of newly inserted record by CNID.\n");
     return result;
   }
   result = count_in_new_folder(item, folder);
@@ -1092,12 +1093,12 @@ static kvfs_result enter_new_folder(const renaming& item) {
   kvfs_catalog_record_locator* inserted = nullptr;
   const kvfs_result result = kvfs_catalog_insert_record(item->catalog, &key, thread, size, &place, &inserted);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kRenameFunction, "Error while inserting thread record for renamed entry.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Error while inserting thread record for renamed entry.\n");
     return result;
   }
   if (inserted == nullptr) {
     KVFS_CRITICAL_AS(
-        kRenameFunction,
+        kvfs_catalog_rename_record,
         "Unexpected: kvfs_catalog_insert_record returned NULL locator but no error after inserting new thread record.\n");
     return kvfs_internal;
   }
@@ -1109,17 +1110,17 @@ static kvfs_result enter_new_folder(const renaming& item) {
 static kvfs_result replace_found_thread(renaming* item, const kvfs_catalog_search_result& thread) {
   if (thread.locator == nullptr) {
     KVFS_CRITICAL_AS(
-        kRenameFunction,
+        kvfs_catalog_rename_record,
         "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error when seaching for thread of inserted record.\n");
     return kvfs_internal;
   }
   if (thread.found == 0) {
-    KVFS_WARNING_AS(kRenameFunction,
+    KVFS_WARNING_AS(kvfs_catalog_rename_record,
                     "Missing thread record for original file in rename. Creating new thread record...\n");
   } else {
     const kvfs_result result = kvfs_btree_delete_record(btree_of(item->catalog), thread.locator->btree_locator, 0);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kRenameFunction, "Error while deleting catalog thread record from B-tree.\n");
+      KVFS_ERROR_AS(kvfs_catalog_rename_record, "Error while deleting catalog thread record from B-tree.\n");
       return result;
     }
   }
@@ -1131,7 +1132,7 @@ static kvfs_result replace_thread_record(renaming* item) {
   kvfs_catalog_search_result_init(&thread);
   kvfs_result result = kvfs_catalog_search_by_cnid(item->catalog, item->cnid.get(), false, &thread);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kRenameFunction, "Error while searching for thread record by CNID.\n");
+    KVFS_ERROR_AS(kvfs_catalog_rename_record, "Error while searching for thread record by CNID.\n");
     return result;
   }
   result = replace_found_thread(item, thread);
@@ -1175,15 +1176,16 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
 // Looks at the record behind the place of a folder's thread record, which comes before all of the folder's items.
 static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_search_result& thread,
                                       std::uint32_t folder_id, int* out_empty) {
-  static const char* const kFunction = "kvfs_catalog_is_directory_empty";
   if (thread.locator == nullptr) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator with no error.\n");
+    KVFS_CRITICAL_AS(kvfs_catalog_is_directory_empty,
+                     "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator with no error.\n");
     return kvfs_internal;
   }
   kvfs_catalog_record_locator* next = nullptr;
   kvfs_result result = kvfs_catalog_get_next_record(catalog, thread.locator, &next);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while looking up the next record after directory thread record.\n");
+    KVFS_ERROR_AS(kvfs_catalog_is_directory_empty,
+                  "Error while looking up the next record after directory thread record.\n");
     return result;
   }
   if (next == nullptr) {
@@ -1191,7 +1193,7 @@ static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_
     return kvfs_ok;
   }
   std::uint32_t parent = 0;
-  result = read_key_parent(kFunction, next, &parent);
+  result = read_key_parent(KVFS_NAME_OF(kvfs_catalog_is_directory_empty), next, &parent);
   if (result == kvfs_ok) {
     *out_empty = parent == folder_id ? 0 : 1;
   }
@@ -1257,8 +1259,6 @@ struct catalog_deletion {
   std::uint32_t freed_blocks;
 };
 
-static const char kDeleteFunction[] = "kvfs_catalog_delete";
-
 // Frees the blocks of the data fork; the resource fork's stay allocated. A failure does not stop the deletion. A volume
 // without its allocation file fails where there is a block to free.
 static void free_data_fork(catalog_deletion* item) {
@@ -1269,29 +1269,30 @@ static void free_data_fork(catalog_deletion* item) {
   }
   if (bitmap == nullptr ||
       FreeExtentAllocationBlocks(fork_data, 0, fork_data->totalBlocks.get(), bitmap, &item->freed_blocks) != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while freeing allocation blocks of deleted file on cleanup.\n");
+    KVFS_ERROR_AS(kvfs_catalog_delete, "Error while freeing allocation blocks of deleted file on cleanup.\n");
   }
 }
 
 static kvfs_result take_up_deleted_item(catalog_deletion* item) {
   std::uint16_t type = 0;
-  kvfs_result result = read_record_type(kDeleteFunction, item->locator, &type);
+  kvfs_result result = read_record_type(KVFS_NAME_OF(kvfs_catalog_delete), item->locator, &type);
   if (result != kvfs_ok) {
     return result;
   }
   if (type != kHFSPlusFolderRecord && type != kHFSPlusFileRecord) {
-    KVFS_ERROR_AS(kDeleteFunction,
+    KVFS_ERROR_AS(kvfs_catalog_delete,
                   "Invalid parameter: Record to delete is not a file or folder record (record type: %hd).\n",
                   static_cast<short>(type));
     return kvfs_invalid;
   }
   item->is_folder = type == kHFSPlusFolderRecord;
   if (item->is_folder) {
-    result = copy_record(kDeleteFunction, item->locator, &item->record.folder, sizeof(item->record.folder));
+    result = copy_record(KVFS_NAME_OF(kvfs_catalog_delete), item->locator, &item->record.folder,
+                         sizeof(item->record.folder));
     item->cnid = item->record.folder.folderID;
     return result;
   }
-  result = copy_record(kDeleteFunction, item->locator, &item->record.file, sizeof(item->record.file));
+  result = copy_record(KVFS_NAME_OF(kvfs_catalog_delete), item->locator, &item->record.file, sizeof(item->record.file));
   if (result == kvfs_ok) {
     item->cnid = item->record.file.fileID;
     free_data_fork(item);
@@ -1302,12 +1303,12 @@ static kvfs_result take_up_deleted_item(catalog_deletion* item) {
 static kvfs_result leave_parent(const catalog_deletion& item) {
   kvfs_catalog_record_locator* const parent = *item.locator->parent;
   if (parent == nullptr) {  // Q-catalog-18
-    KVFS_WARNING_AS(kDeleteFunction, "INFO: No parent rec in delete..This is a todo\n");
+    KVFS_WARNING_AS(kvfs_catalog_delete, "INFO: No parent rec in delete..This is a todo\n");
     return kvfs_ok;
   }
   const kvfs_result result = kvfs_catalog_decrement_valence(item.catalog, &item.record, parent);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "%s: Failed to set parent valence.\n", kDeleteFunction);
+    KVFS_ERROR_AS(kvfs_catalog_delete, "%s: Failed to set parent valence.\n", KVFS_NAME_OF(kvfs_catalog_delete));
   }
   return result;
 }
@@ -1330,16 +1331,17 @@ static kvfs_result delete_thread_record(const catalog_deletion& item) {
   kvfs_catalog_search_result_init(&thread);
   kvfs_result result = kvfs_catalog_search_node(item.catalog, &key, &thread);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while searching for catalog thread record to destroy.\n");
+    KVFS_ERROR_AS(kvfs_catalog_delete, "Error while searching for catalog thread record to destroy.\n");
     return result;
   }
   if (thread.locator == nullptr) {
-    KVFS_WARNING_AS(kDeleteFunction, "No thread record found for deleted %s.\n", item.is_folder ? "folder" : "file");
+    KVFS_WARNING_AS(kvfs_catalog_delete, "No thread record found for deleted %s.\n",
+                    item.is_folder ? "folder" : "file");
     return kvfs_ok;
   }
   result = kvfs_btree_delete_record(btree_of(item.catalog), thread.locator->btree_locator, 0);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kDeleteFunction, "Error while deleting thread record from B-tree.\n");
+    KVFS_ERROR_AS(kvfs_catalog_delete, "Error while deleting thread record from B-tree.\n");
   } else {
     count_out(item);
   }
@@ -1393,12 +1395,12 @@ static std::uint64_t size_of_forks(const HFSPlusCatalogFile& file) {
 
 // Reads the size out of a record that may be short; the resource fork's size is asked for only where it counts.
 static bool read_size_of_forks(const kvfs_catalog_record_locator* locator, std::uint64_t* size) {
-  static const char* const kFunction = "kvfs_catalog_record_get_file_size";
   constexpr std::size_t kDataSizeEnd = offsetof(HFSPlusCatalogFile, dataFork) + sizeof(kvfs_be64);
   constexpr std::size_t kResourceSizeEnd = offsetof(HFSPlusCatalogFile, resourceFork) + sizeof(kvfs_be64);
   const HFSPlusCatalogFile* const file = kvfs_view_as<HFSPlusCatalogFile>(locator->btree_locator->data);
-  if (check_record_size(kFunction, locator, kDataSizeEnd) != kvfs_ok ||
-      (file->dataFork.logicalSize.get() == 0 && check_record_size(kFunction, locator, kResourceSizeEnd) != kvfs_ok)) {
+  if (check_record_size(KVFS_NAME_OF(kvfs_catalog_record_get_file_size), locator, kDataSizeEnd) != kvfs_ok ||
+      (file->dataFork.logicalSize.get() == 0 &&
+       check_record_size(KVFS_NAME_OF(kvfs_catalog_record_get_file_size), locator, kResourceSizeEnd) != kvfs_ok)) {
     return false;
   }
   *size = size_of_forks(*file);
@@ -1468,15 +1470,13 @@ kvfs_result kvfs_catalog_follow_hard_link(kvfs_catalog* catalog, const HFSPlusCa
 
 // ---- Symbolic links ------------------------------------------------------------------------------------------------
 
-static const char kSymLinkFunction[] = "kvfs_catalog_mksymlink";
-
 // Longest target, UTF-8.
 static constexpr std::size_t kMaximumTargetSize = 255;
 
 // The value of a failure exit, which must not be taken for a success.
 static kvfs_result failure_value(kvfs_result result) {
   if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kSymLinkFunction, "At error with no error value set!\n");
+    KVFS_WARNING_AS(kvfs_catalog_mksymlink, "At error with no error value set!\n");
     return kvfs_failed;
   }
   return result;
@@ -1488,7 +1488,7 @@ static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFi
   const kvfs_result result = FindWriteLocation(file.fileID.get(), kHFSDataForkType, &file.dataFork, volume, 0,
                                                volume->header->blockSize.get(), &location);
   if (result != kvfs_ok || location.block_count == 0) {
-    KVFS_ERROR_AS(kSymLinkFunction, "Error while searching for symlink data write location.\n");
+    KVFS_ERROR_AS(kvfs_catalog_mksymlink, "Error while searching for symlink data write location.\n");
     return failure_value(result);  // a volume without a free block has not failed the search
   }
   *block = location.start_block;
@@ -1503,13 +1503,13 @@ static kvfs_result write_target(kvfs_volume* volume, std::uint32_t block, const 
   const std::size_t buffer_size = kvfs_max<std::size_t>(device->sector_size, kMaximumTargetSize + 1);
   const kvfs_owned<char> sector(static_cast<char*>(std::calloc(1, buffer_size)));
   if (!sector) {
-    KVFS_ERROR_AS(kSymLinkFunction, "Error while allocating %zu bytes for symlink data.\n", buffer_size);
+    KVFS_ERROR_AS(kvfs_catalog_mksymlink, "Error while allocating %zu bytes for symlink data.\n", buffer_size);
     return kvfs_no_memory;
   }
   *size = kvfs_catalog_widechar_to_utf8(target_name, target_length, sector.get(), kMaximumTargetSize + 1);
   if (*size == 0 && target_length != 0) {
     if (target_name[0].get() == 0) {
-      KVFS_ERROR_AS(kSymLinkFunction, "The target of a symbolic link cannot begin with a NUL.\n");
+      KVFS_ERROR_AS(kvfs_catalog_mksymlink, "The target of a symbolic link cannot begin with a NUL.\n");
     }
     return kvfs_invalid;  // or else the conversion has said why
   }
@@ -1540,13 +1540,13 @@ static kvfs_result store_link(kvfs_catalog_record_locator* locator, HFSPlusCatal
   set_link_fields(file, block);
   result = AllocateExtentAllocationBlocks(block, 1, volume);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSymLinkFunction, "Error while marking block %lu as allocated.\n", to_ul(block));
+    KVFS_ERROR_AS(kvfs_catalog_mksymlink, "Error while marking block %lu as allocated.\n", to_ul(block));
     return result;
   }
   kvfs_catalog_record_set_file_size(file, size);
   result = kvfs_btree_record_locator_write_data(locator->btree_locator, file, sizeof(*file));
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSymLinkFunction, "Error while writing back modified HFSPlusCatalogFile to catalog.\n");
+    KVFS_ERROR_AS(kvfs_catalog_mksymlink, "Error while writing back modified HFSPlusCatalogFile to catalog.\n");
   }
   return result;
 }

@@ -78,20 +78,19 @@ kvfs_result kvfs_extents_validate(kvfs_btree* btree, int* out_valid) {
 
 // Opens the B-tree and has it validated, in the name of kvfs_extents_create.
 static kvfs_result open_valid_tree(kvfs_device* device, HFSPlusVolumeHeader* volume_header, kvfs_btree** out_tree) {
-  static const char* const kFunction = "kvfs_extents_create";
   kvfs_btree* tree = nullptr;
   kvfs_result result =
       kvfs_btree_create(device, nullptr, 1, volume_header, kHFSExtentsFileID, kvfs_extents_compare_keys, &tree);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while reading Extents B-Tree into memory.\n");
+    KVFS_ERROR_AS(kvfs_extents_create, "Error while reading Extents B-Tree into memory.\n");
     return result;
   }
   int valid = 0;
   result = kvfs_extents_validate(tree, &valid);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while validating extents B-tree.\n");
+    KVFS_ERROR_AS(kvfs_extents_create, "Error while validating extents B-tree.\n");
   } else if (valid == 0) {
-    KVFS_ERROR_AS(kFunction, "Extents B-tree failed validation (see earlier log messages).\n");
+    KVFS_ERROR_AS(kvfs_extents_create, "Extents B-tree failed validation (see earlier log messages).\n");
     result = kvfs_inconsistent;
   }
   if (result != kvfs_ok) {
@@ -134,9 +133,9 @@ kvfs_result kvfs_extents_destroy(kvfs_extents** extents) {
 
 // Copies the record that a search has found, in the name of kvfs_extents_get_next_extent_record.
 static kvfs_result copy_record(const kvfs_btree_search_result& found, int* out_found, HFSPlusExtentRecord* out_record) {
-  static const char* const kFunction = "kvfs_extents_get_next_extent_record";
   if (found.locator == nullptr) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected: Got NULL result with no error from kvfs_btree_search_node.\n");
+    KVFS_CRITICAL_AS(kvfs_extents_get_next_extent_record,
+                     "Unexpected: Got NULL result with no error from kvfs_btree_search_node.\n");
     return kvfs_internal;
   }
   if (found.found == 0) {  // no exact key: Q-extents-3
@@ -144,7 +143,8 @@ static kvfs_result copy_record(const kvfs_btree_search_result& found, int* out_f
     return kvfs_ok;
   }
   if (found.locator->data_size < sizeof(HFSPlusExtentRecord)) {  // X-extents-2
-    KVFS_ERROR_AS(kFunction, "Unexpected data size for extent record. Expected minimum: %zu Actual: %zu\n",
+    KVFS_ERROR_AS(kvfs_extents_get_next_extent_record,
+                  "Unexpected data size for extent record. Expected minimum: %zu Actual: %zu\n",
                   sizeof(HFSPlusExtentRecord), std::size_t{found.locator->data_size});
     return kvfs_inconsistent;
   }
@@ -170,10 +170,10 @@ kvfs_result kvfs_extents_get_next_extent_record(kvfs_extents* extents, std::uint
 }
 
 // The message of both routines below: insertion speaks of searching too (Q-extents-2).
-static void report_key_failure(const char* function, std::uint8_t fork_type, std::uint32_t file_id,
+static void report_key_failure(const char* speaker, std::uint8_t fork_type, std::uint32_t file_id,
                                std::uint32_t start_block) {
-  KVFS_ERROR_AS(
-      function,
+  KVFS_ERROR_BY(
+      speaker,
       "Error while searching extents overflow B-tree for key with fork type 0x%hhX, cnid %lu, start block %lu.\n",
       fork_type, to_ul(file_id), to_ul(start_block));
 }

@@ -69,17 +69,16 @@ static void count_out_if_clean(kvfs_fork* fork, const kvfs_fork_cache_item* item
 // sum has 32 bits, as a fork's block count has.
 static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, std::uint32_t* found,
                                       std::uint32_t* used) {
-  static const char* const kFunction = "kvfs_fork_resolve_extents";
   for (*used = 0; *used < kHFSPlusExtentDensity; ++*used) {
     const HFSPlusExtentDescriptor& extent = record.extents[*used];
     const std::uint32_t count = extent.blockCount.get();
     if (count == 0) {
       if (extent.startBlock.get() != 0) {
-        KVFS_ERROR_AS(kFunction, "Found zero-sized extent with non-0 start block.\n");
+        KVFS_ERROR_AS(kvfs_fork_resolve_extents, "Found zero-sized extent with non-0 start block.\n");
         return kvfs_inconsistent;
       }
       if (*found != total) {
-        KVFS_ERROR_AS(kFunction, "Last extent ends before the end of the fork.\n");
+        KVFS_ERROR_AS(kvfs_fork_resolve_extents, "Last extent ends before the end of the fork.\n");
         return kvfs_inconsistent;
       }
       return kvfs_ok;
@@ -99,7 +98,7 @@ static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32
       size > SIZE_MAX ? nullptr : std::realloc(old, static_cast<std::size_t>(size == 0 ? sizeof(*old) : size));
   if (grown == nullptr) {
     array->reset(old);
-    KVFS_ERROR_AS("kvfs_fork_resolve_extents",
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents,
                   "Error while allocating %zu bytes of memory for expanded fork_extents array.",  // Q-log-2
                   static_cast<std::size_t>(size));
     return kvfs_no_memory;
@@ -120,9 +119,8 @@ struct overflow_lookups {
 // Reads the overflow record that goes on behind the blocks found so far.
 static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, std::uint32_t found,
                                         overflow_lookups* lookups, HFSPlusExtentRecord* record) {
-  static const char* const kFunction = "kvfs_fork_resolve_extents";
   if (lookups->count != 0 && found == lookups->checkpoint) {
-    KVFS_ERROR_AS(kFunction, "Overflow extents of CNID %lu form a ring.\n", to_ul(cnid));
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents, "Overflow extents of CNID %lu form a ring.\n", to_ul(cnid));
     return kvfs_inconsistent;
   }
   if (std::has_single_bit(++lookups->count)) {
@@ -132,14 +130,14 @@ static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cni
   const kvfs_result result =
       kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction,
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents,
                   "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
                   to_ul(cnid), to_ul(found));
     return result;
   }
   if (exists == 0) {
-    KVFS_ERROR_AS(kFunction, "No overflow extent found for CNID %lu starting with block %lu.\n", to_ul(cnid),
-                  to_ul(found));
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents, "No overflow extent found for CNID %lu starting with block %lu.\n",
+                  to_ul(cnid), to_ul(found));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -183,21 +181,20 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
 
 // The numbers of the item array of a fork; each has to fit 32 bits.
 static kvfs_result item_array_length(std::uint64_t logical_size, std::uint32_t* length, std::size_t* size) {
-  static const char* const kFunction = "kvfs_fork_private_create";
   const std::uint64_t items_length = kvfs_divide_rounding_up(logical_size, kForkItemSize);
   const std::uint64_t items_size = items_length * sizeof(kvfs_fork_cache_item*);
   if (items_size > kMaximum32) {
-    KVFS_ERROR_AS(kFunction, "Items array too large for address space.\n");
+    KVFS_ERROR_AS(kvfs_fork_private_create, "Items array too large for address space.\n");
     return kvfs_invalid;
   }
   *length = static_cast<std::uint32_t>(items_length);
   if (*length != items_length) {
-    KVFS_ERROR_AS(kFunction, "Overflow in 'items_length': %llu\n", to_ull(items_length));
+    KVFS_ERROR_AS(kvfs_fork_private_create, "Overflow in 'items_length': %llu\n", to_ull(items_length));
     return kvfs_invalid;
   }
   *size = static_cast<std::size_t>(items_size);
   if (*size != items_size) {
-    KVFS_ERROR_AS(kFunction, "Overflow in 'items_size': %llu\n", to_ull(items_size));
+    KVFS_ERROR_AS(kvfs_fork_private_create, "Overflow in 'items_size': %llu\n", to_ull(items_size));
     return kvfs_invalid;
   }
   return kvfs_ok;
@@ -206,21 +203,21 @@ static kvfs_result item_array_length(std::uint64_t logical_size, std::uint32_t* 
 // Makes the locks and the item array of a private part that has its extents. On failure what was made stays in `priv`
 // for the caller to undo.
 static kvfs_result create_items(kvfs_fork_private* priv, std::size_t items_size) {
-  static const char* const kFunction = "kvfs_fork_private_create";
   kvfs_result result = kvfs_rwlock_create(&priv->items_lock);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while creating items_lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_private_create, "Error while creating items_lock.\n");
     return result;
   }
   // calloc leaves the pages of a large array untouched until a slot is used.
   priv->items = static_cast<kvfs_fork_cache_item**>(std::calloc(1, kvfs_max<std::size_t>(items_size, 1)));
   if (priv->items == nullptr) {
-    KVFS_ERROR_AS(kFunction, "Error while allocating fork cache item array (%llu bytes).\n", to_ull(items_size));
+    KVFS_ERROR_AS(kvfs_fork_private_create, "Error while allocating fork cache item array (%llu bytes).\n",
+                  to_ull(items_size));
     return kvfs_no_memory;
   }
   result = kvfs_rwlock_create(&priv->dirty_lock);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while creating dirty_lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_private_create, "Error while creating dirty_lock.\n");
   }
   return result;
 }
@@ -319,28 +316,29 @@ void kvfs_fork_destroy(kvfs_fork** fork) {
 
 // Makes the lock and the buffers of an item; on failure what was made stays in the item for the caller to undo.
 static kvfs_result fill_cache_item(kvfs_fork_cache_item* item, std::uint32_t item_size, std::size_t bitmap_bytes) {
-  static const char* const kFunction = "kvfs_fork_cache_item_create";
   const kvfs_result result = kvfs_rwlock_create(&item->item_lock);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while creating item_lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_cache_item_create, "Error while creating item_lock.\n");
     return result;
   }
   // calloc costs only the pages that are touched, and what was never read from the device cannot leak onto it.
   item->data = static_cast<unsigned char*>(std::calloc(1, item_size));
   if (item->data == nullptr) {
     // The size of a bitmap, not of the buffer: Q-fork-3.
-    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data buffer.\n", bitmap_bytes);
+    KVFS_ERROR_AS(kvfs_fork_cache_item_create, "Error while allocating %zu bytes of memory for data buffer.\n",
+                  bitmap_bytes);
     return kvfs_no_memory;
   }
   item->valid_bitmap = static_cast<unsigned char*>(std::calloc(1, bitmap_bytes));
   if (item->valid_bitmap == nullptr) {
-    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for valid data bitmap.\n", bitmap_bytes);
+    KVFS_ERROR_AS(kvfs_fork_cache_item_create, "Error while allocating %zu bytes of memory for valid data bitmap.\n",
+                  bitmap_bytes);
     return kvfs_no_memory;
   }
   item->modification_bitmap = static_cast<unsigned char*>(std::calloc(1, bitmap_bytes));
   if (item->modification_bitmap == nullptr) {
-    KVFS_ERROR_AS(kFunction, "Error while allocating %zu bytes of memory for data modification bitmap.\n",
-                  bitmap_bytes);
+    KVFS_ERROR_AS(kvfs_fork_cache_item_create,
+                  "Error while allocating %zu bytes of memory for data modification bitmap.\n", bitmap_bytes);
     return kvfs_no_memory;
   }
   item->data_size = item_size;
@@ -388,14 +386,14 @@ void kvfs_fork_cache_item_destroy(kvfs_fork_cache_item** item) {
 }
 
 // Creates the item of a slot that is still empty. There is none behind the last slot (X-fork-3).
-static kvfs_result ensure_item(const char* function, kvfs_fork* fork, std::uint64_t index) {
+static kvfs_result ensure_item(const char* speaker, kvfs_fork* fork, std::uint64_t index) {
   if (index >= fork->priv->items_length) {
-    KVFS_ERROR_AS(function, "Cache item %llu lies behind the end of the fork.\n", to_ull(index));
+    KVFS_ERROR_BY(speaker, "Cache item %llu lies behind the end of the fork.\n", to_ull(index));
     return kvfs_inconsistent;
   }
   kvfs_fork_cache_item** const slot = &fork->priv->items[index];
   if (*slot == nullptr && kvfs_fork_cache_item_create(fork, slot) != kvfs_ok) {
-    KVFS_ERROR_AS(function, "Unable to create cache item %zu.\n", static_cast<std::size_t>(index));
+    KVFS_ERROR_BY(speaker, "Unable to create cache item %zu.\n", static_cast<std::size_t>(index));
     return kvfs_no_memory;
   }
   fork->priv->items_end = kvfs_max(fork->priv->items_end, static_cast<std::uint32_t>(index) + 1);
@@ -404,10 +402,10 @@ static kvfs_result ensure_item(const char* function, kvfs_fork* fork, std::uint6
 
 // A block has to fit an item. A transfer unit comes from disk, and nothing has tested it before the first access
 // (X-fork-2).
-static kvfs_result check_transfer_unit(const char* function, const kvfs_fork* fork) {
+static kvfs_result check_transfer_unit(const char* speaker, const kvfs_fork* fork) {
   const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
   if (unit == 0 || unit > fork->priv->item_size) {
-    KVFS_ERROR_AS(function, "Transfer unit of %lu bytes does not fit a cache item.\n", to_ul(unit));
+    KVFS_ERROR_BY(speaker, "Transfer unit of %lu bytes does not fit a cache item.\n", to_ul(unit));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -417,12 +415,11 @@ static kvfs_result check_transfer_unit(const char* function, const kvfs_fork* fo
 
 // Reads block `block` of the fork to its place in its item.
 static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::uint64_t block) {
-  static const char* const kFunction = "kvfs_fork_read_into_cache";
   const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
   const std::uint64_t offset_in_item = unit * (block % (fork->priv->item_size / unit));
   const std::uint64_t length = kvfs_min(unit, fork->priv->logical_size - block * unit);
   if (length > item->data_size || offset_in_item > item->data_size - length) {
-    KVFS_CRITICAL_AS(kFunction,
+    KVFS_CRITICAL_AS(kvfs_fork_read_into_cache,
                      "Unexpected: Read offset is outside the bounds of the cache item (%llu, maximum expected: %zu)!\n",
                      to_ull(offset_in_item), std::size_t{item->data_size});
     return kvfs_internal;
@@ -432,12 +429,12 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
   kvfs_fork_read_context context = {fork->priv->device, read_ptr, 0};
   const kvfs_result result = kvfs_fork_do_device_io(fork, block * unit, length, kvfs_fork_process_read_io, &context);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error %d while reading block %llu from device offset %llu.\n", static_cast<int>(result),
-                  to_ull(block), to_ull(block * unit));
+    KVFS_ERROR_AS(kvfs_fork_read_into_cache, "Error %d while reading block %llu from device offset %llu.\n",
+                  static_cast<int>(result), to_ull(block), to_ull(block * unit));
     return result;
   }
   if (read_ptr_orig != read_ptr) {
-    KVFS_ERROR_AS(kFunction, "read_ptr_orig (%p) != read_ptr (%p)\n", static_cast<void*>(read_ptr_orig),
+    KVFS_ERROR_AS(kvfs_fork_read_into_cache, "read_ptr_orig (%p) != read_ptr (%p)\n", static_cast<void*>(read_ptr_orig),
                   static_cast<void*>(read_ptr));
     return kvfs_failed;
   }
@@ -446,16 +443,15 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
 
 // References block `block` of the fork and reads it unless it is valid. No failure takes the reference back (Q-fork-4).
 static kvfs_result make_block_valid(kvfs_fork* fork, std::uint64_t block) {
-  static const char* const kFunction = "kvfs_fork_read_into_cache";
   kvfs_fork_private* const priv = fork->priv;
   const std::uint64_t blocks_per_item = priv->item_size / priv->modificationBitmapBlockSize;
   const std::uint64_t index = block / blocks_per_item;
   if (index > priv->items_length) {
-    KVFS_CRITICAL_AS(kFunction, "Item index out of bounds: %llu (expected maximum: %zu)\n", to_ull(index),
-                     std::size_t{priv->items_length});
+    KVFS_CRITICAL_AS(kvfs_fork_read_into_cache, "Item index out of bounds: %llu (expected maximum: %zu)\n",
+                     to_ull(index), std::size_t{priv->items_length});
     return kvfs_internal;
   }
-  kvfs_result result = ensure_item(kFunction, fork, index);
+  kvfs_result result = ensure_item(KVFS_NAME_OF(kvfs_fork_read_into_cache), fork, index);
   if (result != kvfs_ok) {
     return result;
   }
@@ -513,38 +509,39 @@ static std::uint64_t sum_of_extents(const kvfs_fork_private* priv) {
 
 // The extents must hold as many blocks as the fork data says at most, and no fewer than its bytes need.
 static kvfs_result check_extent_sum(const kvfs_fork* fork, std::uint64_t logical_size, std::uint32_t total_blocks) {
-  static const char* const kFunction = "kvfs_fork_do_device_io";
   kvfs_fork_private* const priv = fork->priv;
   if (priv->fork_extents_blocks == 0) {
     priv->fork_extents_blocks = sum_of_extents(priv);
   }
   const std::uint64_t sum = priv->fork_extents_blocks;
   if (sum > total_blocks) {
-    KVFS_ERROR_AS(kFunction, "Inconsistent fork data (more blocks than specified found in extent record).\n");
+    KVFS_ERROR_AS(kvfs_fork_do_device_io,
+                  "Inconsistent fork data (more blocks than specified found in extent record).\n");
     return kvfs_inconsistent;
   }
   if (fork->block_size * sum < logical_size) {
-    KVFS_ERROR_AS(kFunction, "Too few blocks for the logical size of the fork.\n");
+    KVFS_ERROR_AS(kvfs_fork_do_device_io, "Too few blocks for the logical size of the fork.\n");
     return kvfs_inconsistent;
   }
   return kvfs_ok;
 }
 
 static kvfs_result check_io_range(const kvfs_fork* fork, std::uint64_t io_offset, std::uint64_t io_length) {
-  static const char* const kFunction = "kvfs_fork_do_device_io";
   const std::uint64_t logical_size = fork->priv->fork_data->logicalSize.get();
   const std::uint32_t total_blocks = fork->priv->fork_data->totalBlocks.get();
   if (total_blocks == 0) {
-    KVFS_ERROR_AS(kFunction, "HFSPlus:%s: -- Nothing to process in fork!\n", kFunction);
+    KVFS_ERROR_AS(kvfs_fork_do_device_io, "HFSPlus:%s: -- Nothing to process in fork!\n",
+                  KVFS_NAME_OF(kvfs_fork_do_device_io));
     return kvfs_invalid;
   }
   if (io_offset >= logical_size) {
-    KVFS_ERROR_AS(kFunction, "Invalid parameter 'io_offset': Offset (%llu) is beyond the end of the file.\n",
-                  to_ull(io_offset));
+    KVFS_ERROR_AS(kvfs_fork_do_device_io,
+                  "Invalid parameter 'io_offset': Offset (%llu) is beyond the end of the file.\n", to_ull(io_offset));
     return kvfs_invalid;
   }
   if (io_length > logical_size - io_offset) {
-    KVFS_ERROR_AS(kFunction, "Invalid parameter 'io_length': Length (%llu) extends beyond the end of the file.\n",
+    KVFS_ERROR_AS(kvfs_fork_do_device_io,
+                  "Invalid parameter 'io_length': Length (%llu) extends beyond the end of the file.\n",
                   to_ull(io_length));
     return kvfs_invalid;
   }
@@ -617,7 +614,7 @@ static kvfs_result read_whole_sectors(kvfs_device* device, const sector_run& run
   const kvfs_result result =
       count == 0 ? kvfs_ok : kvfs_device_read_disk_sectors(device, run.first, count, &destination);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS("kvfs_fork_process_read_io", "Error while reading %llu fork sectors starting at sector %llu.\n",
+    KVFS_ERROR_AS(kvfs_fork_process_read_io, "Error while reading %llu fork sectors starting at sector %llu.\n",
                   to_ull(run.count), to_ull(run.first));
   }
   return result;
@@ -675,14 +672,14 @@ static item_range items_of(const kvfs_fork* fork, std::uint64_t offset, std::uin
   return {offset / fork->priv->item_size, (offset + length - 1) / fork->priv->item_size};
 }
 
-static kvfs_result check_item_numbers(const char* function, const kvfs_fork* fork, item_range items) {
+static kvfs_result check_item_numbers(const char* speaker, const kvfs_fork* fork, item_range items) {
   const bool first_outside = items.first > fork->priv->items_length;
   const bool last_outside = items.last > fork->priv->items_length;
   if (!first_outside && !last_outside) {
     return kvfs_ok;
   }
   const bool both = first_outside && last_outside;
-  KVFS_CRITICAL_AS(function, "Internal inconsistency: %s%s%s cache item number%s out of bounds!\n",
+  KVFS_CRITICAL_BY(speaker, "Internal inconsistency: %s%s%s cache item number%s out of bounds!\n",
                    first_outside ? "First" : "", both ? " and " : "", both ? "last" : (last_outside ? "Last" : ""),
                    both ? "s" : "");
   return kvfs_internal;
@@ -696,24 +693,23 @@ static kvfs_fork_cache_item* item_at(const kvfs_fork* fork, std::uint64_t index)
 // Hands out the address of cached bytes.
 static kvfs_result locate_cached_bytes(kvfs_fork* fork, std::uint64_t item_index, std::uint64_t offset,
                                        void** out_pointer) {
-  static const char* const kFunction = "kvfs_fork_map";
   kvfs_read_guard guard(fork->priv->items_lock);
   if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while read-locking items lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_map, "Error while read-locking items lock.\n");
     return guard.result();
   }
   kvfs_result result = kvfs_ok;
   void* pointer = nullptr;
   kvfs_fork_cache_item* const item = item_at(fork, item_index);
   if (item == nullptr) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - Requested cache item %llu does not exist.\n", to_ull(item_index));
+    KVFS_CRITICAL_AS(kvfs_fork_map, "Unexpected - Requested cache item %llu does not exist.\n", to_ull(item_index));
     result = kvfs_internal;
   } else {
     pointer = item->data + offset % fork->priv->item_size;
   }
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock!\n");
+    KVFS_CRITICAL_AS(kvfs_fork_map, "Unexpected - Error while unlocking items lock!\n");
   }
   result = kvfs_result_keep(result, unlocked);
   if (result == kvfs_ok) {
@@ -758,19 +754,18 @@ kvfs_result kvfs_fork_map(kvfs_fork* fork, std::uint64_t offset, void** out_poin
 // Takes one reference off an item, in the name of kvfs_fork_unmap.
 static kvfs_result drop_reference(kvfs_fork_cache_item* item, std::uint64_t index, std::uint64_t offset_in_item,
                                   void** pointer) {
-  static const char* const kFunction = "kvfs_fork_unmap";
   kvfs_write_guard guard(item->item_lock);
   if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while write-locking item %p.\n", static_cast<void*>(item));
+    KVFS_ERROR_AS(kvfs_fork_unmap, "Error while write-locking item %p.\n", static_cast<void*>(item));
     return guard.result();
   }
   kvfs_result result = kvfs_invalid;
   void* const expected = item->data + offset_in_item;
   if (*pointer != expected) {
-    KVFS_ERROR_AS(kFunction, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected,
+    KVFS_ERROR_AS(kvfs_fork_unmap, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected,
                   *pointer);
   } else if (item->references == 0) {
-    KVFS_ERROR_AS(kFunction, "Cache item %llu has no active references and cannot be unmapped.\n", to_ull(index));
+    KVFS_ERROR_AS(kvfs_fork_unmap, "Cache item %llu has no active references and cannot be unmapped.\n", to_ull(index));
   } else {
     --item->references;
     *pointer = nullptr;
@@ -778,24 +773,23 @@ static kvfs_result drop_reference(kvfs_fork_cache_item* item, std::uint64_t inde
   }
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item %p!\n", static_cast<void*>(item));
+    KVFS_CRITICAL_AS(kvfs_fork_unmap, "Unexpected - Error while unlocking item %p!\n", static_cast<void*>(item));
   }
   return kvfs_result_keep(result, unlocked);
 }
 
 static kvfs_result check_unmap_range(kvfs_fork* fork, std::uint64_t offset, std::size_t length, item_range items) {
-  static const char* const kFunction = "kvfs_fork_unmap";
   if (!is_inside(fork, offset, length)) {
     KVFS_CRITICAL_AS(
-        kFunction,
+        kvfs_fork_unmap,
         "Attempted to unmap region outside allocated fork size! Offset: %llu, Length: %llu, fork data size: %llu\n",
         to_ull(offset), to_ull(length), to_ull(fork->priv->logical_size));
     return kvfs_invalid;
   }
-  const kvfs_result result = check_item_numbers(kFunction, fork, items);
+  const kvfs_result result = check_item_numbers(KVFS_NAME_OF(kvfs_fork_unmap), fork, items);
   if (result == kvfs_ok && items.first != items.last) {
     KVFS_ERROR_AS(
-        kFunction,
+        kvfs_fork_unmap,
         "Cannot unmap region crossing cache item borders (offset: %llu, length: %zu, first_cache_item: %llu, last_cache_item: %llu).\n",
         to_ull(offset), length, to_ull(items.first), to_ull(items.last));
     return kvfs_invalid;
@@ -831,10 +825,9 @@ kvfs_result kvfs_fork_unmap(kvfs_fork* fork, std::uint64_t offset, void** pointe
 // Copies bytes out of an item and takes one reference off it, in the name of kvfs_fork_read.
 static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset_in_item, void* buffer,
                                   std::size_t length) {
-  static const char* const kFunction = "kvfs_fork_read";
   kvfs_write_guard guard(item->item_lock);
   if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while write-locking cur_item's item lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_read, "Error while write-locking cur_item's item lock.\n");
     return guard.result();
   }
   if (length != 0) {  // a caller of nothing may have no buffer
@@ -842,16 +835,17 @@ static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset
   }
   if (item->references == 0) {
     KVFS_CRITICAL_AS(
-        kFunction, "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
+        kvfs_fork_read,
+        "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
     if (guard.release() != kvfs_ok) {
-      KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking items lock.\n");  // Q-fork-14
+      KVFS_CRITICAL_AS(kvfs_fork_read, "Unexpected - Error while unlocking items lock.\n");  // Q-fork-14
     }
     return kvfs_internal;
   }
   --item->references;
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking cur_item's item lock.\n");
+    KVFS_CRITICAL_AS(kvfs_fork_read, "Unexpected - Error while unlocking cur_item's item lock.\n");
   }
   return unlocked;
 }
@@ -859,13 +853,12 @@ static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset
 // Copies a range that the cache holds; the caller holds items_lock.
 static kvfs_result copy_from_items(kvfs_fork* fork, item_range items, std::uint64_t offset, unsigned char* buffer,
                                    std::size_t length) {
-  static const char* const kFunction = "kvfs_fork_read";
   std::size_t offset_in_item = static_cast<std::size_t>(offset % fork->priv->item_size);
   std::size_t remaining = length;
   for (std::uint64_t index = items.first; index <= items.last; ++index) {
     kvfs_fork_cache_item* const item = item_at(fork, index);
     if (item == nullptr) {
-      KVFS_CRITICAL_AS(kFunction, "Unexpected - Requested cache item %zu does not exist.\n",
+      KVFS_CRITICAL_AS(kvfs_fork_read, "Unexpected - Requested cache item %zu does not exist.\n",
                        static_cast<std::size_t>(index));
       return kvfs_internal;
     }
@@ -878,7 +871,7 @@ static kvfs_result copy_from_items(kvfs_fork* fork, item_range items, std::uint6
     offset_in_item = 0;
   }
   if (remaining != 0) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - %zu bytes still remaining to be read!\n", remaining);
+    KVFS_CRITICAL_AS(kvfs_fork_read, "Unexpected - %zu bytes still remaining to be read!\n", remaining);
     return kvfs_internal;
   }
   return kvfs_ok;
@@ -934,7 +927,6 @@ struct write_range {
 
 // Reads the blocks that a write overwrites only in part.
 static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
-  static const char* const kFunction = "kvfs_fork_write";
   const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
   const std::uint64_t end = range->offset + range->length;
   const std::uint64_t aligned_start = range->offset / unit * unit;
@@ -942,7 +934,7 @@ static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
   if (range->offset != aligned_start) {
     const kvfs_result result = kvfs_fork_read_into_cache(fork, range->offset, aligned_start + unit - range->offset);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kFunction, "Error while reading first block in write range into cache.\n");
+      KVFS_ERROR_AS(kvfs_fork_write, "Error while reading first block in write range into cache.\n");
       return result;
     }
     range->first_block_read = true;
@@ -950,7 +942,7 @@ static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
   if (end != aligned_end) {
     const kvfs_result result = kvfs_fork_read_into_cache(fork, end, aligned_end - end);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kFunction, "Error while reading last block in write range into cache.\n");
+      KVFS_ERROR_AS(kvfs_fork_write, "Error while reading last block in write range into cache.\n");
       return result;
     }
     range->last_block_read = true;
@@ -982,7 +974,7 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
 // Gives back the reference that reading in a partly overwritten block has added.
 static kvfs_result return_reference(kvfs_fork_cache_item* item) {
   if (item->references == 0) {
-    KVFS_CRITICAL_AS("kvfs_fork_write",
+    KVFS_CRITICAL_AS(kvfs_fork_write,
                      "Unexpected - Cache item that we just copied to has no references (should have at least one)!\n");
     return kvfs_internal;
   }
@@ -1019,16 +1011,15 @@ static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, con
 
 // Writes to the items with dirty_lock held; the caller holds items_lock for writing.
 static kvfs_result write_dirty_locked(kvfs_fork* fork, const write_range& range, const unsigned char* bytes) {
-  static const char* const kFunction = "kvfs_fork_write";
   kvfs_write_guard guard(fork->priv->dirty_lock);
   if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while write-locking dirty lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_write, "Error while write-locking dirty lock.\n");
     return guard.result();
   }
   const kvfs_result result = write_to_items(fork, range, bytes);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking dirty lock!\n");
+    KVFS_CRITICAL_AS(kvfs_fork_write, "Unexpected - Error while unlocking dirty lock!\n");
   }
   return kvfs_result_keep(result, unlocked);
 }
@@ -1087,7 +1078,7 @@ static kvfs_result write_pattern(kvfs_fork* fork, std::uint64_t offset, std::uin
     const std::uint64_t start = offset + *done;
     const kvfs_result result = kvfs_fork_write(fork, start, pattern, part, nullptr);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS("kvfs_fork_fill", "Error while filling range [%llu-%llu] (%zu bytes) with byte 0x%X.\n",
+      KVFS_ERROR_AS(kvfs_fork_fill, "Error while filling range [%llu-%llu] (%zu bytes) with byte 0x%X.\n",
                     to_ull(start), to_ull(start + part), part, static_cast<unsigned>(pattern[0]));
       return result;
     }
@@ -1161,7 +1152,7 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
   const std::uint64_t end_of_sectors = kvfs_divide_rounding_up(end, sector_size) * sector_size;
   const std::uint64_t end_of_blocks = kvfs_divide_rounding_up(end, block_size) * block_size;
   if (device_offset % sector_size != 0 || fork_offset % sector_size != 0 || end_of_sectors > end_of_blocks) {
-    KVFS_ERROR_AS("kvfs_fork_flush_internal", "Piece of %llu bytes at device offset %llu is not of whole sectors.\n",
+    KVFS_ERROR_AS(kvfs_fork_flush_internal, "Piece of %llu bytes at device offset %llu is not of whole sectors.\n",
                   to_ull(length), to_ull(device_offset));
     return kvfs_inconsistent;
   }
@@ -1169,15 +1160,14 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
 }
 
 static kvfs_result check_item_bitmaps(const kvfs_fork* fork, const kvfs_fork_cache_item* item) {
-  static const char* const kFunction = "kvfs_fork_process_write_io";
   const std::size_t expected = bitmap_size(fork->priv->item_size, fork->priv->modificationBitmapBlockSize);
   if (item->valid_bitmap_size != expected) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected valid bitmap size: %zu (expected %zu).\n", item->valid_bitmap_size,
-                     expected);
+    KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Unexpected valid bitmap size: %zu (expected %zu).\n",
+                     item->valid_bitmap_size, expected);
     return kvfs_internal;
   }
   if (item->modification_bitmap_size != expected) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected modification bitmap size: %zu (expected %zu).\n",
+    KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Unexpected modification bitmap size: %zu (expected %zu).\n",
                      item->modification_bitmap_size, expected);
     return kvfs_internal;
   }
@@ -1187,9 +1177,8 @@ static kvfs_result check_item_bitmaps(const kvfs_fork* fork, const kvfs_fork_cac
 // Writes sectors of one block of an item to the place in the piece that `position` names.
 static kvfs_result write_block_sectors(const flush_piece& piece, const kvfs_fork_cache_item* item,
                                        std::uint64_t item_index, std::uint64_t block, std::uint64_t count) {
-  static const char* const kFunction = "kvfs_fork_process_write_io";
   if (count > kMaximum32) {
-    KVFS_CRITICAL_AS(kFunction, "Overflow in number of sectors to write: %llu\n", to_ull(count));
+    KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Overflow in number of sectors to write: %llu\n", to_ull(count));
     return kvfs_internal;
   }
   const kvfs_fork_private* const priv = piece.flush->fork->priv;
@@ -1198,8 +1187,9 @@ static kvfs_result write_block_sectors(const flush_piece& piece, const kvfs_fork
   const kvfs_result result =
       kvfs_device_write_disk_sectors(priv->device, sector, static_cast<std::uint32_t>(count), bytes);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while writing disk sectors for item %llu block %zu to sector %llu.\n",
-                  to_ull(item_index), static_cast<std::size_t>(block), to_ull(sector));
+    KVFS_ERROR_AS(kvfs_fork_process_write_io,
+                  "Error while writing disk sectors for item %llu block %zu to sector %llu.\n", to_ull(item_index),
+                  static_cast<std::size_t>(block), to_ull(sector));
   }
   return result;
 }
@@ -1238,7 +1228,6 @@ static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* i
 // Writes the modified blocks of one item with its lock held and takes the item off the dirty count once it is clean.
 static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, std::uint64_t item_index,
                               std::uint64_t end) {
-  static const char* const kFunction = "kvfs_fork_process_write_io";
   kvfs_fork* const fork = piece->flush->fork;
   kvfs_result result = check_item_bitmaps(fork, item);
   if (result != kvfs_ok) {
@@ -1246,13 +1235,13 @@ static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, st
   }
   kvfs_write_guard guard(item->item_lock);
   if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kFunction, "Error while write-locking item's item lock.\n");
+    KVFS_ERROR_AS(kvfs_fork_process_write_io, "Error while write-locking item's item lock.\n");
     return guard.result();
   }
   result = write_item_blocks(piece, item, item_index, end);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kFunction, "Unexpected - Error while unlocking item's item lock.\n");
+    KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Unexpected - Error while unlocking item's item lock.\n");
   }
   count_out_if_clean(fork, item);
   return kvfs_result_keep(result, unlocked);
@@ -1264,7 +1253,7 @@ static kvfs_result flush_piece_items(flush_piece* piece) {
   while (piece->position < piece->sectors) {
     const std::uint64_t index = piece_offset(*piece) / priv->item_size;
     if (index > priv->items_length) {
-      KVFS_CRITICAL_AS("kvfs_fork_process_write_io", "Item index (%zu) out of bounds (maximum value: %zu).\n",
+      KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Item index (%zu) out of bounds (maximum value: %zu).\n",
                        static_cast<std::size_t>(index), std::size_t{priv->items_length});
       return kvfs_internal;
     }
@@ -1316,22 +1305,23 @@ static std::uint32_t lowest_set_bit(std::uint64_t value, std::uint32_t width) {
 
 // Sectors and blocks are counted by shifts, which needs powers of two here and nowhere else (Q-fork-10).
 static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t transfer_unit) {
-  static const char* const kFunction = "kvfs_fork_flush_internal";
   if (!std::has_single_bit(sector_size)) {
-    KVFS_CRITICAL_AS(kFunction, "Sector size is not a power of two: %lu\n", to_ul(sector_size));
+    KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Sector size is not a power of two: %lu\n", to_ul(sector_size));
     return kvfs_internal;
   }
   if (!std::has_single_bit(transfer_unit)) {
-    KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size is not a power of two: %llu\n", to_ull(transfer_unit));
+    KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Modification bitmap block size is not a power of two: %llu\n",
+                     to_ull(transfer_unit));
     return kvfs_internal;
   }
   if (transfer_unit < sector_size) {
-    KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n",
+    KVFS_CRITICAL_AS(kvfs_fork_flush_internal,
+                     "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n",
                      to_ull(transfer_unit), to_ul(sector_size));
     return kvfs_internal;
   }
   if (transfer_unit > fork->priv->item_size) {
-    KVFS_CRITICAL_AS(kFunction, "Modification bitmap block size (%llu) is larger than a cache item.\n",
+    KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Modification bitmap block size (%llu) is larger than a cache item.\n",
                      to_ull(transfer_unit));
     return kvfs_inconsistent;
   }
@@ -1339,7 +1329,6 @@ static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector
 }
 
 static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_fork_write_context* flush) {
-  static const char* const kFunction = "kvfs_fork_flush_internal";
   constexpr std::uint32_t kSectorBits = sizeof(std::uint32_t) * 8;
   constexpr std::uint32_t kUnitBits = sizeof(std::size_t) * 8;
   const std::uint32_t sector_size = fork->priv->device->sector_size;
@@ -1351,7 +1340,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   const std::uint32_t sector_shift = lowest_set_bit(sector_size, kSectorBits);
   if (sector_shift == kSectorBits) {
     KVFS_CRITICAL_AS(
-        kFunction,
+        kvfs_fork_flush_internal,
         "Failed to translate sector size to bitshift quantity. This should never happen. i=%llu (sizeof(u32) * 8)=%llu SectorSize=%llu\n",
         to_ull(sector_shift), to_ull(kSectorBits), to_ull(sector_size));
     return kvfs_internal;
@@ -1359,7 +1348,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   const std::uint32_t unit_shift = lowest_set_bit(unit, kUnitBits);
   if (unit_shift == kUnitBits) {
     KVFS_CRITICAL_AS(
-        kFunction,
+        kvfs_fork_flush_internal,
         "Failed to translate modification bitmap block size to bitshift quantity. This should never happen. i=%llu (sizeof(size_t) * 8)=%llu modificationBitmapBlockSize=%llu\n",
         to_ull(unit_shift), to_ull(kUnitBits), to_ull(unit));
     return kvfs_internal;
@@ -1449,13 +1438,13 @@ static bool is_in_volume_header(std::uint32_t cnid) {
 
 // Refuses volumes without an allocation file (X-bitmap-1), and the allocation file itself while its bits are in use
 // (X-fork-7).
-static kvfs_result check_resizable(const char* function, const kvfs_fork* fork, const kvfs_volume* volume) {
+static kvfs_result check_resizable(const char* speaker, const kvfs_fork* fork, const kvfs_volume* volume) {
   if (volume->bitmap == nullptr) {
-    KVFS_ERROR_AS(function, "The volume was opened without its allocation file.\n");
+    KVFS_ERROR_BY(speaker, "The volume was opened without its allocation file.\n");
     return kvfs_invalid;
   }
   if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
-    KVFS_ERROR_AS(function, "The allocation file in use cannot be resized.\n");
+    KVFS_ERROR_BY(speaker, "The allocation file in use cannot be resized.\n");
     return kvfs_limit;
   }
   return kvfs_ok;
@@ -1487,18 +1476,18 @@ static void store_fork_data(const fork_resize& resize, const HFSPlusForkData& fo
 }
 
 // Allocates the arrays of the new size, before anything that would have to be undone (X-fork-12).
-static kvfs_result allocate_resized_arrays(const char* function, fork_resize* resize) {
+static kvfs_result allocate_resized_arrays(const char* speaker, fork_resize* resize) {
   const std::size_t length = static_cast<std::size_t>(kvfs_max<std::uint64_t>(resize->items_length, 1));
   resize->items.reset(static_cast<kvfs_fork_cache_item**>(std::calloc(length, sizeof(kvfs_fork_cache_item*))));
   if (!resize->items) {
-    KVFS_ERROR_AS(function, "Error while allocating new items array.\n");
+    KVFS_ERROR_BY(speaker, "Error while allocating new items array.\n");
     return kvfs_no_memory;
   }
   const std::size_t count = kvfs_max(resize->fork->priv->fork_extents_count, kHFSPlusExtentDensity);
   const std::size_t size = count * sizeof(HFSPlusExtentDescriptor);
   resize->extents.reset(static_cast<HFSPlusExtentDescriptor*>(std::malloc(size)));
   if (!resize->extents) {
-    KVFS_ERROR_AS(function, "Error while allocating %zu bytes for the new extents.\n", size);
+    KVFS_ERROR_BY(speaker, "Error while allocating %zu bytes for the new extents.\n", size);
     return kvfs_no_memory;
   }
   return kvfs_ok;
@@ -1588,21 +1577,20 @@ static void apply_resize(fork_resize* resize) {
 
 // ---- Growing -------------------------------------------------------------------------------------------------------
 
-static const char kExpandFunction[] = "kvfs_fork_expand";
-
 static kvfs_result check_expanded_size(const fork_resize& resize) {
   const std::uint64_t items_size = resize.items_length * sizeof(kvfs_fork_cache_item*);
   if (resize.items_length < resize.fork->priv->items_length) {
-    KVFS_CRITICAL_AS(kExpandFunction, "Internal error: New items array is smaller than old items array.\n");
+    KVFS_CRITICAL_AS(kvfs_fork_expand, "Internal error: New items array is smaller than old items array.\n");
     return kvfs_internal;
   }
   if (resize.total_blocks > kMaximum32) {
-    KVFS_ERROR_AS(kExpandFunction, "Cannot expand fork beyond 2^32 blocks (attempted to expand fork to %llu blocks).\n",
+    KVFS_ERROR_AS(kvfs_fork_expand,
+                  "Cannot expand fork beyond 2^32 blocks (attempted to expand fork to %llu blocks).\n",
                   to_ull(resize.total_blocks));
     return kvfs_limit;
   }
   if (items_size > kMaximum32) {
-    KVFS_CRITICAL_AS(kExpandFunction, "size_t overflow in new_items_size (%llu).\n", to_ull(items_size));
+    KVFS_CRITICAL_AS(kvfs_fork_expand, "size_t overflow in new_items_size (%llu).\n", to_ull(items_size));
     return kvfs_internal;
   }
   return kvfs_ok;
@@ -1610,7 +1598,7 @@ static kvfs_result check_expanded_size(const fork_resize& resize) {
 
 // Writes the modified blocks from the new end of the fork on. A fork that grows has none there
 // (X-fork-10).
-static kvfs_result flush_trailing_part(const char* function, const fork_resize& resize) {
+static kvfs_result flush_trailing_part(const char* speaker, const fork_resize& resize) {
   const std::uint64_t end = new_logical_size(resize);
   const std::uint64_t logical_size = resize.fork->priv->logical_size;
   if (end >= logical_size) {
@@ -1618,7 +1606,7 @@ static kvfs_result flush_trailing_part(const char* function, const fork_resize& 
   }
   const kvfs_result result = kvfs_fork_flush_internal(resize.fork, end, logical_size - end);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(function, "Error while flushing trailing part of fork.\n");
+    KVFS_ERROR_BY(speaker, "Error while flushing trailing part of fork.\n");
   }
   return result;
 }
@@ -1628,14 +1616,14 @@ static kvfs_result claim_run(fork_resize* resize, const kvfs_allocation_location
   HFSPlusForkData changed = resize->saved;
   kvfs_result result = UpdateForkExtents(&changed, &run);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while updating fork extents.\n");
+    KVFS_ERROR_AS(kvfs_fork_expand, "Error while updating fork extents.\n");
     return result;
   }
   store_fork_data(*resize, changed);
   take_extents(resize, changed);
   result = AllocateExtentAllocationBlocks(run.start_block, run.block_count, resize->volume);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction,
+    KVFS_ERROR_AS(kvfs_fork_expand,
                   "Error while marking %lu blocks starting at block %lu as allocated in the allocation file.\n",
                   to_ul(run.block_count), to_ul(run.start_block));
     store_fork_data(*resize, resize->saved);
@@ -1653,10 +1641,10 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
   set_total_blocks(&resize, std::uint64_t{resize.saved.totalBlocks.get()} + clump_blocks);
   kvfs_result result = check_expanded_size(resize);
   if (result == kvfs_ok) {
-    result = flush_trailing_part(kExpandFunction, resize);
+    result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_expand), resize);
   }
   if (result == kvfs_ok) {
-    result = allocate_resized_arrays(kExpandFunction, &resize);
+    result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_expand), &resize);
   }
   if (result == kvfs_ok) {
     result = claim_run(&resize, run);
@@ -1681,21 +1669,21 @@ static bool is_at_end(const kvfs_fork* fork, const kvfs_allocation_location& run
 // Finds the blocks for a fork to grow by.
 static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump, kvfs_allocation_location* run) {
   kvfs_fork_private* const priv = fork->priv;
-  kvfs_result result = check_resizable(kExpandFunction, fork, volume);
+  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_expand), fork, volume);
   if (result != kvfs_ok) {
     return result;
   }
   result = FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kExpandFunction, "Error while searching for write location for expanded fork.\n");
+    KVFS_ERROR_AS(kvfs_fork_expand, "Error while searching for write location for expanded fork.\n");
     return result;
   }
   if (run->block_count == 0 && run->extent_index < kHFSPlusExtentDensity) {  // beyond, the extents are the limit
-    KVFS_ERROR_AS(kExpandFunction, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
+    KVFS_ERROR_AS(kvfs_fork_expand, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
     return kvfs_limit;
   }
   if (!is_at_end(fork, *run)) {
-    KVFS_ERROR_AS(kExpandFunction, "The logical size of the fork ends before its last extent.\n");
+    KVFS_ERROR_AS(kvfs_fork_expand, "The logical size of the fork ends before its last extent.\n");
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -1733,8 +1721,6 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 
 // ---- Shrinking -----------------------------------------------------------------------------------------------------
 
-static const char kShrinkFunction[] = "kvfs_fork_shrink";
-
 // Cuts the extents of a fork data at a number of blocks.
 static void cut_extents(HFSPlusForkData* fork_data, std::uint64_t total_blocks) {
   std::uint64_t position = 0;
@@ -1756,12 +1742,12 @@ static kvfs_result free_cut_blocks(const fork_resize& resize, std::uint32_t bloc
   std::uint32_t freed = 0;
   const kvfs_result result = FreeExtentAllocationBlocks(&resize.saved, first, blocks, resize.volume->bitmap, &freed);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kShrinkFunction, "Error while freeing %lu blocks in fork starting at block %lu.\n", to_ul(blocks),
+    KVFS_ERROR_AS(kvfs_fork_shrink, "Error while freeing %lu blocks in fork starting at block %lu.\n", to_ul(blocks),
                   to_ul(first));
     return result;
   }
   if (freed != blocks) {
-    KVFS_ERROR_AS(kShrinkFunction, "Unable to free all allocated blocks. Freed %lu / %lu blocks.\n", to_ul(freed),
+    KVFS_ERROR_AS(kvfs_fork_shrink, "Unable to free all allocated blocks. Freed %lu / %lu blocks.\n", to_ul(freed),
                   to_ul(blocks));
     return kvfs_internal;
   }
@@ -1791,12 +1777,12 @@ static kvfs_result shrink_locked(kvfs_fork* fork, kvfs_volume* volume, std::uint
   const std::uint32_t old_total = resize.saved.totalBlocks.get();
   set_total_blocks(&resize, blocks > old_total ? kMaximum32 + 1 : old_total - blocks);
   if (resize.total_blocks > old_total || resize.items_length > fork->priv->items_length) {
-    KVFS_CRITICAL_AS(kShrinkFunction, "Internal error: New items array is larger than old items array.\n");
+    KVFS_CRITICAL_AS(kvfs_fork_shrink, "Internal error: New items array is larger than old items array.\n");
     return kvfs_internal;
   }
-  kvfs_result result = flush_trailing_part(kShrinkFunction, resize);
+  kvfs_result result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_shrink), resize);
   if (result == kvfs_ok) {
-    result = allocate_resized_arrays(kShrinkFunction, &resize);
+    result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_shrink), &resize);
   }
   if (result == kvfs_ok) {
     result = release_cut_blocks(&resize, blocks);
@@ -1814,7 +1800,7 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
         to_ul(fork->priv->cnid));
     return kvfs_internal;
   }
-  kvfs_result result = check_resizable(kShrinkFunction, fork, volume);
+  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_shrink), fork, volume);
   if (result != kvfs_ok) {
     return result;
   }

@@ -92,12 +92,12 @@ struct utf8_buffer {
 
 // The conversion pass. Surrogates are checked again, because the byte order may turn other units into them.
 // An unknown order is found at the first unit (Q-unicode-8).
-kvfs_result encode_utf8(const char* function, const std::uint16_t* units, std::size_t count, std::int32_t byte_order,
+kvfs_result encode_utf8(const char* speaker, const std::uint16_t* units, std::size_t count, std::int32_t byte_order,
                         utf8_buffer* out) {
   std::uint16_t high = 0;
   for (std::size_t i = 0; i < count && units[i] != 0; ++i) {
     if (byte_order != kUnicodeHostOrder && byte_order != kUnicodeBigEndian && byte_order != kUnicodeLittleEndian) {
-      KVFS_ERROR_AS(function, "Unrecognized endianness: %d\n", static_cast<int>(byte_order));
+      KVFS_ERROR_BY(speaker, "Unrecognized endianness: %d\n", static_cast<int>(byte_order));
       return kvfs_invalid;
     }
     const std::uint16_t unit = in_host_order(units[i], byte_order);
@@ -110,7 +110,7 @@ kvfs_result encode_utf8(const char* function, const std::uint16_t* units, std::s
     }
     if (!out->append(high != 0 ? joined_surrogates(high, unit) : unit)) {
       // X-unicode-1: the sizing pass saw the units in another byte order, in which they are shorter.
-      KVFS_ERROR_AS(function, "Text in byte order %d needs more than the %zu bytes sized for it.\n",
+      KVFS_ERROR_BY(speaker, "Text in byte order %d needs more than the %zu bytes sized for it.\n",
                     static_cast<int>(byte_order), out->capacity);
       return kvfs_inconsistent;
     }
@@ -267,7 +267,7 @@ void append_code_point(std::uint32_t value, utf16_buffer* out) {
 // The conversion pass. A character that takes no bytes is stored before it ends the text, so that the count of units
 // differs from the one that was sized: a zero byte adds a unit, a value that is no code point costs what follows it
 // (Q-unicode-11).
-kvfs_result decode_utf8(const char* function, utf8_text text, std::size_t expected, utf16_buffer* out) {
+kvfs_result decode_utf8(const char* speaker, utf8_text text, std::size_t expected, utf16_buffer* out) {
   while (!text.empty()) {
     utf8_character character{};
     if (!decode_character(text, &character)) {
@@ -283,7 +283,7 @@ kvfs_result decode_utf8(const char* function, utf8_text text, std::size_t expect
     out->units[out->count] = 0;
   }
   if (out->count != expected) {
-    KVFS_ERROR_AS(function, "Internal error - Filled length is not as expected. Expected: %d Actual: %zd\n",
+    KVFS_ERROR_BY(speaker, "Internal error - Filled length is not as expected. Expected: %d Actual: %zd\n",
                   static_cast<int>(expected), static_cast<std::make_signed_t<std::size_t>>(out->count));
     return kvfs_internal;
   }
@@ -291,15 +291,15 @@ kvfs_result decode_utf8(const char* function, utf8_text text, std::size_t expect
 }
 
 // Checks the buffer that a caller supplies for `expected` units.
-kvfs_result check_utf16_buffer(const char* function, std::uint16_t* const* outs, const std::size_t* outs_len,
+kvfs_result check_utf16_buffer(const char* speaker, std::uint16_t* const* outs, const std::size_t* outs_len,
                                std::size_t expected) {
   if (outs_len == nullptr) {
-    KVFS_ERROR_AS(function, "Preallocated 'outs', but no 'outs_len' specified. *outs=%p outs_len=%p\n",
+    KVFS_ERROR_BY(speaker, "Preallocated 'outs', but no 'outs_len' specified. *outs=%p outs_len=%p\n",
                   static_cast<const void*>(*outs), static_cast<const void*>(outs_len));
     return kvfs_invalid;
   }
   if (*outs_len < expected) {
-    KVFS_ERROR_AS(function,
+    KVFS_ERROR_BY(speaker,
                   "Preallocated buffer is too small to hold the UTF-16 result. *outs_len (%zu) < shorts (%d)\n",
                   *outs_len, static_cast<int>(expected));
     return kvfs_invalid;
@@ -308,12 +308,12 @@ kvfs_result check_utf16_buffer(const char* function, std::uint16_t* const* outs,
 }
 
 // Allocates room for `count` units and a zero unit, or logs and returns null.
-std::uint16_t* allocate_utf16(const char* function, std::size_t count) {
+std::uint16_t* allocate_utf16(const char* speaker, std::size_t count) {
   constexpr std::size_t kMostUnits = SIZE_MAX / sizeof(std::uint16_t);
   const std::size_t size = count < kMostUnits ? (count + 1) * sizeof(std::uint16_t) : SIZE_MAX;
   std::uint16_t* const units = count < kMostUnits ? static_cast<std::uint16_t*>(std::malloc(size)) : nullptr;
   if (units == nullptr) {
-    KVFS_ERROR_AS(function, "Error while allocating %zu bytes for UTF-16 result.\n", size);
+    KVFS_ERROR_BY(speaker, "Error while allocating %zu bytes for UTF-16 result.\n", size);
   }
   return units;
 }

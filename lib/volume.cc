@@ -27,8 +27,6 @@ struct volume_parts {
   kvfs_catalog_search_result root;
 };
 
-static const char kSetupFunction[] = "kvfs_volume_setup";
-
 static void close_files(kvfs_bitmap** bitmap, kvfs_btree** attributes, kvfs_catalog** catalog, kvfs_extents** extents) {
   if (*bitmap != nullptr) {
     kvfs_bitmap_destroy(bitmap);
@@ -57,7 +55,7 @@ static void undo_setup(volume_parts* parts) {
 static kvfs_result read_header(kvfs_device* device, volume_parts* parts) {
   const std::uint64_t sector_size = device->sector_size;
   if (sector_size == 0) {  // X-device-1
-    KVFS_ERROR_AS(kSetupFunction, "Device has a sector size of 0.\n");
+    KVFS_ERROR_AS(kvfs_volume_setup, "Device has a sector size of 0.\n");
     return kvfs_invalid;
   }
   const std::uint64_t offset = kVolumeHeaderOffset % sector_size;
@@ -66,7 +64,7 @@ static kvfs_result read_header(kvfs_device* device, volume_parts* parts) {
   const kvfs_result result = kvfs_device_read_disk_sectors(device, kVolumeHeaderOffset / sector_size,
                                                            static_cast<std::uint32_t>(count), &buffer);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetupFunction, "Error while reading volume header disk sector%s.\n", count >= 2 ? "s" : "");
+    KVFS_ERROR_AS(kvfs_volume_setup, "Error while reading volume header disk sector%s.\n", count >= 2 ? "s" : "");
     return result;
   }
   parts->sector_buffer = static_cast<unsigned char*>(buffer);
@@ -85,25 +83,25 @@ static const char* variant_of(const HFSPlusVolumeHeader* header) {
     return "X";
   }
   // Decimal digits behind "0x": Q-volume-1.
-  KVFS_ERROR_AS(kSetupFunction, "Invalid signature word for HFS+ volume: 0x%hu\n", signature);
+  KVFS_ERROR_AS(kvfs_volume_setup, "Invalid signature word for HFS+ volume: 0x%hu\n", signature);
   return nullptr;
 }
 
 static kvfs_result open_files(kvfs_device* device, int skip_allocation_file, const char* variant, volume_parts* parts) {
   kvfs_result result = kvfs_extents_create(device, parts->header, &parts->extents);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetupFunction, "Error while loading extents overflow file from HFS%s volume.\n", variant);
+    KVFS_ERROR_AS(kvfs_volume_setup, "Error while loading extents overflow file from HFS%s volume.\n", variant);
     return result;
   }
   result = kvfs_catalog_create(device, parts->extents, parts->header, &parts->catalog);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetupFunction, "Error while loading catalog file.\n");
+    KVFS_ERROR_AS(kvfs_volume_setup, "Error while loading catalog file.\n");
     return result;
   }
   if (skip_allocation_file == 0) {
     result = kvfs_bitmap_create(parts->header, device, parts->extents, &parts->bitmap);
     if (result != kvfs_ok) {
-      KVFS_ERROR_AS(kSetupFunction, "Unable to load allocation file.\n");
+      KVFS_ERROR_AS(kvfs_volume_setup, "Unable to load allocation file.\n");
     }
   }
   return result;
@@ -112,15 +110,16 @@ static kvfs_result open_files(kvfs_device* device, int skip_allocation_file, con
 static kvfs_result find_root_folder(volume_parts* parts) {
   const kvfs_result result = kvfs_catalog_search_by_cnid(parts->catalog, kHFSRootFolderID, true, &parts->root);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetupFunction, "Error while looking up root directory.\n");
+    KVFS_ERROR_AS(kvfs_volume_setup, "Error while looking up root directory.\n");
     return result;
   }
   if (parts->root.locator == nullptr) {
-    KVFS_CRITICAL_AS(kSetupFunction, "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error.\n");
+    KVFS_CRITICAL_AS(kvfs_volume_setup,
+                     "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error.\n");
     return kvfs_internal;
   }
   if (parts->root.found == 0) {
-    KVFS_ERROR_AS(kSetupFunction, "Root directory not found!\n");
+    KVFS_ERROR_AS(kvfs_volume_setup, "Root directory not found!\n");
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -130,7 +129,7 @@ static kvfs_result find_root_folder(volume_parts* parts) {
 static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* priv) {
   const kvfs_btree_record_locator* const record = parts.root.locator->btree_locator;
   if (record->key_length < kHFSPlusCatalogKeyNameOffset) {
-    KVFS_ERROR_AS(kSetupFunction, "Key of root directory is too short for a name (%lu bytes).\n",
+    KVFS_ERROR_AS(kvfs_volume_setup, "Key of root directory is too short for a name (%lu bytes).\n",
                   to_ul(record->key_length));
     return kvfs_inconsistent;
   }
@@ -138,11 +137,11 @@ static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* pr
   const std::uint16_t length = name->length.get();
   if (length > kHFSPlusMaxNameLength) {
     // Without a line feed, so that the caller's message goes on in the same line: Q-log-2.
-    KVFS_ERROR_AS(kSetupFunction, "Invalid volume label length: %hu", length);
+    KVFS_ERROR_AS(kvfs_volume_setup, "Invalid volume label length: %hu", length);
     return kvfs_inconsistent;
   }
   if (record->key_length - kHFSPlusCatalogKeyNameOffset < length * sizeof(kvfs_be16)) {
-    KVFS_ERROR_AS(kSetupFunction, "Volume label of %hu units does not fit its key (%lu bytes).\n", length,
+    KVFS_ERROR_AS(kvfs_volume_setup, "Volume label of %hu units does not fit its key (%lu bytes).\n", length,
                   to_ul(record->key_length));
     return kvfs_inconsistent;
   }
@@ -171,7 +170,7 @@ static kvfs_result open_parts(kvfs_device* device, int skip_allocation_file, vol
   }
   result = kvfs_rwlock_create(&parts->lock);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetupFunction, "Error while creating volume lock.\n");
+    KVFS_ERROR_AS(kvfs_volume_setup, "Error while creating volume lock.\n");
     return result;
   }
   return read_label(*parts, priv);
@@ -253,28 +252,26 @@ kvfs_result kvfs_volume_flush(kvfs_volume* volume) {
 
 // ---- Label ---------------------------------------------------------------------------------------------------------
 
-static const char kSetLabelFunction[] = "kvfs_volume_set_label";
-
 // Renames the root folder; the locator of `root` is consumed unless the rename failed early.
 static kvfs_result rename_root_folder(kvfs_volume* volume, const kvfs_be16* units, std::size_t length,
                                       kvfs_catalog_search_result* root) {
   kvfs_result result = kvfs_catalog_search_by_cnid(volume->catalog, kHFSRootFolderID, true, root);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetLabelFunction, "Error while looking up catalog record of root directory.\n");
+    KVFS_ERROR_AS(kvfs_volume_set_label, "Error while looking up catalog record of root directory.\n");
     return result;
   }
   if (root->locator == nullptr) {
-    KVFS_CRITICAL_AS(kSetLabelFunction,
+    KVFS_CRITICAL_AS(kvfs_volume_set_label,
                      "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error.\n");
     return kvfs_internal;
   }
   if (root->found == 0) {
-    KVFS_ERROR_AS(kSetLabelFunction, "Could not find catalog record of root directory.\n");
+    KVFS_ERROR_AS(kvfs_volume_set_label, "Could not find catalog record of root directory.\n");
     return kvfs_inconsistent;
   }
   result = kvfs_catalog_rename_record(volume->catalog, &root->locator, kvfs_be32::of(kHFSRootParentID), units, length);
   if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kSetLabelFunction, "Error while renaming record.\n");
+    KVFS_ERROR_AS(kvfs_volume_set_label, "Error while renaming record.\n");
   }
   return result;
 }
