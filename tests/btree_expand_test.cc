@@ -12,7 +12,7 @@
 #include "allocation_fixture.h"
 #include "big_endian.h"
 #include "btree.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "extents.h"
 #include "log_capture.h"
 #include "volume_checker.h"

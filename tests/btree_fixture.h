@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "btree.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "device.h"
 #include "fault_injection.h"
 #include "format.h"

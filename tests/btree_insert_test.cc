@@ -8,7 +8,7 @@
 
 #include "big_endian.h"
 #include "btree_change_fixture.h"
-#include "fork_private.h"
+#include "fork/private.h"
 
 namespace kvfs_test {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "big_endian.h"
 #include "btree_fixture.h"
-#include "fork_private.h"
+#include "fork/private.h"
 #include "support.h"
 
 namespace kvfs_test {

@@ -14,7 +14,7 @@
 
 #include "big_endian.h"
 #include "btree_fixture.h"
-#include "fork_private.h"
+#include "fork/private.h"
 #include "support.h"
 
 #if defined(__SANITIZE_ADDRESS__)

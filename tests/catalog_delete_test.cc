@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog.h"
 #include "fork.h"
 #include "item_fixture.h"

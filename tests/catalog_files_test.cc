@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "big_endian.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog.h"
 #include "item_fixture.h"
 #include "log_capture.h"

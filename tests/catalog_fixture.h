@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "catalog.h"
-#include "catalog_private.h"
+#include "catalog/private.h"
 #include "extents.h"
 #include "fault_injection.h"
 #include "format.h"

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog.h"
 #include "catalog_fixture.h"
 #include "fault_injection.h"

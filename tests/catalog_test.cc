@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog_fixture.h"
-#include "catalog_private.h"
+#include "catalog/private.h"
 #include "fault_injection.h"
 #include "log_capture.h"
 #include "stored_names.h"

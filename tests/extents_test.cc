@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "btree.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "device.h"
 #include "fault_injection.h"
 #include "fork.h"
-#include "fork_private.h"
+#include "fork/private.h"
 #include "log_capture.h"
 #include "support.h"
 #include "volume_builder.h"

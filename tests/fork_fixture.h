@@ -21,7 +21,7 @@
 #include "extents.h"
 #include "fault_injection.h"
 #include "fork.h"
-#include "fork_private.h"
+#include "fork/private.h"
 #include "format.h"
 
 namespace kvfs_test {

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "allocation_fixture.h"
-#include "bitmap_private.h"
+#include "bitmap/private.h"
 #include "fork.h"
-#include "fork_private.h"
+#include "fork/private.h"
 #include "log_capture.h"
 #include "volume_checker.h"
 

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "bitmap_private.h"
-#include "btree_private.h"
-#include "catalog_private.h"
+#include "bitmap/private.h"
+#include "btree/private.h"
+#include "catalog/private.h"
 #include "extents.h"
-#include "fork_private.h"
-#include "volume_private.h"
+#include "fork/private.h"
+#include "volume/private.h"
 
 namespace kvfs_test {
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "catalog_private.h"
+#include "catalog/private.h"
 #include "fault_injection.h"
 #include "log_capture.h"
 

@@ -1,6 +1,6 @@
 // The guards of memory.
 
-#include "owned.h"
+#include "base/owned.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,7 @@
 
 #include "fault_injection.h"
 #include "log_capture.h"
-#include "rwlock_guard.h"
+#include "base/rwlock_guard.h"
 #include "support.h"
 
 namespace kvfs_test {

@@ -10,6 +10,12 @@
 #include "log_capture.h"
 
 namespace kvfs_test {
+
+// Routines that messages speak for.
+void kvfs_first();
+void kvfs_second();
+void kvfs_third();
+
 namespace {
 
 void log_as_itself() {
@@ -19,9 +25,9 @@ void log_as_itself() {
 }
 
 void log_as_another() {
-  KVFS_ERROR_AS("kvfs_first", "One %d.\n", 1);
-  KVFS_WARNING_AS("kvfs_second", "Two %s.\n", "x");
-  KVFS_CRITICAL_AS("kvfs_third", "Three.\n");
+  KVFS_ERROR_AS(kvfs_first, "One %d.\n", 1);
+  KVFS_WARNING_AS(kvfs_second, "Two %s.\n", "x");
+  KVFS_CRITICAL_AS(kvfs_third, "Three.\n");
 }
 
 // Leaves the log at the beginning of a line, whatever a test did.

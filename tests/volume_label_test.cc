@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog.h"
 #include "catalog_fixture.h"
 #include "fault_injection.h"
@@ -18,7 +18,7 @@
 #include "volume.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
-#include "volume_private.h"
+#include "volume/private.h"
 
 // The linker sends the volume's calls of the catalog here, so that they can be made to give what they never give.
 static bool g_search_gives_nothing = false;

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "bitmap.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog.h"
 #include "catalog_fixture.h"
 #include "fault_injection.h"
@@ -21,7 +21,7 @@
 #include "support.h"
 #include "unicode_fixture.h"
 #include "volume_builder.h"
-#include "volume_private.h"
+#include "volume/private.h"
 
 namespace kvfs_test {
 namespace {

@@ -9,7 +9,7 @@
 #include "catalog.h"
 #include "fork.h"
 #include "format.h"
-#include "owned.h"
+#include "base/owned.h"
 #include "support.h"
 #include "unicode.h"
 #include "volume.h"

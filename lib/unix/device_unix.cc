@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "owned.h"
+#include "base/owned.h"
 #include "support.h"
 
 struct kvfs_device_private {

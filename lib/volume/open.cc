@@ -1,18 +1,23 @@
-#include "volume.h"
+// Opening, flushing and closing a volume.
 
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
+#include "base/owned.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "catalog.h"
 #include "device.h"
 #include "extents.h"
-#include "owned.h"
-#include "rwlock_guard.h"
+#include "format.h"
+#include "result.h"
 #include "support.h"
-#include "volume_private.h"
+#include "volume.h"
+#include "volume/private.h"
+#include "volume_header.h"
 
-// ---- Opening -------------------------------------------------------------------------------------------------------
+namespace {
 
 // What a setup has opened so far. It is undone in one go when a later step fails.
 struct volume_parts {
@@ -26,6 +31,8 @@ struct volume_parts {
   kvfs_btree* attributes;
   kvfs_catalog_search_result root;
 };
+
+}  // namespace
 
 static void close_files(kvfs_bitmap** bitmap, kvfs_btree** attributes, kvfs_catalog** catalog, kvfs_extents** extents) {
   if (*bitmap != nullptr) {
@@ -224,8 +231,6 @@ kvfs_result kvfs_volume_create(kvfs_device* device, int skip_allocation_file, kv
   return kvfs_ok;
 }
 
-// ---- Closing and flushing ------------------------------------------------------------------------------------------
-
 void kvfs_volume_destroy(kvfs_volume** volume) {
   kvfs_volume* const closed = *volume;
   const kvfs_result result = kvfs_rwlock_destroy(&closed->priv->lock);
@@ -248,131 +253,4 @@ kvfs_result kvfs_volume_flush(kvfs_volume* volume) {
     KVFS_ERROR("Error while flushing volume header.\n");
   }
   return result;
-}
-
-// ---- Label ---------------------------------------------------------------------------------------------------------
-
-// Renames the root folder; the locator of `root` is consumed unless the rename failed early.
-static kvfs_result rename_root_folder(kvfs_volume* volume, const kvfs_be16* units, std::size_t length,
-                                      kvfs_catalog_search_result* root) {
-  kvfs_result result = kvfs_catalog_search_by_cnid(volume->catalog, kHFSRootFolderID, true, root);
-  if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_volume_set_label, "Error while looking up catalog record of root directory.\n");
-    return result;
-  }
-  if (root->locator == nullptr) {
-    KVFS_CRITICAL_AS(kvfs_volume_set_label,
-                     "Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error.\n");
-    return kvfs_internal;
-  }
-  if (root->found == 0) {
-    KVFS_ERROR_AS(kvfs_volume_set_label, "Could not find catalog record of root directory.\n");
-    return kvfs_inconsistent;
-  }
-  result = kvfs_catalog_rename_record(volume->catalog, &root->locator, kvfs_be32::of(kHFSRootParentID), units, length);
-  if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_volume_set_label, "Error while renaming record.\n");
-  }
-  return result;
-}
-
-kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, std::size_t length) {
-  if (length > kHFSPlusMaxNameLength) {
-    KVFS_ERROR("Label length (%zu) too large.\n", length);
-    return kvfs_invalid;
-  }
-  kvfs_catalog_search_result root;
-  kvfs_catalog_search_result_init(&root);
-  kvfs_result result = rename_root_folder(volume, units, length, &root);
-  if (result != kvfs_ok) {
-    kvfs_catalog_search_result_release(&root);
-    return result;
-  }
-  kvfs_write_guard guard(volume->priv->lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring exclusive volume lock.\n");
-    result = guard.result();
-  } else {
-    if (length != 0) {
-      std::memmove(volume->priv->label, units, length * sizeof(kvfs_be16));  // it may be a part of that label
-    }
-    volume->priv->label_length = static_cast<std::uint32_t>(length);
-  }
-  if (root.locator != nullptr && result == kvfs_ok) {
-    KVFS_WARNING("'loc' non-NULL (%p) on successful return.\n", static_cast<void*>(root.locator));
-  }
-  kvfs_catalog_search_result_release(&root);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while unlocking volume lock.\n");
-  }
-  return kvfs_result_keep(result, unlocked);
-}
-
-// ---- Fork data -----------------------------------------------------------------------------------------------------
-
-static HFSPlusForkData* fork_data_slot(HFSPlusVolumeHeader* header, std::uint32_t cnid) {
-  switch (cnid) {
-    case kHFSExtentsFileID:
-      return &header->extentsFile;
-    case kHFSCatalogFileID:
-      return &header->catalogFile;
-    case kHFSAllocationFileID:
-      return &header->allocationFile;
-    case kHFSStartupFileID:
-      return &header->startupFile;
-    case kHFSAttributesFileID:
-      return &header->attributesFile;
-    default:
-      return nullptr;
-  }
-}
-
-void kvfs_volume_update_fork_data(kvfs_volume* volume, std::uint32_t cnid, const HFSPlusForkData* fork_data) {
-  HFSPlusForkData* const slot = fork_data_slot(volume->header, cnid);
-  if (slot == nullptr) {
-    // Q-volume-3. Without a line feed, so that the next message goes on in the same line: Q-log-2.
-    KVFS_CRITICAL("Unexpected catalog node ID for volume header file: %lu", to_ul(cnid));
-    return;
-  }
-  std::memmove(slot, fork_data, sizeof(*slot));  // X-volume-2: it may be the slot itself
-}
-
-// ---- Counters ------------------------------------------------------------------------------------------------------
-
-// Adds in unsigned arithmetic; taking away is adding the complement. Nothing stops at the ends (Q-volume-2).
-static void add_to(kvfs_be32* field, std::uint32_t amount) {
-  field->set(field->get() + amount);
-}
-
-void kvfs_volume_add_file_count(kvfs_volume* volume, std::uint32_t amount) {
-  add_to(&volume->header->fileCount, amount);
-}
-
-void kvfs_volume_subtract_file_count(kvfs_volume* volume, std::uint32_t amount) {
-  add_to(&volume->header->fileCount, 0U - amount);
-}
-
-void kvfs_volume_add_folder_count(kvfs_volume* volume, std::uint32_t amount) {
-  add_to(&volume->header->folderCount, amount);
-}
-
-void kvfs_volume_subtract_folder_count(kvfs_volume* volume, std::uint32_t amount) {
-  add_to(&volume->header->folderCount, 0U - amount);
-}
-
-void kvfs_volume_add_free_blocks(kvfs_volume* volume, std::uint32_t amount) {
-  add_to(&volume->header->freeBlocks, amount);
-}
-
-void kvfs_volume_subtract_free_blocks(kvfs_volume* volume, std::uint32_t amount) {
-  add_to(&volume->header->freeBlocks, 0U - amount);
-}
-
-void kvfs_volume_set_next_allocation(kvfs_volume* volume, std::uint32_t block) {
-  volume->header->nextAllocation.set(block);
-}
-
-void kvfs_volume_increment_next_catalog_id(kvfs_volume* volume) {
-  add_to(&volume->header->nextCatalogID, 1);
 }

@@ -1,7 +1,7 @@
 // Guards that hold a kvfs_rwlock for the length of a scope.
 
-#ifndef KVFS_RWLOCK_GUARD_H
-#define KVFS_RWLOCK_GUARD_H
+#ifndef KVFS_BASE_RWLOCK_GUARD_H
+#define KVFS_BASE_RWLOCK_GUARD_H
 
 #include "result.h"
 #include "support.h"
@@ -47,4 +47,4 @@ class kvfs_write_guard : public kvfs_rwlock_guard {
   explicit kvfs_write_guard(kvfs_rwlock* lock) : kvfs_rwlock_guard(lock, kvfs_rwlock_lock_write(lock)) {}
 };
 
-#endif  // KVFS_RWLOCK_GUARD_H
+#endif  // KVFS_BASE_RWLOCK_GUARD_H

@@ -1,0 +1,144 @@
+// Growing a fork.
+
+#include <cstdint>
+
+#include "base/rwlock_guard.h"
+#include "bitmap.h"
+#include "bitmap/fork_resize.h"
+#include "fork.h"
+#include "fork/extent.h"
+#include "fork/private.h"
+#include "format.h"
+#include "result.h"
+#include "support.h"
+#include "volume_header.h"
+
+using namespace kvfs::bitmap;
+using namespace kvfs::fork;
+
+static kvfs_result check_expanded_size(const fork_resize& resize) {
+  const std::uint64_t items_size = resize.items_length * sizeof(kvfs_fork_cache_item*);
+  if (resize.items_length < resize.fork->priv->items_length) {
+    KVFS_CRITICAL_AS(kvfs_fork_expand, "Internal error: New items array is smaller than old items array.\n");
+    return kvfs_internal;
+  }
+  if (resize.total_blocks > kMaximum32) {
+    KVFS_ERROR_AS(kvfs_fork_expand,
+                  "Cannot expand fork beyond 2^32 blocks (attempted to expand fork to %llu blocks).\n",
+                  to_ull(resize.total_blocks));
+    return kvfs_limit;
+  }
+  if (items_size > kMaximum32) {
+    KVFS_CRITICAL_AS(kvfs_fork_expand, "size_t overflow in new_items_size (%llu).\n", to_ull(items_size));
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+// Enters the run into the fork data, without their logical size (Q-fork-11), and marks its blocks as used.
+static kvfs_result claim_run(fork_resize* resize, const kvfs_allocation_location& run) {
+  HFSPlusForkData changed = resize->saved;
+  kvfs_result result = UpdateForkExtents(&changed, &run);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_fork_expand, "Error while updating fork extents.\n");
+    return result;
+  }
+  store_fork_data(*resize, changed);
+  take_extents(resize, changed);
+  result = AllocateExtentAllocationBlocks(run.start_block, run.block_count, resize->volume);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_fork_expand,
+                  "Error while marking %lu blocks starting at block %lu as allocated in the allocation file.\n",
+                  to_ul(run.block_count), to_ul(run.start_block));
+    store_fork_data(*resize, resize->saved);
+  }
+  return result;
+}
+
+// Grows the fork by a run that was found; the caller holds items_lock for writing.
+static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump_blocks,
+                                 const kvfs_allocation_location& run) {
+  fork_resize resize = {};
+  resize.fork = fork;
+  resize.volume = volume;
+  resize.saved = *fork->priv->fork_data;
+  set_total_blocks(&resize, std::uint64_t{resize.saved.totalBlocks.get()} + clump_blocks);
+  kvfs_result result = check_expanded_size(resize);
+  if (result == kvfs_ok) {
+    result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_expand), resize);
+  }
+  if (result == kvfs_ok) {
+    result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_expand), &resize);
+  }
+  if (result == kvfs_ok) {
+    result = claim_run(&resize, run);
+  }
+  if (result == kvfs_ok) {
+    apply_resize(&resize);
+  }
+  return result;
+}
+
+// Whether a run goes on behind the last extent of a fork. One behind an earlier extent, where the logical size ends
+// before the blocks do, would take the place of extents in use (X-fork-8).
+static bool is_at_end(const kvfs_fork* fork, const kvfs_allocation_location& run) {
+  const std::uint32_t count = fork->priv->fork_extents_count;
+  if (run.extent_index >= count) {
+    return true;
+  }
+  const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[run.extent_index];
+  return run.extent_index == count - 1 && extent.startBlock.get() + extent.blockCount.get() == run.start_block;
+}
+
+// Finds the blocks for a fork to grow by.
+static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump, kvfs_allocation_location* run) {
+  kvfs_fork_private* const priv = fork->priv;
+  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_expand), fork, volume);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  result = FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_fork_expand, "Error while searching for write location for expanded fork.\n");
+    return result;
+  }
+  if (run->block_count == 0 && run->extent_index < kHFSPlusExtentDensity) {  // beyond, the extents are the limit
+    KVFS_ERROR_AS(kvfs_fork_expand, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
+    return kvfs_limit;
+  }
+  if (!is_at_end(fork, *run)) {
+    KVFS_ERROR_AS(kvfs_fork_expand, "The logical size of the fork ends before its last extent.\n");
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location) {
+  const std::uint32_t clump = fork->priv->fork_data->clumpSize.get();
+  if (!is_in_volume_header(fork->priv->cnid)) {
+    KVFS_ERROR(
+        "Invalid CNID for kvfs_fork_expand (%lu). We currently only support forks with their fork data in the volume header.\n",
+        to_ul(fork->priv->cnid));
+    return kvfs_internal;
+  }
+  kvfs_allocation_location run = {};
+  kvfs_result result = find_run(fork, volume, clump, &run);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_write_guard guard(fork->priv->items_lock);
+  if (guard.result() != kvfs_ok) {
+    KVFS_ERROR("Error while locking items lock.\n");
+    return guard.result();
+  }
+  result = expand_by_run(fork, volume, clump / fork->block_size, run);
+  const kvfs_result unlocked = guard.release();
+  if (unlocked != kvfs_ok) {
+    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+  }
+  result = kvfs_result_keep(result, unlocked);
+  if (result == kvfs_ok) {
+    *out_location = run;
+  }
+  return result;
+}
