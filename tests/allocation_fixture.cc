@@ -50,6 +50,14 @@ std::string describe(const kvfs_allocation_location& location) {
   return text;
 }
 
+Lines no_run_messages() {
+  return {
+      "CRITICAL kvfs_fork_map Internal inconsistency: Last cache item number out of bounds!\n",
+      "ERROR AllocateExtentAllocationBlocks Error while mapping from allocation file the region of data containing the "
+      "bitmap bits for the blocks that we are allocating.\n",
+      "ERROR kvfs_fork_expand Error while marking 0 blocks starting at block 0 as allocated in the allocation file.\n"};
+}
+
 // ---- Failing calls -------------------------------------------------------------------------------------------------
 
 SetFault each(Call call) {

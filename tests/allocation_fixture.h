@@ -34,6 +34,9 @@ std::string describe(const HFSPlusForkData& fork_data);
 // "start=10 count=4 index=1 bytes=16384 16384"; the words that must be 0 are named when they are not.
 std::string describe(const kvfs_allocation_location& location);
 
+// What a fork says that finds no free run to grow by: a run of no blocks at block 0 cannot be marked.
+Lines no_run_messages();
+
 // ---- Failing calls -------------------------------------------------------------------------------------------------
 
 // What to do with a fresh volume for each call that fails.

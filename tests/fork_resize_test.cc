@@ -316,6 +316,14 @@ TEST(ExpandFork, WithoutTheAllocationFile_IsRefused) {
   EXPECT_EQ(describe(added), kUntouchedText);
 }
 
+// A fork in ten extents, the last two of them in the overflow file.
+Volume volume_with_overflow_extents() {
+  VolumeDescription description;
+  description.size = std::uint64_t{kBlockSize} * kBlocks;
+  description.catalog.extent_count = 10;
+  return build_volume(description);
+}
+
 // The search begins where the logical size ends. A run for that place would be entered over the second extent, whose
 // blocks would be lost.
 TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtent_IsRefused) {
@@ -331,6 +339,46 @@ TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtent_IsRefused) {
   }
 }
 
+// The size reaches the ninth of ten extents: the place behind that one is beyond the eight that can change.
+TEST(ExpandFork, WhoseSizeEndsBeforeItsLastOverflowExtent_IsRefusedForItsExtents) {
+  Volume image = volume_with_overflow_extents();
+  const std::uint64_t blocks = image.get_field("catalogFile.totalBlocks");
+  const std::uint64_t last = image.fork(SpecialFile::kCatalog).extents().back().block_count;
+  image.set_field("catalogFile.logicalSize", (blocks - last) * kBlockSize - 1);
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(volume.catalog_fork(), volume.get(), &added), kvfs_unsupported_extents);
+  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(describe(added), kUntouchedText);
+  EXPECT_EQ(volume.flushed(), image);
+}
+
+TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtentAndCannotGrow_ReachesThatLimitFirst) {
+  Volume image = empty_volume();
+  set_startup_file(image, {.extents = {{200, 8}, {304, 0xFFFFFFF4}}, .logical_blocks = 5}, 0xFFFFFFFC);
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_limit);
+  EXPECT_LOG(log,
+             "ERROR kvfs_fork_expand Cannot expand fork beyond 2^32 blocks (attempted to expand fork to 4294967296 "
+             "blocks).\n");
+}
+
+// A clump of no bytes behind an extent that the volume does not hold: the search begins elsewhere, and so the run of no
+// blocks is for the next extent.
+TEST(ExpandFork, ByNothingWhoseSizeEndsBeforeItsLastExtent_IsRefused) {
+  Volume image = empty_volume();
+  set_startup_file(image, {.extents = {{5000, 8}, {304, 8}}, .clump_blocks = 0, .logical_blocks = 5}, 16);
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_inconsistent);
+  EXPECT_LOG(log, "ERROR kvfs_fork_expand The logical size of the fork ends before its last extent.\n");
+  EXPECT_EQ(volume.flushed(), image);
+}
+
 TEST(ExpandFork, WhoseSizeEndsInItsLastExtent_GoesOnBehindThatExtent) {
   OpenVolume volume(startup_volume({.extents = {{200, 8}, {304, 8}}, .logical_blocks = 13}));
   kvfs_allocation_location added = kUntouched;
@@ -338,18 +386,21 @@ TEST(ExpandFork, WhoseSizeEndsInItsLastExtent_GoesOnBehindThatExtent) {
   EXPECT_EQ(describe(added), "start=312 count=4 index=1 bytes=16384 16384");
 }
 
-TEST(ExpandFork, WithoutAFreeRun_ReachesALimit) {
-  Volume image = startup_volume({.extents = {{200, 8}}});
-  for (std::uint32_t block = 0; block < kBlocks; ++block) {
-    image.set_block_used(block, true);
+// Nothing has no place among the bits, and what was entered for it is taken back.
+TEST(ExpandFork, WithoutAFreeRun_IsAnInternalErrorAndChangesNothing) {
+  for (const std::uint64_t logical_blocks : {0U, 5U}) {  // all, and so few that the run is for an extent in use
+    Volume image = startup_volume({.extents = {{200, 8}, {304, 8}}, .logical_blocks = logical_blocks});
+    for (std::uint32_t block = 0; block < kBlocks; ++block) {
+      image.set_block_used(block, true);
+    }
+    OpenVolume volume(image);
+    kvfs_allocation_location added = kUntouched;
+    LogCapture log;
+    EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_internal);
+    EXPECT_TRUE(log.matches(no_run_messages()));
+    EXPECT_EQ(describe(added), kUntouchedText);
+    EXPECT_EQ(volume.flushed(), image);
   }
-  OpenVolume volume(image);
-  kvfs_allocation_location added = kUntouched;
-  LogCapture log;
-  EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_limit);
-  EXPECT_LOG(log, "ERROR kvfs_fork_expand No free run of 16384 bytes to expand the fork by.\n");
-  EXPECT_EQ(describe(added), kUntouchedText);
-  EXPECT_EQ(volume.flushed(), image);
 }
 
 TEST(ExpandFork, WithEightExtentsAndNoFreeRun_IsRefusedForItsExtents) {
@@ -800,14 +851,6 @@ TEST(ShrinkFork, AtABlockThatIsFreeAlready_GivesTheForkDataBack) {
   EXPECT_LOG(log, "ERROR FreeExtentAllocationBlocks Error while freeing allocation block 206.\n",
              "ERROR kvfs_fork_shrink Error while freeing 3 blocks in fork starting at block 5.\n");
   EXPECT_EQ(startup_file(volume), "32768 size=32768 total=8 extents={200+8}");
-}
-
-// A fork in ten extents, the last two of them in the overflow file.
-Volume volume_with_overflow_extents() {
-  VolumeDescription description;
-  description.size = std::uint64_t{kBlockSize} * kBlocks;
-  description.catalog.extent_count = 10;
-  return build_volume(description);
 }
 
 TEST(ShrinkFork, ByBlocksOfOverflowExtents_CannotFreeThem) {
