@@ -95,6 +95,9 @@ std::string used_behind(const Volume& volume) {
 
 const CheckOptions kWithLeakedBlocks = {{}, true, false};
 
+const std::string kExpandSearch =
+    "ERROR kvfs_fork_expand Error while searching for write location for expanded fork.\n";
+
 constexpr kvfs_allocation_location kUntouched = {7, 7, 7, 7, 7, {7, 7}};
 const std::string kUntouchedText = "start=7 count=7 index=7 bytes=7 7 reserved=7 7";
 
@@ -290,6 +293,21 @@ TEST(ExpandFork, OfTheAllocationFileInUse_IsRefused) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+// What fails without a look at the bits fails as it does for any other fork.
+TEST(ExpandFork, OfTheAllocationFileInUseWithoutAFreeRun_IsAnInternalError) {
+  Volume image = empty_volume();
+  for (std::uint32_t block = 0; block < kBlocks; ++block) {
+    image.set_block_used(block, true);
+  }
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(volume.bitmap()->priv->fork, volume.get(), &added), kvfs_internal);
+  EXPECT_TRUE(log.matches(no_run_messages()));
+  EXPECT_EQ(describe(added), kUntouchedText);
+  EXPECT_EQ(volume.flushed(), image);
+}
+
 // Takes the allocation file from a volume, as one that was opened for reading its catalog alone has none.
 class WithoutAllocationFile {
  public:
@@ -312,7 +330,8 @@ TEST(ExpandFork, WithoutTheAllocationFile_IsRefused) {
   kvfs_allocation_location added = kUntouched;
   LogCapture log;
   EXPECT_EQ(kvfs_fork_expand(fork, volume.get(), &added), kvfs_invalid);
-  EXPECT_LOG(log, "ERROR kvfs_fork_expand The volume was opened without its allocation file.\n");
+  EXPECT_LOG(log, "ERROR FindContiguousUnallocated The volume was opened without its allocation file.\n",
+             "ERROR FindWriteLocation Error while searching the bitmap for a free region of 4.\n", kExpandSearch);
   EXPECT_EQ(describe(added), kUntouchedText);
 }
 
@@ -590,8 +609,6 @@ TEST(ExpandFork, ClumpOfNoWholeBlocks_AddsMoreBlocksThanBytes) {
 
 // ---- Growing with failing calls ------------------------------------------------------------------------------------
 
-const std::string kExpandSearch =
-    "ERROR kvfs_fork_expand Error while searching for write location for expanded fork.\n";
 const std::string kExpandLock = "ERROR kvfs_fork_expand Error while locking items lock.\n";
 const std::string kExpandUnlock = "CRITICAL kvfs_fork_expand Unexpected - Error while unlocking items lock!\n";
 const std::string kExpandMark =
@@ -774,8 +791,16 @@ TEST(ShrinkFork, OfTheAllocationFileInUse_IsRefused) {
   OpenVolume volume(image);
   LogCapture log;
   EXPECT_EQ(kvfs_fork_shrink(volume.bitmap()->priv->fork, volume.get(), 1), kvfs_limit);
+  EXPECT_EQ(kvfs_fork_shrink(volume.bitmap()->priv->fork, volume.get(), 0), kvfs_ok);
   EXPECT_LOG(log, "ERROR kvfs_fork_shrink The allocation file in use cannot be resized.\n");
   EXPECT_EQ(volume.flushed(), image);
+}
+
+TEST(ShrinkFork, OfTheAllocationFileInUseByMoreBlocksThanItHas_IsAnInternalError) {
+  OpenVolume volume(empty_volume());
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_shrink(volume.bitmap()->priv->fork, volume.get(), 1000), kvfs_internal);
+  EXPECT_LOG(log, "CRITICAL kvfs_fork_shrink Internal error: New items array is larger than old items array.\n");
 }
 
 TEST(ShrinkFork, WithoutTheAllocationFile_IsRefused) {
@@ -784,6 +809,8 @@ TEST(ShrinkFork, WithoutTheAllocationFile_IsRefused) {
   const WithoutAllocationFile without(volume);
   LogCapture log;
   EXPECT_EQ(kvfs_fork_shrink(fork, volume.get(), 1), kvfs_invalid);
+  EXPECT_EQ(startup_file(volume), "32768 size=32768 total=8 extents={200+8}");
+  EXPECT_EQ(kvfs_fork_shrink(fork, volume.get(), 0), kvfs_ok);
   EXPECT_LOG(log, "ERROR kvfs_fork_shrink The volume was opened without its allocation file.\n");
 }
 

@@ -65,6 +65,10 @@ static kvfs_result claim_run(fork_resize* resize, const kvfs_allocation_location
     KVFS_ERROR_AS(kvfs_fork_expand, "Error while updating fork extents.\n");
     return result;
   }
+  result = is_run(run) ? check_bits(KVFS_NAME_OF(kvfs_fork_expand), *resize) : kvfs_ok;
+  if (result != kvfs_ok) {
+    return result;
+  }
   store_fork_data(*resize, changed);
   take_extents(resize, changed);
   result = AllocateExtentAllocationBlocks(run.start_block, run.block_count, resize->volume);
@@ -103,12 +107,9 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
 
 // Finds the blocks for a fork to grow by.
 static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump, kvfs_allocation_location* run) {
-  kvfs_fork_private* const priv = fork->priv;
-  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_expand), fork, volume);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  result = FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
+  const kvfs_fork_private* const priv = fork->priv;
+  const kvfs_result result =
+      FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_fork_expand, "Error while searching for write location for expanded fork.\n");
   }

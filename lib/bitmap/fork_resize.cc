@@ -23,12 +23,13 @@
 using namespace kvfs::bitmap;
 using namespace kvfs::fork;
 
-kvfs_result kvfs::bitmap::check_resizable(const char* speaker, const kvfs_fork* fork, const kvfs_volume* volume) {
-  if (volume->bitmap == nullptr) {
+kvfs_result kvfs::bitmap::check_bits(const char* speaker, const fork_resize& resize) {
+  const kvfs_bitmap* const bitmap = resize.volume->bitmap;
+  if (bitmap == nullptr) {
     KVFS_ERROR_BY(speaker, "The volume was opened without its allocation file.\n");
     return kvfs_invalid;
   }
-  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
+  if (kvfs_bitmap_works_on(bitmap, resize.fork)) {
     KVFS_ERROR_BY(speaker, "The allocation file in use cannot be resized.\n");
     return kvfs_limit;
   }

@@ -49,13 +49,17 @@ static kvfs_result free_cut_blocks(const fork_resize& resize, std::uint32_t bloc
 }
 
 static kvfs_result release_cut_blocks(fork_resize* resize, std::uint32_t blocks) {
+  kvfs_result result = blocks != 0 ? check_bits(KVFS_NAME_OF(kvfs_fork_shrink), *resize) : kvfs_ok;
+  if (result != kvfs_ok) {
+    return result;
+  }
   HFSPlusForkData changed = resize->saved;
   cut_extents(&changed, resize->total_blocks);
   changed.logicalSize.set(new_logical_size(*resize));
   changed.totalBlocks.set(static_cast<std::uint32_t>(resize->total_blocks));
   store_fork_data(*resize, changed);
   take_extents(resize, changed);
-  const kvfs_result result = free_cut_blocks(*resize, blocks);
+  result = free_cut_blocks(*resize, blocks);
   if (result != kvfs_ok) {
     store_fork_data(*resize, resize->saved);
   }
@@ -94,16 +98,12 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
         to_ul(fork->priv->cnid));
     return kvfs_internal;
   }
-  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_shrink), fork, volume);
-  if (result != kvfs_ok) {
-    return result;
-  }
   kvfs_write_guard guard(fork->priv->items_lock);
   if (guard.result() != kvfs_ok) {
     KVFS_ERROR("Error while locking items lock.\n");
     return guard.result();
   }
-  result = shrink_locked(fork, volume, blocks);
+  const kvfs_result result = shrink_locked(fork, volume, blocks);
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
     KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
