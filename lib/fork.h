@@ -160,10 +160,11 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 //
 //   blocks  allocation blocks to take off
 //
-// Returns kvfs_ok; kvfs_invalid without an allocation file; kvfs_limit for the allocation file in use; kvfs_internal
-// for another file, for more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the
-// failure of the flush, the allocation file or the lock. On failure the fork data is as it was, unless only the release
-// of the lock has failed; blocks that were freed stay free.
+// Returns kvfs_ok; kvfs_invalid without an allocation file, or when blocks are modified and none are to go or the fork
+// data's logical size ends before them; kvfs_limit for the allocation file in use; kvfs_internal for another file, for
+// more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the failure of the flush,
+// the allocation file or the lock. On failure the fork data is as it was, unless only the release of the lock has failed;
+// blocks that were freed stay free.
 kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
 
 // Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,

@@ -90,8 +90,10 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
   resize.saved = *fork->priv->fork_data;
   set_total_blocks(&resize, std::uint64_t{resize.saved.totalBlocks.get()} + clump_blocks);
   kvfs_result result = check_expanded_size(resize);
-  if (result == kvfs_ok) {
-    result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_expand), resize);
+  const std::uint64_t end = new_logical_size(resize);
+  const std::uint64_t old_end = fork->priv->logical_size;
+  if (result == kvfs_ok && end < old_end) {  // X-fork-10: otherwise there is nothing behind the new end
+    result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_expand), resize, old_end - end);
   }
   if (result == kvfs_ok) {
     result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_expand), &resize);

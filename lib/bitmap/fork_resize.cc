@@ -131,13 +131,8 @@ void kvfs::bitmap::apply_resize(fork_resize* resize) {
   forget_behind(resize->fork, common_end);
 }
 
-kvfs_result kvfs::bitmap::flush_trailing_part(const char* speaker, const fork_resize& resize) {
-  const std::uint64_t end = new_logical_size(resize);
-  const std::uint64_t logical_size = resize.fork->priv->logical_size;
-  if (end >= logical_size) {
-    return kvfs_ok;
-  }
-  const kvfs_result result = kvfs_fork_flush_internal(resize.fork, end, logical_size - end);
+kvfs_result kvfs::bitmap::flush_trailing_part(const char* speaker, const fork_resize& resize, std::uint64_t length) {
+  const kvfs_result result = kvfs_fork_flush_internal(resize.fork, new_logical_size(resize), length);
   if (result != kvfs_ok) {
     KVFS_ERROR_BY(speaker, "Error while flushing trailing part of fork.\n");
   }

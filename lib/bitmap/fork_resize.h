@@ -61,9 +61,8 @@ void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data);
 // may hold a mapping of them; they wait for the end of the fork (Q-fork-13).
 void apply_resize(fork_resize* resize);
 
-// Writes the modified blocks from the new end of the fork on. A fork that grows has none there
-// (X-fork-10).
-kvfs_result flush_trailing_part(const char* speaker, const fork_resize& resize);
+// Writes the modified blocks of a part of the fork that begins at its new end; `length` in bytes.
+kvfs_result flush_trailing_part(const char* speaker, const fork_resize& resize, std::uint64_t length);
 
 }  // namespace kvfs::bitmap
 

@@ -78,7 +78,8 @@ static kvfs_result shrink_locked(kvfs_fork* fork, kvfs_volume* volume, std::uint
     KVFS_CRITICAL_AS(kvfs_fork_shrink, "Internal error: New items array is larger than old items array.\n");
     return kvfs_internal;
   }
-  kvfs_result result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_shrink), resize);
+  kvfs_result result =
+      flush_trailing_part(KVFS_NAME_OF(kvfs_fork_shrink), resize, std::uint64_t{blocks} * fork->block_size);
   if (result == kvfs_ok) {
     result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_shrink), &resize);
   }

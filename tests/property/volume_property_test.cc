@@ -496,7 +496,10 @@ std::string ChangingVolume::expand_startup() {
 }
 
 std::string ChangingVolume::shrink_startup() {
-  const std::uint32_t blocks = below(random_, model_.startup.total + 1);
+  if (model_.startup.total == 0) {
+    return {};
+  }
+  const std::uint32_t blocks = 1 + below(random_, model_.startup.total);  // none cannot be flushed: X-fork-10
   const std::uint32_t left = model_.startup.total - blocks;
   Lines expected;
   for (std::uint32_t block = left; block < model_.startup.total && expected.empty(); ++block) {
