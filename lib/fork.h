@@ -5,10 +5,11 @@
 // validity and modification are tracked, and bytes transferred, in blocks of one transfer unit.
 //
 // Invariants:
-// - a block is read from the device at most once, before the first access to it, while the fork keeps its size; a write
-//   does not make it valid, so that a block must be mapped or read before all of it is overwritten;
-// - a fork that changes its size forgets the blocks behind the end, those across it included, which are read again. One
-//   across the end that was modified keeps its bytes before it and has zeros behind it;
+// - a block is read from the device at most once, before the first access to it, while the fork does not shrink; a
+//   write does not make it valid, so that a block must be mapped or read before all of it is overwritten;
+// - a fork that shrinks forgets the blocks behind its end, those across it included, which are read again. One across
+//   the end that was modified keeps its bytes before it and has zeros behind it;
+// - a fork that grows keeps what it has read: a block across its old end has zeros behind that;
 // - an item's dirty_blocks counts the set bits of its modification bitmap, and the fork's dirty_items counts the items
 //   with dirty blocks;
 // - references count the mappings that were not given back. Each block of a range that is mapped or read adds one, each
@@ -163,8 +164,8 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 // Returns kvfs_ok; kvfs_invalid without an allocation file, or when blocks are modified and none are to go or the fork
 // data's logical size ends before them; kvfs_limit for the allocation file in use; kvfs_internal for another file, for
 // more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the failure of the flush,
-// the allocation file or the lock. On failure the fork data is as it was, unless only the release of the lock has failed;
-// blocks that were freed stay free.
+// the allocation file or the lock. On failure the fork data is as it was, unless only the release of the lock has
+// failed; blocks that were freed stay free.
 kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
 
 // Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,

@@ -1091,10 +1091,20 @@ TEST(ResizeFork, ShrunkInsideABlockOfTheCache_ReadsThatBlockAgain) {
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
   EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 207);
   ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
-  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
   expand_by_block_208(fork.get(), volume);
   EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
   EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 208);
+}
+
+// A block that was read once is not read again, and so has zeros where the fork ended then.
+TEST(ResizeFork, ShrunkAndReadInsideABlockOfTheCache_HasZerosBehindItsEnd) {
+  OpenVolume volume(volume_to_grow(8));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 207);
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
+  expand_by_block_208(fork.get(), volume);
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 0);
 }
 
 // What was written before the new end is not on the device yet, so that the block cannot be read again; behind the end
@@ -1115,13 +1125,29 @@ TEST(ResizeFork, ShrunkInsideAModifiedBlockOfTheCache_KeepsWhatIsBeforeItsEnd) {
   EXPECT_EQ(volume.contents().get8(207 * kBlockSize), 207);
 }
 
-TEST(ResizeFork, ExpandedInsideABlockOfTheCache_ReadsThatBlockAgain) {
+TEST(ResizeFork, ExpandedInsideABlockOfTheCache_KeepsThatBlockAsItIs) {
   OpenVolume volume(volume_to_grow(7));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
   EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
   expand_by_block_208(fork.get(), volume);
+  FaultInjector faults;
   EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 206);
-  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 208);
+  EXPECT_EQ(byte_at(fork.get(), 7 * kBlockSize), 0);
+  EXPECT_EQ(faults.reads().size(), 0u);
+}
+
+// The fork data gives the fork more bytes than its blocks hold: it grows by a block and is shorter than before.
+TEST(ExpandFork, WithModifiedBlocksBehindItsNewEnd_CannotFlushThem) {
+  Volume image = volume_to_grow(7);
+  image.set_field("startupFile.logicalSize", 9 * kBlockSize);
+  OpenVolume volume(image);
+  kvfs_fork* const fork = volume.fork(kStartup);
+  ASSERT_EQ(kvfs_fork_write(fork, 8 * kBlockSize, Bytes(kBlockSize).data(), kBlockSize, nullptr), kvfs_ok);
+  ASSERT_EQ(fork->priv->items[0]->dirty_blocks, 1u);
+  kvfs_allocation_location added = {};
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(fork, volume.get(), &added), kvfs_inconsistent);
+  EXPECT_TRUE(log.has("ERROR", "kvfs_fork_expand", "Error while flushing trailing part of fork.\n"));
 }
 
 // The flush of the part that goes is measured against the size in the header.

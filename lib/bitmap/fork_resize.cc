@@ -1,6 +1,6 @@
 // The size that a fork is about to get, and putting it into effect.
 //
-// A fork that changes its size forgets what is cached behind its end: X-fork-11.
+// A fork that becomes shorter forgets what is cached behind its end: X-fork-11.
 
 #include "bitmap/fork_resize.h"
 
@@ -86,9 +86,9 @@ static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64
   }
 }
 
-// Forgets what the cache holds behind an old or new end of the fork: what comes there lies elsewhere on the device.
-// What was modified there has been flushed. The cache's block that lies across the end is read again too, unless it was
-// modified before the end; then it has zeros behind it.
+// Forgets what the cache holds behind the new end of the fork: what comes there lies elsewhere on the device. What was
+// modified there has been flushed. The cache's block that lies across the end is read again too, unless it was modified
+// before the end; then it has zeros behind it.
 static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
   const kvfs_fork_private* const priv = fork->priv;
   const std::uint64_t index = end / priv->item_size;
@@ -108,7 +108,7 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
 
 void kvfs::bitmap::apply_resize(fork_resize* resize) {
   kvfs_fork_private* const priv = resize->fork->priv;
-  const std::uint64_t common_end = kvfs_min(priv->logical_size, new_logical_size(*resize));
+  const std::uint64_t old_end = priv->logical_size;
   for (std::uint32_t i = 0; i < priv->items_end; ++i) {
     kvfs_fork_cache_item* const item = priv->items[i];
     if (i < resize->items_length) {
@@ -128,7 +128,9 @@ void kvfs::bitmap::apply_resize(fork_resize* resize) {
   priv->items_length = static_cast<std::uint32_t>(resize->items_length);
   priv->items_end = kvfs_min(priv->items_end, priv->items_length);
   priv->logical_size = new_logical_size(*resize);
-  forget_behind(resize->fork, common_end);
+  if (priv->logical_size < old_end) {
+    forget_behind(resize->fork, priv->logical_size);
+  }
 }
 
 kvfs_result kvfs::bitmap::flush_trailing_part(const char* speaker, const fork_resize& resize, std::uint64_t length) {
