@@ -1066,10 +1066,11 @@ TEST(ForkFlush, LogicalEndInASectorOfItsBlock_IsWrittenWhateverTheBlockSize) {
                  {"WARNING kvfs_fork_flush Dirty items is non-0 (1) after successful full flush.\n"});
 }
 
-// Neither the first block, which could be written, nor any other one is.
-void expect_refused(const ForkShape& shape, const std::string& piece) {
+// Neither the first block, which could be written, nor the modified one at `offset` is.
+void expect_refused(const ForkShape& shape, const std::string& piece, std::uint64_t offset = 0) {
   OpenFork fork(shape);
   write_at(fork, 0, marker_bytes(2048));
+  write_at(fork, offset, marker_bytes(1));
   LogCapture log;
   FaultInjector faults;
   EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
@@ -1091,11 +1092,60 @@ TEST(ForkFlush, ExtentThatEndsWithinASector_IsRefusedWithoutAWrite) {
 }
 
 TEST(ForkFlush, LaterExtentThatBeginsWithinASector_IsRefusedBeforeTheFirstWrite) {
-  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680");
+  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680", 3072);
 }
 
 TEST(ForkFlush, LogicalEndInASectorThatEndsInAnotherBlock_IsRefusedWithoutAWrite) {
-  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072");
+  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072", 4599);
+}
+
+// Blocks of half a sector: the second extent begins within one.
+constexpr std::uint64_t kAlignedExtent = 8 * 256;
+ForkShape half_sectors() {
+  return {.block_size = 256, .transfer_unit = 512, .logical_size = 2 * kAlignedExtent, .extents = {{200, 8}, {217, 8}}};
+}
+
+TEST(ForkFlush, ExtentThatBeginsWithinASectorWithoutModifiedBlocks_DoesNotMatter) {
+  OpenFork fork(half_sectors());
+  write_at(fork, kAlignedExtent - 512, marker_bytes(512));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 52736 512"});
+  EXPECT_LOG(log);
+}
+
+TEST(ForkFlush, ExtentThatBeginsWithinASectorWithItsLastBlockModified_IsRefusedWithoutAWrite) {
+  OpenFork fork(half_sectors());
+  write_at(fork, 0, marker_bytes(512));
+  write_at(fork, 2 * kAlignedExtent - 512, marker_bytes(512));
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+}
+
+// Of an extent that ends within a sector only the last block reaches into that.
+TEST(ForkFlush, ExtentThatEndsWithinASectorWithAnotherBlockModified_IsWritten) {
+  OpenFork fork(blocks_of_odd_size(4600, {{2, 3}}));
+  write_at(fork, 0, marker_bytes(2048));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 3072 2048"});
+  EXPECT_LOG(log);
+}
+
+// Items without modified blocks are passed over, and so is everything behind the piece.
+TEST(ForkFlush, ExtentThatBeginsWithinASectorBetweenModifiedItems_DoesNotMatter) {
+  OpenFork fork({.block_size = 256,
+                 .transfer_unit = 512,
+                 .logical_size = 3 * kMiB,
+                 .extents = {{200, 4096}, {4301, 4096}, {8400, 4096}}});
+  write_at(fork, kMiB - 512, marker_bytes(512));
+  write_at(fork, 2 * kMiB, marker_bytes(512));
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(faults.writes().size(), 2u);
 }
 
 TEST(ForkFlushInternal, RangeThatBeginsWithinASectorOfTheFork_IsRefusedWithoutAWrite) {
