@@ -99,7 +99,7 @@ struct kvfs_allocation_location {
 //                 block of a search for 0 blocks is the one that it starts from. Unchanged on failure
 //
 // Returns kvfs_ok, found or not (Q-bitmap-8); kvfs_invalid when the volume was opened without its allocation file; or
-// the failure of the fork.
+// the failure of the fork, as on a volume without blocks and, from some blocks on, when none are wanted (Q-bitmap-10).
 kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted, std::uint32_t hint,
                                       kvfs_allocation_location* out_location);
 

@@ -607,6 +607,17 @@ TEST(ExpandFork, ClumpOfNoWholeBlocks_AddsMoreBlocksThanBytes) {
   EXPECT_EQ(startup_file(volume), "40960 size=32768 total=11 extents={200+11}");
 }
 
+TEST(ExpandFork, ByAClumpOfNoBytes_AddsNothing) {
+  const Volume image = startup_volume({.extents = {{200, 8}}, .clump_blocks = 0});
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(describe(added), "start=208 count=0 index=0 bytes=0 0");
+  EXPECT_EQ(volume.flushed(), image);
+}
+
 // ---- Growing with failing calls ------------------------------------------------------------------------------------
 
 const std::string kExpandLock = "ERROR kvfs_fork_expand Error while locking items lock.\n";
