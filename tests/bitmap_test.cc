@@ -1171,12 +1171,28 @@ TEST(UpdateForks, EmptyFork_SearchesFromNextAllocation) {
   EXPECT_EQ(outcome.fork_data, "size=0 total=2 extents={640+2}");
 }
 
-TEST(UpdateForks, NoFreeRun_ChangesNothing) {
+// No blocks at block 0 are entered, which leaves the next descriptor empty.
+TEST(UpdateForks, NoFreeRun_AddsNothing) {
   const UpdatedForks outcome =
       update_forks(volume_with_used({{0, kBlocks}}), fork_data_of(0, {{40, 8}}), 8 * 4096, 4096);
   EXPECT_EQ(outcome.result, kvfs_ok);
-  EXPECT_EQ(outcome.location, "start=0 count=0 index=0 bytes=0 0");
+  EXPECT_EQ(outcome.location, "start=0 count=0 index=1 bytes=0 0");
   EXPECT_EQ(outcome.fork_data, "size=0 total=8 extents={40+8}");
+}
+
+TEST(UpdateForks, NoFreeRun_ClearsADescriptorWithAStartAlone) {
+  const UpdatedForks outcome =
+      update_forks(volume_with_used({{0, kBlocks}}), fork_data_of(0, {{40, 8}, {7, 0}}), 8 * 4096, 4096);
+  EXPECT_EQ(outcome.result, kvfs_ok);
+  EXPECT_EQ(outcome.fork_data, "size=0 total=8 extents={40+8}");
+}
+
+// The last extent ends behind the volume, so that the search starts elsewhere.
+TEST(UpdateForks, NoBytesBehindTheFork_GiveTheNextDescriptorAStartAlone) {
+  const UpdatedForks outcome = update_forks(volume_with_used({}), fork_data_of(0, {{40, 8}, {5000, 3}}), 12 * 4096, 0);
+  EXPECT_EQ(outcome.result, kvfs_ok);
+  EXPECT_EQ(outcome.location, "start=1023 count=0 index=2 bytes=0 0");
+  EXPECT_EQ(outcome.fork_data, "size=0 total=11 extents={40+8 5000+3 1023+0}");
 }
 
 const std::vector<Extent> kEightExtents = {{40, 8}, {56, 8}, {72, 8}, {88, 8}, {104, 8}, {120, 8}, {136, 8}, {152, 8}};
