@@ -109,9 +109,9 @@ kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, 
 //   out_bytes_written  may be null; receives `length` on success and 0 on failure
 //
 // Locks: items_lock and dirty_lock, both for writing.
-// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit does not fit a
-// cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a lock. After a failure bytes
-// copied so far stay in the cache, marked modified.
+// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit is 0 or a block
+// to be read does not fit a cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a lock.
+// After a failure bytes copied so far stay in the cache, marked modified.
 kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* buffer, std::size_t length,
                             std::size_t* out_bytes_written);
 

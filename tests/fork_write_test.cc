@@ -227,17 +227,44 @@ TEST(ForkWrite, NothingAtTheBeginning_HasNoLastItem) {
   EXPECT_LOG(log, "CRITICAL kvfs_fork_write Internal inconsistency: Last cache item number out of bounds!\n");
 }
 
-TEST(ForkWrite, UnitThatDoesNotFitAnItem_IsRefused) {
-  for (const std::uint32_t unit : {0u, 1048577u, 0xFFFFFFFFu}) {
-    OpenFork fork(
-        {.sector_size = unit == 0 ? 0u : 512u, .transfer_unit = unit, .logical_size = 8192, .extents = {{1, 2}}});
+TEST(ForkWrite, UnitOfNoBytes_IsRefused) {
+  OpenFork fork({.sector_size = 0, .transfer_unit = 0, .logical_size = 8192, .extents = {{1, 2}}});
+  LogCapture log;
+  const ByteVector bytes(10);
+  EXPECT_EQ(kvfs_fork_write(fork.get(), 0, bytes.data(), bytes.size(), nullptr), kvfs_inconsistent);
+  EXPECT_EQ(fork.item(0), "none");
+  EXPECT_LOG(log, "ERROR kvfs_fork_write Transfer unit of 0 bytes does not fit a cache item.\n");
+}
+
+// The block that the write does not cover whole cannot be read.
+TEST(ForkWrite, PartOfABlockThatDoesNotFitAnItem_IsRefused) {
+  for (const std::uint32_t unit : {1048577u, 0xFFFFFFFFu}) {
+    OpenFork fork({.transfer_unit = unit, .logical_size = 8192, .extents = {{1, 2}}});
     LogCapture log;
     const ByteVector bytes(10);
     EXPECT_EQ(kvfs_fork_write(fork.get(), 0, bytes.data(), bytes.size(), nullptr), kvfs_inconsistent);
     EXPECT_EQ(fork.item(0), "none");
-    EXPECT_LOG(
-        log, "ERROR kvfs_fork_write Transfer unit of " + std::to_string(unit) + " bytes does not fit a cache item.\n");
+    EXPECT_LOG(log,
+               "ERROR kvfs_fork_read_into_cache Transfer unit of " + std::to_string(unit) +
+                   " bytes does not fit a cache item.\n",
+               "ERROR kvfs_fork_write Error while reading last block in write range into cache.\n");
   }
+}
+
+// Each of its items has the one block.
+TEST(ForkWrite, WholeBlockThatDoesNotFitAnItem_IsWrittenButNotFlushed) {
+  OpenFork fork({.transfer_unit = 2 * kMiB, .logical_size = 4 * kMiB, .extents = {{1, 1024}}});
+  write_at(fork, 2 * kMiB, ByteVector(2 * kMiB, 0x5A));
+  EXPECT_EQ(fork.item(1), "none");
+  EXPECT_EQ(fork.item(2), "refs=0 valid={} modified={0} dirty=1");
+  EXPECT_EQ(fork.item(3), "refs=0 valid={} modified={0} dirty=1");
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+  EXPECT_LOG(log,
+             "CRITICAL kvfs_fork_flush_internal Modification bitmap block size (2097152) is larger than a cache "
+             "item.\n");
 }
 
 TEST(ForkWrite, FirstOrLastBlockThatCannotBeRead_IsReported) {
