@@ -715,6 +715,42 @@ TEST_F(ForkWithPartialLastBlock, WriteToTheForgottenItem_DoesNotCountItAgain) {
   EXPECT_EQ(fork_.dirty_items(), 0u);
 }
 
+// Two items with modified blocks, of which an earlier flush has forgotten one.
+ForkShape two_items() {
+  return {.logical_size = 2 * kMiB, .extents = {{2, 512}}};
+}
+
+TEST(ForkFlush, OfAnItemThatWasForgotten_CountsBelowZeroAndWarns) {
+  OpenFork fork(two_items());
+  write_at(fork, 0, marker_bytes(4096));
+  write_at(fork, kMiB, marker_bytes(4096));
+  fork.priv()->dirty_items = 1;
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(faults.writes().size(), 2u);
+  EXPECT_EQ(fork.dirty_items(), 0u);
+  EXPECT_LOG(log, "WARNING kvfs_fork_flush Dirty items is non-0 (" + std::to_string(SIZE_MAX) +
+                      ") after successful full flush.\n");
+}
+
+// The count that such a flush of a range leaves would become 0, and the write would never reach the device.
+TEST(ForkWrite, WithACountBelowZero_IsCountedAndFlushed) {
+  OpenFork fork(two_items());
+  write_at(fork, 0, marker_bytes(4096));
+  write_at(fork, kMiB, marker_bytes(4096));
+  fork.priv()->dirty_items = 1;
+  ASSERT_EQ(kvfs_fork_flush_internal(fork.get(), 0, 2 * kMiB), kvfs_ok);
+  EXPECT_EQ(fork.dirty_items(), SIZE_MAX);
+  write_at(fork, 4096, marker_bytes(4096));
+  EXPECT_EQ(fork.dirty_items(), 1u);
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 12288 4096"});
+  EXPECT_LOG(log);
+}
+
 TEST(ForkFlush, LastBlockCutAtASector_StaysModified) {
   OpenFork fork({.logical_size = 4096 + 512, .extents = {{2, 2}}});
   write_at(fork, 4096, fork.changed_bytes(4096, 512));

@@ -81,7 +81,7 @@ static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64
       --item->dirty_blocks;
     }
   }
-  if (!was_clean) {
+  if (!was_clean && dirty_items(fork) != 0) {
     count_out_if_clean(fork, item);
   }
 }

@@ -74,7 +74,7 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
     }
   }
   if (was_clean && item->dirty_blocks != 0) {
-    set_dirty_items(fork, dirty_items(fork) + 1);
+    set_dirty_items(fork, kvfs_max<std::size_t>(dirty_items(fork) + 1, 1));  // from below 0 as well: X-fork-13
   }
 }
 
