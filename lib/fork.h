@@ -109,9 +109,9 @@ kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, 
 //   out_bytes_written  may be null; receives `length` on success and 0 on failure
 //
 // Locks: items_lock and dirty_lock, both for writing.
-// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit is 0 or a block
-// to be read does not fit a cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a lock.
-// After a failure bytes copied so far stay in the cache, marked modified.
+// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit is 0 or a
+// block to be read does not fit a cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a
+// lock. After a failure bytes copied so far stay in the cache, marked modified.
 kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* buffer, std::size_t length,
                             std::size_t* out_bytes_written);
 
@@ -151,9 +151,10 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 //
 // Returns kvfs_ok; kvfs_internal for another file, without a free run of that size, or when the array of cache items
 // cannot be that large; kvfs_invalid without an allocation file; kvfs_unsupported_extents when a ninth extent would be
-// needed; kvfs_inconsistent when the logical size ends before the last extent; kvfs_limit for the allocation file in
-// use, or when a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of the allocation file or of
-// the lock. On failure the fork and its fork data are as they were, unless only the release of the lock has failed.
+// needed; kvfs_inconsistent when the logical size ends before the last extent, or blocks have no bytes; kvfs_limit for
+// the allocation file in use, or when a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of
+// the allocation file or the lock. On failure the fork and its fork data are as they were, unless only the release of
+// the lock has failed.
 kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location);
 
 // Takes blocks off the end of a fork, after writing their modified bytes to the device. Mappings of the part that goes

@@ -618,6 +618,17 @@ TEST(ExpandFork, ByAClumpOfNoBytes_AddsNothing) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+TEST(ExpandFork, WithoutABlockSize_IsInconsistent) {
+  OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
+  kvfs_fork* const fork = volume.fork(kStartup);
+  fork->block_size = 0;
+  kvfs_allocation_location added = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(kvfs_fork_expand(fork, volume.get(), &added), kvfs_inconsistent);
+  EXPECT_LOG(log, "ERROR kvfs_fork_expand Cannot expand fork by blocks of 0 bytes.\n");
+  EXPECT_EQ(describe(added), kUntouchedText);
+}
+
 // ---- Growing with failing calls ------------------------------------------------------------------------------------
 
 const std::string kExpandLock = "ERROR kvfs_fork_expand Error while locking items lock.\n";

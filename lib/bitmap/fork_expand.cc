@@ -126,6 +126,10 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
         to_ul(fork->priv->cnid));
     return kvfs_internal;
   }
+  if (fork->block_size == 0) {  // X-fork-14
+    KVFS_ERROR("Cannot expand fork by blocks of 0 bytes.\n");
+    return kvfs_inconsistent;
+  }
   kvfs_allocation_location run = {};
   kvfs_result result = find_run(fork, volume, clump, &run);
   if (result != kvfs_ok) {
