@@ -7,7 +7,6 @@
 
 #include "format.h"
 #include "support.h"
-#include "volume.h"
 
 static HFSPlusForkData* fork_data_slot(HFSPlusVolumeHeader* header, std::uint32_t cnid) {
   switch (cnid) {
