@@ -262,22 +262,17 @@ kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume) {
   if (tree->priv->tree_kind != kHFSCatalogFileID) {  // Q-btree-22
     return kvfs_ok;
   }
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
-    return guard.result();
-  }
-  tree_expansion expansion = {};
-  expansion.tree = tree;
-  expansion.volume = volume;
-  kvfs_result result = expand_tree(&expansion);
-  if (result != kvfs_ok) {
-    result = roll_back_expansion(expansion, result);
-  }
-  result = kvfs_result_keep(result, unmap_expansion(&expansion));
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
+                         "Error while releasing write lock for open locators list. Will probably crash now...\n");
+  return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    tree_expansion expansion = {};
+    expansion.tree = tree;
+    expansion.volume = volume;
+    kvfs_result result = expand_tree(&expansion);
+    if (result != kvfs_ok) {
+      result = roll_back_expansion(expansion, result);
+    }
+    return kvfs_result_keep(result, unmap_expansion(&expansion));
+  });
 }

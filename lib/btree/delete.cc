@@ -229,16 +229,11 @@ kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_recor
 }
 
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag) {
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
-    return guard.result();
-  }
-  grant_work(tree, kWorkOfAChange);
-  const kvfs_result result = kvfs_btree_delete_record_internal(tree, locator, flag);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
+                         "Error while releasing write lock for open locators list. Will probably crash now...\n");
+  return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    grant_work(tree, kWorkOfAChange);
+    return kvfs_btree_delete_record_internal(tree, locator, flag);
+  });
 }

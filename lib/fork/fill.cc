@@ -70,7 +70,7 @@ static kvfs_result make_block_valid(kvfs_fork* fork, std::uint64_t block) {
 }
 
 static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
-  kvfs_result result = check_transfer_unit("kvfs_fork_read_into_cache", fork);
+  kvfs_result result = check_transfer_unit(KVFS_NAME_OF(kvfs_fork_read_into_cache), fork);
   if (result != kvfs_ok) {
     return result;
   }
@@ -83,15 +83,7 @@ static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::
 }
 
 kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
-  kvfs_write_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Unable to lock items lock.\n");
-    return guard.result();
-  }
-  const kvfs_result result = make_range_valid(fork, offset, length);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Unable to unlock items lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Unable to lock items lock.\n", critical, "Unexpected - Unable to unlock items lock!\n");
+  return kvfs_with_write_lock(fork->priv->items_lock, messages, [&] { return make_range_valid(fork, offset, length); });
 }
