@@ -34,7 +34,7 @@ static void take_up_node(record_place* place, std::uint32_t node) {
 // (Q-btree-9).
 static kvfs_result step_to_next_node(record_place* place) {
   const std::uint32_t next = place->descriptor.fLink.get();
-  kvfs_result result = unmap_range(&place->map);
+  kvfs_result result = place->map.unmap();
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_get_next_record_internal, "Error while unmapping original raw node data.\n");
     return result;
@@ -138,7 +138,7 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
   place.index = std::uint32_t{*locator->index} + 1;
   kvfs_btree_record_locator* next = nullptr;
   result = open_next_record(&place, &next);
-  const kvfs_result unmapped = unmap_range(&place.map);
+  const kvfs_result unmapped = place.map.unmap();
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping raw node data.\n");
   }

@@ -185,8 +185,8 @@ static kvfs_result descend(search_walk* walk, std::uint32_t child) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
   }
-  const std::uint64_t position = walk->map.offset;
-  kvfs_result result = unmap_range(&walk->map);
+  const std::uint64_t position = walk->map.offset();
+  kvfs_result result = walk->map.unmap();
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while unmapping raw node data of node at offset %llu.\n",
                   to_ull(position));
@@ -357,13 +357,13 @@ kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, s
   walk.key = key;
   walk.mode = mode;
   walk.target_height = target_height;
-  walk.header = *kvfs_view_as<BTHeaderRec>(header.bytes);
+  walk.header = *kvfs_view_as<BTHeaderRec>(header.bytes());
   result = search_from(&walk, start_node);
-  const kvfs_result node_unmapped = unmap_range(&walk.map);
+  const kvfs_result node_unmapped = walk.map.unmap();
   if (node_unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping raw node data.\n");
   }
-  const kvfs_result header_unmapped = unmap_range(&header);
+  const kvfs_result header_unmapped = header.unmap();
   if (header_unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping B-tree header record.\n");
   }

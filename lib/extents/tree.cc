@@ -54,7 +54,7 @@ static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader
 
 // Node 0 must be a header node with its three records.
 static kvfs_result check_header_descriptor(const mapping& map) {
-  const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(map.bytes);
+  const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(map.bytes());
   if (descriptor->kind == kBTHeaderNode && descriptor->numRecords.get() == kBTHeaderNodeRecords) {
     return kvfs_ok;
   }
@@ -67,7 +67,7 @@ static kvfs_result check_header_descriptor(const mapping& map) {
 }
 
 static kvfs_result check_header_record(const mapping& map) {
-  const BTHeaderRec* const header = kvfs_view_as<BTHeaderRec>(map.bytes);
+  const BTHeaderRec* const header = kvfs_view_as<BTHeaderRec>(map.bytes());
   if (header->btreeType != kHFSBTreeType) {
     KVFS_ERROR_AS(kvfs_btree_process,
                   "HFSPlus:%s: Tree type, according to header node, is %d - and not kHFSBTreeType (0)\n",
@@ -85,7 +85,7 @@ static kvfs_result check_header_record(const mapping& map) {
 // stand (Q-btree-2). What was mapped stays mapped for the caller.
 static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mapping* header, std::uint16_t* node_size,
                                      std::uint16_t* max_key_length) {
-  kvfs_result result = map_range(fork, 0, sizeof(BTNodeDescriptor), descriptor);
+  kvfs_result result = descriptor->map(fork, 0, sizeof(BTNodeDescriptor));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while mapping node descriptor of B-tree from its fork.\n");
     return result;
@@ -94,14 +94,14 @@ static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mappi
   if (result != kvfs_ok) {
     return result;
   }
-  result = map_range(fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec), header);
+  result = header->map(fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while mapping header record of B-tree from its fork.\n");
     return result;
   }
   result = check_header_record(*header);
-  *node_size = kvfs_view_as<BTHeaderRec>(header->bytes)->nodeSize.get();
-  *max_key_length = kvfs_view_as<BTHeaderRec>(header->bytes)->maxKeyLength.get();
+  *node_size = kvfs_view_as<BTHeaderRec>(header->bytes())->nodeSize.get();
+  *max_key_length = kvfs_view_as<BTHeaderRec>(header->bytes())->maxKeyLength.get();
   return result;
 }
 
@@ -109,12 +109,12 @@ static kvfs_result check_tree_of_fork(kvfs_fork* fork, std::uint16_t* node_size,
   mapping descriptor;
   mapping header;
   kvfs_result result = check_header_node(fork, &descriptor, &header, node_size, max_key_length);
-  const kvfs_result header_unmapped = unmap_range(&header);
+  const kvfs_result header_unmapped = header.unmap();
   if (header_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while unmapping header record of B-tree from its fork.\n");
   }
   result = kvfs_result_keep(result, header_unmapped);
-  const kvfs_result descriptor_unmapped = unmap_range(&descriptor);
+  const kvfs_result descriptor_unmapped = descriptor.unmap();
   if (descriptor_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while unmapping node descriptor of B-tree from its fork.\n");
   }
