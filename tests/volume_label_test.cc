@@ -16,9 +16,9 @@
 #include "log_capture.h"
 #include "support.h"
 #include "volume.h"
+#include "volume/private.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
-#include "volume/private.h"
 
 // The linker sends the volume's calls of the catalog here, so that they can be made to give what they never give.
 static bool g_search_gives_nothing = false;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "fork.h"
@@ -16,7 +17,7 @@ static void roll_back_blocks(kvfs_fork* fork, const mapping& map, std::uint64_t 
   for (std::uint64_t block = end; block > start; --block) {
     const std::uint64_t undone = block - 1;
     const unsigned char byte = byte_of(map, undone);
-    if (write_byte(fork, undone / 8, static_cast<unsigned char>(byte & ~block_bit(undone))) != kvfs_ok) {
+    if (write_byte(fork, undone / 8, static_cast<unsigned char>(byte & ~kvfs_disk_bit(undone))) != kvfs_ok) {
       KVFS_ERROR_AS(AllocateExtentAllocationBlocks, "Error while rolling back modification to bitmap bit %lu.%s\n",
                     to_ul(static_cast<std::uint32_t>(undone)),
                     undone > start ? " Ignoring and continuing to attempt rollback of remaining blocks..." : "");
@@ -31,14 +32,14 @@ static kvfs_result set_mapped_bits(kvfs_fork* fork, const mapping& map, std::uin
     const unsigned char byte = byte_of(map, block);
     kvfs_result result = kvfs_failed;
     std::uint64_t set_end = block;
-    if ((byte & block_bit(block)) != 0) {
+    if ((byte & kvfs_disk_bit(block)) != 0) {
       KVFS_ERROR_AS(AllocateExtentAllocationBlocks, "Block %d is already allocated.\n", static_cast<int>(block));
     } else {
-      result = write_byte(fork, block / 8, static_cast<unsigned char>(byte | block_bit(block)));
+      result = write_byte(fork, block / 8, static_cast<unsigned char>(byte | kvfs_disk_bit(block)));
       if (result != kvfs_ok) {
         KVFS_ERROR_AS(AllocateExtentAllocationBlocks, "Error while writing out modified bitmap byte.\n");
         // A write that fails only when it gives its locks back has set the bit: X-bitmap-4.
-        set_end += (byte_of(map, block) & block_bit(block)) != 0 ? 1 : 0;
+        set_end += (byte_of(map, block) & kvfs_disk_bit(block)) != 0 ? 1 : 0;
       }
     }
     if (result != kvfs_ok) {

@@ -15,10 +15,6 @@ namespace kvfs::bitmap {
 
 using fork::mapping;
 
-constexpr unsigned char block_bit(std::uint64_t block) {
-  return static_cast<unsigned char>(0x80U >> (block % 8));
-}
-
 // Single bits are changed with this part of the allocation file mapped, all of it (Q-bitmap-2).
 inline constexpr std::uint64_t kChunkSize = 4096;
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "base/arithmetic.h"
+#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "bitmap/private.h"
@@ -15,11 +16,11 @@ using namespace kvfs::bitmap;
 
 static kvfs_result clear_mapped_bit(kvfs_fork* fork, const mapping& chunk, std::uint32_t block) {
   const unsigned char byte = byte_of(chunk, block);
-  if ((byte & block_bit(block)) == 0) {
+  if ((byte & kvfs_disk_bit(block)) == 0) {
     return kvfs_failed;  // without a message: Q-bitmap-3
   }
   // To the first byte of the chunk, not to the byte's own place: Q-bitmap-1.
-  const kvfs_result result = write_byte(fork, chunk.offset(), static_cast<unsigned char>(byte & ~block_bit(block)));
+  const kvfs_result result = write_byte(fork, chunk.offset(), static_cast<unsigned char>(byte & ~kvfs_disk_bit(block)));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(FreeAllocationBlock, "Error while writing back modified byte to allocation file.\n");
   }

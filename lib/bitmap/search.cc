@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/arithmetic.h"
+#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "fork.h"
@@ -55,7 +56,7 @@ static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
 static std::uint64_t count_clear_bits(const free_run_search& search, std::uint64_t count) {
   const unsigned char* const bytes = search.map.bytes();
   std::uint64_t clear = 0;
-  while (clear < count && (bytes[clear / 8] & block_bit(search.position + clear)) == 0) {
+  while (clear < count && (bytes[clear / 8] & kvfs_disk_bit(search.position + clear)) == 0) {
     ++clear;
   }
   return clear;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "base/failure.h"
 #include "base/rwlock_guard.h"
 #include "bitmap.h"
 #include "btree.h"
@@ -223,10 +224,8 @@ static void restore_last_map_node(const tree_expansion& expansion) {
 // Undoes what was done, as far as that is possible; a claimed node stays claimed (Q-btree-24). Returns the value of the
 // failure.
 static kvfs_result roll_back_expansion(const tree_expansion& expansion, kvfs_result result) {
-  if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kvfs_btree_expand, "Rollback requested with no error value. Setting dummy error.\n");
-    result = kvfs_failed;
-  }
+  result =
+      KVFS_FAILURE_VALUE(result, kvfs_btree_expand, "Rollback requested with no error value. Setting dummy error.\n");
   if (expansion.last_map_changed) {
     restore_last_map_node(expansion);
   }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "base/bits.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/node_buffer.h"
@@ -171,7 +172,7 @@ static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
     if (byte == nullptr) {
       return kvfs_inconsistent;
     }
-    if ((*byte & node_bit(node)) == 0) {
+    if ((*byte & kvfs_disk_bit(node)) == 0) {
       *free_node = node;
       return kvfs_ok;
     }
@@ -197,11 +198,11 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
   if (byte == nullptr) {
     return kvfs_inconsistent;
   }
-  if ((*byte & node_bit(node)) != 0) {
+  if ((*byte & kvfs_disk_bit(node)) != 0) {
     KVFS_CRITICAL_AS(kvfs_btree_claim_node, "Internal error: Node is already allocated!\n");
     return kvfs_internal;
   }
-  const unsigned char used = static_cast<unsigned char>(*byte | node_bit(node));
+  const unsigned char used = static_cast<unsigned char>(*byte | kvfs_disk_bit(node));
   const std::uint64_t position = fork_position(tree, walk.node.number, std::uint64_t{walk.start} + index);
   result = kvfs_fork_write(tree->fork, position, &used, sizeof(used), nullptr);
   if (result != kvfs_ok) {

@@ -62,11 +62,6 @@ inline bool read_offset(const node_view& node, std::uint32_t index, std::uint16_
   return true;
 }
 
-// The bit of a node in its byte of the node bitmap.
-inline unsigned char node_bit(std::uint32_t node) {
-  return static_cast<unsigned char>(0x80U >> (node % 8));
-}
-
 // Reads where the data behind a key begins, not rounded up to even; false when the key leaves the node. `end` is 0 when
 // its length field does.
 inline bool read_key_end(const node_view& node, std::uint32_t offset, std::uint32_t* end) {

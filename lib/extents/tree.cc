@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "base/failure.h"
+#include "base/fork_data.h"
 #include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
@@ -14,19 +16,6 @@
 #include "support.h"
 
 using namespace kvfs::btree;
-
-static HFSPlusForkData* fork_data_of(HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind) {
-  switch (tree_kind) {
-    case kHFSExtentsFileID:
-      return &volume_header->extentsFile;
-    case kHFSCatalogFileID:
-      return &volume_header->catalogFile;
-    case kHFSAttributesFileID:
-      return &volume_header->attributesFile;
-    default:
-      return nullptr;
-  }
-}
 
 // Reads the node size from the header record without a fork, whose transfer unit depends on it.
 static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader* volume_header,
@@ -121,22 +110,22 @@ static kvfs_result check_tree_of_fork(kvfs_fork* fork, std::uint16_t* node_size,
   return kvfs_result_keep(result, descriptor_unmapped);
 }
 
-// The value of a failure exit, which must not be taken for a success.
+// What the opening of a tree returns when it fails.
 static kvfs_result failure_value(kvfs_result result) {
-  if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kvfs_btree_process, "err was not set at 'error'. Setting generic error value.\n");
-    return kvfs_failed;
-  }
-  return result;
+  return KVFS_FAILURE_VALUE(result, kvfs_btree_process, "err was not set at 'error'. Setting generic error value.\n");
+}
+
+static bool is_tree(std::uint32_t cnid) {
+  return cnid == kHFSExtentsFileID || cnid == kHFSCatalogFileID || cnid == kHFSAttributesFileID;
 }
 
 kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind, kvfs_device* device,
                                kvfs_extents* extents, int partial, kvfs_fork** out_fork, std::uint16_t* out_node_size,
                                std::uint16_t* out_max_key_length) {
-  HFSPlusForkData* const fork_data = fork_data_of(volume_header, tree_kind);
-  if (fork_data == nullptr) {
+  if (!is_tree(tree_kind)) {
     return kvfs_invalid;
   }
+  HFSPlusForkData* const fork_data = kvfs_volume_header_fork_data(volume_header, tree_kind);
   std::uint16_t node_size = 0;
   kvfs_result result = read_node_size(device, volume_header, fork_data, &node_size);
   if (result != kvfs_ok) {

@@ -64,7 +64,7 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
 }
 
 static kvfs_result check_item_bitmaps(const kvfs_fork* fork, const kvfs_fork_cache_item* item) {
-  const std::size_t expected = bitmap_size(fork->priv->item_size, fork->priv->modificationBitmapBlockSize);
+  const std::size_t expected = bitmap_size(fork->priv->item_size, transfer_unit(fork));
   if (item->valid_bitmap_size != expected) {
     KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Unexpected valid bitmap size: %zu (expected %zu).\n",
                      item->valid_bitmap_size, expected);
@@ -103,7 +103,7 @@ static kvfs_result write_block_sectors(const flush_piece& piece, const kvfs_fork
 static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* item, std::uint64_t item_index,
                                      std::uint64_t end) {
   const kvfs_fork_write_context* const flush = piece->flush;
-  const std::uint64_t unit = flush->fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(flush->fork);
   while (piece->position < end) {
     const std::uint64_t offset_in_item = piece_offset(*piece) % flush->fork->priv->item_size;
     const std::uint64_t block = offset_in_item / unit;
@@ -204,25 +204,25 @@ static std::uint32_t lowest_set_bit(std::uint64_t value, std::uint32_t width) {
 }
 
 // Sectors and blocks are counted by shifts, which needs powers of two here and nowhere else (Q-fork-10).
-static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t transfer_unit) {
+static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t unit) {
   if (!std::has_single_bit(sector_size)) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Sector size is not a power of two: %lu\n", to_ul(sector_size));
     return kvfs_internal;
   }
-  if (!std::has_single_bit(transfer_unit)) {
+  if (!std::has_single_bit(unit)) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Modification bitmap block size is not a power of two: %llu\n",
-                     to_ull(transfer_unit));
+                     to_ull(unit));
     return kvfs_internal;
   }
-  if (transfer_unit < sector_size) {
+  if (unit < sector_size) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal,
-                     "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n",
-                     to_ull(transfer_unit), to_ul(sector_size));
+                     "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n", to_ull(unit),
+                     to_ul(sector_size));
     return kvfs_internal;
   }
-  if (transfer_unit > fork->priv->item_size) {
+  if (unit > fork->priv->item_size) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Modification bitmap block size (%llu) is larger than a cache item.\n",
-                     to_ull(transfer_unit));
+                     to_ull(unit));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -232,7 +232,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   constexpr std::uint32_t kSectorBits = sizeof(std::uint32_t) * 8;
   constexpr std::uint32_t kUnitBits = sizeof(std::size_t) * 8;
   const std::uint32_t sector_size = fork->priv->device->sector_size;
-  const std::size_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::size_t unit = transfer_unit(fork);
   const kvfs_result checked = check_flush_units(fork, sector_size, unit);
   if (checked != kvfs_ok) {
     return checked;

@@ -34,7 +34,7 @@ struct write_range {
 
 // Reads the blocks that a write overwrites only in part.
 static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
-  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(fork);
   const std::uint64_t end = range->offset + range->length;
   const std::uint64_t aligned_start = range->offset / unit * unit;
   const std::uint64_t aligned_end = kvfs_divide_rounding_up(end, unit) * unit;
@@ -60,7 +60,7 @@ static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
 // Copies bytes into an item and marks the blocks that they touch as modified, but not as valid (Q-fork-7).
 static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_t offset_in_item,
                          const unsigned char* bytes, std::size_t length) {
-  const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint32_t unit = transfer_unit(fork);
   const bool was_clean = item->dirty_blocks == 0;
   if (length != 0) {  // a caller with nothing to write may have no bytes
     std::memcpy(item->data + offset_in_item, bytes, length);
