@@ -28,6 +28,24 @@ function(kvfs_add_test name)
   set_tests_properties(${name} PROPERTIES LABELS ${arg_LABEL})
 endfunction()
 
+# kvfs_replace_routine(test header routine)
+#
+# Sends the library's calls of a routine that a header of lib/ declares to the one that the test puts in its place; see
+# tests/support/replaced_routine.h. What the routine is called in object files the compiler says.
+function(kvfs_replace_routine test header routine)
+  set(source "${CMAKE_CURRENT_BINARY_DIR}/symbols/${routine}.cc")
+  file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"@header@\"\nauto* routine = &@routine@;\n" @ONLY)
+  separate_arguments(flags NATIVE_COMMAND "${CMAKE_CXX_FLAGS}")
+  execute_process(
+    COMMAND ${CMAKE_CXX_COMPILER} ${flags} -std=c++20 -I "${PROJECT_SOURCE_DIR}/lib" -S -o - "${source}"
+    OUTPUT_VARIABLE assembly COMMAND_ERROR_IS_FATAL ANY)
+  if(NOT assembly MATCHES "(_Z[0-9]+${routine}[A-Za-z0-9_]+)")
+    message(FATAL_ERROR "${header} declares no ${routine}")
+  endif()
+  target_link_options(${test} PRIVATE LINKER:--wrap=${CMAKE_MATCH_1})
+  target_compile_definitions(${test} PRIVATE KVFS_SYMBOL_OF_${routine}="${CMAKE_MATCH_1}")
+endfunction()
+
 # kvfs_add_tool_runner(target SOURCES file...)
 #
 # What test programs run the built tool with. They find the programs through the macros KVFSLABEL_PATH,
