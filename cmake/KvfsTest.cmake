@@ -6,7 +6,8 @@ include(KvfsGoogleTest)
 #
 # One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and
 # the libraries named, by default the fixtures of tests/, the library under test and the volume builder. It is one test
-# of ctest under the given label (default: unit): its cases share a process.
+# of ctest under the given label (default: unit): its cases share a process. A program that KVFS_TESTS_LEFT_OUT names is
+# no test, and is built only when somebody asks for its target.
 function(kvfs_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "LIBRARIES;SOURCES")
   if(NOT arg_LABEL)
@@ -22,6 +23,10 @@ function(kvfs_add_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} kvfs_test_support GTest::gmock_main)
   if(KVFS_PRECOMPILED_TEST_HEADERS)
     target_precompile_headers(${name} REUSE_FROM kvfs_test_support)
+  endif()
+  if(KVFS_TESTS_LEFT_OUT AND name MATCHES "${KVFS_TESTS_LEFT_OUT}")
+    set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
+    return()
   endif()
   # The option tells scripts/report-tests that the output is GoogleTest's.
   add_test(NAME ${name} COMMAND ${name} --gtest_color=no)
