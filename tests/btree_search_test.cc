@@ -14,6 +14,7 @@
 
 #include "big_endian.h"
 #include "btree_fixture.h"
+#include "catalog.h"
 #include "fork/private.h"
 #include "support.h"
 
@@ -759,7 +760,7 @@ TEST(BtreeSearchCycle, AsManyDescentsAsNodes_AreTooMany) {
 // ---- Damaged offsets and keys --------------------------------------------------------------------------------------
 
 TEST(BtreeSearchDamage, RecordThatDoesNotLieInTheNode_IsInconsistent) {
-  for (const std::uint16_t offset : Numbers16{511, 512, 0x7FFF, 0xFFFF}) {
+  for (const std::uint16_t offset : Numbers16{506, 508, 511, 512, 0x7FFF, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
     tree.set_entry(tree.root(), 3, offset);
     tree.open();
@@ -811,9 +812,90 @@ TEST(BtreeSearchDamage, FoundRecordOfAnOddSize_IsRefusedByTheLocator) {
              search_error("HFSPlus:kvfs_btree_search_node_internal: Not enough memory"));
 }
 
-TEST(BtreeSearchDamage, KeyThatLeavesTheNode_IsInconsistent) {
+// What such a key claims to hold does not matter as long as what the node has of it decides.
+TEST(BtreeSearchDamage, CatalogKeyThatLeavesTheNode_IsComparedAsFarAsTheNodeGoes) {
   for (const std::uint16_t length : Numbers16{500, 0x7FFF, 0x8000, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
+    const std::uint16_t at = tree.entry(tree.root(), 2);
+    tree.set16(tree.root(), at, length);
+    tree.open();
+    LogCapture log;
+    const ComparisonRecorder recorder;
+    EXPECT_EQ(tree.search(60), outcome(1, 0, tree.root(), 5, 60));
+    ASSERT_EQ(recorder.calls().size(), 6u);
+    EXPECT_EQ(recorder.calls()[2].node_key.size(), 512u - at);
+    EXPECT_LOG(log);
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST(BtreeSearchDamage, LongCatalogKeyThatLeavesTheNode_IsComparedUpTo255Units) {
+  TestTree tree({.records = numbered_records(6), .shape = shape_of(4096)});
+  tree.set16(tree.root(), tree.entry(tree.root(), 2), 0xFFFF);
+  tree.open();
+  const ComparisonRecorder recorder;
+  EXPECT_EQ(tree.search(60), outcome(1, 0, tree.root(), 5, 60));
+  EXPECT_EQ(recorder.calls().at(2).node_key.size(), 518u);
+}
+
+// Many keys that claim to be long are no more work than what is compared of them.
+TEST(BtreeSearchDamage, CatalogKeysThatLeaveTheNode_CountAsFarAsTheNodeGoes) {
+  TestTree tree({.records = numbered_records(20)});
+  for (std::uint32_t i = 0; i < 19; ++i) {
+    tree.set16(tree.root(), tree.entry(tree.root(), i), 0xFFFF);
+  }
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(200), outcome(1, 0, tree.root(), 19, 200));
+  EXPECT_LOG(log);
+}
+
+// A key in the last 16 bytes of its node: parent 30 and, for the first units of its name, the offset table.
+constexpr std::uint16_t kKeyAtTheEnd = 512 - 16;
+
+Bytes catalog_key(std::uint32_t parent, const Bytes& name) {
+  Bytes key(8);
+  put_be(key, 0, 2, 6 + name.size());
+  put_be(key, 2, 4, parent);
+  put_be(key, 6, 2, name.size() / 2);
+  key.insert(key.end(), name.begin(), name.end());
+  return key;
+}
+
+std::string search_for_key(const TestTree& tree, const Bytes& key) {
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  const kvfs_result result = kvfs_btree_search_node(tree.get(), key.data(), &found);
+  std::string text = describe(result, found);
+  kvfs_btree_search_result_release(&found);
+  return text;
+}
+
+TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
+  const Bytes data(12);
+  TestTree tree({.records = {{catalog_key(10, {}), data}, {catalog_key(20, {}), data}, {catalog_key(40, {}), data}},
+                 .traits = {.key_compare_type = 0xBC}});
+  const std::uint32_t node = tree.root();
+  tree.set_entry(node, 1, kKeyAtTheEnd);
+  tree.set16(node, kKeyAtTheEnd, 0x7FFF);
+  tree.set32(node, kKeyAtTheEnd + 2, 30);
+  tree.set16(node, kKeyAtTheEnd + 6, 5);
+  tree.open(kvfs_catalog_compare_keys);
+  LogCapture silence;
+  EXPECT_EQ(search_for_key(tree, catalog_key(40, {})), outcome(1, 0, node, 2, 40)) << "the parents decide";
+  EXPECT_EQ(search_for_key(tree, catalog_key(30, {0xFF, 0xFF})), outcome(0, 0, node, 2, 40)) << "a unit decides";
+  EXPECT_LOG(silence);
+  LogCapture log;
+  EXPECT_EQ(search_for_key(tree, catalog_key(30, tree.bytes(node, 512 - 8, 8))), "result 6");
+  EXPECT_LOG(log,
+             "ERROR kvfs_catalog_compare_keys Names of 5 and 4 units do not fit their keys (14 and 14 bytes).\n",
+             bad_record(node, 1));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+TEST(BtreeSearchDamage, KeyOfAnotherTreeThatLeavesTheNode_IsInconsistent) {
+  for (const std::uint16_t length : Numbers16{500, 0x7FFF, 0x8000, 0xFFFF}) {
+    TestTree tree({.records = numbered_records(6), .kind = kHFSAttributesFileID});
     tree.set16(tree.root(), tree.entry(tree.root(), 2), length);
     tree.open();
     LogCapture log;
@@ -823,8 +905,8 @@ TEST(BtreeSearchDamage, KeyThatLeavesTheNode_IsInconsistent) {
   }
 }
 
-TEST(BtreeSearchDamage, KeyThatEndsWithTheNode_IsComparedAndOneByteMoreIsNot) {
-  TestTree tree({.records = numbered_records(6)});
+TEST(BtreeSearchDamage, KeyOfAnotherTreeThatEndsWithTheNode_IsComparedAndOneByteMoreIsNot) {
+  TestTree tree({.records = numbered_records(6), .kind = kHFSAttributesFileID});
   const std::uint16_t at = tree.entry(tree.root(), 2);
   tree.set16(tree.root(), at, static_cast<std::uint16_t>(512 - at - 2));
   tree.open();
@@ -835,6 +917,17 @@ TEST(BtreeSearchDamage, KeyThatEndsWithTheNode_IsComparedAndOneByteMoreIsNot) {
   LogCapture log;
   EXPECT_EQ(tree.search(60), "result 6");
   EXPECT_LOG(log, bad_record(tree.root(), 2));
+}
+
+// The comparison of extents needs all of a key's 12 bytes.
+TEST(BtreeSearchDamage, ExtentKeyThatLeavesTheNode_IsInconsistent) {
+  TestTree tree({.records = numbered_records(6), .kind = kHFSExtentsFileID});
+  tree.set_entry(tree.root(), 3, 502);
+  tree.set_entry(tree.root(), 4, 10);  // the length of that key
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(60), "result 6");
+  EXPECT_LOG(log, bad_record(tree.root(), 3));
 }
 
 TEST(BtreeSearchDamage, KeyThatLeavesItsRecord_IsRefusedByTheLocator) {
