@@ -505,7 +505,7 @@ TEST(VolumeDamage, IndexNodesThatLeadInACircle_EndTheSearch) {
                root,
                kvfs_inconsistent,
                Stop::kThread,
-               {"ERROR kvfs_btree_search_node_internal Aborting search due to cyclic references in the B-tree.\n"}});
+               {"ERROR kvfs_btree_search_node_internal Index node points back to itself. Inconsistent B-tree.\n"}});
 }
 
 // What a search says that needs more of a name than its key holds, in record `record` of the only leaf.

@@ -40,7 +40,8 @@ struct search_walk {
   std::uint8_t target_height;
   BTHeaderRec header;
 
-  mapping map;  // of the current node
+  std::uint32_t start;  // node where the search began
+  mapping map;          // of the current node
   node_view node;
   BTNodeDescriptor descriptor;
   std::uint32_t index;          // of the record looked at
@@ -107,6 +108,7 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
                   KVFS_NAME_OF(kvfs_btree_search_node_internal), to_ul(start), to_ul(total_nodes));
     return kvfs_invalid;
   }
+  walk->start = start;
   const kvfs_result result = map_node(walk->tree, start, &walk->map);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while mapping raw node data.\n");
@@ -192,6 +194,11 @@ static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   if (++walk->descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
+  }
+  if (child == walk->start) {  // Q-btree-26: the node that led here stays mapped, and leads to itself now
+    walk->node.number = child;
+    walk->index = 0;
+    return kvfs_ok;
   }
   const std::uint64_t position = walk->map.offset;
   kvfs_result result = unmap_range(&walk->map);

@@ -40,11 +40,12 @@ Volume small_volume() {
 // steps would be needed to walk the circle until that number is reached.
 Volume index_circle() {
   VolumeDescription description = description_with(100);
-  description.catalog.height = 3;
+  description.catalog.height = 4;
   Volume volume = build_volume(description);
   const std::uint64_t root = volume.get_field("catalog.header.rootNode");
   const std::uint64_t child = volume.get_field(catalog_node(root) + "record[0].child");
-  volume.set_field(catalog_node(child) + "record[0].child", root);
+  const std::uint64_t grandchild = volume.get_field(catalog_node(child) + "record[0].child");
+  volume.set_field(catalog_node(grandchild) + "record[0].child", child);  // the root is not on the way round
   volume.set_field("catalog.header.totalNodes", 0xFFFFFFFF);
   return volume;
 }
