@@ -212,11 +212,11 @@ kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node,
 
 void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool force) {
   kvfs_btree_record_locator_private* const priv = (*locator)->priv;
-  *locator = nullptr;
   --priv->reference_count;
   if (priv->reference_count > 0 && !force) {
     return;
   }
+  *locator = nullptr;
   if (priv->next != nullptr) {
     priv->next->priv->previous = priv->previous;
   }
@@ -239,6 +239,7 @@ void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {
     return;
   }
   kvfs_btree_record_locator_release(locator, false);
+  *locator = nullptr;  // also while others hold it
   if (guard.release() != kvfs_ok) {
     KVFS_WARNING("Error while unlocking B-tree open locators list lock. Ignoring...\n");
   }

@@ -65,7 +65,7 @@ kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node,
                                            kvfs_btree_record_locator** out_locator);
 
 // Gives back one reference and frees the locator with the last one, or at once when `force` is set. The caller's
-// pointer becomes null.
+// pointer becomes null when it does.
 void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool force);
 
 // Moves the open locators of a node whose record index lies in first .. first + count - 1 to another node, adding to
