@@ -579,7 +579,7 @@ TEST_F(BtreeSplit, RecordsOutOfOrder_AreInconsistent) {
     LogCapture log;
     std::uint32_t new_node = 0;
     EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent) << index << " " << offset;
-    EXPECT_LOG(log, split_error("Invalid node data: Record 10 of node 2 lies outside of the node."));
+    EXPECT_LOG(log, split_error("Invalid node data: Record 10 has no place among those of node 2."));
     EXPECT_EQ(tree.cached_node(2), before);
     EXPECT_TRUE(tree.is_idle());
   }
@@ -588,7 +588,7 @@ TEST_F(BtreeSplit, RecordsOutOfOrder_AreInconsistent) {
 TEST_F(BtreeSplit, SplitIndexBehindTheLastRecord_IsInconsistent) {
   LogCapture log;
   EXPECT_EQ(split(2, 25), kvfs_inconsistent);
-  EXPECT_LOG(log, split_error("Invalid node data: Record 25 of node 2 lies outside of the node."));
+  EXPECT_LOG(log, split_error("Invalid node data: Record 25 has no place among those of node 2."));
 }
 
 std::string contradiction(std::uint32_t node) {
@@ -784,7 +784,7 @@ TEST_F(BtreeSplit, TooManyRecords_AreInconsistent) {
     LogCapture log;
     std::uint32_t new_node = 0;
     EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent);
-    EXPECT_LOG(log, split_error("Invalid node data: Record 10 of node 2 lies outside of the node."));
+    EXPECT_LOG(log, split_error("Invalid node data: Record 10 has no place among those of node 2."));
   }
 }
 
