@@ -9,6 +9,7 @@
 #include "btree/node.h"
 #include "btree/node_buffer.h"
 #include "btree/private.h"
+#include "btree/work.h"
 #include "fork.h"
 #include "format.h"
 #include "result.h"
@@ -267,6 +268,7 @@ kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume) {
     KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
     return guard.result();
   }
+  grant_work(tree, kWorkOfAChange);
   tree_expansion expansion = {};
   expansion.tree = tree;
   expansion.volume = volume;

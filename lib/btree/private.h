@@ -112,6 +112,7 @@ inline constexpr std::uint64_t kWorkOfASearch = std::uint64_t{160} << 10;
 inline constexpr std::uint64_t kWorkOfAChange = std::uint64_t{128} << 20;
 inline constexpr std::uint64_t kWorkReserve = std::uint64_t{64} << 20;
 inline constexpr std::uint64_t kWorkOfANode = 128;
+inline constexpr std::uint64_t kWorkOfAMapNode = 512;
 inline constexpr std::uint64_t kWorkOfAKey = 8;
 inline constexpr std::uint64_t kWorkOfAMessage = std::uint64_t{4} << 10;
 inline constexpr std::uint32_t kNodeBytesOfOneUnit = 16;  // a node that is copied takes a unit for so many bytes

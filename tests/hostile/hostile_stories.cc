@@ -194,7 +194,10 @@ std::vector<Story> made_up_stories() {
       {"DeepIndexUnderFullNodes", deep_index_under_full_nodes, "Label", "", too_much},
       {"SoundIndexOfThirteenLevels", thirteen_levels, "Label", "", ""},
       {"MapNodesInARing", map_node_ring, std::string(20, 'L'), "",
-       "ERROR kvfs_btree_claim_node Invalid node data: The map nodes form a ring at node "},
+       "ERROR kvfs_btree_claim_node Need to expand B-tree, but this is not yet implemented.\n"},
+      {"MapNodesInARingForBillionsOfNodes",
+       [] { return changed(map_node_ring(), "catalog.header.totalNodes", 0xFFFFFFFF); }, std::string(20, 'L'), "",
+       "ERROR kvfs_btree_claim_node Invalid node data: Too many map nodes up to node "},
   };
 }
 
