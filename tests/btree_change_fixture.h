@@ -24,7 +24,6 @@ namespace kvfs_test {
 inline constexpr std::uint32_t kBackwardLink = 4;
 inline constexpr std::uint32_t kReserved = 12;
 inline constexpr std::uint32_t kHeaderTreeDepth = 14;
-inline constexpr std::uint32_t kHeaderLeafRecords = 14 + 6;
 inline constexpr std::uint32_t kHeaderLastLeafNode = 14 + 14;
 inline constexpr std::uint32_t kHeaderFreeNodes = 14 + 26;
 

@@ -38,6 +38,7 @@ inline constexpr std::uint32_t kNumRecords = 10;
 
 // Offsets of fields of the header record in node 0.
 inline constexpr std::uint32_t kHeaderRootNode = 14 + 2;
+inline constexpr std::uint32_t kHeaderLeafRecords = 14 + 6;
 inline constexpr std::uint32_t kHeaderNodeSize = 14 + 18;
 inline constexpr std::uint32_t kHeaderMaxKeyLength = 14 + 20;
 inline constexpr std::uint32_t kHeaderTotalNodes = 14 + 22;

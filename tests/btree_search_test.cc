@@ -445,13 +445,34 @@ TEST(BtreeSearchDamage, FirstRecordOfAChildElsewhere_IsNotLookedAt) {
   EXPECT_LOG(log);
 }
 
-TEST(BtreeSearchDamage, EmptyStartNode_IsInconsistent) {
+TEST(BtreeSearchDamage, EmptyStartNodeOfATreeWithRecords_IsInconsistent) {
   TestTree tree(small_nodes());
   tree.set16(tree.root(), kNumRecords, 0);
   tree.open();
   LogCapture log;
   EXPECT_EQ(tree.search(40), "result 6");
   EXPECT_LOG(log, search_error("Invalid node data: Node " + std::to_string(tree.root()) + " has no records."));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// The locator decides about the bytes up to the next entry of the table.
+TEST(BtreeSearchEmptyTree, LeafThatNeverHadRecords_HasNoPlace) {
+  TestTree tree({.records = numbered_records(1)});
+  tree.set16(tree.root(), kNumRecords, 0);
+  tree.set32(0, kHeaderLeafRecords, 0);
+  tree.set_entry(tree.root(), 1, 0);
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(10), "result 6");
+  EXPECT_LOG(log, search_error("Invalid node data: Record 0 of node 1 ends before it begins."));
+  tree.close();
+  tree.set_entry(tree.root(), 1, 16);
+  tree.open();
+  LogCapture short_log;
+  EXPECT_EQ(tree.search(10), "result 3");
+  EXPECT_LOG(short_log,
+             "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected "
+             "minimum: 6 Actual: 2\n");
   EXPECT_TRUE(tree.is_idle());
 }
 

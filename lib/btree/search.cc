@@ -84,6 +84,13 @@ static kvfs_result report_too_much_work() {
   return kvfs_inconsistent;
 }
 
+// Whether a node without records may be searched: the start node of a tree that has none, or the root when the only
+// record of that index node is being replaced. The place of a record is over the bytes of the one deleted there
+// (X-btree-2).
+static bool may_be_empty(const search_walk& walk) {
+  return walk.node.number == walk.start && (walk.mode != kSearchToLeaf || walk.header.leafRecords.get() == 0);
+}
+
 // Takes up the node that was just mapped.
 static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   if (!spend_work(walk->tree, kWorkOfANode)) {
@@ -93,7 +100,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   walk->descriptor = descriptor_of(walk->node);
   walk->index = 0;
   walk->previous_data = 0;
-  if (walk->descriptor.numRecords.get() == 0) {
+  if (walk->descriptor.numRecords.get() == 0 && !may_be_empty(*walk)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
@@ -161,10 +168,10 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
   return kvfs_ok;
 }
 
-// A node of another kind, or one above the height that is looked for, was walked to its end.
+// A node of another kind, or one above the height that is looked for, was walked to its end, or has no records.
 static kvfs_result finish_behind_last_record(search_walk* walk) {
   node_record last = {};
-  const kvfs_result result = read_record(walk, walk->index - 1, &last);
+  const kvfs_result result = read_record(walk, walk->index == 0 ? 0 : walk->index - 1, &last);
   return result == kvfs_ok ? finish_search(walk, last, walk->index) : result;
 }
 
