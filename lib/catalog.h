@@ -76,7 +76,7 @@ int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t
 // Converts a stored name to UTF-8 with "/" for every "\" (Q-catalog-9).
 //
 //   units, count  the text, big-endian, of any length; a zero unit ends it early
-//   buffer, size  receive the text and a NUL; bytes
+//   buffer, size  receive the text and a NUL; bytes, that of the NUL among them (X-catalog-8)
 //
 // Returns the bytes of text, without the NUL; 0 on failure, and the buffer then holds anything.
 std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size);
@@ -238,8 +238,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid for a null argument; kvfs_inconsistent when the record, or the key of the one behind the
-// thread, is too short; kvfs_internal; or the failure of a search.
+// Returns kvfs_ok; kvfs_invalid for a null argument; kvfs_inconsistent when the record, or the key of the one behind
+// the thread, is too short; kvfs_internal; or the failure of a search.
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty);
 
@@ -278,8 +278,8 @@ inline constexpr int kvfs_symbolic_link = 2;  // holds the path of another item
 // Tells what kind of file a whole file record, on-disk order, describes.
 int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);
 
-// Reads the size of a file, following a hard link: of the data fork or, when that is empty, of the resource fork. A link
-// whose file is missing has the size of the record in its place (Q-catalog-24).
+// Reads the size of a file, following a hard link: of the data fork or, when that is empty, of the resource fork. A
+// link whose file is missing has the size of the record in its place (Q-catalog-24).
 //
 //   record  whole file record, on-disk order. That of a link's target may be cut behind the size that counts
 //

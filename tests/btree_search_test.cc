@@ -917,8 +917,7 @@ TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
   EXPECT_LOG(silence);
   LogCapture log;
   EXPECT_EQ(search_for_key(tree, catalog_key(30, tree.bytes(node, 512 - 8, 8))), "result 6");
-  EXPECT_LOG(log,
-             "ERROR kvfs_catalog_compare_keys Names of 5 and 4 units do not fit their keys (14 and 14 bytes).\n",
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 5 and 4 units do not fit their keys (14 and 14 bytes).\n",
              bad_record(node, 1));
   EXPECT_TRUE(tree.is_idle());
 }

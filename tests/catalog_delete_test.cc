@@ -456,8 +456,8 @@ TEST(CatalogDelete, ManyItemsOfManyLeaves_LeaveASoundVolume) {
 }
 
 // The index record of that leaf is the only one in its index node, which is empty until the new one is there.
-// Replacing the only record of an index node below the root would need a place in a node without records, which a search
-// never gives there.
+// Replacing the only record of an index node below the root would need a place in a node without records, which a
+// search never gives there.
 TEST(CatalogDelete, FirstRecordOfTheOnlyLeafUnderAnIndexNode_IsAnInconsistency) {
   VolumeDescription description;
   description.catalog.node_size = 1024;

@@ -40,8 +40,8 @@ static std::int64_t split_boundary(const insertion& insert, std::uint32_t middle
                                : offset_at(insert.node.view, middle) + size;
 }
 
-// Weighs a split before record `middle`. A damaged offset may leave less than nothing for the claimed node; such a split
-// is never the best one, and the search goes on.
+// Weighs a split before record `middle`. A damaged offset may leave less than nothing for the claimed node: such a
+// split is never the best one, and the search goes on.
 static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, split_search* search) {
   const std::int64_t node_size = insert.tree->nodeSize;
   const std::int64_t boundary = split_boundary(insert, middle);
