@@ -5,29 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/fork_data.h"
 #include "format.h"
 #include "support.h"
-#include "volume.h"
-
-static HFSPlusForkData* fork_data_slot(HFSPlusVolumeHeader* header, std::uint32_t cnid) {
-  switch (cnid) {
-    case kHFSExtentsFileID:
-      return &header->extentsFile;
-    case kHFSCatalogFileID:
-      return &header->catalogFile;
-    case kHFSAllocationFileID:
-      return &header->allocationFile;
-    case kHFSStartupFileID:
-      return &header->startupFile;
-    case kHFSAttributesFileID:
-      return &header->attributesFile;
-    default:
-      return nullptr;
-  }
-}
 
 void kvfs_volume_update_fork_data(kvfs_volume* volume, std::uint32_t cnid, const HFSPlusForkData* fork_data) {
-  HFSPlusForkData* const slot = fork_data_slot(volume->header, cnid);
+  HFSPlusForkData* const slot = kvfs_volume_header_fork_data(volume->header, cnid);
   if (slot == nullptr) {
     // Q-volume-3. Without a line feed, so that the next message goes on in the same line: Q-log-2.
     KVFS_CRITICAL("Unexpected catalog node ID for volume header file: %lu", to_ul(cnid));

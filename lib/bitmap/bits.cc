@@ -1,4 +1,4 @@
-// The bits of blocks, and mapped ranges of the allocation file.
+// The bits of blocks in the allocation file.
 
 #include "bitmap/bits.h"
 

@@ -126,17 +126,10 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
   if (result != kvfs_ok) {
     return result;
   }
-  kvfs_write_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while locking items lock.\n");
-    return guard.result();
-  }
-  result = expand_by_run(fork, volume, clump / fork->block_size, run);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-  }
-  result = kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
+                                                         "Unexpected - Error while unlocking items lock!\n");
+  result = kvfs_with_write_lock(fork->priv->items_lock, messages,
+                                [&] { return expand_by_run(fork, volume, clump / fork->block_size, run); });
   if (result == kvfs_ok) {
     *out_location = run;
   }

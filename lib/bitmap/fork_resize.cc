@@ -69,7 +69,7 @@ void kvfs::bitmap::take_extents(fork_resize* resize, const HFSPlusForkData& fork
 // Forgets the blocks of an item from block `first` of it on, those that wait to be written included.
 static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64_t first) {
   kvfs_fork_cache_item* const item = fork->priv->items[item_index];
-  const std::uint64_t blocks_per_item = fork->priv->item_size / fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t blocks_per_item = fork->priv->item_size / transfer_unit(fork);
   const bool was_clean = item->dirty_blocks == 0;
   for (std::uint64_t block = first; block < blocks_per_item; ++block) {
     unsigned char* const valid = &item->valid_bitmap[bitmap_byte(block)];
@@ -95,7 +95,7 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
   if (item == nullptr) {
     return;
   }
-  const std::uint32_t unit = priv->modificationBitmapBlockSize;
+  const std::uint32_t unit = transfer_unit(fork);
   const std::uint32_t offset = static_cast<std::uint32_t>(end % priv->item_size);
   std::uint32_t first = offset / unit;
   if (offset % unit != 0) {

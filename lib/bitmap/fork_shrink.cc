@@ -94,19 +94,11 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
         to_ul(fork->priv->cnid));
     return kvfs_internal;
   }
-  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_shrink), fork, volume);
-  if (result != kvfs_ok) {
-    return result;
+  const kvfs_result checked = check_resizable(__func__, fork, volume);
+  if (checked != kvfs_ok) {
+    return checked;
   }
-  kvfs_write_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while locking items lock.\n");
-    return guard.result();
-  }
-  result = shrink_locked(fork, volume, blocks);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
+                                                         "Unexpected - Error while unlocking items lock!\n");
+  return kvfs_with_write_lock(fork->priv->items_lock, messages, [&] { return shrink_locked(fork, volume, blocks); });
 }

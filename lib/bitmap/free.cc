@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "base/arithmetic.h"
+#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "bitmap/private.h"
@@ -13,13 +14,13 @@
 
 using namespace kvfs::bitmap;
 
-static kvfs_result clear_mapped_bit(kvfs_fork* fork, const bitmap_mapping& chunk, std::uint32_t block) {
+static kvfs_result clear_mapped_bit(kvfs_fork* fork, const mapping& chunk, std::uint32_t block) {
   const unsigned char byte = byte_of(chunk, block);
-  if ((byte & block_bit(block)) == 0) {
+  if ((byte & kvfs_disk_bit(block)) == 0) {
     return kvfs_failed;  // without a message: Q-bitmap-3
   }
   // To the first byte of the chunk, not to the byte's own place: Q-bitmap-1.
-  const kvfs_result result = write_byte(fork, chunk.offset, static_cast<unsigned char>(byte & ~block_bit(block)));
+  const kvfs_result result = write_byte(fork, chunk.offset(), static_cast<unsigned char>(byte & ~kvfs_disk_bit(block)));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(FreeAllocationBlock, "Error while writing back modified byte to allocation file.\n");
   }
@@ -29,14 +30,14 @@ static kvfs_result clear_mapped_bit(kvfs_fork* fork, const bitmap_mapping& chunk
 kvfs_result FreeAllocationBlock(std::uint32_t block, kvfs_bitmap* bitmap) {
   kvfs_fork* const fork = bitmap->priv->fork;
   const std::uint64_t chunk_offset = block / 8 / kChunkSize * kChunkSize;
-  bitmap_mapping chunk = {};
-  kvfs_result result = map_bytes(fork, chunk_offset, kChunkSize, &chunk);
+  mapping chunk = {};
+  kvfs_result result = chunk.map(fork, chunk_offset, kChunkSize);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while mapping byte containing bit to clear in allocation file.\n");
     return result;
   }
   result = clear_mapped_bit(fork, chunk, block);
-  const kvfs_result unmapped = unmap_bytes(fork, &chunk);
+  const kvfs_result unmapped = chunk.unmap();
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping chunk containing bit to clear.\n");
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/arithmetic.h"
+#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "fork.h"
@@ -28,21 +29,22 @@ struct free_run_search {
   std::uint64_t hint;    // where the search began
   std::uint64_t position;
   bool wrapped;  // whether the second round has begun
-  bitmap_mapping map;
+  mapping map;
 };
 
 }  // namespace
 
 // Maps the bits at the position of a search; `count` receives how many of them are to be clear.
 static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
-  kvfs_result result = unmap_bytes(search->fork, &search->map);
+  kvfs_result result = search->map.unmap();
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(FindContiguousUnallocated, "Error while unmapping previous region of bitmap data.\n");
     return result;
   }
   *count = round_up_to_byte(kvfs_min(search->total - search->position, search->wanted));
   const std::uint64_t first_byte = search->position / 8;
-  result = map_bytes(search->fork, first_byte, (search->position + *count + 7) / 8 - first_byte, &search->map);
+  result = search->map.map(search->fork, first_byte,
+                           static_cast<std::size_t>((search->position + *count + 7) / 8 - first_byte));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(FindContiguousUnallocated, "Error while mapping region of bitmap data.\n");
   }
@@ -52,9 +54,9 @@ static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
 // Counts the clear bits from the position on, `count` at most. Bytes are counted from the start of the mapping, which
 // is exact once the position is a multiple of 8, as every one but the first is: Q-bitmap-7.
 static std::uint64_t count_clear_bits(const free_run_search& search, std::uint64_t count) {
-  const unsigned char* const bytes = static_cast<const unsigned char*>(search.map.bytes);
+  const unsigned char* const bytes = search.map.bytes();
   std::uint64_t clear = 0;
-  while (clear < count && (bytes[clear / 8] & block_bit(search.position + clear)) == 0) {
+  while (clear < count && (bytes[clear / 8] & kvfs_disk_bit(search.position + clear)) == 0) {
     ++clear;
   }
   return clear;
@@ -112,7 +114,7 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
   }
   free_run_search search = {fork, total, wanted, start, start, false, {}};
   kvfs_result result = search_free_run(&search, &location);
-  const kvfs_result unmapped = unmap_bytes(search.fork, &search.map);
+  const kvfs_result unmapped = search.map.unmap();
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping region of bitmap data.\n");
   }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "base/failure.h"
 #include "base/rwlock_guard.h"
 #include "bitmap.h"
 #include "btree.h"
@@ -66,7 +67,7 @@ static kvfs_result map_last_map_node(tree_expansion* expansion) {
   kvfs_btree* const tree = expansion->tree;
   cycle_finder chain = {0, 0};
   for (std::uint32_t node = 0;;) {
-    kvfs_result result = unmap_range(&expansion->last_map);
+    kvfs_result result = expansion->last_map.unmap();
     if (result == kvfs_ok) {
       result = map_descriptor(tree, node, &expansion->last_map);
     }
@@ -74,7 +75,7 @@ static kvfs_result map_last_map_node(tree_expansion* expansion) {
       KVFS_ERROR_AS(kvfs_btree_expand, "Error while mapping last map node's descriptor.\n");
       return result;
     }
-    const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(expansion->last_map.bytes);
+    const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(expansion->last_map.bytes());
     if (node != 0 && descriptor->kind != kBTMapNode) {
       KVFS_ERROR_AS(kvfs_btree_expand, "Invalid node data: Expected map node, got node kind %hhd.\n", descriptor->kind);
       return kvfs_inconsistent;
@@ -101,7 +102,7 @@ static kvfs_result count_new_nodes(tree_expansion* expansion) {
     KVFS_ERROR_AS(kvfs_btree_expand, "Error while mapping B-tree header record.\n");
     return mapped;
   }
-  expansion->saved_header = *kvfs_view_as<BTHeaderRec>(expansion->header.bytes);
+  expansion->saved_header = *kvfs_view_as<BTHeaderRec>(expansion->header.bytes());
   const std::uint64_t bytes = std::uint64_t{expansion->added.block_count} * tree->fork->block_size;
   const std::uint32_t nodes = tree->nodeSize == 0 ? 0 : static_cast<std::uint32_t>(bytes / tree->nodeSize);
   BTHeaderRec header = expansion->saved_header;
@@ -121,7 +122,7 @@ static kvfs_result count_new_nodes(tree_expansion* expansion) {
 static bool header_map_suffices(const tree_expansion& expansion) {
   const std::uint32_t node_size = expansion.tree->nodeSize;
   const std::uint32_t bytes = node_size < kBTHeaderNodeOverhead ? 0 : node_size - kBTHeaderNodeOverhead;
-  return bytes * 8 >= kvfs_view_as<BTHeaderRec>(expansion.header.bytes)->totalNodes.get();
+  return bytes * 8 >= kvfs_view_as<BTHeaderRec>(expansion.header.bytes())->totalNodes.get();
 }
 
 // Claims and clears a node for a new map node.
@@ -136,7 +137,7 @@ static kvfs_result allocate_map_node(const tree_expansion& expansion, std::uint3
   mapping old_bytes;
   result = map_node(tree, *node, &old_bytes);
   if (result == kvfs_ok) {
-    result = unmap_range(&old_bytes);
+    result = old_bytes.unmap();
   }
   if (result == kvfs_ok) {
     result = kvfs_fork_fill(tree->fork, fork_position(tree, *node, 0), tree->nodeSize, 0, nullptr);
@@ -182,7 +183,7 @@ static kvfs_result fill_map_node(tree_expansion* expansion, std::uint32_t node) 
     KVFS_ERROR_AS(kvfs_btree_expand, "Error while mapping node descriptor of claimed node.\n");
     return result;
   }
-  BTNodeDescriptor descriptor = *kvfs_view_as<BTNodeDescriptor>(expansion->new_map.bytes);
+  BTNodeDescriptor descriptor = *kvfs_view_as<BTNodeDescriptor>(expansion->new_map.bytes());
   descriptor.kind = kBTMapNode;
   descriptor.numRecords.set(kMapNodeRecords);
   result = write_descriptor(tree, node, descriptor);
@@ -224,10 +225,8 @@ static void restore_last_map_node(const tree_expansion& expansion) {
 // Undoes what was done, as far as that is possible; a claimed node stays claimed (Q-btree-24). Returns the value of the
 // failure.
 static kvfs_result roll_back_expansion(const tree_expansion& expansion, kvfs_result result) {
-  if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kvfs_btree_expand, "Rollback requested with no error value. Setting dummy error.\n");
-    result = kvfs_failed;
-  }
+  result =
+      KVFS_FAILURE_VALUE(result, kvfs_btree_expand, "Rollback requested with no error value. Setting dummy error.\n");
   if (expansion.last_map_changed) {
     restore_last_map_node(expansion);
   }
@@ -244,15 +243,15 @@ static kvfs_result roll_back_expansion(const tree_expansion& expansion, kvfs_res
 
 // Unmaps what an expansion has mapped.
 static kvfs_result unmap_expansion(tree_expansion* expansion) {
-  const kvfs_result new_unmapped = unmap_range(&expansion->new_map);
+  const kvfs_result new_unmapped = expansion->new_map.unmap();
   if (new_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_expand, "Error while unmapping node descriptor of claimed node.\n");
   }
-  const kvfs_result header_unmapped = unmap_range(&expansion->header);
+  const kvfs_result header_unmapped = expansion->header.unmap();
   if (header_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_expand, "Error while unmapping B-tree header record.\n");
   }
-  const kvfs_result last_unmapped = unmap_range(&expansion->last_map);
+  const kvfs_result last_unmapped = expansion->last_map.unmap();
   if (last_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_expand, "Error while unmapping last map node's descriptor.\n");
   }
@@ -263,23 +262,18 @@ kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume) {
   if (tree->priv->tree_kind != kHFSCatalogFileID) {  // Q-btree-22
     return kvfs_ok;
   }
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
-    return guard.result();
-  }
-  grant_work(tree, kWorkOfAChange);
-  tree_expansion expansion = {};
-  expansion.tree = tree;
-  expansion.volume = volume;
-  kvfs_result result = expand_tree(&expansion);
-  if (result != kvfs_ok) {
-    result = roll_back_expansion(expansion, result);
-  }
-  result = kvfs_result_keep(result, unmap_expansion(&expansion));
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
+                         "Error while releasing write lock for open locators list. Will probably crash now...\n");
+  return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    grant_work(tree, kWorkOfAChange);
+    tree_expansion expansion = {};
+    expansion.tree = tree;
+    expansion.volume = volume;
+    kvfs_result result = expand_tree(&expansion);
+    if (result != kvfs_ok) {
+      result = roll_back_expansion(expansion, result);
+    }
+    return kvfs_result_keep(result, unmap_expansion(&expansion));
+  });
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "base/bits.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/node_buffer.h"
@@ -110,7 +111,7 @@ static kvfs_result take_up_map_record(bitmap_walk* walk) {
 
 // Moves on to the next map node; `node` is the tree node whose bit is looked for.
 static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
-  kvfs_result result = unmap_range(&walk->map);
+  kvfs_result result = walk->map.unmap();
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_claim_node, "Error %llu while unmapping previously mapped map node data.\n",
                   to_ull(result));
@@ -170,7 +171,7 @@ static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
     if (byte == nullptr) {
       return kvfs_inconsistent;
     }
-    if ((*byte & node_bit(node)) == 0) {
+    if ((*byte & kvfs_disk_bit(node)) == 0) {
       *free_node = node;
       return kvfs_ok;
     }
@@ -184,8 +185,7 @@ static kvfs_result find_free_node(bitmap_walk* walk, std::uint32_t* free_node) {
 // Takes the node out of the count of free nodes, which is not questioned (Q-btree-17), and sets its bit.
 static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
   kvfs_btree* const tree = walk.tree;
-  BTHeaderRec header =
-      *kvfs_view_as<BTHeaderRec>(static_cast<unsigned char*>(walk.header_map.bytes) + kBTHeaderRecordOffset);
+  BTHeaderRec header = *kvfs_view_as<BTHeaderRec>(walk.header_map.bytes() + kBTHeaderRecordOffset);
   header.freeNodes.set(header.freeNodes.get() - 1);
   kvfs_result result = write_header_record(tree, header);
   if (result != kvfs_ok) {
@@ -197,11 +197,11 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
   if (byte == nullptr) {
     return kvfs_inconsistent;
   }
-  if ((*byte & node_bit(node)) != 0) {
+  if ((*byte & kvfs_disk_bit(node)) != 0) {
     KVFS_CRITICAL_AS(kvfs_btree_claim_node, "Internal error: Node is already allocated!\n");
     return kvfs_internal;
   }
-  const unsigned char used = static_cast<unsigned char>(*byte | node_bit(node));
+  const unsigned char used = static_cast<unsigned char>(*byte | kvfs_disk_bit(node));
   const std::uint64_t position = fork_position(tree, walk.node.number, std::uint64_t{walk.start} + index);
   result = kvfs_fork_write(tree->fork, position, &used, sizeof(used), nullptr);
   if (result != kvfs_ok) {
@@ -212,7 +212,7 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
 
 static void unmap_map_node(bitmap_walk* walk) {
   for (int tries = 0; tries < kCleanUpTries; ++tries) {
-    const kvfs_result result = unmap_range(&walk->map);
+    const kvfs_result result = walk->map.unmap();
     if (result == kvfs_ok) {
       return;
     }
@@ -233,7 +233,7 @@ kvfs_result kvfs_btree_claim_node(kvfs_btree* tree, std::uint32_t* out_node) {
     result = mark_node_used(walk, node);
   }
   unmap_map_node(&walk);
-  const kvfs_result unmapped = unmap_range(&walk.header_map);
+  const kvfs_result unmapped = walk.header_map.unmap();
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping complete header node of B-tree.\n");
   }

@@ -41,7 +41,7 @@ struct record_extent {
 }  // namespace
 
 static std::uint16_t depth_of(const deletion& removal) {
-  return kvfs_view_as<BTHeaderRec>(removal.header.bytes)->treeDepth.get();
+  return kvfs_view_as<BTHeaderRec>(removal.header.bytes())->treeDepth.get();
 }
 
 static kvfs_result read_deleted_extent(const deletion& removal, record_extent* extent) {
@@ -98,7 +98,7 @@ static void remove_record(deletion* removal, const record_extent& extent) {
 }
 
 static kvfs_result count_deleted_leaf_record(const deletion& removal) {
-  BTHeaderRec header = *kvfs_view_as<BTHeaderRec>(removal.header.bytes);
+  BTHeaderRec header = *kvfs_view_as<BTHeaderRec>(removal.header.bytes());
   header.leafRecords.set(header.leafRecords.get() - 1);
   const kvfs_result result = write_header_record(removal.tree, header);
   if (result != kvfs_ok) {
@@ -221,7 +221,7 @@ kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_recor
     return result;
   }
   result = delete_from_node(&removal);
-  const kvfs_result unmapped = unmap_range(&removal.header);
+  const kvfs_result unmapped = removal.header.unmap();
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping B-tree header record.\n");
   }
@@ -229,16 +229,11 @@ kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_recor
 }
 
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag) {
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
-    return guard.result();
-  }
-  grant_work(tree, kWorkOfAChange);
-  const kvfs_result result = kvfs_btree_delete_record_internal(tree, locator, flag);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
+                         "Error while releasing write lock for open locators list. Will probably crash now...\n");
+  return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    grant_work(tree, kWorkOfAChange);
+    return kvfs_btree_delete_record_internal(tree, locator, flag);
+  });
 }

@@ -158,22 +158,18 @@ kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key,
 
 kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const void* data, std::uint16_t data_size,
                                      const kvfs_btree_search_result* hint, kvfs_btree_record_locator** out_locator) {
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring write lock for open locators list.\n");
-    return guard.result();
-  }
-  grant_work(tree, kWorkOfAChange);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
+                         "Error while releasing write lock for open locators list. Will probably crash now...\n");
   kvfs_btree_record_locator* locator = nullptr;
-  const kvfs_result result = kvfs_btree_insert_record_internal(tree, key, data, data_size, hint, &locator);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while releasing write lock for open locators list. Will probably crash now...\n");
-    if (locator != nullptr) {
-      kvfs_btree_record_locator_release(&locator, false);  // X-lock-1: the caller will not see it
-    }
-  } else if (result == kvfs_ok) {
+  const kvfs_result result = kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    grant_work(tree, kWorkOfAChange);
+    return kvfs_btree_insert_record_internal(tree, key, data, data_size, hint, &locator);
+  });
+  if (result == kvfs_ok) {
     *out_locator = locator;
+  } else if (locator != nullptr) {
+    kvfs_btree_record_locator_release(&locator, false);  // X-lock-1: the caller will not see it
   }
-  return kvfs_result_keep(result, unlocked);
+  return result;
 }

@@ -34,7 +34,7 @@ static void take_up_node(record_place* place, std::uint32_t node) {
 // (Q-btree-9).
 static kvfs_result step_to_next_node(record_place* place) {
   const std::uint32_t next = place->descriptor.fLink.get();
-  kvfs_result result = unmap_range(&place->map);
+  kvfs_result result = place->map.unmap();
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_get_next_record_internal, "Error while unmapping original raw node data.\n");
     return result;
@@ -143,7 +143,7 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
   place.index = std::uint32_t{*locator->index} + 1;
   kvfs_btree_record_locator* next = nullptr;
   result = open_next_record(&place, &next);
-  const kvfs_result unmapped = unmap_range(&place.map);
+  const kvfs_result unmapped = place.map.unmap();
   if (unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping raw node data.\n");
   }
@@ -158,21 +158,17 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
 
 kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
                                        kvfs_btree_record_locator** out_locator) {
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring open locators list lock in write mode.\n");
-    return guard.result();
-  }
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring open locators list lock in write mode.\n", error,
+                         "Error while releasing open locators list read-mode lock.\n");  // for writing: Q-btree-25
   kvfs_btree_record_locator* next = nullptr;
-  const kvfs_result result = kvfs_btree_get_next_record_internal(tree, locator, &next);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_ERROR("Error while releasing open locators list read-mode lock.\n");  // held for writing: Q-btree-25
-    if (next != nullptr) {
-      kvfs_btree_record_locator_release(&next, false);  // X-lock-1: the caller will not see it
-    }
-  } else if (result == kvfs_ok) {
+  const kvfs_result result = kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    return kvfs_btree_get_next_record_internal(tree, locator, &next);
+  });
+  if (result == kvfs_ok) {
     *out_locator = next;
+  } else if (next != nullptr) {
+    kvfs_btree_record_locator_release(&next, false);  // X-lock-1: the caller will not see it
   }
-  return kvfs_result_keep(result, unlocked);
+  return result;
 }

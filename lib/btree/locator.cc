@@ -232,17 +232,16 @@ void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool
 }
 
 void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {
-  kvfs_write_guard guard((*locator)->priv->tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while locking B-tree open locators list.\n");
-    *locator = nullptr;  // Q-btree-4: the reference is leaked; touching the list without the lock could do worse
-    return;
-  }
-  kvfs_btree_record_locator_release(locator, false);
-  *locator = nullptr;  // also while others hold it
-  if (guard.release() != kvfs_ok) {
-    KVFS_WARNING("Error while unlocking B-tree open locators list lock. Ignoring...\n");
-  }
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while locking B-tree open locators list.\n", warning,
+                         "Error while unlocking B-tree open locators list lock. Ignoring...\n");
+  (void)kvfs_with_write_lock((*locator)->priv->tree->priv->open_locators_lock, messages, [&] {
+    kvfs_btree_record_locator_release(locator, false);
+    return kvfs_ok;
+  });
+  // Null also while others hold it. Without the lock the reference is leaked (Q-btree-4); touching the list then could
+  // do worse.
+  *locator = nullptr;
 }
 
 // Writes a record's data to the fork and to the locator's copy; the caller holds the tree's lock.
@@ -278,17 +277,10 @@ kvfs_result kvfs_btree_record_locator_write_data(kvfs_btree_record_locator* loca
         data_size, std::size_t{locator->data_size});
     return kvfs_invalid;
   }
-  kvfs_read_guard guard(locator->priv->tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while locking open locators list.\n");
-    return guard.result();
-  }
-  const kvfs_result result = write_record_data(locator, data, data_size);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_ERROR("Error while unlocking rwlock.\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while locking open locators list.\n", error, "Error while unlocking rwlock.\n");
+  return kvfs_with_read_lock(locator->priv->tree->priv->open_locators_lock, messages,
+                             [&] { return write_record_data(locator, data, data_size); });
 }
 
 void kvfs_btree_shift_locators(kvfs_btree* tree, std::uint32_t node, std::int32_t first, std::int32_t count,

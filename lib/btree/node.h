@@ -1,4 +1,4 @@
-// The view of a node's bytes, which stays inside the node, and mapped ranges of a tree's fork.
+// The view of a node's bytes, which stays inside the node, and what of a tree's fork is mapped.
 
 #ifndef KVFS_BTREE_NODE_H
 #define KVFS_BTREE_NODE_H
@@ -10,10 +10,13 @@
 #include "base/arithmetic.h"
 #include "btree.h"
 #include "fork.h"
+#include "fork/mapping.h"
 #include "format.h"
 #include "result.h"
 
 namespace kvfs::btree {
+
+using fork::mapping;
 
 // The bytes of one node. Offsets and lengths in a node come from disk: whatever follows one of them goes through the
 // routines below, which stay inside the node (X-btree-1).
@@ -59,11 +62,6 @@ inline bool read_offset(const node_view& node, std::uint32_t index, std::uint16_
   return true;
 }
 
-// The bit of a node in its byte of the node bitmap.
-inline unsigned char node_bit(std::uint32_t node) {
-  return static_cast<unsigned char>(0x80U >> (node % 8));
-}
-
 // Reads where the data behind a key begins, not rounded up to even; false when the key leaves the node. `end` is 0 when
 // its length field does.
 inline bool read_key_end(const node_view& node, std::uint32_t offset, std::uint32_t* end) {
@@ -99,35 +97,20 @@ inline std::uint64_t fork_position(const kvfs_btree* tree, std::uint32_t node, s
   return std::uint64_t{node} * tree->nodeSize + offset;
 }
 
-// A range of a tree's fork that is mapped while `bytes` is not null.
-struct mapping {
-  kvfs_fork* fork = nullptr;
-  std::uint64_t offset = 0;
-  std::size_t length = 0;
-  void* bytes = nullptr;
-};
-
-kvfs_result map_range(kvfs_fork* fork, std::uint64_t offset, std::size_t length, mapping* map);
-
 inline kvfs_result map_node(kvfs_btree* tree, std::uint32_t node, mapping* map) {
-  return map_range(tree->fork, fork_position(tree, node, 0), tree->nodeSize, map);
+  return map->map(tree->fork, fork_position(tree, node, 0), tree->nodeSize);
 }
 
 inline kvfs_result map_header_record(kvfs_btree* tree, mapping* map) {
-  return map_range(tree->fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec), map);
-}
-
-// Unmaps what is mapped. On failure the range counts as mapped still.
-inline kvfs_result unmap_range(mapping* map) {
-  return map->bytes == nullptr ? kvfs_ok : kvfs_fork_unmap(map->fork, map->offset, &map->bytes, map->length);
+  return map->map(tree->fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec));
 }
 
 inline node_view view_of(const kvfs_btree* tree, std::uint32_t node, const mapping& map) {
-  return {static_cast<unsigned char*>(map.bytes), tree->nodeSize, node};
+  return {map.bytes(), tree->nodeSize, node};
 }
 
 inline kvfs_result map_descriptor(kvfs_btree* tree, std::uint32_t node, mapping* map) {
-  return map_range(tree->fork, fork_position(tree, node, 0), sizeof(BTNodeDescriptor), map);
+  return map->map(tree->fork, fork_position(tree, node, 0), sizeof(BTNodeDescriptor));
 }
 
 }  // namespace kvfs::btree

@@ -207,8 +207,8 @@ static kvfs_result descend(search_walk* walk, std::uint32_t child) {
     walk->index = 0;
     return kvfs_ok;
   }
-  const std::uint64_t position = walk->map.offset;
-  kvfs_result result = unmap_range(&walk->map);
+  const std::uint64_t position = walk->map.offset();
+  kvfs_result result = walk->map.unmap();
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while unmapping raw node data of node at offset %llu.\n",
                   to_ull(position));
@@ -397,13 +397,13 @@ kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, s
   walk.key = key;
   walk.mode = mode;
   walk.target_height = target_height;
-  walk.header = *kvfs_view_as<BTHeaderRec>(header.bytes);
+  walk.header = *kvfs_view_as<BTHeaderRec>(header.bytes());
   result = search_from(&walk, start_node);
-  const kvfs_result node_unmapped = unmap_range(&walk.map);
+  const kvfs_result node_unmapped = walk.map.unmap();
   if (node_unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping raw node data.\n");
   }
-  const kvfs_result header_unmapped = unmap_range(&header);
+  const kvfs_result header_unmapped = header.unmap();
   if (header_unmapped != kvfs_ok) {
     KVFS_ERROR("Error while unmapping B-tree header record.\n");
   }
@@ -417,22 +417,18 @@ kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, s
 }
 
 kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result) {
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring open locators list lock in write mode.\n");
-    return guard.result();
-  }
-  grant_work(tree, kWorkOfASearch);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring open locators list lock in write mode.\n", error,
+                         "Error while releasing open locators list read-mode lock.\n");  // for writing: Q-btree-25
   kvfs_btree_search_result found = {};
-  const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToLeaf, 0, &found);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_ERROR("Error while releasing open locators list read-mode lock.\n");  // held for writing: Q-btree-25
-    if (found.locator != nullptr) {
-      kvfs_btree_record_locator_release(&found.locator, false);  // X-lock-1: the caller will not see it
-    }
-  } else if (result == kvfs_ok) {
+  const kvfs_result result = kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    grant_work(tree, kWorkOfASearch);
+    return kvfs_btree_search_node_internal(tree, key, 0, kSearchToLeaf, 0, &found);
+  });
+  if (result == kvfs_ok) {
     *out_result = found;
+  } else if (found.locator != nullptr) {
+    kvfs_btree_record_locator_release(&found.locator, false);  // X-lock-1: the caller will not see it
   }
-  return kvfs_result_keep(result, unlocked);
+  return result;
 }

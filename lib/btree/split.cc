@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/bits.h"
 #include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
@@ -95,7 +96,7 @@ static node_mark read_node_mark(kvfs_btree* tree, std::uint32_t node, node_buffe
       return {};
     }
     if (byte < end - begin) {
-      return {(view.bytes[begin + byte] & node_bit(node)) != 0, holder != 0 && byte == 0};
+      return {(view.bytes[begin + byte] & kvfs_disk_bit(node)) != 0, holder != 0 && byte == 0};
     }
     byte -= end - begin;
     holder = descriptor_of(view).fLink.get();

@@ -46,17 +46,13 @@ static void release_leaked_locators(kvfs_btree_private* priv) {
 
 void kvfs_btree_destroy(kvfs_btree** tree) {
   kvfs_btree_private* const priv = (*tree)->priv;
-  {
-    kvfs_write_guard guard(priv->open_locators_lock);
-    if (guard.result() != kvfs_ok) {
-      KVFS_ERROR("Error while acquiring open locators list lock! Leaking open locators on kvfs_btree destruction...\n");
-    } else {
-      release_leaked_locators(priv);
-      if (guard.release() != kvfs_ok) {
-        KVFS_ERROR("Error while unlocking B-tree open locators list lock.\n");
-      }
-    }
-  }
+  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
+      "Error while acquiring open locators list lock! Leaking open locators on kvfs_btree destruction...\n", error,
+      "Error while unlocking B-tree open locators list lock.\n");
+  (void)kvfs_with_write_lock(priv->open_locators_lock, messages, [&] {
+    release_leaked_locators(priv);
+    return kvfs_ok;
+  });
   if (kvfs_rwlock_destroy(&priv->open_locators_lock) != kvfs_ok) {
     KVFS_ERROR("Error while destroying B-tree open locators list lock. Leaking...\n");
   }

@@ -81,18 +81,13 @@ static void close_leaked_locators(kvfs_catalog_private* priv) {
 
 void kvfs_catalog_destroy(kvfs_catalog** catalog) {
   kvfs_catalog_private* const priv = (*catalog)->priv;
-  {
-    kvfs_write_guard guard(priv->open_locators_lock);
-    if (guard.result() != kvfs_ok) {
-      KVFS_ERROR(
-          "Error while acquiring open locators list lock! Leaking open locators on kvfs_catalog destruction...\n");
-    } else {
-      close_leaked_locators(priv);
-      if (guard.release() != kvfs_ok) {
-        KVFS_WARNING("Error while unlocking catalog open locators list lock. Ignoring...\n");
-      }
-    }
-  }
+  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
+      "Error while acquiring open locators list lock! Leaking open locators on kvfs_catalog destruction...\n", warning,
+      "Error while unlocking catalog open locators list lock. Ignoring...\n");
+  (void)kvfs_with_write_lock(priv->open_locators_lock, messages, [&] {
+    close_leaked_locators(priv);
+    return kvfs_ok;
+  });
   if (kvfs_rwlock_destroy(&priv->open_locators_lock) != kvfs_ok) {
     KVFS_ERROR("Error while destroying catalog open locators list lock. Leaking...\n");
   }

@@ -99,17 +99,13 @@ kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_r
 
 kvfs_result kvfs_catalog_record_locator_set_parent_locator(kvfs_catalog_record_locator* locator,
                                                            kvfs_catalog_record_locator* parent) {
-  kvfs_write_guard guard(locator->priv->catalog->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring write lock for catalog open locators list.\n");
-    return guard.result();
-  }
-  set_parent(locator, parent);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_ERROR("Error while releasing lock for open locators list.\n");
-  }
-  return unlocked;
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while acquiring write lock for catalog open locators list.\n", error,
+                         "Error while releasing lock for open locators list.\n");
+  return kvfs_with_write_lock(locator->priv->catalog->priv->open_locators_lock, messages, [&] {
+    set_parent(locator, parent);
+    return kvfs_ok;
+  });
 }
 
 kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locator** locator) {
@@ -134,16 +130,12 @@ kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locat
 }
 
 void kvfs_catalog_record_locator_close(kvfs_catalog_record_locator** locator) {
-  kvfs_write_guard guard((*locator)->priv->catalog->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while locking catalog open locators list.\n");
-    *locator = nullptr;
-    return;
-  }
-  (void)kvfs_catalog_record_locator_close_internal(locator);  // it has no failures
-  if (guard.release() != kvfs_ok) {
-    KVFS_WARNING("Error while unlocking catalog open locators list lock. Ignoring...\n");
-  }
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while locking catalog open locators list.\n", warning,
+                         "Error while unlocking catalog open locators list lock. Ignoring...\n");
+  (void)kvfs_with_write_lock((*locator)->priv->catalog->priv->open_locators_lock, messages,
+                             [&] { return kvfs_catalog_record_locator_close_internal(locator); });
+  *locator = nullptr;
 }
 
 void kvfs_catalog_search_result_init(kvfs_catalog_search_result* result) {

@@ -27,10 +27,10 @@ static std::size_t count_units_before_nul(const kvfs_be16* units, std::size_t co
 
 // Brings the next units of a text into host order, as many as there is room for, and returns their number. A pair of
 // surrogates stays together.
-static std::size_t take_piece(const kvfs_be16* units, std::size_t count, std::uint16_t* native) {
+static std::size_t take_piece(const kvfs_be16* units, std::size_t count, std::uint16_t* host_units) {
   const std::size_t length = kvfs_min<std::size_t>(count, kHFSPlusMaxNameLength);
   for (std::size_t i = 0; i < length; ++i) {
-    native[i] = units[i].get();
+    host_units[i] = units[i].get();
   }
   const bool cuts_pair = length < count && (units[length - 1].get() & kSurrogateMask) == kHighSurrogate;
   return cuts_pair ? length - 1 : length;
@@ -44,13 +44,13 @@ std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t co
     return 0;
   }
   const std::size_t end = count_units_before_nul(units, count);
-  std::uint16_t native[kHFSPlusMaxNameLength];
+  std::uint16_t host_units[kHFSPlusMaxNameLength];
   std::size_t length = 0;
   for (std::size_t done = 0; done < end;) {
-    const std::size_t taken = take_piece(units + done, end - done, native);
+    const std::size_t taken = take_piece(units + done, end - done, host_units);
     char* text = buffer + length;
     std::size_t text_length = size - 1 - length;
-    if (kvfs_unicode_unistr_to_utf8(native, taken, kUnicodeHostOrder, &text, &text_length) != kvfs_ok) {
+    if (kvfs_unicode_unistr_to_utf8(host_units, taken, kUnicodeHostOrder, &text, &text_length) != kvfs_ok) {
       KVFS_ERROR("Error while decoding UTF-16.\n");
       return 0;
     }

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "base/arithmetic.h"
+#include "base/failure.h"
 #include "base/owned.h"
 #include "bitmap.h"
 #include "btree.h"
@@ -22,15 +23,6 @@ using namespace kvfs::catalog;
 // Longest target, UTF-8.
 static constexpr std::size_t kMaximumTargetSize = 255;
 
-// The value of a failure exit, which must not be taken for a success.
-static kvfs_result failure_value(kvfs_result result) {
-  if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kvfs_catalog_mksymlink, "At error with no error value set!\n");
-    return kvfs_failed;
-  }
-  return result;
-}
-
 // Finds a free block for the target. None is a failure (X-catalog-6).
 static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFile& file, std::uint32_t* block) {
   kvfs_allocation_location location = {};
@@ -38,7 +30,8 @@ static kvfs_result find_target_block(kvfs_volume* volume, const HFSPlusCatalogFi
                                                volume->header->blockSize.get(), &location);
   if (result != kvfs_ok || location.block_count == 0) {
     KVFS_ERROR_AS(kvfs_catalog_mksymlink, "Error while searching for symlink data write location.\n");
-    return failure_value(result);  // a volume without a free block has not failed the search
+    // A volume without a free block has not failed the search.
+    return KVFS_FAILURE_VALUE(result, kvfs_catalog_mksymlink, "At error with no error value set!\n");
   }
   *block = location.start_block;
   return kvfs_ok;
@@ -67,7 +60,7 @@ static kvfs_result write_target(kvfs_volume* volume, std::uint32_t block, const 
 }
 
 // Makes the record that of a symbolic link with its target in one block.
-static void set_link_fields(HFSPlusCatalogFile* file, std::uint32_t block) {
+static void give_one_block(HFSPlusCatalogFile* file, std::uint32_t block) {
   file->dataFork.extents.extents[0] = {kvfs_be32::of(block), kvfs_be32::of(1)};
   file->dataFork.totalBlocks.set(1);
 }
@@ -86,7 +79,7 @@ static kvfs_result store_link(kvfs_catalog_record_locator* locator, HFSPlusCatal
   if (result != kvfs_ok) {
     return result;
   }
-  set_link_fields(file, block);
+  give_one_block(file, block);
   result = AllocateExtentAllocationBlocks(block, 1, volume);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_catalog_mksymlink, "Error while marking block %lu as allocated.\n", to_ul(block));

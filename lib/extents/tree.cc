@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "base/failure.h"
+#include "base/fork_data.h"
 #include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
@@ -14,19 +16,6 @@
 #include "support.h"
 
 using namespace kvfs::btree;
-
-static HFSPlusForkData* fork_data_of(HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind) {
-  switch (tree_kind) {
-    case kHFSExtentsFileID:
-      return &volume_header->extentsFile;
-    case kHFSCatalogFileID:
-      return &volume_header->catalogFile;
-    case kHFSAttributesFileID:
-      return &volume_header->attributesFile;
-    default:
-      return nullptr;
-  }
-}
 
 // Reads the node size from the header record without a fork, whose transfer unit depends on it.
 static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader* volume_header,
@@ -54,7 +43,7 @@ static kvfs_result read_node_size(kvfs_device* device, const HFSPlusVolumeHeader
 
 // Node 0 must be a header node with its three records.
 static kvfs_result check_header_descriptor(const mapping& map) {
-  const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(map.bytes);
+  const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(map.bytes());
   if (descriptor->kind == kBTHeaderNode && descriptor->numRecords.get() == kBTHeaderNodeRecords) {
     return kvfs_ok;
   }
@@ -67,7 +56,7 @@ static kvfs_result check_header_descriptor(const mapping& map) {
 }
 
 static kvfs_result check_header_record(const mapping& map) {
-  const BTHeaderRec* const header = kvfs_view_as<BTHeaderRec>(map.bytes);
+  const BTHeaderRec* const header = kvfs_view_as<BTHeaderRec>(map.bytes());
   if (header->btreeType != kHFSBTreeType) {
     KVFS_ERROR_AS(kvfs_btree_process,
                   "HFSPlus:%s: Tree type, according to header node, is %d - and not kHFSBTreeType (0)\n",
@@ -85,7 +74,7 @@ static kvfs_result check_header_record(const mapping& map) {
 // stand (Q-btree-2). What was mapped stays mapped for the caller.
 static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mapping* header, std::uint16_t* node_size,
                                      std::uint16_t* max_key_length) {
-  kvfs_result result = map_range(fork, 0, sizeof(BTNodeDescriptor), descriptor);
+  kvfs_result result = descriptor->map(fork, 0, sizeof(BTNodeDescriptor));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while mapping node descriptor of B-tree from its fork.\n");
     return result;
@@ -94,14 +83,14 @@ static kvfs_result check_header_node(kvfs_fork* fork, mapping* descriptor, mappi
   if (result != kvfs_ok) {
     return result;
   }
-  result = map_range(fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec), header);
+  result = header->map(fork, kBTHeaderRecordOffset, sizeof(BTHeaderRec));
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while mapping header record of B-tree from its fork.\n");
     return result;
   }
   result = check_header_record(*header);
-  *node_size = kvfs_view_as<BTHeaderRec>(header->bytes)->nodeSize.get();
-  *max_key_length = kvfs_view_as<BTHeaderRec>(header->bytes)->maxKeyLength.get();
+  *node_size = kvfs_view_as<BTHeaderRec>(header->bytes())->nodeSize.get();
+  *max_key_length = kvfs_view_as<BTHeaderRec>(header->bytes())->maxKeyLength.get();
   return result;
 }
 
@@ -109,34 +98,34 @@ static kvfs_result check_tree_of_fork(kvfs_fork* fork, std::uint16_t* node_size,
   mapping descriptor;
   mapping header;
   kvfs_result result = check_header_node(fork, &descriptor, &header, node_size, max_key_length);
-  const kvfs_result header_unmapped = unmap_range(&header);
+  const kvfs_result header_unmapped = header.unmap();
   if (header_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while unmapping header record of B-tree from its fork.\n");
   }
   result = kvfs_result_keep(result, header_unmapped);
-  const kvfs_result descriptor_unmapped = unmap_range(&descriptor);
+  const kvfs_result descriptor_unmapped = descriptor.unmap();
   if (descriptor_unmapped != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_process, "Error while unmapping node descriptor of B-tree from its fork.\n");
   }
   return kvfs_result_keep(result, descriptor_unmapped);
 }
 
-// The value of a failure exit, which must not be taken for a success.
+// What the opening of a tree returns when it fails.
 static kvfs_result failure_value(kvfs_result result) {
-  if (result == kvfs_ok) {
-    KVFS_WARNING_AS(kvfs_btree_process, "err was not set at 'error'. Setting generic error value.\n");
-    return kvfs_failed;
-  }
-  return result;
+  return KVFS_FAILURE_VALUE(result, kvfs_btree_process, "err was not set at 'error'. Setting generic error value.\n");
+}
+
+static bool is_tree(std::uint32_t cnid) {
+  return cnid == kHFSExtentsFileID || cnid == kHFSCatalogFileID || cnid == kHFSAttributesFileID;
 }
 
 kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t tree_kind, kvfs_device* device,
                                kvfs_extents* extents, int partial, kvfs_fork** out_fork, std::uint16_t* out_node_size,
                                std::uint16_t* out_max_key_length) {
-  HFSPlusForkData* const fork_data = fork_data_of(volume_header, tree_kind);
-  if (fork_data == nullptr) {
+  if (!is_tree(tree_kind)) {
     return kvfs_invalid;
   }
+  HFSPlusForkData* const fork_data = kvfs_volume_header_fork_data(volume_header, tree_kind);
   std::uint16_t node_size = 0;
   kvfs_result result = read_node_size(device, volume_header, fork_data, &node_size);
   if (result != kvfs_ok) {

@@ -29,28 +29,26 @@ kvfs_result kvfs::fork::check_item_numbers(const char* speaker, const kvfs_fork*
   return kvfs_internal;
 }
 
+static kvfs_lock_messages items_lock_messages(const char* speaker) {
+  return KVFS_LOCK_MESSAGES_BY(speaker, "Error while read-locking items lock.\n", critical,
+                               "Unexpected - Error while unlocking items lock!\n", nullptr);
+}
+
 // Hands out the address of cached bytes.
 static kvfs_result locate_cached_bytes(kvfs_fork* fork, std::uint64_t item_index, std::uint64_t offset,
                                        void** out_pointer) {
-  kvfs_read_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_fork_map, "Error while read-locking items lock.\n");
-    return guard.result();
-  }
-  kvfs_result result = kvfs_ok;
   void* pointer = nullptr;
-  kvfs_fork_cache_item* const item = item_at(fork, item_index);
-  if (item == nullptr) {
-    KVFS_CRITICAL_AS(kvfs_fork_map, "Unexpected - Requested cache item %llu does not exist.\n", to_ull(item_index));
-    result = kvfs_internal;
-  } else {
-    pointer = item->data + offset % fork->priv->item_size;
-  }
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kvfs_fork_map, "Unexpected - Error while unlocking items lock!\n");
-  }
-  result = kvfs_result_keep(result, unlocked);
+  const kvfs_result result =
+      kvfs_with_read_lock(fork->priv->items_lock, items_lock_messages(KVFS_NAME_OF(kvfs_fork_map)), [&] {
+        kvfs_fork_cache_item* const item = item_at(fork, item_index);
+        if (item == nullptr) {
+          KVFS_CRITICAL_AS(kvfs_fork_map, "Unexpected - Requested cache item %llu does not exist.\n",
+                           to_ull(item_index));
+          return kvfs_internal;
+        }
+        pointer = item->data + offset % fork->priv->item_size;
+        return kvfs_ok;
+      });
   if (result == kvfs_ok) {
     *out_pointer = pointer;
   }
@@ -93,28 +91,25 @@ kvfs_result kvfs_fork_map(kvfs_fork* fork, std::uint64_t offset, void** out_poin
 // Takes one reference off an item, in the name of kvfs_fork_unmap.
 static kvfs_result drop_reference(kvfs_fork_cache_item* item, std::uint64_t index, std::uint64_t offset_in_item,
                                   void** pointer) {
-  kvfs_write_guard guard(item->item_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_fork_unmap, "Error while write-locking item %p.\n", static_cast<void*>(item));
-    return guard.result();
-  }
-  kvfs_result result = kvfs_invalid;
-  void* const expected = item->data + offset_in_item;
-  if (*pointer != expected) {
-    KVFS_ERROR_AS(kvfs_fork_unmap, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected,
-                  *pointer);
-  } else if (item->references == 0) {
-    KVFS_ERROR_AS(kvfs_fork_unmap, "Cache item %llu has no active references and cannot be unmapped.\n", to_ull(index));
-  } else {
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES_BY(KVFS_NAME_OF(kvfs_fork_unmap), "Error while write-locking item %p.\n", critical,
+                            "Unexpected - Error while unlocking item %p!\n", item);
+  return kvfs_with_write_lock(item->item_lock, messages, [&] {
+    void* const expected = item->data + offset_in_item;
+    if (*pointer != expected) {
+      KVFS_ERROR_AS(kvfs_fork_unmap, "Unexpected pointer when unmapping cache item. Expected %p, got %p.\n", expected,
+                    *pointer);
+      return kvfs_invalid;
+    }
+    if (item->references == 0) {
+      KVFS_ERROR_AS(kvfs_fork_unmap, "Cache item %llu has no active references and cannot be unmapped.\n",
+                    to_ull(index));
+      return kvfs_invalid;
+    }
     --item->references;
     *pointer = nullptr;
-    result = kvfs_ok;
-  }
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kvfs_fork_unmap, "Unexpected - Error while unlocking item %p!\n", static_cast<void*>(item));
-  }
-  return kvfs_result_keep(result, unlocked);
+    return kvfs_ok;
+  });
 }
 
 static kvfs_result check_unmap_range(kvfs_fork* fork, std::uint64_t offset, std::size_t length, item_range items) {
@@ -142,23 +137,14 @@ kvfs_result kvfs_fork_unmap(kvfs_fork* fork, std::uint64_t offset, void** pointe
   if (checked != kvfs_ok) {
     return checked;
   }
-  kvfs_read_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while read-locking items lock.\n");
-    return guard.result();
-  }
-  kvfs_result result = kvfs_invalid;
-  kvfs_fork_cache_item* const item = item_at(fork, items.first);
-  if (item == nullptr) {
-    KVFS_ERROR("Cache item %llu does not exist and cannot be unmapped.\n", to_ull(items.first));
-  } else {
-    result = drop_reference(item, items.first, offset % fork->priv->item_size, pointer);
-  }
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  return kvfs_with_read_lock(fork->priv->items_lock, items_lock_messages(__func__), [&] {
+    kvfs_fork_cache_item* const item = item_at(fork, items.first);
+    if (item == nullptr) {
+      KVFS_ERROR_AS(kvfs_fork_unmap, "Cache item %llu does not exist and cannot be unmapped.\n", to_ull(items.first));
+      return kvfs_result{kvfs_invalid};
+    }
+    return drop_reference(item, items.first, offset % fork->priv->item_size, pointer);
+  });
 }
 
 // Copies bytes out of an item and takes one reference off it, in the name of kvfs_fork_read.
@@ -236,17 +222,9 @@ kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, 
     KVFS_ERROR("Error while reading missing disk blocks into cache.\n");
     return result;
   }
-  kvfs_read_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while read-locking items lock.\n");
-    return guard.result();
-  }
-  result = copy_from_items(fork, items, offset, static_cast<unsigned char*>(buffer), length);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-  }
-  result = kvfs_result_keep(result, unlocked);
+  result = kvfs_with_read_lock(fork->priv->items_lock, items_lock_messages(__func__), [&] {
+    return copy_from_items(fork, items, offset, static_cast<unsigned char*>(buffer), length);
+  });
   if (result == kvfs_ok && out_bytes_read != nullptr) {
     *out_bytes_read = length;
   }

@@ -97,8 +97,7 @@ kvfs_result kvfs_fork_cache_item_create(const kvfs_fork* fork, kvfs_fork_cache_i
                sizeof(kvfs_fork_cache_item));
     return kvfs_no_memory;
   }
-  const kvfs_result result =
-      fill_cache_item(item, priv->item_size, bitmap_size(priv->item_size, priv->modificationBitmapBlockSize));
+  const kvfs_result result = fill_cache_item(item, priv->item_size, bitmap_size(priv->item_size, transfer_unit(fork)));
   if (result != kvfs_ok) {
     free_cache_item(item);
     return result;
@@ -131,7 +130,7 @@ kvfs_result kvfs::fork::ensure_item(const char* speaker, kvfs_fork* fork, std::u
 }
 
 kvfs_result kvfs::fork::check_transfer_unit(const char* speaker, const kvfs_fork* fork) {
-  const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint32_t unit = transfer_unit(fork);
   if (unit == 0 || unit > fork->priv->item_size) {
     KVFS_ERROR_BY(speaker, "Transfer unit of %lu bytes does not fit a cache item.\n", to_ul(unit));
     return kvfs_inconsistent;

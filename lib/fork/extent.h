@@ -16,8 +16,8 @@ namespace kvfs::fork {
 inline constexpr std::uint64_t kMaximum32 = 0xFFFFFFFF;
 
 // Bytes of an item's bitmap, one bit for each block.
-constexpr std::size_t bitmap_size(std::uint32_t item_size, std::uint32_t transfer_unit) {
-  return static_cast<std::size_t>((kvfs_divide_rounding_up(item_size, transfer_unit) + 7) / 8);
+constexpr std::size_t bitmap_size(std::uint32_t item_size, std::uint32_t unit) {
+  return static_cast<std::size_t>((kvfs_divide_rounding_up(item_size, unit) + 7) / 8);
 }
 
 constexpr std::uint32_t bitmap_byte(std::uint64_t block) {
@@ -32,6 +32,11 @@ constexpr unsigned char bitmap_mask(std::uint64_t block) {
 // remainder is seen, and the fork goes on behind that with the next extent.
 inline std::uint32_t extent_length(const kvfs_fork* fork, const HFSPlusExtentDescriptor& extent) {
   return fork->block_size * extent.blockCount.get();
+}
+
+// The unit in which blocks are valid or modified, and of all transfers, bytes.
+inline std::uint32_t transfer_unit(const kvfs_fork* fork) {
+  return fork->priv->modificationBitmapBlockSize;
 }
 
 inline bool is_empty(const HFSPlusExtentDescriptor& extent) {

@@ -16,7 +16,7 @@ using namespace kvfs::fork;
 
 // Reads block `block` of the fork to its place in its item.
 static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::uint64_t block) {
-  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(fork);
   const std::uint64_t offset_in_item = unit * (block % (fork->priv->item_size / unit));
   const std::uint64_t length = kvfs_min(unit, fork->priv->logical_size - block * unit);
   if (length > item->data_size || offset_in_item > item->data_size - length) {
@@ -45,7 +45,7 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
 // References block `block` of the fork and reads it unless it is valid. No failure takes the reference back (Q-fork-4).
 static kvfs_result make_block_valid(kvfs_fork* fork, std::uint64_t block) {
   kvfs_fork_private* const priv = fork->priv;
-  const std::uint64_t blocks_per_item = priv->item_size / priv->modificationBitmapBlockSize;
+  const std::uint64_t blocks_per_item = priv->item_size / transfer_unit(fork);
   const std::uint64_t index = block / blocks_per_item;
   if (index > priv->items_length) {
     KVFS_CRITICAL_AS(kvfs_fork_read_into_cache, "Item index out of bounds: %llu (expected maximum: %zu)\n",
@@ -70,11 +70,11 @@ static kvfs_result make_block_valid(kvfs_fork* fork, std::uint64_t block) {
 }
 
 static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
-  kvfs_result result = check_transfer_unit("kvfs_fork_read_into_cache", fork);
+  kvfs_result result = check_transfer_unit(KVFS_NAME_OF(kvfs_fork_read_into_cache), fork);
   if (result != kvfs_ok) {
     return result;
   }
-  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(fork);
   const std::uint64_t end = kvfs_divide_rounding_up(offset + length, unit);
   for (std::uint64_t block = offset / unit; block < end && result == kvfs_ok; ++block) {
     result = make_block_valid(fork, block);
@@ -83,15 +83,7 @@ static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::
 }
 
 kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
-  kvfs_write_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Unable to lock items lock.\n");
-    return guard.result();
-  }
-  const kvfs_result result = make_range_valid(fork, offset, length);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Unable to unlock items lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Unable to lock items lock.\n", critical, "Unexpected - Unable to unlock items lock!\n");
+  return kvfs_with_write_lock(fork->priv->items_lock, messages, [&] { return make_range_valid(fork, offset, length); });
 }

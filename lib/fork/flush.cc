@@ -64,7 +64,7 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
 }
 
 static kvfs_result check_item_bitmaps(const kvfs_fork* fork, const kvfs_fork_cache_item* item) {
-  const std::size_t expected = bitmap_size(fork->priv->item_size, fork->priv->modificationBitmapBlockSize);
+  const std::size_t expected = bitmap_size(fork->priv->item_size, transfer_unit(fork));
   if (item->valid_bitmap_size != expected) {
     KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Unexpected valid bitmap size: %zu (expected %zu).\n",
                      item->valid_bitmap_size, expected);
@@ -103,7 +103,7 @@ static kvfs_result write_block_sectors(const flush_piece& piece, const kvfs_fork
 static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* item, std::uint64_t item_index,
                                      std::uint64_t end) {
   const kvfs_fork_write_context* const flush = piece->flush;
-  const std::uint64_t unit = flush->fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(flush->fork);
   while (piece->position < end) {
     const std::uint64_t offset_in_item = piece_offset(*piece) % flush->fork->priv->item_size;
     const std::uint64_t block = offset_in_item / unit;
@@ -133,22 +133,18 @@ static kvfs_result write_item_blocks(flush_piece* piece, kvfs_fork_cache_item* i
 static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, std::uint64_t item_index,
                               std::uint64_t end) {
   kvfs_fork* const fork = piece->flush->fork;
-  kvfs_result result = check_item_bitmaps(fork, item);
-  if (result != kvfs_ok) {
-    return result;
+  const kvfs_result checked = check_item_bitmaps(fork, item);
+  if (checked != kvfs_ok) {
+    return checked;
   }
-  kvfs_write_guard guard(item->item_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_fork_process_write_io, "Error while write-locking item's item lock.\n");
-    return guard.result();
-  }
-  result = write_item_blocks(piece, item, item_index, end);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kvfs_fork_process_write_io, "Unexpected - Error while unlocking item's item lock.\n");
-  }
-  count_out_if_clean(fork, item);
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES_AS(kvfs_fork_process_write_io, "Error while write-locking item's item lock.\n", critical,
+                            "Unexpected - Error while unlocking item's item lock.\n");
+  return kvfs_with_write_lock(item->item_lock, messages, [&] {
+    const kvfs_result written = write_item_blocks(piece, item, item_index, end);
+    count_out_if_clean(fork, item);
+    return written;
+  });
 }
 
 // Walks a piece item by item, passing over items without modified blocks.
@@ -208,25 +204,25 @@ static std::uint32_t lowest_set_bit(std::uint64_t value, std::uint32_t width) {
 }
 
 // Sectors and blocks are counted by shifts, which needs powers of two here and nowhere else (Q-fork-10).
-static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t transfer_unit) {
+static kvfs_result check_flush_units(const kvfs_fork* fork, std::uint32_t sector_size, std::size_t unit) {
   if (!std::has_single_bit(sector_size)) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Sector size is not a power of two: %lu\n", to_ul(sector_size));
     return kvfs_internal;
   }
-  if (!std::has_single_bit(transfer_unit)) {
+  if (!std::has_single_bit(unit)) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Modification bitmap block size is not a power of two: %llu\n",
-                     to_ull(transfer_unit));
+                     to_ull(unit));
     return kvfs_internal;
   }
-  if (transfer_unit < sector_size) {
+  if (unit < sector_size) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal,
-                     "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n",
-                     to_ull(transfer_unit), to_ul(sector_size));
+                     "Modification bitmap block size (%llu) is not a multiple of sector size (%lu).\n", to_ull(unit),
+                     to_ul(sector_size));
     return kvfs_internal;
   }
-  if (transfer_unit > fork->priv->item_size) {
+  if (unit > fork->priv->item_size) {
     KVFS_CRITICAL_AS(kvfs_fork_flush_internal, "Modification bitmap block size (%llu) is larger than a cache item.\n",
-                     to_ull(transfer_unit));
+                     to_ull(unit));
     return kvfs_inconsistent;
   }
   return kvfs_ok;
@@ -236,7 +232,7 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   constexpr std::uint32_t kSectorBits = sizeof(std::uint32_t) * 8;
   constexpr std::uint32_t kUnitBits = sizeof(std::size_t) * 8;
   const std::uint32_t sector_size = fork->priv->device->sector_size;
-  const std::size_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::size_t unit = transfer_unit(fork);
   const kvfs_result checked = check_flush_units(fork, sector_size, unit);
   if (checked != kvfs_ok) {
     return checked;
@@ -262,49 +258,43 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   return kvfs_ok;
 }
 
+// Writes the modified blocks of a range, once all its pieces are known to be good.
+static kvfs_result write_range(kvfs_fork_write_context* flush, std::uint64_t offset, std::uint64_t length) {
+  kvfs_fork* const fork = flush->fork;
+  kvfs_result result = kvfs_fork_do_device_io(fork, offset, length, check_piece, flush);
+  if (result == kvfs_ok) {
+    result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, flush);
+  }
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_fork_flush_internal, "Error while writing fork to disk.\n");
+  }
+  return result;
+}
+
 kvfs_result kvfs_fork_flush_internal(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
   if (dirty_items(fork) == 0) {
     return kvfs_ok;
   }
   kvfs_fork_write_context flush = {};
-  kvfs_result result = prepare_flush(fork, offset, &flush);
-  if (result != kvfs_ok) {
-    return result;
+  const kvfs_result prepared = prepare_flush(fork, offset, &flush);
+  if (prepared != kvfs_ok) {
+    return prepared;
   }
-  kvfs_write_guard guard(fork->priv->dirty_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while write-locking dirty lock.\n");
-    return guard.result();
-  }
-  result = kvfs_fork_do_device_io(fork, offset, length, check_piece, &flush);  // of all pieces, before the first write
-  if (result == kvfs_ok) {
-    result = kvfs_fork_do_device_io(fork, offset, length, kvfs_fork_process_write_io, &flush);
-  }
-  if (result != kvfs_ok) {
-    KVFS_ERROR("Error while writing fork to disk.\n");
-  }
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking dirty lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while write-locking dirty lock.\n", critical,
+                                                         "Unexpected - Error while unlocking dirty lock!\n");
+  return kvfs_with_write_lock(fork->priv->dirty_lock, messages, [&] { return write_range(&flush, offset, length); });
 }
 
 kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
-  kvfs_read_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while read-locking items lock.\n");
-    return guard.result();
-  }
-  const kvfs_result result = kvfs_fork_flush_internal(fork, 0, fork->priv->logical_size);
-  const std::size_t still_dirty = dirty_items(fork);
-  if (result == kvfs_ok && still_dirty != 0) {
-    KVFS_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", still_dirty);
-    set_dirty_items(fork, 0);  // the count is forgotten, the bits are not: Q-fork-8
-  }
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while read-locking items lock.\n", critical,
+                                                         "Unexpected - Error while unlocking items lock!\n");
+  return kvfs_with_read_lock(fork->priv->items_lock, messages, [&] {
+    const kvfs_result result = kvfs_fork_flush_internal(fork, 0, fork->priv->logical_size);
+    const std::size_t still_dirty = dirty_items(fork);
+    if (result == kvfs_ok && still_dirty != 0) {
+      KVFS_WARNING_AS(kvfs_fork_flush, "Dirty items is non-0 (%zu) after successful full flush.\n", still_dirty);
+      set_dirty_items(fork, 0);  // the count is forgotten, the bits are not: Q-fork-8
+    }
+    return result;
+  });
 }

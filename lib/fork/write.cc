@@ -34,7 +34,7 @@ struct write_range {
 
 // Reads the blocks that a write overwrites only in part.
 static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
-  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(fork);
   const std::uint64_t end = range->offset + range->length;
   const std::uint64_t aligned_start = range->offset / unit * unit;
   const std::uint64_t aligned_end = kvfs_divide_rounding_up(end, unit) * unit;
@@ -60,7 +60,7 @@ static kvfs_result read_partial_blocks(kvfs_fork* fork, write_range* range) {
 // Copies bytes into an item and marks the blocks that they touch as modified, but not as valid (Q-fork-7).
 static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_t offset_in_item,
                          const unsigned char* bytes, std::size_t length) {
-  const std::uint32_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint32_t unit = transfer_unit(fork);
   const bool was_clean = item->dirty_blocks == 0;
   if (length != 0) {  // a caller with nothing to write may have no bytes
     std::memcpy(item->data + offset_in_item, bytes, length);
@@ -118,17 +118,10 @@ static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, con
 
 // Writes to the items with dirty_lock held; the caller holds items_lock for writing.
 static kvfs_result write_dirty_locked(kvfs_fork* fork, const write_range& range, const unsigned char* bytes) {
-  kvfs_write_guard guard(fork->priv->dirty_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_fork_write, "Error while write-locking dirty lock.\n");
-    return guard.result();
-  }
-  const kvfs_result result = write_to_items(fork, range, bytes);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kvfs_fork_write, "Unexpected - Error while unlocking dirty lock!\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES_AS(kvfs_fork_write, "Error while write-locking dirty lock.\n", critical,
+                            "Unexpected - Error while unlocking dirty lock!\n");
+  return kvfs_with_write_lock(fork->priv->dirty_lock, messages, [&] { return write_to_items(fork, range, bytes); });
 }
 
 kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* buffer, std::size_t length,
@@ -152,17 +145,12 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
   if (result != kvfs_ok) {
     return result;
   }
-  kvfs_write_guard guard(fork->priv->items_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while read-locking items lock.\n");  // taken for writing: Q-fork-14
-    return guard.result();
-  }
-  result = write_dirty_locked(fork, range, static_cast<const unsigned char*>(buffer));
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-  }
-  result = kvfs_result_keep(result, unlocked);
+  const kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES("Error while read-locking items lock.\n", critical,  // taken for writing: Q-fork-14
+                         "Unexpected - Error while unlocking items lock!\n");
+  result = kvfs_with_write_lock(fork->priv->items_lock, messages, [&] {
+    return write_dirty_locked(fork, range, static_cast<const unsigned char*>(buffer));
+  });
   if (result == kvfs_ok && out_bytes_written != nullptr) {
     *out_bytes_written = length;
   }

@@ -81,7 +81,7 @@ static kvfs_result read_header(kvfs_device* device, volume_parts* parts) {
 }
 
 // Names the variant of the volume for messages, "+" or "X"; null when the signature is neither's.
-static const char* variant_of(const HFSPlusVolumeHeader* header) {
+static const char* name_variant(const HFSPlusVolumeHeader* header) {
   const std::uint16_t signature = header->signature.get();
   if (signature == kHFSPlusSigWord) {
     return "+";
@@ -164,7 +164,7 @@ static kvfs_result open_parts(kvfs_device* device, int skip_allocation_file, vol
   if (result != kvfs_ok) {
     return result;
   }
-  const char* const variant = variant_of(parts->header);
+  const char* const variant = name_variant(parts->header);
   if (variant == nullptr) {
     return kvfs_failed;
   }

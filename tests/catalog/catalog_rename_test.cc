@@ -17,6 +17,7 @@
 #include "fault_injection.h"
 #include "fork.h"
 #include "log_capture.h"
+#include "replaced_routine.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 
@@ -25,13 +26,7 @@
 static bool g_insertion_gives_nothing = false;
 static std::vector<bool> g_insertions_with_hint;
 
-#define KVFS_INSERT_SYMBOL \
-  "_Z24kvfs_btree_insert_recordP10kvfs_btreePKvS2_tPK24kvfs_btree_search_resultPP25kvfs_btree_record_locator"
-
-using Insert = kvfs_result(kvfs_btree*, const void*, const void*, std::uint16_t, const kvfs_btree_search_result*,
-                           kvfs_btree_record_locator**);
-Insert real_insert asm("__real_" KVFS_INSERT_SYMBOL);
-Insert wrap_insert asm("__wrap_" KVFS_INSERT_SYMBOL);
+KVFS_REPLACED_ROUTINE(kvfs_btree_insert_record, real_insert, wrap_insert);
 
 kvfs_result wrap_insert(kvfs_btree* tree, const void* key, const void* data, std::uint16_t data_size,
                         const kvfs_btree_search_result* hint, kvfs_btree_record_locator** out_locator) {

@@ -20,8 +20,8 @@
 #include "log_capture.h"
 #include "support.h"
 #include "unicode_fixture.h"
-#include "volume_builder.h"
 #include "volume/private.h"
+#include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog_fixture.h"
 #include "catalog/private.h"
+#include "catalog_fixture.h"
 #include "fault_injection.h"
 #include "log_capture.h"
 #include "stored_names.h"

@@ -14,34 +14,19 @@
 #include "label_change.h"
 #include "label_volume.h"
 #include "log_capture.h"
+#include "replaced_routine.h"
 #include "support.h"
 #include "volume.h"
+#include "volume/private.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
-#include "volume/private.h"
 
 // The linker sends the volume's calls of the catalog here, so that they can be made to give what they never give.
 static bool g_search_gives_nothing = false;
 static bool g_rename_keeps_locator = false;
 
-// The name of a function in the object files has the type of std::size_t in it.
-#if SIZE_MAX == UINT64_MAX
-#define KVFS_RENAME_SYMBOL \
-  "_Z26kvfs_catalog_rename_recordP12kvfs_catalogPP27kvfs_catalog_record_locator15kvfs_big_endianIjEPKS4_ItEm"
-#else
-#define KVFS_RENAME_SYMBOL \
-  "_Z26kvfs_catalog_rename_recordP12kvfs_catalogPP27kvfs_catalog_record_locator15kvfs_big_endianIjEPKS4_ItEj"
-#endif
-#define KVFS_SEARCH_SYMBOL "_Z27kvfs_catalog_search_by_cnidP12kvfs_catalogjbP26kvfs_catalog_search_result"
-
-kvfs_result real_rename(kvfs_catalog*, kvfs_catalog_record_locator**, kvfs_be32, const kvfs_be16*,
-                        std::size_t) asm("__real_" KVFS_RENAME_SYMBOL);
-kvfs_result wrap_rename(kvfs_catalog*, kvfs_catalog_record_locator**, kvfs_be32, const kvfs_be16*,
-                        std::size_t) asm("__wrap_" KVFS_RENAME_SYMBOL);
-kvfs_result real_search(kvfs_catalog*, std::uint32_t, bool,
-                        kvfs_catalog_search_result*) asm("__real_" KVFS_SEARCH_SYMBOL);
-kvfs_result wrap_search(kvfs_catalog*, std::uint32_t, bool,
-                        kvfs_catalog_search_result*) asm("__wrap_" KVFS_SEARCH_SYMBOL);
+KVFS_REPLACED_ROUTINE(kvfs_catalog_rename_record, real_rename, wrap_rename);
+KVFS_REPLACED_ROUTINE(kvfs_catalog_search_by_cnid, real_search, wrap_search);
 
 kvfs_result wrap_rename(kvfs_catalog* catalog, kvfs_catalog_record_locator** locator, kvfs_be32 new_parent,
                         const kvfs_be16* name, std::size_t length) {

@@ -20,16 +20,14 @@
 #include "fork.h"
 #include "fork/private.h"
 #include "log_capture.h"
+#include "replaced_routine.h"
 #include "support.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 
 // The search as the library has it, and in its place one that finds nothing and says so without a failure.
 static bool find_nothing = false;
-kvfs_result real_search(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result) __asm__(
-    "__real__Z22kvfs_btree_search_nodeP10kvfs_btreePKvP24kvfs_btree_search_result");
-kvfs_result wrapped_search(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result) __asm__(
-    "__wrap__Z22kvfs_btree_search_nodeP10kvfs_btreePKvP24kvfs_btree_search_result");
+KVFS_REPLACED_ROUTINE(kvfs_btree_search_node, real_search, wrapped_search);
 kvfs_result wrapped_search(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result) {
   if (find_nothing) {
     kvfs_btree_search_result_init(out_result);

@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/rwlock_guard.h"
 #include "fault_injection.h"
 #include "log_capture.h"
-#include "base/rwlock_guard.h"
 #include "support.h"
 
 namespace kvfs_test {
