@@ -1,10 +1,17 @@
 // Search: from the root, or a node given, down to the place of a key.
 //
+// From the top: kvfs_btree_search_node takes the lock, kvfs_btree_search_node_internal maps the header record, and
+// search_from begins at the start node (enter_start_node) and looks at record after record (visit_record). Each is
+// compared (compare_record); the search goes on behind it, or down to a child (visit_index_record, descend), or ends: in
+// a leaf, in an index node of the height that is looked for, or behind the last record (finish_in_leaf and so on). There
+// end_search_at opens the result's locator.
+//
 // A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4
 // and X-btree-5 for keys, X-btree-17 for the searches of an operation together.
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
@@ -31,6 +38,13 @@ void kvfs_btree_search_result_release(kvfs_btree_search_result* result) {
 
 namespace {
 
+// How much a search has done, for its bounds.
+struct search_cost {
+  std::uint32_t descents;
+  std::uint64_t key_bytes;  // of all keys that were compared
+  std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
+};
+
 // A search on its way down.
 struct search_walk {
   kvfs_btree* tree;
@@ -39,16 +53,14 @@ struct search_walk {
   std::uint8_t target_height;
   BTHeaderRec header;
 
-  mapping map;  // of the current node
+  std::uint32_t start;  // node where the search began
+  mapping map;          // of the current node
   node_view node;
   BTNodeDescriptor descriptor;
   std::uint32_t index;          // of the record looked at
   std::uint32_t previous_data;  // where the data of the record kept in mind begins, in the node; 0 without one
 
-  std::uint32_t descents;
-  std::uint64_t key_bytes;  // of all keys that were compared
-  std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
-
+  search_cost cost;
   bool done;
   kvfs_btree_search_result result;
 };
@@ -70,9 +82,23 @@ static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
   return kvfs_inconsistent;
 }
 
+static kvfs_result report_contradicting_key(const search_walk& walk) {
+  KVFS_ERROR_AS(kvfs_btree_search_node_internal,
+                "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk.index),
+                to_ul(walk.node.number));
+  return kvfs_inconsistent;
+}
+
 static kvfs_result report_too_much_work() {
   KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search: Too much work.\n");
   return kvfs_inconsistent;
+}
+
+// Whether a node without records may be searched: the start node of a tree that has none, or the root when the only
+// record of that index node is being replaced. The place of a record is over the bytes of the one deleted there
+// (X-btree-2).
+static bool may_be_empty(const search_walk& walk) {
+  return walk.node.number == walk.start && (walk.mode != kSearchToLeaf || walk.header.leafRecords.get() == 0);
 }
 
 // Takes up the node that was just mapped.
@@ -84,7 +110,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   walk->descriptor = descriptor_of(walk->node);
   walk->index = 0;
   walk->previous_data = 0;
-  if (walk->descriptor.numRecords.get() == 0) {
+  if (walk->descriptor.numRecords.get() == 0 && !may_be_empty(*walk)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
@@ -99,6 +125,7 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
                   KVFS_NAME_OF(kvfs_btree_search_node_internal), to_ul(start), to_ul(total_nodes));
     return kvfs_invalid;
   }
+  walk->start = start;
   const kvfs_result result = map_node(walk->tree, start, &walk->map);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while mapping raw node data.\n");
@@ -125,8 +152,9 @@ static kvfs_result read_record(const search_walk* walk, std::uint32_t index, nod
   return kvfs_ok;
 }
 
-// Opens the locator of the search's result on the bytes of a record (X-btree-18) and ends the search.
-static kvfs_result finish_search(search_walk* walk, const node_record& record, std::uint32_t index) {
+// Ends the search at a record, or behind the last one: opens the result's locator on its bytes (X-btree-18), and notes
+// in it the height of the index node, or that the place has no record of its own.
+static kvfs_result end_search_at(search_walk* walk, const node_record& record, std::uint32_t index) {
   walk->done = true;
   if (record.end > walk->node.size) {
     return report_bad_record(walk->node.number, index);
@@ -151,17 +179,17 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
   return kvfs_ok;
 }
 
-// A node of another kind, or one above the height that is looked for, was walked to its end.
+// A node of another kind, or one above the height that is looked for, was walked to its end, or has no records.
 static kvfs_result finish_behind_last_record(search_walk* walk) {
   node_record last = {};
-  const kvfs_result result = read_record(walk, walk->index - 1, &last);
-  return result == kvfs_ok ? finish_search(walk, last, walk->index) : result;
+  const kvfs_result result = read_record(walk, walk->index == 0 ? 0 : walk->index - 1, &last);
+  return result == kvfs_ok ? end_search_at(walk, last, walk->index) : result;
 }
 
 static kvfs_result finish_in_leaf(search_walk* walk, const node_record& record, int order) {
   walk->result.found = order == 0 ? 1 : 0;
   walk->result.after = order < 0 ? 1 : 0;
-  const kvfs_result result = finish_search(walk, record, walk->index);
+  const kvfs_result result = end_search_at(walk, record, walk->index);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "HFSPlus:%s: Not enough memory\n",
                   KVFS_NAME_OF(kvfs_btree_search_node_internal));  // or else: Q-btree-25
@@ -172,7 +200,7 @@ static kvfs_result finish_in_leaf(search_walk* walk, const node_record& record, 
 // Stops in an index node of the target height, at the place where a record with the search key belongs.
 static kvfs_result finish_in_index_node(search_walk* walk, const node_record& record, int order) {
   walk->result.found = order == 0 ? 1 : 0;
-  const kvfs_result result = finish_search(walk, record, order < 0 ? walk->index + 1 : walk->index);
+  const kvfs_result result = end_search_at(walk, record, order < 0 ? walk->index + 1 : walk->index);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while creating kvfs_btree_record_locator.\n");
   }
@@ -181,9 +209,14 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
 
 // Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and than heights exist.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
-  if (++walk->descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
+  if (++walk->cost.descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
+  }
+  if (child == walk->start) {  // Q-btree-26: the node that led here stays mapped, and leads to itself now
+    walk->node.number = child;
+    walk->index = 0;
+    return kvfs_ok;
   }
   const std::uint64_t position = walk->map.offset();
   kvfs_result result = walk->map.unmap();
@@ -253,16 +286,17 @@ static bool is_illegal_comparison(const search_walk& walk) {
 // Takes account of a key that is going to be compared, and ends a search that would go on for very long: one that meets
 // more keys than a node of each height can hold, or fills the log with keys of a wrong length.
 static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
-  const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : std::uint64_t{record.data} - record.offset;
-  walk->key_bytes += bytes;
-  walk->odd_keys += odd ? 1 : 0;
-  if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
+  const std::uint32_t end = kvfs_min(record.data, walk->node.size);
+  const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : end - record.offset;
+  walk->cost.key_bytes += bytes;
+  walk->cost.odd_keys += odd ? 1 : 0;
+  if (walk->cost.key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
                   to_ul(kMaximumHeight), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
-  if (walk->odd_keys > kMaximumOddKeys) {
+  if (walk->cost.odd_keys > kMaximumOddKeys) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
                   to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
@@ -270,6 +304,22 @@ static kvfs_result count_key(search_walk* walk, const node_record& record, bool 
   }
   const bool logged = odd || is_illegal_comparison(*walk);
   return spend_work(walk->tree, bytes + (logged ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
+}
+
+// Whether what a node has of a key that leaves it may decide the order: the parent and the name's length of a catalog
+// key. The keys of the other trees are needed as a whole.
+static bool has_cut_key(const search_walk& walk, const node_record& record) {
+  return walk.tree->priv->tree_kind == kHFSCatalogFileID &&
+         record.offset + kHFSPlusCatalogKeyNameOffset <= walk.node.size;
+}
+
+// Compares such a key as one that ends with the node; kvfs_key_malformed when a unit behind that is needed (X-btree-1).
+static int compare_cut_key(const search_walk& walk, const node_record& record) {
+  HFSPlusCatalogKey key;
+  const std::size_t size = kvfs_min<std::size_t>(walk.node.size - record.offset, sizeof(key));
+  std::memcpy(&key, walk.node.bytes + record.offset, size);
+  key.keyLength.set(static_cast<std::uint16_t>(size - sizeof(key.keyLength)));
+  return walk.tree->priv->compare(&key, walk.key, walk.header.keyCompareType);
 }
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
@@ -280,9 +330,11 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   const unsigned char* const key = walk->node.bytes + record.offset;
   const std::uint32_t kind = walk->tree->priv->tree_kind;
-  const bool odd = record.data != 0 && (is_odd_key(kind, key) || is_odd_key(kind, walk->key));
+  const bool odd_node_key = record.data != 0 && is_odd_key(kind, key);
+  const bool odd = odd_node_key || (record.data != 0 && is_odd_key(kind, walk->key));
+  const bool cut = has_keys && !record.key_inside && !odd_node_key;
   *order = 0;
-  if (has_keys && !record.key_inside && !(record.data != 0 && is_odd_key(kind, key))) {
+  if (cut && !has_cut_key(*walk, record)) {
     return report_bad_record(walk->node.number, walk->index);
   }
   if (has_keys || odd) {
@@ -291,14 +343,13 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
       return counted;
     }
   }
-  if (has_keys || odd || record.key_inside || walk->node.number == 0) {
+  if (cut) {
+    *order = compare_cut_key(*walk, record);
+  } else if (has_keys || odd || record.key_inside || walk->node.number == 0) {
     *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && *order == kvfs_key_malformed) {
-    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
-                  "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk->index),
-                  to_ul(walk->node.number));
-    return kvfs_inconsistent;
+    return cut ? report_bad_record(walk->node.number, walk->index) : report_contradicting_key(*walk);
   }
   return kvfs_ok;
 }
