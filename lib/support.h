@@ -12,7 +12,8 @@
 
 // ---- Log -----------------------------------------------------------------------------------------------------------
 
-// Writes one message to standard error, where the routine that detects a failure reports it.
+// Writes one message to standard error, where the routine that detects a failure reports it. A program that has called
+// kvfs_set_log_handler (kvfs.h) receives it instead.
 //
 // A message that begins a line gets the prefix "[LEVEL: function, line N] ". Whether the next message begins a line
 // depends on the format alone: one that does not end in a line feed leaves its line open, and the next message, whoever

@@ -1,0 +1,48 @@
+// Files that sessions open themselves, on POSIX systems.
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "session/session_private.h"
+#include "support.h"
+
+kvfs_result kvfs_file_open(const char* path, bool writable, int* out_fd) {
+  const int fd = open64(path, (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+  if (fd < 0) {
+    const int error = errno;
+    KVFS_ERROR("Error while opening '%s': %s (%d)\n", path, std::strerror(error), error);
+    errno = error;  // for the caller's caller, whom the result does not tell
+    return kvfs_io_error;
+  }
+  *out_fd = fd;
+  return kvfs_ok;
+}
+
+void kvfs_file_close(int fd) {
+  (void)close(fd);  // what was written has been reported on by the writes
+}
+
+kvfs_result kvfs_file_try_lock(int fd, bool exclusive) {
+  if (flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) {
+    return kvfs_ok;
+  }
+  const int error = errno;
+  if (error == EWOULDBLOCK) {
+    return kvfs_busy;
+  }
+  KVFS_ERROR("Error while locking file: %s (%d)\n", std::strerror(error), error);
+  return kvfs_failed;
+}
+
+kvfs_result kvfs_file_sync(int fd) {
+  if (fsync(fd) != 0) {
+    const int error = errno;
+    KVFS_ERROR("Error while waiting for the device: %s (%d)\n", std::strerror(error), error);
+    return kvfs_io_error;
+  }
+  return kvfs_ok;
+}
