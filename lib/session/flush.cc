@@ -5,6 +5,7 @@
 #include "extents.h"
 #include "fork.h"
 #include "session_private.h"
+#include "system_private.h"
 #include "volume.h"
 
 // One part of a volume, as it is in memory.
@@ -27,7 +28,7 @@ static kvfs_result flush_changed(kvfs_session* session, bool* changed, flush_par
   }
   kvfs_result result = flush(session->volume);
   if (result == kvfs_ok && to_device) {
-    result = kvfs_file_sync(session->fd);
+    result = kvfs_system_sync(session->fd);
   }
   if (result == kvfs_ok) {
     *changed = false;
@@ -91,7 +92,7 @@ static kvfs_result flush(kvfs_session* session, bool to_device) {
   }
   const kvfs_result result = flush_steps(session, to_device);
   // What an earlier flush has left to the system is wanted on the device, too.
-  return result == kvfs_ok && to_device ? kvfs_file_sync(session->fd) : result;
+  return result == kvfs_ok && to_device ? kvfs_system_sync(session->fd) : result;
 }
 
 uint64_t kvfs_session_flush(kvfs_session* session, uint32_t flags) {

@@ -69,28 +69,6 @@ std::uint32_t kvfs_session_id_of(const void* record_data) {
 
 // ---- Searches ------------------------------------------------------------------------------------------------------
 
-kvfs_result kvfs_session_find_item(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
-  const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, true, item->out());
-  if (result != kvfs_ok) {
-    return result;
-  }
-  if (!item->found()) {
-    return kvfs_not_found;
-  }
-  const kvfs_result checked = kvfs_session_check_item(item->record());
-  if (checked == kvfs_ok && kvfs_session_id_of(item->record()->data) != id) {
-    KVFS_ERROR("The thread of item %lu leads to item %lu.\n", to_ul(id),
-               to_ul(kvfs_session_id_of(item->record()->data)));
-    return kvfs_inconsistent;
-  }
-  return checked;
-}
-
-kvfs_result kvfs_session_find_folder(kvfs_session* session, std::uint32_t id, kvfs_session_found* folder) {
-  const kvfs_result result = kvfs_session_find_item(session, id, folder);
-  return result == kvfs_ok && folder->folder() == nullptr ? kvfs_not_a_folder : result;
-}
-
 kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id, const kvfs_be16* units,
                                   std::size_t length, kvfs_session_found* item) {
   HFSPlusCatalogKey key;
@@ -115,7 +93,7 @@ static bool has_name(const kvfs_btree_record_locator* record, const kvfs_be16* u
 static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
                                    kvfs_session_found* item) {
   kvfs_session_walk walk;
-  kvfs_result result = kvfs_session_begin_walk(session, folder_id, nullptr, &walk);
+  kvfs_result result = kvfs_session_begin_walk(session, folder_id, nullptr, false, &walk);
   while (result == kvfs_ok && walk.record != nullptr &&
          !has_name(walk.record->btree_locator, name.units, name.length)) {
     result = kvfs_session_step(&walk);
@@ -129,6 +107,51 @@ static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_i
   }
   kvfs_session_end_walk(&walk);
   return result;
+}
+
+// Looks for the item of a thread whose name the order of the catalog does not lead to.
+static kvfs_result find_by_thread(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
+  kvfs_session_found thread;
+  const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
+  if (result != kvfs_ok || !thread.found() || thread.record()->data_size < kHFSPlusCatalogThreadNameOffset) {
+    return kvfs_result_keep(result, kvfs_not_found);
+  }
+  const HFSPlusCatalogThread* const data = kvfs_view_as<HFSPlusCatalogThread>(thread.record()->data);
+  const std::size_t length = data->nodeName.length.get();
+  const std::size_t room = (thread.record()->data_size - kHFSPlusCatalogThreadNameOffset) / sizeof(kvfs_be16);
+  if (length > kHFSPlusMaxNameLength || length > room || !kvfs_session_has_nul(data->nodeName.unicode, length)) {
+    return kvfs_not_found;
+  }
+  const std::uint32_t folder_id = data->parentID.get();
+  kvfs_session_name name;
+  name.length = length;
+  std::memcpy(name.units, data->nodeName.unicode, length * sizeof(kvfs_be16));
+  thread.release();
+  return find_by_walking(session, folder_id, name, item);
+}
+
+static kvfs_result check_id(const kvfs_session_found& item, std::uint32_t id) {
+  const kvfs_result checked = kvfs_session_check_item(item.record());
+  if (checked == kvfs_ok && kvfs_session_id_of(item.record()->data) != id) {
+    KVFS_ERROR_AS("kvfs_session_find_item", "The thread of item %lu leads to item %lu.\n", to_ul(id),
+                  to_ul(kvfs_session_id_of(item.record()->data)));
+    return kvfs_inconsistent;
+  }
+  return checked;
+}
+
+kvfs_result kvfs_session_find_item(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
+  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, true, item->out());
+  if (result == kvfs_ok && !item->found()) {
+    item->release();
+    result = find_by_thread(session, id, item);
+  }
+  return result == kvfs_ok ? check_id(*item, id) : result;
+}
+
+kvfs_result kvfs_session_find_folder(kvfs_session* session, std::uint32_t id, kvfs_session_found* folder) {
+  const kvfs_result result = kvfs_session_find_item(session, id, folder);
+  return result == kvfs_ok && folder->folder() == nullptr ? kvfs_not_a_folder : result;
 }
 
 kvfs_result kvfs_session_find_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,

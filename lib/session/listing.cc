@@ -58,13 +58,14 @@ kvfs_result kvfs_session_step(kvfs_session_walk* walk) {
   return result == kvfs_ok ? check_record(walk) : result;
 }
 
-// Begins on the first record behind a key.
-static kvfs_result begin_behind(const HFSPlusCatalogKey* key, kvfs_session_walk* walk) {
+// Begins on the first record behind a key; `found` tells whether one with the key was there.
+static kvfs_result begin_behind(const HFSPlusCatalogKey* key, kvfs_session_walk* walk, bool* found) {
   kvfs_session_found place;
   kvfs_result result = kvfs_catalog_search_node(walk->session->volume->catalog, key, place.out());
   if (result != kvfs_ok) {
     return result;
   }
+  *found = place.found();
   const bool is_behind = !place.found() && place.out()->after == 0;
   walk->record = place.take();
   if (walk->record != nullptr && !is_behind) {
@@ -73,15 +74,22 @@ static kvfs_result begin_behind(const HFSPlusCatalogKey* key, kvfs_session_walk*
   return result == kvfs_ok ? check_record(walk) : result;
 }
 
+static kvfs_result begin_at_first(kvfs_session_walk* walk) {
+  HFSPlusCatalogKey thread;
+  kvfs_session_make_key(walk->folder_id, nullptr, 0, &thread);
+  bool ignored = false;
+  return begin_behind(&thread, walk, &ignored);
+}
+
 static bool is_key(const kvfs_btree_record_locator* record, const HFSPlusCatalogKey* key) {
   const std::size_t size = key->keyLength.get() + sizeof(key->keyLength);
   return record->key_length >= size && std::memcmp(record->key, key, size) == 0;
 }
 
-// Names with NUL units in them are not told from each other by the order, so that a search may end before or behind
-// them: the walk passes all items up to the one with exactly that key.
+// Begins at the first item and passes all of them up to the one with exactly a key.
 static kvfs_result pass_items(const HFSPlusCatalogKey* key, kvfs_session_walk* walk) {
-  kvfs_result result = kvfs_ok;
+  kvfs_session_end_walk(walk);
+  kvfs_result result = begin_at_first(walk);
   while (result == kvfs_ok && walk->record != nullptr && !is_key(walk->record->btree_locator, key)) {
     result = kvfs_session_step(walk);
   }
@@ -89,17 +97,18 @@ static kvfs_result pass_items(const HFSPlusCatalogKey* key, kvfs_session_walk* w
 }
 
 kvfs_result kvfs_session_begin_walk(kvfs_session* session, std::uint32_t folder_id, const HFSPlusCatalogKey* behind,
-                                    kvfs_session_walk* walk) {
+                                    bool is_there, kvfs_session_walk* walk) {
   *walk = {session, folder_id, nullptr, most_records(session)};
-  const bool is_searchable =
-      behind != nullptr && !kvfs_session_has_nul(behind->nodeName.unicode, behind->nodeName.length.get());
-  if (is_searchable) {
-    return begin_behind(behind, walk);
+  if (behind == nullptr) {
+    return begin_at_first(walk);
   }
-  HFSPlusCatalogKey thread;
-  kvfs_session_make_key(folder_id, nullptr, 0, &thread);
-  const kvfs_result result = begin_behind(&thread, walk);
-  return result == kvfs_ok && behind != nullptr ? pass_items(behind, walk) : result;
+  // Names with NUL units in them are not told from each other by the order, so that a search may end before or behind.
+  if (kvfs_session_has_nul(behind->nodeName.unicode, behind->nodeName.length.get())) {
+    return pass_items(behind, walk);
+  }
+  bool found = false;
+  const kvfs_result result = begin_behind(behind, walk, &found);
+  return result == kvfs_ok && !found && is_there ? pass_items(behind, walk) : result;
 }
 
 void kvfs_session_end_walk(kvfs_session_walk* walk) {
@@ -141,8 +150,9 @@ static void keep_record(const kvfs_btree_record_locator* record, listed_record* 
 // Takes the items behind the one given last.
 static kvfs_result take_batch(kvfs_listing* listing) {
   kvfs_session_walk walk;
+  const bool is_there = listing->epoch == listing->session->epoch;
   kvfs_result result = kvfs_session_begin_walk(listing->session, listing->folder_id,
-                                               listing->has_last ? &listing->last : nullptr, &walk);
+                                               listing->has_last ? &listing->last : nullptr, is_there, &walk);
   std::uint32_t count = 0;
   while (result == kvfs_ok && walk.record != nullptr && count < kBatch) {
     keep_record(walk.record->btree_locator, &listing->batch[count]);

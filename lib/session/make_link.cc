@@ -1,11 +1,11 @@
 // Making symbolic links: an empty file, which the catalog then turns into a link.
 
 #include <cstring>
-#include <ctime>
 
 #include "bitmap.h"
 #include "btree.h"
 #include "session_private.h"
+#include "system_private.h"
 #include "unicode.h"
 #include "volume.h"
 
@@ -75,7 +75,7 @@ static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
 static void describe_file(std::uint32_t id, HFSPlusCatalogFile* file) {
   constexpr std::uint16_t kHasThread = 0x2;
   constexpr std::int64_t kFrom1904To1970 = 2082844800;
-  const kvfs_be32 now = kvfs_be32::of(static_cast<std::uint32_t>(std::time(nullptr) + kFrom1904To1970));
+  const kvfs_be32 now = kvfs_be32::of(static_cast<std::uint32_t>(kvfs_system_time() + kFrom1904To1970));
   *file = {};
   file->recordType.set(kHFSPlusFileRecord);
   file->flags.set(kHasThread);

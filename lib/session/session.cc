@@ -5,6 +5,7 @@
 #include "device.h"
 #include "owned.h"
 #include "session_private.h"
+#include "system_private.h"
 #include "volume.h"
 
 static constexpr std::uint32_t kOpenFlags = KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT | KVFS_OPEN_NO_ALLOCATION;
@@ -23,7 +24,9 @@ static kvfs_result open_parts(kvfs_session* session) {
   kvfs_result result = kvfs_rwlock_create(&session->lock);
   if (result == kvfs_ok && (session->flags & KVFS_OPEN_NO_WAIT) != 0) {
     // The device asks once more for what this open file has then, and need not wait.
-    result = kvfs_file_try_lock(session->fd, writable);
+    bool taken = false;
+    result = kvfs_system_try_lock(session->fd, writable, &taken);
+    result = kvfs_result_keep(result, taken ? kvfs_ok : kvfs_busy);
   }
   if (result == kvfs_ok) {
     result = kvfs_device_create(session->fd, writable ? 0 : 1, kSessionSectorSize, 0, &session->device);
@@ -39,7 +42,7 @@ static void close_parts(kvfs_session* session) {
     kvfs_device_destroy(&session->device);
   }
   if (session->owns_fd) {
-    kvfs_file_close(session->fd);
+    kvfs_system_close(session->fd);
     session->owns_fd = false;
   }
   std::free(session->freed);
@@ -59,7 +62,7 @@ static kvfs_result open_on(int fd, bool owns_fd, std::uint32_t flags, kvfs_sessi
   if (session == nullptr) {
     KVFS_ERROR_AS("kvfs_session_open", "Error while allocating %zu bytes for kvfs_session.\n", sizeof(kvfs_session));
     if (owns_fd) {
-      kvfs_file_close(fd);
+      kvfs_system_close(fd);
     }
     return kvfs_no_memory;
   }
@@ -81,7 +84,7 @@ uint64_t kvfs_session_open(const char* path, uint32_t flags, kvfs_session** out_
     return kvfs_invalid;
   }
   int fd = -1;
-  const kvfs_result result = kvfs_file_open(path, (flags & KVFS_OPEN_WRITE) != 0, &fd);
+  const kvfs_result result = kvfs_system_open(path, (flags & KVFS_OPEN_WRITE) != 0, &fd);
   return result == kvfs_ok ? open_on(fd, true, flags, out_session) : result;
 }
 

@@ -189,8 +189,11 @@ struct kvfs_session_walk {
 };
 
 // Begins at the first item, or behind a key. The caller ends the walk, also after a failure.
+//
+//   is_there  whether a record with that key was seen, and nothing has changed since. When a search does not find it,
+//             the order of the catalog is not what it should be, and the walk passes all items up to it
 kvfs_result kvfs_session_begin_walk(kvfs_session* session, std::uint32_t folder_id, const HFSPlusCatalogKey* behind,
-                                    kvfs_session_walk* walk);
+                                    bool is_there, kvfs_session_walk* walk);
 kvfs_result kvfs_session_step(kvfs_session_walk* walk);
 void kvfs_session_end_walk(kvfs_session_walk* walk);
 
@@ -276,17 +279,5 @@ kvfs_result kvfs_session_check_valence(kvfs_session* session, const kvfs_session
 
 // Counts the records in a node of a tree.
 kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t* count);
-
-// ---- Files of the system -------------------------------------------------------------------------------------------
-
-// Opens a file, with a message and the system's errno on failure. Returns kvfs_ok or kvfs_io_error.
-kvfs_result kvfs_file_open(const char* path, bool writable, int* out_fd);
-void kvfs_file_close(int fd);
-
-// Takes the lock on a whole file at once or not at all. Returns kvfs_ok, kvfs_busy or kvfs_failed.
-kvfs_result kvfs_file_try_lock(int fd, bool exclusive);
-
-// Waits until what was written has reached the device. Returns kvfs_ok or kvfs_io_error.
-kvfs_result kvfs_file_sync(int fd);
 
 #endif  // KVFS_SESSION_PRIVATE_H

@@ -1,4 +1,4 @@
-// Files that sessions open themselves, on POSIX systems.
+// Files, their locks and the time on POSIX systems.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -6,11 +6,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
-#include "session/session_private.h"
 #include "support.h"
+#include "system_private.h"
 
-kvfs_result kvfs_file_open(const char* path, bool writable, int* out_fd) {
+kvfs_result kvfs_system_open(const char* path, bool writable, int* out_fd) {
   const int fd = open64(path, (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
   if (fd < 0) {
     const int error = errno;
@@ -22,27 +23,29 @@ kvfs_result kvfs_file_open(const char* path, bool writable, int* out_fd) {
   return kvfs_ok;
 }
 
-void kvfs_file_close(int fd) {
+void kvfs_system_close(int fd) {
   (void)close(fd);  // what was written has been reported on by the writes
 }
 
-kvfs_result kvfs_file_try_lock(int fd, bool exclusive) {
-  if (flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) {
-    return kvfs_ok;
-  }
+kvfs_result kvfs_system_try_lock(int fd, bool exclusive, bool* out_taken) {
+  *out_taken = flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0;
   const int error = errno;
-  if (error == EWOULDBLOCK) {
-    return kvfs_busy;
+  if (*out_taken || error == EWOULDBLOCK) {
+    return kvfs_ok;
   }
   KVFS_ERROR("Error while locking file: %s (%d)\n", std::strerror(error), error);
   return kvfs_failed;
 }
 
-kvfs_result kvfs_file_sync(int fd) {
+kvfs_result kvfs_system_sync(int fd) {
   if (fsync(fd) != 0) {
     const int error = errno;
     KVFS_ERROR("Error while waiting for the device: %s (%d)\n", std::strerror(error), error);
     return kvfs_io_error;
   }
   return kvfs_ok;
+}
+
+std::int64_t kvfs_system_time() {
+  return std::time(nullptr);
 }
