@@ -217,7 +217,7 @@ uint64_t kvfs_session_block_in_use(kvfs_session* session, uint32_t block, int* o
 // Returns as above.
 uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_count) KVFS_CHECKED;
 
-// ---- Names and paths -----------------------------------------------------------------------------------------------
+// ---- Names, paths and items ----------------------------------------------------------------------------------------
 //
 // In a path "/" separates names. Empty names are passed over: "/a/b", "a/b" and "a//b/" lead to the same item, "" and
 // "/" to the folder that the path starts from. "." and ".." are names like any other.
@@ -230,8 +230,6 @@ uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_cou
 // Names come as they are stored, decomposed. Names that are looked up or given may be composed or not: they are
 // decomposed, but for what is spelled %uXXXX. A stored name that is not decomposed, as some programs write them, is
 // found too, by its text as it stands, unless the folder also has the decomposed one.
-
-// ---- Items ---------------------------------------------------------------------------------------------------------
 
 // The ID of the root folder.
 #define KVFS_ROOT_ID UINT32_C(2)

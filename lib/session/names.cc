@@ -1,4 +1,4 @@
-// Names and texts between UTF-8 and the volume: see "Names and paths" in kvfs.h.
+// Names and texts between UTF-8 and the volume: see "Names, paths and items" in kvfs.h.
 
 #include <cstring>
 
