@@ -151,6 +151,7 @@ uint64_t kvfs_session_discard(kvfs_session* session) {
   session->freed = nullptr;
   session->freed_count = 0;
   session->changes = {};
+  session->private_folder_id = 0;
   session->spoiled = false;
   ++session->epoch;
   const kvfs_result result = open_volume(session);

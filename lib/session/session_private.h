@@ -58,12 +58,13 @@ struct kvfs_session {
   kvfs_rwlock* lock;  // its turn; guards all that follows
   int fd;
   bool owns_fd;
-  std::uint32_t flags;    // KVFS_OPEN_...
-  kvfs_device* device;    // owned; null once the session is closed
-  kvfs_volume* volume;    // owned; null once the session is closed, and when it could not be opened again
-  std::uint32_t handles;  // listings and streams that are open
-  std::uint64_t epoch;    // grows with each change and each discard: what was found before may have moved
-  bool spoiled;           // a change has failed half-way
+  std::uint32_t flags;              // KVFS_OPEN_...
+  kvfs_device* device;              // owned; null once the session is closed
+  kvfs_volume* volume;              // owned; null once the session is closed, and when it could not be opened again
+  std::uint32_t handles;            // listings and streams that are open
+  std::uint64_t epoch;              // grows with each change and each discard: what was found before may have moved
+  std::uint32_t private_folder_id;  // of the folder with what hard links stand for; 0 until it is needed
+  bool spoiled;                     // a change has failed half-way
   kvfs_session_changes changes;
   kvfs_block_run* freed;  // owned; blocks of deleted files, which the next flush frees
   std::uint32_t freed_count;

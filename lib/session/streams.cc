@@ -1,5 +1,6 @@
 // Open forks for programs, and the targets of symbolic links.
 
+#include <cstdio>
 #include <cstring>
 
 #include "arithmetic.h"
@@ -17,18 +18,54 @@ struct kvfs_stream {
 
 // ---- Opening -------------------------------------------------------------------------------------------------------
 
-// Replaces a hard link by the file that it stands for.
+// Finds the folder with the files that hard links stand for. It cannot be renamed, so that it is looked for once.
+static kvfs_result find_private_folder(kvfs_session* session, std::uint32_t* id) {
+  *id = session->private_folder_id;
+  if (*id != 0) {
+    return kvfs_ok;
+  }
+  static const char kName[] = "%u0000%u0000%u0000%u0000HFS+ Private Data";
+  kvfs_session_name name;
+  kvfs_session_found folder;
+  kvfs_result result = kvfs_session_read_name(kName, sizeof(kName) - 1, &name);
+  if (result == kvfs_ok) {
+    result = kvfs_session_find_name(session, kHFSRootFolderID, name, &folder);
+  }
+  if (result == kvfs_ok) {
+    *id = session->private_folder_id = kvfs_session_id_of(folder.record()->data);
+  }
+  return result;
+}
+
+// Finds the file that a hard link stands for by its name, which is made of the link's reference.
+static kvfs_result find_by_reference(kvfs_session* session, const HFSPlusCatalogFile* link,
+                                     kvfs_session_found* target) {
+  std::uint32_t folder_id = 0;
+  kvfs_result result = find_private_folder(session, &folder_id);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  char text[sizeof("iNode4294967295")];
+  const int size = std::snprintf(text, sizeof(text), "iNode%lu", to_ul(link->permissions.special.get()));
+  kvfs_session_name name;
+  result = kvfs_session_read_name(text, static_cast<std::size_t>(size), &name);
+  return result == kvfs_ok ? kvfs_session_find_name(session, folder_id, name, target) : result;
+}
+
+// Replaces a hard link by the file that it stands for. Where there is none of that name, its reference is an ID, which
+// it mostly is anyway.
 static kvfs_result follow_hard_link(kvfs_session* session, kvfs_session_found* item) {
   kvfs_session_found target;
-  kvfs_result result = kvfs_catalog_follow_hard_link(session->volume->catalog, item->file(), target.out());
-  if (result == kvfs_ok && !target.found()) {
-    result = kvfs_not_found;
+  kvfs_result result = find_by_reference(session, item->file(), &target);
+  if (result == kvfs_not_found) {
+    result = kvfs_catalog_follow_hard_link(session->volume->catalog, item->file(), target.out());
+    result = result == kvfs_inconsistent || (result == kvfs_ok && !target.found()) ? kvfs_not_found : result;
   }
   if (result == kvfs_ok) {
     result = kvfs_session_check_item(target.record());
   }
   if (result != kvfs_ok) {
-    return result == kvfs_inconsistent ? kvfs_not_found : result;  // a reference without an item, the log aside
+    return result;
   }
   item->release();
   *item->out() = {1, 0, target.take()};

@@ -429,6 +429,20 @@ TEST(SessionStream, HardLink_GivesTheFileThatItStandsFor) {
   EXPECT_EQ(kvfs_stream_open(session.get(), lost, KVFS_DATA_FORK, &stream), KVFS_NOT_FOUND);
 }
 
+// Some systems draw references at random: only the name of the file then has it.
+TEST(SessionStream, HardLinkWhoseReferenceIsNoID_IsFollowedByName) {
+  VolumeDescription description;
+  const Bytes bytes = pattern(700);
+  const std::uint32_t inode = description.add_inode();
+  description.item(inode).data = {bytes.size(), bytes, 1, 1, 0};
+  description.item(inode).name = u"iNode60583159";
+  const std::uint32_t link = description.add_hard_link(kRootFolderId, u"link", 60583159);
+  (void)description.add_file(kRootFolderId, u"f", 10);
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.read(link), bytes);
+  EXPECT_EQ(session.read(link), bytes);
+}
+
 TEST(SessionStream, WhatHasNoForks_IsRefused) {
   VolumeDescription description;
   const std::uint32_t link = description.add_directory_hard_link(kRootFolderId, u"l", 2);
