@@ -1,10 +1,10 @@
 // Which blocks are in use, and freeing them.
 
-#include "arithmetic.h"
+#include "base/arithmetic.h"
 #include "bitmap.h"
-#include "bitmap_private.h"
+#include "bitmap/private.h"
 #include "fork.h"
-#include "session_private.h"
+#include "session/private.h"
 #include "volume.h"
 
 static constexpr std::uint32_t kBitsInByte = 8;

@@ -1,10 +1,11 @@
 // The log of a program that wants it for itself.
 
+#include "base/log.h"
+
 #include <cstdio>
 
+#include "base/owned.h"
 #include "kvfs.h"
-#include "log_private.h"
-#include "owned.h"
 
 // Null while the log goes to standard error.
 static kvfs_log_handler g_handler = nullptr;
