@@ -122,10 +122,6 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
                   to_ul(walk->node.number), to_ul((walk->total_nodes - node) / 8));
     return kvfs_inconsistent;
   }
-  if (!spend_work(walk->tree, kWorkOfAMapNode)) {  // X-btree-13: they may form a ring
-    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Too many map nodes up to node %lu.\n", to_ul(walk->next));
-    return kvfs_inconsistent;
-  }
   result = map_node(walk->tree, walk->next, &walk->map);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_claim_node, "Error %llu while mapping next map node into memory.\n", to_ull(result));
@@ -138,7 +134,13 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
     return result;
   }
   walk->next = descriptor.fLink.get();
-  return take_up_map_record(walk);
+  result = take_up_map_record(walk);
+  if (result == kvfs_ok && !spend_work(walk->tree, kWorkOfAMapNode + walk->length)) {  // X-btree-13: it may be a ring
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Too many map nodes up to node %lu.\n",
+                  to_ul(walk->node.number));
+    return kvfs_inconsistent;
+  }
+  return result;
 }
 
 // The byte of the bitmap at an index of the current segment; null, with a message, when it lies outside of the node

@@ -142,7 +142,9 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
   if (std::memcmp(priv->record, arguments.record, size) != 0) {
     KVFS_WARNING_AS(kvfs_btree_record_locator_open,
                     "Mismatching record data for node %lu, record %hu. Using specified.\n", node, arguments.index);
-    std::memcpy(priv->record, arguments.record, size);
+    if (size == arguments.record_size) {  // the beginning of a longer one would claim more than the copy has
+      std::memcpy(priv->record, arguments.record, size);
+    }
   }
   ++priv->reference_count;
   return kvfs_ok;

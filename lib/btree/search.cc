@@ -306,19 +306,21 @@ static kvfs_result count_key(search_walk* walk, const node_record& record, bool 
   return spend_work(walk->tree, bytes + (logged ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
 }
 
-// Whether what a node has of a key that leaves it may decide the order: the parent and the name's length of a catalog
-// key. The keys of the other trees are needed as a whole.
+// Whether what a node has of a key that leaves it may decide the order: the parent of a catalog key. The keys of the
+// other trees are needed as a whole.
 static bool has_cut_key(const search_walk& walk, const node_record& record) {
   return walk.tree->priv->tree_kind == kHFSCatalogFileID &&
-         record.offset + kHFSPlusCatalogKeyNameOffset <= walk.node.size;
+         record.offset + kHFSPlusCatalogKeyParentEnd <= walk.node.size;
 }
 
 // Compares such a key as one that ends with the node; kvfs_key_malformed when a unit behind that is needed (X-btree-1).
 static int compare_cut_key(const search_walk& walk, const node_record& record) {
   HFSPlusCatalogKey key;
   const std::size_t size = kvfs_min<std::size_t>(walk.node.size - record.offset, sizeof(key));
+  key.nodeName.length.set(UINT16_MAX);  // if the node ends before it, nothing is known of the name
   std::memcpy(&key, walk.node.bytes + record.offset, size);
-  key.keyLength.set(static_cast<std::uint16_t>(size - sizeof(key.keyLength)));
+  key.keyLength.set(
+      static_cast<std::uint16_t>(kvfs_max<std::size_t>(size - sizeof(key.keyLength), kHFSPlusCatalogKeyMinimumLength)));
   return walk.tree->priv->compare(&key, walk.key, walk.header.keyCompareType);
 }
 

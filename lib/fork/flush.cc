@@ -184,7 +184,8 @@ static kvfs_result flush_piece_items(flush_piece* piece) {
       return kvfs_internal;
     }
     const std::uint64_t item_end = (index + 1) * priv->item_size - piece->fork_offset;
-    const std::uint64_t end = kvfs_min(piece->sectors, item_end >> piece->flush->sector_shift);
+    // A sector that lies across the items' border counts to the first one, so that the walk gets on.
+    const std::uint64_t end = kvfs_min(piece->sectors, kvfs_divide_rounding_up(item_end, sector_size_of(piece->flush)));
     kvfs_fork_cache_item* const item = item_at(piece->flush->fork, index);
     if (item == nullptr || item->dirty_blocks == 0) {
       piece->position = end;
@@ -284,6 +285,17 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
   return kvfs_ok;
 }
 
+// Counts one item in when none is counted any more and some have modified blocks. Writing an item that was forgotten
+// (Q-fork-8) counts out one that still has them; the next flush would do nothing, and lose them (X-fork-13).
+static void keep_one_counted(kvfs_fork* fork) {
+  for (std::uint32_t i = 0; i < fork->priv->items_end && dirty_items(fork) == 0; ++i) {
+    const kvfs_fork_cache_item* const item = fork->priv->items[i];
+    if (item != nullptr && item->dirty_blocks != 0) {
+      set_dirty_items(fork, 1);
+    }
+  }
+}
+
 // Writes the modified blocks of a range, once all its pieces are known to be good.
 static kvfs_result write_range(kvfs_fork_write_context* flush, std::uint64_t offset, std::uint64_t length) {
   kvfs_fork* const fork = flush->fork;
@@ -293,6 +305,9 @@ static kvfs_result write_range(kvfs_fork_write_context* flush, std::uint64_t off
   }
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_fork_flush_internal, "Error while writing fork to disk.\n");
+  }
+  if (result != kvfs_ok || length != fork->priv->logical_size) {
+    keep_one_counted(fork);
   }
   return result;
 }

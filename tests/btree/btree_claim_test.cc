@@ -566,5 +566,20 @@ TEST(BtreeClaimMap, MoreMapNodesThanASoundTreeHas_AreTooMuchWork) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+TEST(BtreeClaimMap, LongMapRecords_AreWorkForEachOfTheirBytes) {
+  constexpr std::uint64_t kWork = 1000000;
+  for (const std::uint32_t end : Numbers32{500, 24}) {
+    ChangeTree tree(tree_of(2200));
+    tree.open();
+    make_ring(&tree, 1);
+    tree.poke(5, 508, 2, end);
+    tree.poke(0, kHeaderTotalNodes, 4, 5000 * 8);
+    tree.get()->priv->work_left = kWork;
+    EXPECT_EQ(claim(tree), "result 10") << end;
+    const std::uint64_t nodes = 4700 / (end - 14);  // behind the header node's record
+    EXPECT_GE(kWork - tree.get()->priv->work_left, nodes * kWorkOfAMapNode + 4700) << end;
+  }
+}
+
 }  // namespace
 }  // namespace kvfs_test

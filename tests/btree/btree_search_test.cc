@@ -790,7 +790,7 @@ TEST(BtreeSearchCycle, AsManyDescentsAsNodes_AreTooMany) {
 // ---- Damaged offsets and keys --------------------------------------------------------------------------------------
 
 TEST(BtreeSearchDamage, RecordThatDoesNotLieInTheNode_IsInconsistent) {
-  for (const std::uint16_t offset : Numbers16{506, 508, 511, 512, 0x7FFF, 0xFFFF}) {
+  for (const std::uint16_t offset : Numbers16{507, 508, 511, 512, 0x7FFF, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
     tree.set_entry(tree.root(), 3, offset);
     tree.open();
@@ -918,6 +918,24 @@ TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
   LogCapture log;
   EXPECT_EQ(search_for_key(tree, catalog_key(30, tree.bytes(node, 512 - 8, 8))), "result 6");
   EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 5 and 4 units do not fit their keys (14 and 14 bytes).\n",
+             bad_record(node, 1));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// The key's length and its parent, 0x1FA000E, are the last entries of the offset table.
+TEST(BtreeSearchDamage, CatalogKeyOfWhichTheNodeHasTheParentAlone_IsOrderedByThat) {
+  const Bytes data(12);
+  TestTree tree({.records = {{catalog_key(10, {}), data}, {catalog_key(20, {}), data}, {catalog_key(40, {}), data}},
+                 .traits = {.key_compare_type = 0xBC}});
+  const std::uint32_t node = tree.root();
+  tree.set_entry(node, 1, 512 - 6);
+  tree.open(kvfs_catalog_compare_keys);
+  LogCapture silence;
+  EXPECT_EQ(search_for_key(tree, catalog_key(0x2000000, {})), outcome(0, 1, node, 2, 40));
+  EXPECT_LOG(silence);
+  LogCapture log;
+  EXPECT_EQ(search_for_key(tree, catalog_key(0x1FA000E, {})), "result 6");
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 65535 and 0 units do not fit their keys (6 and 6 bytes).\n",
              bad_record(node, 1));
   EXPECT_TRUE(tree.is_idle());
 }

@@ -751,6 +751,36 @@ TEST(ForkWrite, WithACountBelowZero_IsCountedAndFlushed) {
   EXPECT_LOG(log);
 }
 
+TEST(ForkFlushInternal, OfAnItemThatWasForgotten_LeavesTheOthersToTheNextFlush) {
+  OpenFork fork(two_items());
+  write_at(fork, kMiB, marker_bytes(4096));
+  fork.priv()->dirty_items = 0;
+  write_at(fork, 4096, marker_bytes(4096));
+  ASSERT_EQ(kvfs_fork_flush_internal(fork.get(), kMiB, 4096), kvfs_ok);
+  EXPECT_EQ(fork.dirty_items(), 1u);
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 12288 4096"});
+  EXPECT_LOG(log);
+}
+
+TEST(ForkFlush, ThatFailsBehindAnItemThatWasForgotten_LeavesTheOthersToTheNextOne) {
+  OpenFork fork(two_items());
+  write_at(fork, 0, marker_bytes(4096));
+  fork.priv()->dirty_items = 0;
+  write_at(fork, kMiB, marker_bytes(4096));
+  {
+    FaultInjector faults;
+    faults.fail(Call::kPwrite64, 2);
+    ASSERT_NE(kvfs_fork_flush(fork.get()), kvfs_ok);
+  }
+  EXPECT_EQ(fork.dirty_items(), 1u);
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 1056768 4096"});
+}
+
 TEST(ForkFlush, LastBlockCutAtASector_StaysModified) {
   OpenFork fork({.logical_size = 4096 + 512, .extents = {{2, 2}}});
   write_at(fork, 4096, fork.changed_bytes(4096, 512));
@@ -1209,6 +1239,18 @@ TEST(ForkFlush, ExtentThatBeginsWithinASectorBetweenModifiedItems_DoesNotMatter)
   FaultInjector faults;
   EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
   EXPECT_EQ(faults.writes().size(), 2u);
+}
+
+// There a sector of the piece lies across the border of two items.
+TEST(ForkFlush, ExtentThatBeginsWithinASectorOfTheForkAndHasNoModifiedBlock_IsPassedOver) {
+  OpenFork fork(
+      {.block_size = 768, .transfer_unit = 512, .logical_size = 2735 * 768, .extents = {{16, 5}, {64, 2730}}});
+  write_at(fork, 512, marker_bytes(512));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 12800 512"});
+  EXPECT_LOG(log);
 }
 
 TEST(ForkFlushInternal, RangeThatBeginsWithinASectorOfTheFork_IsRefusedWithoutAWrite) {
