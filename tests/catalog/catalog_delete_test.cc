@@ -635,7 +635,7 @@ TEST(CatalogDelete, BlockThatIsFreeAlready_IsReportedAndTheDeletionGoesOn) {
 
 TEST(CatalogDelete, VolumeWithoutItsAllocationFile_FreesNothingAndGoesOn) {
   const Volume before = volume_made();
-  OpenVolume volume(before, true);
+  OpenVolume volume(before, kWithoutAllocationFile);
   ItemLocator item(volume, kDocs, u"ten");
   LogCapture log;
   EXPECT_EQ(delete_item(volume, item), kvfs_ok);
@@ -655,7 +655,7 @@ TEST(CatalogDelete, FileWithoutBlocksOnAVolumeWithoutItsAllocationFile_IsDeleted
     if (*damage != '\0') {
       before.set_field(before.find_by_cnid(kBare).value().path() + damage, 5);  // but no extent has any
     }
-    OpenVolume volume(before, true);
+    OpenVolume volume(before, kWithoutAllocationFile);
     ItemLocator item(volume, kDocs, u"bare");
     LogCapture log;
     EXPECT_EQ(delete_item(volume, item), kvfs_ok);

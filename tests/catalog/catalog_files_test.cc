@@ -322,7 +322,7 @@ kvfs_result make_link(const OpenVolume& volume, const ItemLocator& file, const N
 // Makes the file "nothing" a link and hands out what the volume holds then; that is to succeed without a message.
 Volume linked(const Volume& before, const Name& target, const Name& name = u"nothing",
               std::uint32_t sector_size = 512) {
-  OpenVolume volume(before, false, sector_size);
+  OpenVolume volume(before, {.sector_size = sector_size});
   ItemLocator file(volume, kRootFolderId, name);
   LogCapture log;
   EXPECT_EQ(make_link(volume, file, target), kvfs_ok);
@@ -505,8 +505,8 @@ TEST(CatalogMksymlink, NoLocator_IsRefusedWithoutAMessage) {
 
 // Fails to make a link of a file of the root folder, and expects the volume unchanged.
 void expect_no_link(const Volume& before, const Name& name, const Name& target, kvfs_result expected,
-                    const Lines& messages, bool skip_allocation_file = false) {
-  OpenVolume volume(before, skip_allocation_file);
+                    const Lines& messages, const Opening& opening = {}) {
+  OpenVolume volume(before, opening);
   ItemLocator file(volume, kRootFolderId, name);
   LogCapture log;
   EXPECT_EQ(make_link(volume, file, target), expected);
@@ -543,7 +543,7 @@ TEST(CatalogMksymlink, VolumeWithoutItsAllocationFile_IsRefusedAndChangesNothing
   expect_no_link(volume_made(), u"nothing", u"a", kvfs_invalid,
                  {"ERROR FindContiguousUnallocated The volume was opened without its allocation file.\n",
                   "ERROR FindWriteLocation Error while searching the bitmap for a free region of 1.\n", kNoLocation},
-                 true);
+                 kWithoutAllocationFile);
 }
 
 TEST(CatalogMksymlink, Folder_IsRefusedAndChangesNothing) {

@@ -14,7 +14,7 @@
 #include "fork.h"
 #include "label.h"
 #include "label_change.h"
-#include "label_volume.h"
+#include "open_volume.h"
 #include "log_capture.h"
 #include "unicode.h"
 #include "unicode_fixture.h"
@@ -114,13 +114,15 @@ std::string random_label(Random& random) {
   return one_in(random, 10) ? label + "\xF4\x90\x80\x80" : label;
 }
 
+constexpr Opening kMaybe = {.skip_allocation_file = 1, .may_fail = true};
+
 // Sets a label as the tool does.
-kvfs_result set_label(const LabelVolume& volume, const std::string& label) {
+kvfs_result set_label(const OpenVolume& volume, const std::string& label) {
   return kvfslabel_set_label(volume.get(), label.c_str());
 }
 
 // Whether the label in memory can be printed.
-bool can_be_printed(const LabelVolume& volume) {
+bool can_be_printed(const OpenVolume& volume) {
   std::vector<std::uint16_t> units;
   for (const char16_t unit : volume.label()) {
     units.push_back(unit);
@@ -134,7 +136,7 @@ bool can_be_printed(const LabelVolume& volume) {
 
 // Sets a random label; "" when all is well. `sets` counts those that succeed.
 std::string fault_of_set(const Volume& before, bool is_sound, Random& random, unsigned* sets) {
-  const LabelVolume volume(before);
+  const OpenVolume volume(before, kMaybe);
   if (volume.result() != kvfs_ok) {
     return "";
   }
@@ -143,7 +145,7 @@ std::string fault_of_set(const Volume& before, bool is_sound, Random& random, un
     return volume.contents() == before ? "" : "a set that failed has changed the device: " + label;
   }
   ++*sets;
-  const LabelVolume again(volume.contents());
+  const OpenVolume again(volume.contents(), kMaybe);
   if (again.result() != kvfs_ok) {
     return "the volume does not open any more: " + label;
   }

@@ -34,29 +34,6 @@ using ::testing::Not;
 
 constexpr char kSettingUp[] = "ERROR kvfs_volume_create Error while setting up HFS volume.\n";
 
-// A volume that is open while the object lives, or until it is closed: the device stays open then.
-class VolumeInTest : public TestDevice {
- public:
-  explicit VolumeInTest(const SparseImage& image, int skip_allocation_file = 1, std::uint32_t sector_size = 512)
-      : TestDevice(image, sector_size) {
-    EXPECT_EQ(kvfs_volume_create(TestDevice::get(), skip_allocation_file, &volume_), kvfs_ok);
-  }
-  ~VolumeInTest() {
-    if (volume_ != nullptr) {
-      close();
-    }
-  }
-
-  [[nodiscard]] kvfs_volume* get() const { return volume_; }
-  kvfs_volume* operator->() const { return volume_; }
-  [[nodiscard]] bool is_open() const { return volume_ != nullptr; }
-  void close() { kvfs_volume_destroy(&volume_); }
-  [[nodiscard]] Name label() const { return label_of(volume_); }
-
- private:
-  kvfs_volume* volume_ = nullptr;
-};
-
 // Opens and closes a volume. The output must stay untouched on failure.
 kvfs_result open_and_close(kvfs_device* device, int skip_allocation_file = 1) {
   kvfs_volume* const untouched = reinterpret_cast<kvfs_volume*>(device);
@@ -90,8 +67,8 @@ void expect_refused(const SparseImage& image, kvfs_result result, const Lines& m
 
 TEST(VolumeCreate, SoundVolume_FillsBothParts) {
   LogCapture log;
-  const VolumeInTest volume(small_volume());
-  EXPECT_EQ(volume->device, volume.TestDevice::get());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
+  EXPECT_EQ(volume->device, volume.device());
   EXPECT_EQ(volume->header, volume->priv->header);
   EXPECT_EQ(volume->label_length, &volume->priv->label_length);
   EXPECT_EQ(volume->label, volume->priv->label);
@@ -108,7 +85,7 @@ TEST(VolumeCreate, SoundVolume_FillsBothParts) {
 }
 
 TEST(VolumeCreate, RootFolder_IsNotHeldOpen) {
-  const VolumeInTest volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   Searched found;
   ASSERT_EQ(kvfs_catalog_search_by_cnid(volume->catalog, kRootFolderId, true, found.out()), kvfs_ok);
   EXPECT_EQ(found.locator()->btree_locator->priv->reference_count, 1u);
@@ -118,7 +95,7 @@ TEST(VolumeCreate, Hfsx_OpensLikeHfsPlus) {
   VolumeDescription description = small_description();
   description.hfsx = true;
   LogCapture log;
-  const VolumeInTest volume(build_volume(description));
+  const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
   EXPECT_EQ(volume->header->signature.get(), kHFSXSigWord);
   EXPECT_EQ(volume.label(), u"Untitled");
   EXPECT_LOG(log);
@@ -127,14 +104,14 @@ TEST(VolumeCreate, Hfsx_OpensLikeHfsPlus) {
 TEST(VolumeCreate, AllocationFileWanted_IsOpenedToo) {
   LogCapture log;
   {
-    const VolumeInTest volume(small_volume(), 0);
+    const OpenVolume volume(small_volume());
     EXPECT_NE(volume->bitmap, nullptr);
   }
   EXPECT_LOG(log);
 }
 
 TEST(VolumeCreate, AnyNonzeroSkip_LeavesTheAllocationFileUnopened) {
-  EXPECT_EQ(VolumeInTest(small_volume(), -1)->bitmap, nullptr);
+  EXPECT_EQ(OpenVolume(small_volume(), {.skip_allocation_file = -1})->bitmap, nullptr);
 }
 
 TEST(VolumeCreate, Opening_WritesNothing) {
@@ -177,7 +154,7 @@ TEST(VolumeCreate, EverySectorSizeBelowTheBlockSize_GivesTheLabel) {
     description.set_label("Größe");
     description.catalog.node_size = 1024;
     description.extents.node_size = 512;
-    const VolumeInTest volume(build_volume(description), 0, sector_size);
+    const OpenVolume volume(build_volume(description), {.sector_size = sector_size});
     EXPECT_EQ(volume.label(), decomposed("Größe")) << sector_size;
     const std::uint32_t offset = 1024 % sector_size;
     EXPECT_EQ(static_cast<void*>(volume->header), static_cast<void*>(volume->priv->sector_buffer + offset));
@@ -195,7 +172,7 @@ TEST(VolumeCreate, EveryBlockAndNodeSize_GivesTheLabel) {
       (void)description.add_files(kRootFolderId, 40);
       LogCapture log;
       {
-        const VolumeInTest volume(build_volume(description), 0);
+        const OpenVolume volume(build_volume(description));
         EXPECT_EQ(volume.label(), u"Untitled");
       }
       EXPECT_LOG(log);
@@ -222,7 +199,7 @@ TEST(VolumeCreate, ShapesOfTheCatalog_GiveTheLabel) {
     shapes[i](description);
     LogCapture log;
     {
-      const VolumeInTest volume(build_volume(description));
+      const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
       EXPECT_EQ(volume.label(), u"Untitled") << "shape " << i;
     }
     EXPECT_LOG(log);
@@ -239,7 +216,7 @@ void expect_label(const Name& label) {
     description.hfsx = description.case_sensitive = binary;
     LogCapture log;
     {
-      const VolumeInTest volume(build_volume(description));
+      const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
       EXPECT_EQ(*volume->label_length, label.size());
       EXPECT_EQ(volume.label(), label);
     }
@@ -300,7 +277,7 @@ TEST(VolumeLabel, LengthOf256_IsRefusedInAnOpenLine) {
 }
 
 TEST(VolumeLabel, LengthOf255InAKeyOfTheSameMaking_IsAccepted) {
-  const VolumeInTest volume(volume_with_too_long_label(false));
+  const OpenVolume volume(volume_with_too_long_label(false), kWithoutAllocationFile);
   EXPECT_EQ(*volume->label_length, 255u);
 }
 
@@ -321,7 +298,7 @@ TEST(VolumeLabel, RootThreadThatIsAFolderRecord_GivesTheEmptyNameOfItsKey) {
   Volume image = small_volume();
   image.set_field(image.find_thread(kRootFolderId)->path() + ".recordType", kHFSPlusFolderRecord);
   LogCapture log;
-  const VolumeInTest volume(image);
+  const OpenVolume volume(image, kWithoutAllocationFile);
   EXPECT_EQ(*volume->label_length, 0u);
   EXPECT_LOG(log);
 }
@@ -412,7 +389,7 @@ TEST(VolumeCreate, DamagedAllocationFile_IsRefusedOnlyWhenItIsWanted) {
                   "ERROR kvfs_bitmap_create Error while creating kvfs_fork for allocation file.\n",
                   "ERROR kvfs_volume_setup Unable to load allocation file.\n", kSettingUp},
                  0);
-  EXPECT_EQ(VolumeInTest(image, 1).label(), u"Untitled");
+  EXPECT_EQ(OpenVolume(image, kWithoutAllocationFile).label(), u"Untitled");
 }
 
 TEST(VolumeCreate, NoThreadOfTheRoot_MeansNoRootDirectory) {
@@ -584,7 +561,7 @@ TEST(VolumeDestroy, ClosesEverythingAndLeavesTheDeviceOpen) {
 }
 
 TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
-  VolumeInTest volume(small_volume());
+  OpenVolume volume(small_volume(), kWithoutAllocationFile);
   kvfs_catalog_search_result found;
   kvfs_catalog_search_result_init(&found);
   ASSERT_EQ(kvfs_catalog_search_by_cnid(volume->catalog, kAlpha, true, &found), kvfs_ok);
@@ -595,7 +572,7 @@ TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
 
 TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
   const Volume image = small_volume();
-  VolumeInTest volume(image);
+  OpenVolume volume(image, kWithoutAllocationFile);
   kvfs_volume_add_file_count(volume.get(), 5);
   volume.close();
   EXPECT_TRUE(image == volume.contents());
@@ -606,7 +583,7 @@ TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
 TEST(VolumeFlush, WritesTheSectorsOfTheHeaderOnce) {
   for (const std::uint32_t sector_size : {128u, 256u, 512u, 1024u, 2048u, 4096u}) {
     const Volume image = small_volume();
-    VolumeInTest volume(image, 1, sector_size);
+    OpenVolume volume(image, {.skip_allocation_file = 1, .sector_size = sector_size});
     kvfs_volume_set_next_allocation(volume.get(), 0xABCDEF01);
     LogCapture log;
     {
@@ -627,13 +604,13 @@ TEST(VolumeFlush, WritesTheSectorsOfTheHeaderOnce) {
 
 TEST(VolumeFlush, NothingChanged_WritesWhatWasRead) {
   const Volume image = small_volume();
-  const VolumeInTest volume(image);
+  const OpenVolume volume(image, kWithoutAllocationFile);
   EXPECT_EQ(kvfs_volume_flush(volume.get()), kvfs_ok);
   EXPECT_TRUE(image == volume.contents());
 }
 
 TEST(VolumeFlush, FailingWrite_PassesTheFailureOn) {
-  const VolumeInTest volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   LogCapture log;
   {
     FaultInjector faults;
@@ -647,7 +624,7 @@ TEST(VolumeFlush, FailingWrite_PassesTheFailureOn) {
 }
 
 TEST(VolumeFlush, ShortWrite_IsAFailure) {
-  const VolumeInTest volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   LogCapture log;
   {
     FaultInjector faults;
@@ -700,7 +677,7 @@ TEST_P(VolumeCounter, Change_TouchesItsFieldInMemoryAlone) {
   const CounterCase& counter = GetParam();
   Volume image = small_volume();
   image.set_field(counter.field, counter.before);
-  const VolumeInTest volume(image);
+  const OpenVolume volume(image, kWithoutAllocationFile);
   LogCapture log;
   {
     FaultInjector faults;
