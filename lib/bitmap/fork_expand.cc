@@ -35,12 +35,38 @@ static kvfs_result check_expanded_size(const fork_resize& resize) {
   return kvfs_ok;
 }
 
+// Whether there is a run to mark. What a search gives that has found none, no blocks at block 0, cannot be marked, and
+// what was entered for it is taken back.
+static bool is_run(const kvfs_allocation_location& run) {
+  return run.start_block != 0 || run.block_count != 0;
+}
+
+// Whether entering a run would lose extents in use. Where the logical size ends before the blocks do, the run is for a
+// place before the last extent: it would be written over an extent, or shift those behind it (X-fork-8).
+static bool loses_extents(const kvfs_fork* fork, const kvfs_allocation_location& run) {
+  const std::uint32_t count = fork->priv->fork_extents_count;
+  if (run.extent_index >= count || run.extent_index >= kHFSPlusExtentDensity) {
+    return false;  // a new extent, or one that cannot be entered
+  }
+  const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[run.extent_index];
+  const bool extends = extent.startBlock.get() + extent.blockCount.get() == run.start_block;
+  return extends ? run.block_count != 0 && run.extent_index != count - 1 : is_run(run);
+}
+
 // Enters the run into the fork data, without their logical size (Q-fork-11), and marks its blocks as used.
 static kvfs_result claim_run(fork_resize* resize, const kvfs_allocation_location& run) {
+  if (loses_extents(resize->fork, run)) {
+    KVFS_ERROR_AS(kvfs_fork_expand, "The logical size of the fork ends before its last extent.\n");
+    return kvfs_inconsistent;
+  }
   HFSPlusForkData changed = resize->saved;
   kvfs_result result = UpdateForkExtents(&changed, &run);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_fork_expand, "Error while updating fork extents.\n");
+    return result;
+  }
+  result = is_run(run) ? check_bits(KVFS_NAME_OF(kvfs_fork_expand), *resize) : kvfs_ok;
+  if (result != kvfs_ok) {
     return result;
   }
   store_fork_data(*resize, changed);
@@ -64,8 +90,10 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
   resize.saved = *fork->priv->fork_data;
   set_total_blocks(&resize, std::uint64_t{resize.saved.totalBlocks.get()} + clump_blocks);
   kvfs_result result = check_expanded_size(resize);
-  if (result == kvfs_ok) {
-    result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_expand), resize);
+  const std::uint64_t end = new_logical_size(resize);
+  const std::uint64_t old_end = fork->priv->logical_size;
+  if (result == kvfs_ok && end < old_end) {  // X-fork-10: otherwise there is nothing behind the new end
+    result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_expand), resize, old_end - end);
   }
   if (result == kvfs_ok) {
     result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_expand), &resize);
@@ -79,38 +107,15 @@ static kvfs_result expand_by_run(kvfs_fork* fork, kvfs_volume* volume, std::uint
   return result;
 }
 
-// Whether a run goes on behind the last extent of a fork. One behind an earlier extent, where the logical size ends
-// before the blocks do, would take the place of extents in use (X-fork-8).
-static bool is_at_end(const kvfs_fork* fork, const kvfs_allocation_location& run) {
-  const std::uint32_t count = fork->priv->fork_extents_count;
-  if (run.extent_index >= count) {
-    return true;
-  }
-  const HFSPlusExtentDescriptor& extent = fork->priv->fork_extents[run.extent_index];
-  return run.extent_index == count - 1 && extent.startBlock.get() + extent.blockCount.get() == run.start_block;
-}
-
 // Finds the blocks for a fork to grow by.
 static kvfs_result find_run(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t clump, kvfs_allocation_location* run) {
-  kvfs_fork_private* const priv = fork->priv;
-  kvfs_result result = check_resizable(KVFS_NAME_OF(kvfs_fork_expand), fork, volume);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  result = FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
+  const kvfs_fork_private* const priv = fork->priv;
+  const kvfs_result result =
+      FindWriteLocation(priv->cnid, kHFSDataForkType, priv->fork_data, volume, priv->logical_size, clump, run);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_fork_expand, "Error while searching for write location for expanded fork.\n");
-    return result;
   }
-  if (run->block_count == 0 && run->extent_index < kHFSPlusExtentDensity) {  // beyond, the extents are the limit
-    KVFS_ERROR_AS(kvfs_fork_expand, "No free run of %lu bytes to expand the fork by.\n", to_ul(clump));
-    return kvfs_limit;
-  }
-  if (!is_at_end(fork, *run)) {
-    KVFS_ERROR_AS(kvfs_fork_expand, "The logical size of the fork ends before its last extent.\n");
-    return kvfs_inconsistent;
-  }
-  return kvfs_ok;
+  return result;
 }
 
 kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location) {
@@ -120,6 +125,10 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
         "Invalid CNID for kvfs_fork_expand (%lu). We currently only support forks with their fork data in the volume header.\n",
         to_ul(fork->priv->cnid));
     return kvfs_internal;
+  }
+  if (fork->block_size == 0) {  // X-fork-14
+    KVFS_ERROR("Cannot expand fork by blocks of 0 bytes.\n");
+    return kvfs_inconsistent;
   }
   kvfs_allocation_location run = {};
   kvfs_result result = find_run(fork, volume, clump, &run);

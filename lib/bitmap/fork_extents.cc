@@ -165,7 +165,8 @@ kvfs_result FindWriteLocation(std::uint32_t cnid, std::uint8_t fork_type, const 
   return kvfs_ok;
 }
 
-// Adds a run to a fork data behind its first `used` extents.
+// Adds a run to a fork data behind its first `used` extents: no blocks too, which leave the next descriptor empty when
+// no run was found.
 static void add_run(HFSPlusForkData* fork_data, std::uint32_t used, kvfs_allocation_location* run) {
   HFSPlusExtentDescriptor* const extents = fork_data->extents.extents;
   const bool extends_last = used != 0 && run->start_block == extent_end(extents[used - 1]);
@@ -212,9 +213,7 @@ kvfs_result UpdateForks(kvfs_volume* volume, HFSPlusForkData* fork_data, std::ui
     KVFS_ERROR("Error while looking up unallocated region.\n");
     return result;
   }
-  if (location.block_count != 0) {  // X-bitmap-5
-    add_run(fork_data, used, &location);
-  }
+  add_run(fork_data, used, &location);
   *out_location = location;
   return kvfs_ok;
 }

@@ -1,6 +1,6 @@
 // The size that a fork is about to get, and putting it into effect.
 //
-// A fork that changes its size forgets what is cached behind its end: X-fork-11.
+// A fork that becomes shorter forgets what is cached behind its end: X-fork-11.
 
 #include "bitmap/fork_resize.h"
 
@@ -23,12 +23,13 @@
 using namespace kvfs::bitmap;
 using namespace kvfs::fork;
 
-kvfs_result kvfs::bitmap::check_resizable(const char* speaker, const kvfs_fork* fork, const kvfs_volume* volume) {
-  if (volume->bitmap == nullptr) {
+kvfs_result kvfs::bitmap::check_bits(const char* speaker, const fork_resize& resize) {
+  const kvfs_bitmap* const bitmap = resize.volume->bitmap;
+  if (bitmap == nullptr) {
     KVFS_ERROR_BY(speaker, "The volume was opened without its allocation file.\n");
     return kvfs_invalid;
   }
-  if (kvfs_bitmap_works_on(volume->bitmap, fork)) {
+  if (kvfs_bitmap_works_on(bitmap, resize.fork)) {
     KVFS_ERROR_BY(speaker, "The allocation file in use cannot be resized.\n");
     return kvfs_limit;
   }
@@ -80,14 +81,14 @@ static void forget_blocks(kvfs_fork* fork, std::uint64_t item_index, std::uint64
       --item->dirty_blocks;
     }
   }
-  if (!was_clean) {
+  if (!was_clean && dirty_items(fork) != 0) {
     count_out_if_clean(fork, item);
   }
 }
 
-// Forgets what the cache holds behind an old or new end of the fork: what comes there lies elsewhere on the device.
-// What was modified there has been flushed. The cache's block that lies across the end is read again too, unless it was
-// modified before the end; then it has zeros behind it.
+// Forgets what the cache holds behind the new end of the fork: what comes there lies elsewhere on the device. What was
+// modified there has been flushed. The cache's block that lies across the end is read again too, unless it was modified
+// before the end; then it has zeros behind it.
 static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
   const kvfs_fork_private* const priv = fork->priv;
   const std::uint64_t index = end / priv->item_size;
@@ -107,7 +108,7 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
 
 void kvfs::bitmap::apply_resize(fork_resize* resize) {
   kvfs_fork_private* const priv = resize->fork->priv;
-  const std::uint64_t common_end = kvfs_min(priv->logical_size, new_logical_size(*resize));
+  const std::uint64_t old_end = priv->logical_size;
   for (std::uint32_t i = 0; i < priv->items_end; ++i) {
     kvfs_fork_cache_item* const item = priv->items[i];
     if (i < resize->items_length) {
@@ -127,16 +128,13 @@ void kvfs::bitmap::apply_resize(fork_resize* resize) {
   priv->items_length = static_cast<std::uint32_t>(resize->items_length);
   priv->items_end = kvfs_min(priv->items_end, priv->items_length);
   priv->logical_size = new_logical_size(*resize);
-  forget_behind(resize->fork, common_end);
+  if (priv->logical_size < old_end) {
+    forget_behind(resize->fork, priv->logical_size);
+  }
 }
 
-kvfs_result kvfs::bitmap::flush_trailing_part(const char* speaker, const fork_resize& resize) {
-  const std::uint64_t end = new_logical_size(resize);
-  const std::uint64_t logical_size = resize.fork->priv->logical_size;
-  if (end >= logical_size) {
-    return kvfs_ok;
-  }
-  const kvfs_result result = kvfs_fork_flush_internal(resize.fork, end, logical_size - end);
+kvfs_result kvfs::bitmap::flush_trailing_part(const char* speaker, const fork_resize& resize, std::uint64_t length) {
+  const kvfs_result result = kvfs_fork_flush_internal(resize.fork, new_logical_size(resize), length);
   if (result != kvfs_ok) {
     KVFS_ERROR_BY(speaker, "Error while flushing trailing part of fork.\n");
   }

@@ -21,10 +21,6 @@ inline bool is_in_volume_header(std::uint32_t cnid) {
          cnid == kHFSStartupFileID || cnid == kHFSAttributesFileID;
 }
 
-// Refuses volumes without an allocation file (X-bitmap-1), and the allocation file itself while its bits are in use
-// (X-fork-7).
-kvfs_result check_resizable(const char* speaker, const kvfs_fork* fork, const kvfs_volume* volume);
-
 // The size that a fork is about to get, with what has to be allocated for it.
 struct fork_resize {
   kvfs_fork* fork;
@@ -36,6 +32,10 @@ struct fork_resize {
   kvfs_owned<HFSPlusExtentDescriptor> extents;  // the new extents
   std::uint32_t extents_count;
 };
+
+// Whether the bits of blocks can be changed: not on a volume without an allocation file (X-bitmap-1), and not for the
+// allocation file itself, whose lock is held (X-fork-7). Asked right before that, and before anything is stored.
+kvfs_result check_bits(const char* speaker, const fork_resize& resize);
 
 inline std::uint64_t new_logical_size(const fork_resize& resize) {
   return resize.total_blocks * resize.fork->block_size;
@@ -61,9 +61,8 @@ void take_extents(fork_resize* resize, const HFSPlusForkData& fork_data);
 // may hold a mapping of them; they wait for the end of the fork (Q-fork-13).
 void apply_resize(fork_resize* resize);
 
-// Writes the modified blocks from the new end of the fork on. A fork that grows has none there
-// (X-fork-10).
-kvfs_result flush_trailing_part(const char* speaker, const fork_resize& resize);
+// Writes the modified blocks of a part of the fork that begins at its new end; `length` in bytes.
+kvfs_result flush_trailing_part(const char* speaker, const fork_resize& resize, std::uint64_t length);
 
 }  // namespace kvfs::bitmap
 

@@ -49,13 +49,17 @@ static kvfs_result free_cut_blocks(const fork_resize& resize, std::uint32_t bloc
 }
 
 static kvfs_result release_cut_blocks(fork_resize* resize, std::uint32_t blocks) {
+  kvfs_result result = blocks != 0 ? check_bits(KVFS_NAME_OF(kvfs_fork_shrink), *resize) : kvfs_ok;
+  if (result != kvfs_ok) {
+    return result;
+  }
   HFSPlusForkData changed = resize->saved;
   cut_extents(&changed, resize->total_blocks);
   changed.logicalSize.set(new_logical_size(*resize));
   changed.totalBlocks.set(static_cast<std::uint32_t>(resize->total_blocks));
   store_fork_data(*resize, changed);
   take_extents(resize, changed);
-  const kvfs_result result = free_cut_blocks(*resize, blocks);
+  result = free_cut_blocks(*resize, blocks);
   if (result != kvfs_ok) {
     store_fork_data(*resize, resize->saved);
   }
@@ -74,7 +78,8 @@ static kvfs_result shrink_locked(kvfs_fork* fork, kvfs_volume* volume, std::uint
     KVFS_CRITICAL_AS(kvfs_fork_shrink, "Internal error: New items array is larger than old items array.\n");
     return kvfs_internal;
   }
-  kvfs_result result = flush_trailing_part(KVFS_NAME_OF(kvfs_fork_shrink), resize);
+  kvfs_result result =
+      flush_trailing_part(KVFS_NAME_OF(kvfs_fork_shrink), resize, std::uint64_t{blocks} * fork->block_size);
   if (result == kvfs_ok) {
     result = allocate_resized_arrays(KVFS_NAME_OF(kvfs_fork_shrink), &resize);
   }
@@ -93,10 +98,6 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
         "Invalid CNID for kvfs_fork_shrink (%lu). We currently only support forks with their fork data in the volume header.\n",
         to_ul(fork->priv->cnid));
     return kvfs_internal;
-  }
-  const kvfs_result checked = check_resizable(__func__, fork, volume);
-  if (checked != kvfs_ok) {
-    return checked;
   }
   const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
                                                          "Unexpected - Error while unlocking items lock!\n");

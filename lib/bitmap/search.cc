@@ -41,7 +41,8 @@ static kvfs_result map_position(free_run_search* search, std::uint64_t* count) {
     KVFS_ERROR_AS(FindContiguousUnallocated, "Error while unmapping previous region of bitmap data.\n");
     return result;
   }
-  *count = round_up_to_byte(kvfs_min(search->total - search->position, search->wanted));
+  const std::uint32_t left = static_cast<std::uint32_t>(search->total - search->position);
+  *count = round_up_to_byte(kvfs_min<std::uint64_t>(left, search->wanted));
   const std::uint64_t first_byte = search->position / 8;
   result = search->map.map(search->fork, first_byte,
                            static_cast<std::size_t>((search->position + *count + 7) / 8 - first_byte));
@@ -101,18 +102,13 @@ kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted,
                                       kvfs_allocation_location* out_location) {
   const std::uint32_t total = volume->header->totalBlocks.get();
   std::uint32_t start = hint != 0 ? hint : volume->header->nextAllocation.get();
-  start = kvfs_min(start, kvfs_max<std::uint32_t>(total, 1) - 1);
-  kvfs_allocation_location location = {};
-  if (total == 0 || wanted == 0) {
-    location.start_block = start;  // no blocks are free anywhere, there too
-    *out_location = location;
-    return kvfs_ok;
-  }
+  start = start < total ? start : total - 1;  // wraps on a volume without blocks: Q-bitmap-10
   kvfs_fork* const fork = fork_of_bits(KVFS_NAME_OF(FindContiguousUnallocated), volume);
   if (fork == nullptr) {
     return kvfs_invalid;
   }
   free_run_search search = {fork, total, wanted, start, start, false, {}};
+  kvfs_allocation_location location = {};
   kvfs_result result = search_free_run(&search, &location);
   const kvfs_result unmapped = search.map.unmap();
   if (unmapped != kvfs_ok) {

@@ -10,6 +10,7 @@
 #include "btree/node.h"
 #include "btree/node_buffer.h"
 #include "btree/private.h"
+#include "btree/work.h"
 #include "fork.h"
 #include "format.h"
 #include "result.h"
@@ -265,6 +266,7 @@ kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume) {
       KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
                          "Error while releasing write lock for open locators list. Will probably crash now...\n");
   return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
+    grant_work(tree, kWorkOfAChange);
     tree_expansion expansion = {};
     expansion.tree = tree;
     expansion.volume = volume;

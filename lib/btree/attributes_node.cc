@@ -20,7 +20,7 @@ static constexpr std::uint32_t kAttributeInlineData = 16;
 // Checks the record type of one attribute; false when the record leaves the node.
 static bool check_attribute_record(const node_view& node, std::uint32_t index) {
   std::uint16_t offset = 0;
-  if (!read_offset(node, index, &offset) || offset < kBTFirstRecordOffset || offset + kAttributeKeySize > node.size) {
+  if (!read_offset(node, index, &offset) || offset + kAttributeKeySize > node.size) {
     return false;
   }
   const std::uint32_t name_length = kvfs_view_as<kvfs_be16>(node.bytes + offset + kAttributeNameLengthOffset)->get();

@@ -9,6 +9,7 @@
 #include "btree/node.h"
 #include "btree/node_buffer.h"
 #include "btree/private.h"
+#include "btree/work.h"
 #include "fork.h"
 #include "format.h"
 #include "result.h"
@@ -29,7 +30,6 @@ struct bitmap_walk {
   std::uint32_t length;  // of the segment, bytes
   std::uint32_t next;    // node with the next segment; 0 when there is none
   std::uint32_t behind;  // bytes of the bitmap in the segments before
-  cycle_finder segments;
 };
 
 }  // namespace
@@ -122,9 +122,8 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
                   to_ul(walk->node.number), to_ul((walk->total_nodes - node) / 8));
     return kvfs_inconsistent;
   }
-  if (comes_back(&walk->segments, walk->next)) {
-    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: The map nodes form a ring at node %lu.\n",
-                  to_ul(walk->next));
+  if (!spend_work(walk->tree, kWorkOfAMapNode)) {  // X-btree-13: they may form a ring
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Too many map nodes up to node %lu.\n", to_ul(walk->next));
     return kvfs_inconsistent;
   }
   result = map_node(walk->tree, walk->next, &walk->map);

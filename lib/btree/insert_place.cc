@@ -79,7 +79,7 @@ kvfs_result kvfs::btree::position_insertion(insertion* insert, const kvfs_btree_
 
 kvfs_result kvfs::btree::report_bad_insert_offset(std::uint32_t node, std::uint32_t index) {
   KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
-                "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(index), to_ul(node));
+                "Invalid node data: Record %lu has no place among those of node %lu.\n", to_ul(index), to_ul(node));
   return kvfs_inconsistent;
 }
 

@@ -49,17 +49,19 @@ static kvfs_result step_to_next_node(record_place* place) {
   return kvfs_ok;
 }
 
-// Reads an offset of the table and checks that it lies between the descriptor and the table. An entry behind the free
-// space's, as that of record 1 in an empty node, is none, whatever bytes are there.
+static kvfs_result report_offset_out_of_range(std::uint32_t index, std::uint16_t offset) {
+  KVFS_ERROR_AS(kvfs_btree_get_next_record_internal,
+                "Invalid node data: Offset for record %hu is out of range (%hu).\n", static_cast<unsigned short>(index),
+                offset);
+  return kvfs_inconsistent;
+}
+
+// Reads an offset of the table and checks that it lies between the descriptor and the table.
 static kvfs_result read_checked_offset(const record_place& place, std::uint32_t index, std::uint16_t* offset) {
-  const std::uint32_t count = place.descriptor.numRecords.get();
   *offset = 0;
-  const bool exists = read_offset(place.node, index, offset) && index <= count;
-  if (!exists || *offset < kBTFirstRecordOffset || *offset > offset_entry_position(place.node.size, count)) {
-    KVFS_ERROR_AS(kvfs_btree_get_next_record_internal,
-                  "Invalid node data: Offset for record %hu is out of range (%hu).\n",
-                  static_cast<unsigned short>(index), *offset);
-    return kvfs_inconsistent;
+  if (!read_offset(place.node, index, offset) || *offset < kBTFirstRecordOffset ||
+      *offset > offset_entry_position(place.node.size, place.descriptor.numRecords.get())) {
+    return report_offset_out_of_range(index, *offset);
   }
   return kvfs_ok;
 }
@@ -89,6 +91,9 @@ static kvfs_result open_record_at(const record_place& place, kvfs_btree_record_l
         "Invalid node data: Records offsets are not in order (offset for record %hu: %hu, offset for record %hu: %hu).\n",
         index, offset, static_cast<unsigned short>(place.index + 1), end);
     return kvfs_inconsistent;
+  }
+  if (place.index >= count) {  // an empty node: what lies behind the free space's entry is none, whatever it reads as
+    return report_offset_out_of_range(place.index + 1, end);
   }
   result = kvfs_btree_record_locator_open(place.tree, place.node.number, index, place.node.bytes + offset, end - offset,
                                           fork_position(place.tree, place.node.number, offset), out_locator);

@@ -212,11 +212,11 @@ kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node,
 
 void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool force) {
   kvfs_btree_record_locator_private* const priv = (*locator)->priv;
-  *locator = nullptr;
   --priv->reference_count;
   if (priv->reference_count > 0 && !force) {
     return;
   }
+  *locator = nullptr;
   if (priv->next != nullptr) {
     priv->next->priv->previous = priv->previous;
   }
@@ -239,7 +239,8 @@ void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {
     kvfs_btree_record_locator_release(locator, false);
     return kvfs_ok;
   });
-  // Without the lock the reference is leaked (Q-btree-4); touching the list then could do worse.
+  // Null also while others hold it. Without the lock the reference is leaked (Q-btree-4); touching the list then could
+  // do worse.
   *locator = nullptr;
 }
 

@@ -73,9 +73,9 @@ inline bool read_key_end(const node_view& node, std::uint32_t offset, std::uint3
   return *end <= node.size;
 }
 
-// Recognises that a walk from node to node goes in circles (X-btree-3). Where a node leads depends on it alone, so that
-// coming back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of two,
-// finds that with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
+// Recognises that a walk from node to node goes in circles (X-btree-13). Where a node leads depends on it alone, so
+// that coming back to a node once means coming back for ever. Comparing with one checkpoint, moved at each power of
+// two, finds that with constant memory (R. P. Brent, "An improved Monte Carlo factorization algorithm", 1980).
 struct cycle_finder {
   std::uint32_t checkpoint;  // a node that was visited; the first one to begin with
   std::uint32_t steps;

@@ -65,7 +65,7 @@ kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node,
                                            kvfs_btree_record_locator** out_locator);
 
 // Gives back one reference and frees the locator with the last one, or at once when `force` is set. The caller's
-// pointer becomes null.
+// pointer becomes null when it does.
 void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool force);
 
 // Moves the open locators of a node whose record index lies in first .. first + count - 1 to another node, adding to
@@ -112,6 +112,7 @@ inline constexpr std::uint64_t kWorkOfASearch = std::uint64_t{160} << 10;
 inline constexpr std::uint64_t kWorkOfAChange = std::uint64_t{128} << 20;
 inline constexpr std::uint64_t kWorkReserve = std::uint64_t{64} << 20;
 inline constexpr std::uint64_t kWorkOfANode = 128;
+inline constexpr std::uint64_t kWorkOfAMapNode = 512;
 inline constexpr std::uint64_t kWorkOfAKey = 8;
 inline constexpr std::uint64_t kWorkOfAMessage = std::uint64_t{4} << 10;
 inline constexpr std::uint32_t kNodeBytesOfOneUnit = 16;  // a node that is copied takes a unit for so many bytes

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
@@ -39,7 +40,8 @@ struct search_walk {
   std::uint8_t target_height;
   BTHeaderRec header;
 
-  mapping map;  // of the current node
+  std::uint32_t start;  // node where the search began
+  mapping map;          // of the current node
   node_view node;
   BTNodeDescriptor descriptor;
   std::uint32_t index;          // of the record looked at
@@ -70,9 +72,23 @@ static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
   return kvfs_inconsistent;
 }
 
+static kvfs_result report_contradiction(const search_walk& walk) {
+  KVFS_ERROR_AS(kvfs_btree_search_node_internal,
+                "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk.index),
+                to_ul(walk.node.number));
+  return kvfs_inconsistent;
+}
+
 static kvfs_result report_too_much_work() {
   KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search: Too much work.\n");
   return kvfs_inconsistent;
+}
+
+// Whether a node without records may be searched: the start node of a tree that has none, or the root when the only
+// record of that index node is being replaced. The place of a record is over the bytes of the one deleted there
+// (X-btree-2).
+static bool may_be_empty(const search_walk& walk) {
+  return walk.node.number == walk.start && (walk.mode != kSearchToLeaf || walk.header.leafRecords.get() == 0);
 }
 
 // Takes up the node that was just mapped.
@@ -84,7 +100,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   walk->descriptor = descriptor_of(walk->node);
   walk->index = 0;
   walk->previous_data = 0;
-  if (walk->descriptor.numRecords.get() == 0) {
+  if (walk->descriptor.numRecords.get() == 0 && !may_be_empty(*walk)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
@@ -99,6 +115,7 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
                   KVFS_NAME_OF(kvfs_btree_search_node_internal), to_ul(start), to_ul(total_nodes));
     return kvfs_invalid;
   }
+  walk->start = start;
   const kvfs_result result = map_node(walk->tree, start, &walk->map);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while mapping raw node data.\n");
@@ -151,10 +168,10 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
   return kvfs_ok;
 }
 
-// A node of another kind, or one above the height that is looked for, was walked to its end.
+// A node of another kind, or one above the height that is looked for, was walked to its end, or has no records.
 static kvfs_result finish_behind_last_record(search_walk* walk) {
   node_record last = {};
-  const kvfs_result result = read_record(walk, walk->index - 1, &last);
+  const kvfs_result result = read_record(walk, walk->index == 0 ? 0 : walk->index - 1, &last);
   return result == kvfs_ok ? finish_search(walk, last, walk->index) : result;
 }
 
@@ -184,6 +201,11 @@ static kvfs_result descend(search_walk* walk, std::uint32_t child) {
   if (++walk->descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
+  }
+  if (child == walk->start) {  // Q-btree-26: the node that led here stays mapped, and leads to itself now
+    walk->node.number = child;
+    walk->index = 0;
+    return kvfs_ok;
   }
   const std::uint64_t position = walk->map.offset();
   kvfs_result result = walk->map.unmap();
@@ -253,7 +275,8 @@ static bool is_illegal_comparison(const search_walk& walk) {
 // Takes account of a key that is going to be compared, and ends a search that would go on for very long: one that meets
 // more keys than a node of each height can hold, or fills the log with keys of a wrong length.
 static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
-  const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : std::uint64_t{record.data} - record.offset;
+  const std::uint32_t end = kvfs_min(record.data, walk->node.size);
+  const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : end - record.offset;
   walk->key_bytes += bytes;
   walk->odd_keys += odd ? 1 : 0;
   if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
@@ -272,6 +295,22 @@ static kvfs_result count_key(search_walk* walk, const node_record& record, bool 
   return spend_work(walk->tree, bytes + (logged ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
 }
 
+// Whether what a node has of a key that leaves it may decide the order: the parent and the name's length of a catalog
+// key. The keys of the other trees are needed as a whole.
+static bool has_cut_key(const search_walk& walk, const node_record& record) {
+  return walk.tree->priv->tree_kind == kHFSCatalogFileID &&
+         record.offset + kHFSPlusCatalogKeyNameOffset <= walk.node.size;
+}
+
+// Compares such a key as one that ends with the node; kvfs_key_malformed when a unit behind that is needed (X-btree-1).
+static int compare_cut_key(const search_walk& walk, const node_record& record) {
+  HFSPlusCatalogKey key;
+  const std::size_t size = kvfs_min<std::size_t>(walk.node.size - record.offset, sizeof(key));
+  std::memcpy(&key, walk.node.bytes + record.offset, size);
+  key.keyLength.set(static_cast<std::uint16_t>(size - sizeof(key.keyLength)));
+  return walk.tree->priv->compare(&key, walk.key, walk.header.keyCompareType);
+}
+
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
 // that look like a key but leave the node are passed over there. The records of the header node, where the search in an
 // empty tree begins, are compared nevertheless (Q-btree-8): it is the first node of its cache item, and whatever its
@@ -280,9 +319,11 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
   const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   const unsigned char* const key = walk->node.bytes + record.offset;
   const std::uint32_t kind = walk->tree->priv->tree_kind;
-  const bool odd = record.data != 0 && (is_odd_key(kind, key) || is_odd_key(kind, walk->key));
+  const bool odd_node_key = record.data != 0 && is_odd_key(kind, key);
+  const bool odd = odd_node_key || (record.data != 0 && is_odd_key(kind, walk->key));
+  const bool cut = has_keys && !record.key_inside && !odd_node_key;
   *order = 0;
-  if (has_keys && !record.key_inside && !(record.data != 0 && is_odd_key(kind, key))) {
+  if (cut && !has_cut_key(*walk, record)) {
     return report_bad_record(walk->node.number, walk->index);
   }
   if (has_keys || odd) {
@@ -291,14 +332,13 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
       return counted;
     }
   }
-  if (has_keys || odd || record.key_inside || walk->node.number == 0) {
+  if (cut) {
+    *order = compare_cut_key(*walk, record);
+  } else if (has_keys || odd || record.key_inside || walk->node.number == 0) {
     *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && *order == kvfs_key_malformed) {
-    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
-                  "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk->index),
-                  to_ul(walk->node.number));
-    return kvfs_inconsistent;
+    return cut ? report_bad_record(walk->node.number, walk->index) : report_contradiction(*walk);
   }
   return kvfs_ok;
 }

@@ -204,7 +204,7 @@ static kvfs_result divide_records(node_split* split, std::uint16_t count, std::s
   std::uint16_t end = 0;
   if (split->index > count || !read_offset(lower, count, &end) || !read_offset(lower, split->index, &begin) ||
       begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
-    KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Record %lu of node %lu lies outside of the node.\n",
+    KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Record %lu has no place among those of node %lu.\n",
                   to_ul(split->index), to_ul(lower.number));
     return kvfs_inconsistent;
   }

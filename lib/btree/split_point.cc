@@ -40,19 +40,14 @@ static std::int64_t split_boundary(const insertion& insert, std::uint32_t middle
                                : offset_at(insert.node.view, middle) + size;
 }
 
-// Weighs a split before record `middle`.
+// Weighs a split before record `middle`. A damaged offset may leave less than nothing for the claimed node: such a
+// split is never the best one, and the search goes on.
 static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, split_search* search) {
   const std::int64_t node_size = insert.tree->nodeSize;
   const std::int64_t boundary = split_boundary(insert, middle);
   const std::int64_t moved = std::int64_t{insert.count} - middle;
   search->split_size = boundary + kOffsetEntrySize * (std::int64_t{middle} + 1);
   search->claimed_size = search->total - boundary + kOffsetEntrySize * (moved + 2) + kBTFirstRecordOffset;
-  if (search->claimed_size < 0) {
-    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
-                  "Invalid node data: Record %lu of node %lu lies outside of the node.\n", to_ul(middle),
-                  to_ul(insert.node.view.number));
-    return kvfs_inconsistent;
-  }
   if (search->split_size > node_size && search->claimed_size > node_size) {
     KVFS_CRITICAL_AS(
         kvfs_btree_insert_record_internal,

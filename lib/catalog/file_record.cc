@@ -46,11 +46,12 @@ static bool read_size_of_forks(const kvfs_catalog_record_locator* locator, std::
   return true;
 }
 
-// Reads the size of the file that a hard link stands for.
+// Reads the size of the file that a hard link stands for, or of the record in its place: whether the file is there is
+// not asked (Q-catalog-24).
 static bool read_link_target_size(kvfs_catalog* catalog, const HFSPlusCatalogFile* link, std::uint64_t* size) {
   kvfs_catalog_search_result target;
   kvfs_catalog_search_result_init(&target);
-  const bool read = kvfs_catalog_follow_hard_link(catalog, link, &target) == kvfs_ok && target.found != 0 &&
+  const bool read = kvfs_catalog_follow_hard_link(catalog, link, &target) == kvfs_ok && target.locator != nullptr &&
                     read_size_of_forks(target.locator, size);
   kvfs_catalog_search_result_release(&target);
   return read;

@@ -24,7 +24,8 @@ struct catalog_locator_block {
   kvfs_catalog_record_locator_private priv;
 };
 
-// What the smallest machines pay for a locator, where pointers have 32 bits and 64-bit numbers are aligned to 8 bytes.
+// What the smallest machines pay for a locator (X-catalog-10), where pointers have 32 bits and 64-bit numbers are
+// aligned to 8 bytes.
 static_assert(sizeof(void*) != 4 || alignof(catalog_locator_block) != 8 || sizeof(catalog_locator_block) == 64);
 
 }  // namespace
@@ -88,8 +89,7 @@ kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_r
   const kvfs_result unlocked = guard.release();
   if (unlocked != kvfs_ok) {
     KVFS_ERROR("Error while unlocking catalog open locators list lock.\n");
-    // Q-catalog-3: the locator is freed although it was opened. The list must not keep what is freed.
-    set_parent(&block->locator, nullptr);
+    // Q-catalog-3: the locator is freed although it was opened. The list must not keep what is freed (X-catalog-9).
     unlink_locator(&block->locator);
     return unlocked;
   }

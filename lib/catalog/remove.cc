@@ -43,7 +43,7 @@ static kvfs_result look_behind_thread(kvfs_catalog* catalog, const kvfs_catalog_
 
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty) {
-  if (folder == nullptr) {
+  if (catalog == nullptr || folder == nullptr || out_empty == nullptr) {
     return kvfs_invalid;
   }
   HFSPlusCatalogFolder record;
@@ -66,7 +66,7 @@ kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_ca
 
 kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
                                          int* out_can_delete) {
-  if (locator == nullptr) {
+  if (catalog == nullptr || locator == nullptr || out_can_delete == nullptr) {
     return kvfs_invalid;
   }
   std::uint16_t type = 0;
@@ -194,7 +194,7 @@ static kvfs_result delete_thread_record(const catalog_deletion& item) {
 }
 
 kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator) {
-  if (locator == nullptr) {
+  if (catalog == nullptr || volume == nullptr || locator == nullptr) {
     return kvfs_invalid;
   }
   catalog_deletion item = {};

@@ -58,9 +58,10 @@ inline void set_dirty_items(kvfs_fork* fork, std::size_t count) {
   __atomic_store_n(&fork->priv->dirty_items, count, __ATOMIC_RELAXED);
 }
 
-// Takes an item that had modified blocks off the count when it has none any more.
+// Takes an item that had modified blocks off the count when it has none any more. The count falls below 0 when the item
+// is one that a flush has forgotten (Q-fork-8).
 inline void count_out_if_clean(kvfs_fork* fork, const kvfs_fork_cache_item* item) {
-  if (item->dirty_blocks == 0 && dirty_items(fork) != 0) {
+  if (item->dirty_blocks == 0) {
     set_dirty_items(fork, dirty_items(fork) - 1);
   }
 }

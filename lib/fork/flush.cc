@@ -45,8 +45,26 @@ static std::uint64_t end_of_piece(const kvfs_fork* fork, std::uint64_t fork_offs
   return logical_size != 0 ? kvfs_min(fork_offset + length, logical_size) : fork_offset + length;
 }
 
-// Refuses a piece that shares a sector with a block of somebody else, which would be overwritten. The sector of the
-// logical end may go on behind it as far as the fork's last block does.
+// Whether a block is modified that has one of the bytes from `first` to `last` of the fork.
+static bool has_modified_block(const kvfs_fork* fork, std::uint64_t first, std::uint64_t last) {
+  const std::uint64_t item_size = fork->priv->item_size;
+  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  for (std::uint64_t offset = first; offset <= last;) {
+    const kvfs_fork_cache_item* const item = item_at(fork, offset / item_size);
+    const bool is_dirty = item != nullptr && item->dirty_blocks != 0;
+    const std::uint64_t block = offset % item_size / unit;
+    if (is_dirty && (item->modification_bitmap[bitmap_byte(block)] & bitmap_mask(block)) != 0) {
+      return true;
+    }
+    const std::uint64_t step = is_dirty ? unit : item_size;
+    offset = (offset / step + 1) * step;
+  }
+  return false;
+}
+
+// Refuses a piece that shares a sector with a block of somebody else, which would be overwritten: by any block of one
+// that begins within a sector, by the last of one that ends within a sector. The sector of the logical end may go on
+// behind it as far as the fork's last block does.
 static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::uint64_t fork_offset,
                                std::uint64_t length) {
   const kvfs_fork_write_context* const flush = static_cast<kvfs_fork_write_context*>(context);
@@ -55,7 +73,9 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
   const std::uint64_t end = end_of_piece(flush->fork, fork_offset, length);
   const std::uint64_t end_of_sectors = kvfs_divide_rounding_up(end, sector_size) * sector_size;
   const std::uint64_t end_of_blocks = kvfs_divide_rounding_up(end, block_size) * block_size;
-  if (device_offset % sector_size != 0 || fork_offset % sector_size != 0 || end_of_sectors > end_of_blocks) {
+  const bool begins_within = device_offset % sector_size != 0 || fork_offset % sector_size != 0;
+  if ((begins_within || end_of_sectors > end_of_blocks) &&
+      has_modified_block(flush->fork, begins_within ? fork_offset : kvfs_max(fork_offset, end - 1), end - 1)) {
     KVFS_ERROR_AS(kvfs_fork_flush_internal, "Piece of %llu bytes at device offset %llu is not of whole sectors.\n",
                   to_ull(length), to_ull(device_offset));
     return kvfs_inconsistent;

@@ -132,8 +132,8 @@ struct kvfs_fork_write_context {
 kvfs_result kvfs_fork_process_write_io(void* context, std::uint64_t device_offset, std::uint64_t fork_offset,
                                        std::uint64_t length);
 
-// Writes the modified blocks of one range; the caller holds items_lock. Nothing is written when an extent shares a
-// sector of the range with another block.
+// Writes the modified blocks of one range; the caller holds items_lock. Nothing is written when a modified block shares
+// a sector with somebody else's (X-fork-5).
 //
 // Locks: dirty_lock for writing, each item's lock for writing.
 // Returns as kvfs_fork_flush does.

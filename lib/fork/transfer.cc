@@ -133,8 +133,7 @@ static sector_run split_into_sectors(std::uint32_t sector_size, std::uint64_t de
 // below 0, are the device's to refuse.
 static kvfs_result read_whole_sectors(kvfs_device* device, const sector_run& run, void* destination) {
   const std::uint32_t count = static_cast<std::uint32_t>(kvfs_min(run.count, kMaximum32));
-  const kvfs_result result =
-      count == 0 ? kvfs_ok : kvfs_device_read_disk_sectors(device, run.first, count, &destination);
+  const kvfs_result result = kvfs_device_read_disk_sectors(device, run.first, count, &destination);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_fork_process_read_io, "Error while reading %llu fork sectors starting at sector %llu.\n",
                   to_ull(run.count), to_ull(run.first));

@@ -74,7 +74,7 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
     }
   }
   if (was_clean && item->dirty_blocks != 0) {
-    set_dirty_items(fork, dirty_items(fork) + 1);
+    set_dirty_items(fork, kvfs_max<std::size_t>(dirty_items(fork) + 1, 1));  // from below 0 as well: X-fork-13
   }
 }
 
@@ -136,8 +136,8 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
     return kvfs_invalid;
   }
   kvfs_result result = check_item_numbers(__func__, fork, range.items);
-  if (result == kvfs_ok) {
-    result = check_transfer_unit(__func__, fork);
+  if (result == kvfs_ok && fork->priv->modificationBitmapBlockSize == 0) {
+    result = check_transfer_unit(__func__, fork);  // too large a unit is refused where a block is read or flushed
   }
   if (result == kvfs_ok) {
     result = read_partial_blocks(fork, &range);

@@ -45,7 +45,7 @@ struct name_buffer {
     return true;
   }
 
-  // Appends a zero unit where there is room, and so not when only counting (X-unicode-2), and reports the count.
+  // Appends a zero unit where there is room, and so not when only counting, and reports the count.
   void finish(std::size_t* out_count) {
     if (units != nullptr && count < capacity) {
       store_unit(&units[count], 0);

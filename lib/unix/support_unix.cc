@@ -81,7 +81,7 @@ static kvfs_result initialize(pthread_rwlock_t* lock) {
                   created);
     result = kvfs_no_memory;
   }
-  (void)pthread_rwlockattr_destroy(&attributes);  // X-lock-2: nothing depends on it any more
+  (void)pthread_rwlockattr_destroy(&attributes);  // Q-lock-2: nothing depends on it any more
   return result;
 }
 

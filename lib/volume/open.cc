@@ -132,12 +132,12 @@ static kvfs_result find_root_folder(volume_parts* parts) {
   return kvfs_ok;
 }
 
-// Copies the root folder's name, which its key must hold (X-volume-1), as the label.
+// Copies the root folder's name, which must lie in the copy of its record (X-volume-1), as the label.
 static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* priv) {
   const kvfs_btree_record_locator* const record = parts.root.locator->btree_locator;
-  if (record->key_length < kHFSPlusCatalogKeyNameOffset) {
-    KVFS_ERROR_AS(kvfs_volume_setup, "Key of root directory is too short for a name (%lu bytes).\n",
-                  to_ul(record->key_length));
+  const std::uint32_t size = static_cast<std::uint32_t>(record->data - record->key) + record->data_size;
+  if (size < kHFSPlusCatalogKeyNameOffset) {
+    KVFS_ERROR_AS(kvfs_volume_setup, "Record of root directory is too short for a name (%lu bytes).\n", to_ul(size));
     return kvfs_inconsistent;
   }
   const HFSUniStr255* const name = &kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName;
@@ -147,9 +147,9 @@ static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* pr
     KVFS_ERROR_AS(kvfs_volume_setup, "Invalid volume label length: %hu", length);
     return kvfs_inconsistent;
   }
-  if (record->key_length - kHFSPlusCatalogKeyNameOffset < length * sizeof(kvfs_be16)) {
-    KVFS_ERROR_AS(kvfs_volume_setup, "Volume label of %hu units does not fit its key (%lu bytes).\n", length,
-                  to_ul(record->key_length));
+  if (size - kHFSPlusCatalogKeyNameOffset < length * sizeof(kvfs_be16)) {
+    KVFS_ERROR_AS(kvfs_volume_setup, "Volume label of %hu units does not fit its record (%lu bytes).\n", length,
+                  to_ul(size));
     return kvfs_inconsistent;
   }
   priv->label_length = length;

@@ -707,12 +707,45 @@ TEST(FindRun, OfNoBlocks_IsWhereTheSearchStarts) {
   EXPECT_EQ(find_run(image, 0, kBlocks), "start=1023 count=0 index=0 bytes=0 0");
 }
 
-TEST(FindRun, OnAVolumeWithoutBlocks_GivesNoRun) {
+// No bits are mapped where the search starts, and at the beginning of the allocation file nothing cannot be mapped.
+TEST(FindRun, OfNoBlocksFromBlockZero_IsAnInternalError) {
+  OpenVolume volume(with_next_allocation(volume_with_used({}), 0));
+  kvfs_allocation_location location = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 0, 0, &location), kvfs_internal);
+  EXPECT_LOG(log, "CRITICAL kvfs_fork_map Internal inconsistency: Last cache item number out of bounds!\n",
+             "ERROR FindContiguousUnallocated Error while mapping region of bitmap data.\n");
+  EXPECT_EQ(describe(location), kUntouchedText);
+}
+
+// Where a block of the allocation file begins, nothing has no block that would be read and referenced.
+TEST(FindRun, OfNoBlocksAtABlockOfTheAllocationFile_CannotBeMappedOrGivenBack) {
+  OpenVolume volume(volume_with_used({}, 512, 8192));
+  kvfs_allocation_location location = kUntouched;
+  LogCapture log;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 0, 4096, &location), kvfs_internal);
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 0, 16, &location), kvfs_ok);
+  location = kUntouched;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 0, 4096, &location), kvfs_invalid);
+  EXPECT_LOG(log, "CRITICAL kvfs_fork_map Unexpected - Requested cache item 0 does not exist.\n",
+             "ERROR FindContiguousUnallocated Error while mapping region of bitmap data.\n",
+             "ERROR kvfs_fork_unmap Cache item 0 has no active references and cannot be unmapped.\n",
+             "ERROR FindContiguousUnallocated Error while unmapping region of bitmap data.\n");
+  EXPECT_EQ(describe(location), kUntouchedText);
+}
+
+// The block before the first one is the last of 32 bits.
+TEST(FindRun, OnAVolumeWithoutBlocks_CannotMapItsLastOne) {
   OpenVolume volume(volume_with_used({}));
   volume.header()->totalBlocks.set(0);
   kvfs_allocation_location location = kUntouched;
-  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 4, 16, &location), kvfs_ok);
-  EXPECT_EQ(describe(location), kNothing);
+  LogCapture log;
+  EXPECT_EQ(FindContiguousUnallocated(volume.get(), 100, 16, &location), kvfs_invalid);
+  EXPECT_LOG(log,
+             "CRITICAL kvfs_fork_map Attempted to read outside allocated fork size! Offset: 536870911, Length: 2, fork "
+             "data size: 4096\n",
+             "ERROR FindContiguousUnallocated Error while mapping region of bitmap data.\n");
+  EXPECT_EQ(describe(location), kUntouchedText);
 }
 
 TEST(FindRun, FullBitmap_GivesNoRunAndNoError) {
@@ -1138,12 +1171,28 @@ TEST(UpdateForks, EmptyFork_SearchesFromNextAllocation) {
   EXPECT_EQ(outcome.fork_data, "size=0 total=2 extents={640+2}");
 }
 
-TEST(UpdateForks, NoFreeRun_ChangesNothing) {
+// No blocks at block 0 are entered, which leaves the next descriptor empty.
+TEST(UpdateForks, NoFreeRun_AddsNothing) {
   const UpdatedForks outcome =
       update_forks(volume_with_used({{0, kBlocks}}), fork_data_of(0, {{40, 8}}), 8 * 4096, 4096);
   EXPECT_EQ(outcome.result, kvfs_ok);
-  EXPECT_EQ(outcome.location, "start=0 count=0 index=0 bytes=0 0");
+  EXPECT_EQ(outcome.location, "start=0 count=0 index=1 bytes=0 0");
   EXPECT_EQ(outcome.fork_data, "size=0 total=8 extents={40+8}");
+}
+
+TEST(UpdateForks, NoFreeRun_ClearsADescriptorWithAStartAlone) {
+  const UpdatedForks outcome =
+      update_forks(volume_with_used({{0, kBlocks}}), fork_data_of(0, {{40, 8}, {7, 0}}), 8 * 4096, 4096);
+  EXPECT_EQ(outcome.result, kvfs_ok);
+  EXPECT_EQ(outcome.fork_data, "size=0 total=8 extents={40+8}");
+}
+
+// The last extent ends behind the volume, so that the search starts elsewhere.
+TEST(UpdateForks, NoBytesBehindTheFork_GiveTheNextDescriptorAStartAlone) {
+  const UpdatedForks outcome = update_forks(volume_with_used({}), fork_data_of(0, {{40, 8}, {5000, 3}}), 12 * 4096, 0);
+  EXPECT_EQ(outcome.result, kvfs_ok);
+  EXPECT_EQ(outcome.location, "start=1023 count=0 index=2 bytes=0 0");
+  EXPECT_EQ(outcome.fork_data, "size=0 total=11 extents={40+8 5000+3 1023+0}");
 }
 
 const std::vector<Extent> kEightExtents = {{40, 8}, {56, 8}, {72, 8}, {88, 8}, {104, 8}, {120, 8}, {136, 8}, {152, 8}};

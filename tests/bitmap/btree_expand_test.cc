@@ -162,16 +162,17 @@ TEST(ExpandTree, WithEightUsedExtents_IsRefused) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
-TEST(ExpandTree, WithoutAFreeRun_ReachesALimit) {
+TEST(ExpandTree, WithoutAFreeRun_IsAnInternalErrorAndChangesNothing) {
   Volume image = build_volume(small_description());
   for (std::uint32_t block = 0; block < 1024; ++block) {
     image.set_block_used(block, true);
   }
   OpenVolume volume(image);
   LogCapture log;
-  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_limit);
-  EXPECT_LOG(log, "ERROR kvfs_fork_expand No free run of 16384 bytes to expand the fork by.\n",
-             "ERROR kvfs_btree_expand Error while expanding fork.\n");
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_internal);
+  Lines expected = no_run_messages();
+  expected.push_back("ERROR kvfs_btree_expand Error while expanding fork.\n");
+  EXPECT_TRUE(log.matches(expected));
   EXPECT_EQ(volume.flushed(), image);
 }
 
@@ -505,6 +506,25 @@ TEST(ExpandTree, AfterUndoing_LeavesTheClaimedNodeAndTheBlocksMarked) {
             "blocks 3 to 7: used, marked free\n"
             "blocks 2144 to 2147: marked used, belong to nothing\n"
             "freeBlocks is 400, not 405\n");
+}
+
+// The fork gets as many whole blocks as its clump has, and the fork data one more. The part that undoing cuts off is
+// longer than what the fork has behind its old end, so that its modified blocks cannot be written.
+TEST(ExpandTree, UndoneWithAClumpOfNoWholeBlocks_KeepsItsBlocks) {
+  Volume image = build_volume(full_map_description());
+  const std::uint64_t block_size = image.get_field("blockSize");
+  image.set_field("catalogFile.clumpSize", image.get_field("catalogFile.clumpSize") + 1);
+  OpenVolume volume(image);
+  const std::uint64_t size = *volume.catalog_fork()->logical_size;
+  LogCapture log;
+  FaultInjector faults;
+  faults.fail(Call::kPread64, 2);  // of the new map node
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_io_error);
+  EXPECT_TRUE(log.has("ERROR", "kvfs_fork_do_device_io",
+                      "Invalid parameter 'io_length': Length (" + std::to_string(5 * block_size) +
+                          ") extends beyond the end of the file.\n"));
+  EXPECT_EQ(to_string(log.lines().back()), kUndoFork);
+  EXPECT_EQ(*volume.catalog_fork()->logical_size, size + 4 * block_size);
 }
 
 // The result and the expansion's own messages, each once however often it was repeated.

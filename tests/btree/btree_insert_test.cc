@@ -583,13 +583,13 @@ TEST_F(BtreeInsert, PlaceInsideTheDescriptor_IsInconsistent) {
   tree_.poke_entry(2, 1, 12);
   LogCapture log;
   EXPECT_EQ(tree_.insert(number_record(55), &hint), kvfs_inconsistent);
-  EXPECT_LOG(log, insert_error("Invalid node data: Record 1 of node 2 lies outside of the node."));
+  EXPECT_LOG(log, insert_error("Invalid node data: Record 1 has no place among those of node 2."));
   hint.locator->priv->index = 3;
   hint.after = 1;
   tree_.poke_entry(2, 4, 2);
   LogCapture end_log;
   EXPECT_EQ(tree_.insert(number_record(85), &hint), kvfs_inconsistent);
-  EXPECT_LOG(end_log, insert_error("Invalid node data: Record 4 of node 2 lies outside of the node."));
+  EXPECT_LOG(end_log, insert_error("Invalid node data: Record 4 has no place among those of node 2."));
   release(hint.locator);
 }
 

@@ -373,6 +373,18 @@ TEST_F(BtreeNext, EmptyNextLeaf_IsInconsistentAndNotPassedOver) {
   }
 }
 
+TEST_F(BtreeNext, EmptyNextLeafWithOffsetsOutOfOrder_IsReportedForTheOrder) {
+  const std::uint32_t leaf = tree_.leaf(1);
+  tree_.set16(leaf, kNumRecords, 0);
+  tree_.set_entry(leaf, 0, 32);
+  tree_.set_entry(leaf, 1, 14);
+  stand_on(30);
+  LogCapture log;
+  EXPECT_EQ(step_and_close(), "result 6");
+  EXPECT_LOG(log, next_error("Invalid node data: Records offsets are not in order (offset for record 0: 32, offset "
+                             "for record 1: 14)."));
+}
+
 TEST_F(BtreeNext, NextNodeOfAnotherKind_IsTakenForALeaf) {
   for (const std::uint8_t kind : Numbers8{0, 1, 2, 77}) {
     tree_.set8(tree_.leaf(1), kKind, kind);

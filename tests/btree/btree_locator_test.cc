@@ -221,14 +221,24 @@ TEST_F(BtreeLocator, Release_UnlinksFromAnyPlaceOfTheList) {
   }
 }
 
-TEST_F(BtreeLocator, Release_FreesWithTheLastReferenceOnly) {
+TEST_F(BtreeLocator, Release_FreesWithTheLastReferenceAndLeavesThePointerUntilThen) {
   kvfs_btree_record_locator* first = opened(1, 2, record_of(4, 10));
   kvfs_btree_record_locator* second = opened(1, 2, record_of(4, 10));
   kvfs_btree_record_locator_release(&first, false);
+  EXPECT_EQ(first, second);
   EXPECT_EQ(tree_.locators(), Lines{"1 2 x1"});
   kvfs_btree_record_locator_release(&second, false);
   EXPECT_EQ(second, nullptr);
   EXPECT_TRUE(tree_.is_idle());
+}
+
+TEST_F(BtreeLocator, CloseWithReferencesLeft_NullsThePointerAllTheSame) {
+  kvfs_btree_record_locator* first = opened(1, 2, record_of(4, 10));
+  kvfs_btree_record_locator* second = opened(1, 2, record_of(4, 10));
+  kvfs_btree_record_locator_close(&first);
+  EXPECT_EQ(first, nullptr);
+  EXPECT_EQ(tree_.locators(), Lines{"1 2 x1"});
+  release(second);
 }
 
 TEST_F(BtreeLocator, ForcedRelease_FreesWhateverTheReferences) {

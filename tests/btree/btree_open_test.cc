@@ -680,13 +680,24 @@ TEST(ReadAttrNode, RecordThatLeavesTheNode_EndsTheCheck) {
     read_node(node);
     EXPECT_LOG(log, outside);
   }
-  for (const std::uint16_t offset : Numbers16{0, 13, 499, 511, 0xFFFF}) {
+  for (const std::uint16_t offset : Numbers16{499, 511, 0xFFFF}) {
     Bytes node = attributes_node({{1, 16}, {2, 16}, {3, 17}});
     put_be(node, 508, 2, offset);
     LogCapture log;
     read_node(node);
     EXPECT_LOG(log, outside);
   }
+}
+
+TEST(ReadAttrNode, RecordInTheDescriptor_IsCheckedLikeAnyOther) {
+  Bytes node = attributes_node({{0, 16}, {2, 16}, {3, 17}});
+  put_be(node, 508, 2, 2);
+  put_be(node, 14, 2, 0);  // the length of that record's name
+  put_be(node, 16, 4, 0xABC);
+  LogCapture log;
+  read_node(node);
+  EXPECT_LOG(log, "ERROR ReadAttrNode HFSPlus:ERROR:ReadAttrNode: Unknown Attr Type: ABC\n",
+             "ERROR ReadAttrNode HFSPlus:ERROR:ReadAttrNode: Unknown Attr Type: 11\n");
 }
 
 TEST(ReadAttrNode, MoreRecordsThanTheNodeHasRoomFor_EndTheCheck) {

@@ -14,6 +14,7 @@
 
 #include "big_endian.h"
 #include "btree_fixture.h"
+#include "catalog.h"
 #include "fork/private.h"
 #include "support.h"
 
@@ -42,6 +43,7 @@ std::string bad_record(std::uint32_t node, std::uint32_t index) {
                       " lies outside of the node.");
 }
 
+const std::string kBackToItself = search_error("Index node points back to itself. Inconsistent B-tree.");
 const std::string kCyclic = search_error("Aborting search due to cyclic references in the B-tree.");
 
 // Where a search for a number has to end, found in the plan of the tree: in the last leaf whose first key is not above
@@ -443,13 +445,34 @@ TEST(BtreeSearchDamage, FirstRecordOfAChildElsewhere_IsNotLookedAt) {
   EXPECT_LOG(log);
 }
 
-TEST(BtreeSearchDamage, EmptyStartNode_IsInconsistent) {
+TEST(BtreeSearchDamage, EmptyStartNodeOfATreeWithRecords_IsInconsistent) {
   TestTree tree(small_nodes());
   tree.set16(tree.root(), kNumRecords, 0);
   tree.open();
   LogCapture log;
   EXPECT_EQ(tree.search(40), "result 6");
   EXPECT_LOG(log, search_error("Invalid node data: Node " + std::to_string(tree.root()) + " has no records."));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// The locator decides about the bytes up to the next entry of the table.
+TEST(BtreeSearchEmptyTree, LeafThatNeverHadRecords_HasNoPlace) {
+  TestTree tree({.records = numbered_records(1)});
+  tree.set16(tree.root(), kNumRecords, 0);
+  tree.set32(0, kHeaderLeafRecords, 0);
+  tree.set_entry(tree.root(), 1, 0);
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(10), "result 6");
+  EXPECT_LOG(log, search_error("Invalid node data: Record 0 of node 1 ends before it begins."));
+  tree.close();
+  tree.set_entry(tree.root(), 1, 16);
+  tree.open();
+  LogCapture short_log;
+  EXPECT_EQ(tree.search(10), "result 3");
+  EXPECT_LOG(short_log,
+             "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected "
+             "minimum: 6 Actual: 2\n");
   EXPECT_TRUE(tree.is_idle());
 }
 
@@ -614,14 +637,22 @@ TEST(BtreeSearch, IndexKeyOfOddLength_IsFollowedByTheChildWithoutAPad) {
 
 // ---- Cycles --------------------------------------------------------------------------------------------------------
 
-TEST(BtreeSearchCycle, BackToTheStartNode_IsFound) {
-  TestTree tree(small_nodes(24));
-  tree.set_child(tree.node_at(3, 0), 0, tree.root());
-  tree.open();
-  LogCapture log;
-  EXPECT_EQ(tree.search(10), "result 6");
-  EXPECT_LOG(log, kCyclic);
-  EXPECT_TRUE(tree.is_idle());
+// The node that leads there is looked at once more, under the start node's number.
+TEST(BtreeSearchCycle, BackToTheStartNode_CountsAsANodeThatLeadsToItself) {
+  for (const std::size_t height : {4u, 3u, 2u}) {
+    TestTree tree(small_nodes(24));
+    const std::uint32_t last = tree.node_at(height, 0);
+    tree.set_child(last, 0, tree.root());
+    tree.open();
+    LogCapture log;
+    FaultInjector faults;
+    const ComparisonRecorder recorder;
+    EXPECT_EQ(tree.search(10), "result 6");
+    EXPECT_EQ(tree.nodes_read(faults).back(), std::to_string(last));
+    EXPECT_EQ(recorder.calls().size(), 5 - height + 2);
+    EXPECT_LOG(log, kBackToItself);
+    EXPECT_TRUE(tree.is_idle());
+  }
 }
 
 TEST(BtreeSearchCycle, AwayFromTheStartNode_IsFound) {
@@ -637,10 +668,10 @@ TEST(BtreeSearchCycle, AwayFromTheStartNode_IsFound) {
 // The number of nodes is no help against a cycle when it is damaged itself.
 TEST(BtreeSearchCycle, TreeThatClaimsBillionsOfNodes_IsLeftAfter255Levels) {
   for (const std::uint32_t total : Numbers32{0xFFFFFFFF, 0xFFFFFFFE, 0x80000000}) {
-    for (const std::size_t height : {4u, 3u, 2u}) {
+    for (const std::size_t height : {4u, 3u}) {
       TestTree tree(small_nodes(24));
       tree.set32(0, kHeaderTotalNodes, total);
-      tree.set_child(tree.node_at(2, 0), 0, height == 2 ? tree.root() : tree.node_at(height, 0));
+      tree.set_child(tree.node_at(2, 0), 0, tree.node_at(height, 0));
       tree.open();
       LogCapture log;
       FaultInjector faults;
@@ -672,27 +703,27 @@ TEST(BtreeSearchCycle, CyclesOfEveryLengthWithEveryLeadIn_AreFound) {
       FaultInjector faults;
       EXPECT_EQ(tree.search_internal(0, tree.leaf(0), kSearchToLeaf, 0), "result 6");
       EXPECT_EQ(faults.count(Call::kPread64), lead_in + length);
-      EXPECT_LOG(log, kCyclic);
+      EXPECT_LOG(log, lead_in == 0 ? kBackToItself : kCyclic);
       EXPECT_TRUE(tree.is_idle());
     }
   }
 }
 
-// Nodes 1 and 2 of 3,072 bytes on a device with sectors of 4,096: node 1 lies in two of them, and each mapping of it
-// leaves a reference behind.
+// Nodes 1 to 3 of 3,072 bytes on a device with sectors of 4,096: nodes 1 and 2 lie in two of them, and each mapping of
+// one leaves a reference behind. Node 1 leads to the other two, which lead to each other.
 TEST(BtreeSearchCycle, NodesThatLieInTwoTransferUnits_LeaveReferencesThatClosingTells) {
   constexpr std::uint16_t kNodeSize = 3072;
   TestTree tree({.records = numbered_records(6), .shape = shape_of(4096), .sector_size = 4096});
   tree.set16(0, kHeaderNodeSize, kNodeSize);
   tree.set32(0, kHeaderRootNode, 1);
   tree.set32(0, kHeaderTotalNodes, 0xFFFFFFFF);
-  for (const std::uint32_t node : {1u, 2u}) {
+  for (const std::uint32_t node : {1u, 2u, 3u}) {
     const std::uint32_t begin = node * kNodeSize;
     tree.set8(0, begin + kKind, 0);
     tree.set16(0, begin + kNumRecords, 1);
     tree.set32(0, begin + 14, 0x00040000);  // the key 0, of four bytes
     tree.set32(0, begin + 18, 0);
-    tree.set32(0, begin + 20, 3 - node);               // the child: the other node
+    tree.set32(0, begin + 20, node == 2 ? 3 : 2);      // the child
     tree.set32(0, begin + kNodeSize - 4, 0x0018000E);  // where the free space and the record begin
   }
   tree.open();
@@ -759,7 +790,7 @@ TEST(BtreeSearchCycle, AsManyDescentsAsNodes_AreTooMany) {
 // ---- Damaged offsets and keys --------------------------------------------------------------------------------------
 
 TEST(BtreeSearchDamage, RecordThatDoesNotLieInTheNode_IsInconsistent) {
-  for (const std::uint16_t offset : Numbers16{511, 512, 0x7FFF, 0xFFFF}) {
+  for (const std::uint16_t offset : Numbers16{506, 508, 511, 512, 0x7FFF, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
     tree.set_entry(tree.root(), 3, offset);
     tree.open();
@@ -811,9 +842,89 @@ TEST(BtreeSearchDamage, FoundRecordOfAnOddSize_IsRefusedByTheLocator) {
              search_error("HFSPlus:kvfs_btree_search_node_internal: Not enough memory"));
 }
 
-TEST(BtreeSearchDamage, KeyThatLeavesTheNode_IsInconsistent) {
+// What such a key claims to hold does not matter as long as what the node has of it decides.
+TEST(BtreeSearchDamage, CatalogKeyThatLeavesTheNode_IsComparedAsFarAsTheNodeGoes) {
   for (const std::uint16_t length : Numbers16{500, 0x7FFF, 0x8000, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
+    const std::uint16_t at = tree.entry(tree.root(), 2);
+    tree.set16(tree.root(), at, length);
+    tree.open();
+    LogCapture log;
+    const ComparisonRecorder recorder;
+    EXPECT_EQ(tree.search(60), outcome(1, 0, tree.root(), 5, 60));
+    ASSERT_EQ(recorder.calls().size(), 6u);
+    EXPECT_EQ(recorder.calls()[2].node_key.size(), 512u - at);
+    EXPECT_LOG(log);
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+TEST(BtreeSearchDamage, LongCatalogKeyThatLeavesTheNode_IsComparedUpTo255Units) {
+  TestTree tree({.records = numbered_records(6), .shape = shape_of(4096)});
+  tree.set16(tree.root(), tree.entry(tree.root(), 2), 0xFFFF);
+  tree.open();
+  const ComparisonRecorder recorder;
+  EXPECT_EQ(tree.search(60), outcome(1, 0, tree.root(), 5, 60));
+  EXPECT_EQ(recorder.calls().at(2).node_key.size(), 518u);
+}
+
+// Many keys that claim to be long are no more work than what is compared of them.
+TEST(BtreeSearchDamage, CatalogKeysThatLeaveTheNode_CountAsFarAsTheNodeGoes) {
+  TestTree tree({.records = numbered_records(20)});
+  for (std::uint32_t i = 0; i < 19; ++i) {
+    tree.set16(tree.root(), tree.entry(tree.root(), i), 0xFFFF);
+  }
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(200), outcome(1, 0, tree.root(), 19, 200));
+  EXPECT_LOG(log);
+}
+
+// A key in the last 16 bytes of its node: parent 30 and, for the first units of its name, the offset table.
+constexpr std::uint16_t kKeyAtTheEnd = 512 - 16;
+
+Bytes catalog_key(std::uint32_t parent, const Bytes& name) {
+  Bytes key(8);
+  put_be(key, 0, 2, 6 + name.size());
+  put_be(key, 2, 4, parent);
+  put_be(key, 6, 2, name.size() / 2);
+  key.insert(key.end(), name.begin(), name.end());
+  return key;
+}
+
+std::string search_for_key(const TestTree& tree, const Bytes& key) {
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  const kvfs_result result = kvfs_btree_search_node(tree.get(), key.data(), &found);
+  std::string text = describe(result, found);
+  kvfs_btree_search_result_release(&found);
+  return text;
+}
+
+TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
+  const Bytes data(12);
+  TestTree tree({.records = {{catalog_key(10, {}), data}, {catalog_key(20, {}), data}, {catalog_key(40, {}), data}},
+                 .traits = {.key_compare_type = 0xBC}});
+  const std::uint32_t node = tree.root();
+  tree.set_entry(node, 1, kKeyAtTheEnd);
+  tree.set16(node, kKeyAtTheEnd, 0x7FFF);
+  tree.set32(node, kKeyAtTheEnd + 2, 30);
+  tree.set16(node, kKeyAtTheEnd + 6, 5);
+  tree.open(kvfs_catalog_compare_keys);
+  LogCapture silence;
+  EXPECT_EQ(search_for_key(tree, catalog_key(40, {})), outcome(1, 0, node, 2, 40)) << "the parents decide";
+  EXPECT_EQ(search_for_key(tree, catalog_key(30, {0xFF, 0xFF})), outcome(0, 0, node, 2, 40)) << "a unit decides";
+  EXPECT_LOG(silence);
+  LogCapture log;
+  EXPECT_EQ(search_for_key(tree, catalog_key(30, tree.bytes(node, 512 - 8, 8))), "result 6");
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 5 and 4 units do not fit their keys (14 and 14 bytes).\n",
+             bad_record(node, 1));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+TEST(BtreeSearchDamage, KeyOfAnotherTreeThatLeavesTheNode_IsInconsistent) {
+  for (const std::uint16_t length : Numbers16{500, 0x7FFF, 0x8000, 0xFFFF}) {
+    TestTree tree({.records = numbered_records(6), .kind = kHFSAttributesFileID});
     tree.set16(tree.root(), tree.entry(tree.root(), 2), length);
     tree.open();
     LogCapture log;
@@ -823,8 +934,8 @@ TEST(BtreeSearchDamage, KeyThatLeavesTheNode_IsInconsistent) {
   }
 }
 
-TEST(BtreeSearchDamage, KeyThatEndsWithTheNode_IsComparedAndOneByteMoreIsNot) {
-  TestTree tree({.records = numbered_records(6)});
+TEST(BtreeSearchDamage, KeyOfAnotherTreeThatEndsWithTheNode_IsComparedAndOneByteMoreIsNot) {
+  TestTree tree({.records = numbered_records(6), .kind = kHFSAttributesFileID});
   const std::uint16_t at = tree.entry(tree.root(), 2);
   tree.set16(tree.root(), at, static_cast<std::uint16_t>(512 - at - 2));
   tree.open();
@@ -835,6 +946,17 @@ TEST(BtreeSearchDamage, KeyThatEndsWithTheNode_IsComparedAndOneByteMoreIsNot) {
   LogCapture log;
   EXPECT_EQ(tree.search(60), "result 6");
   EXPECT_LOG(log, bad_record(tree.root(), 2));
+}
+
+// The comparison of extents needs all of a key's 12 bytes.
+TEST(BtreeSearchDamage, ExtentKeyThatLeavesTheNode_IsInconsistent) {
+  TestTree tree({.records = numbered_records(6), .kind = kHFSExtentsFileID});
+  tree.set_entry(tree.root(), 3, 502);
+  tree.set_entry(tree.root(), 4, 10);  // the length of that key
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search(60), "result 6");
+  EXPECT_LOG(log, bad_record(tree.root(), 3));
 }
 
 TEST(BtreeSearchDamage, KeyThatLeavesItsRecord_IsRefusedByTheLocator) {

@@ -240,13 +240,17 @@ int deletable(const Volume& image, std::uint32_t parent, const Name& name) {
   return can_delete;
 }
 
-TEST(CatalogCanDeleteFile, NoLocator_IsRefusedWithoutAMessage) {
+TEST(CatalogCanDeleteFile, NullArguments_AreRefusedWithoutAMessage) {
   OpenVolume volume(volume_made());
+  ItemLocator item(volume, kDocs, u"hollow");
   int can_delete = 5;
   LogCapture log;
+  EXPECT_EQ(kvfs_catalog_can_delete_file(nullptr, item.get(), &can_delete), kvfs_invalid);
   EXPECT_EQ(kvfs_catalog_can_delete_file(volume.catalog(), nullptr, &can_delete), kvfs_invalid);
+  EXPECT_EQ(kvfs_catalog_can_delete_file(volume.catalog(), item.get(), nullptr), kvfs_invalid);
   EXPECT_LOG(log);
   EXPECT_EQ(can_delete, 5);
+  item.close();
 }
 
 TEST(CatalogCanDeleteFile, Folder_CanBeDeletedOnlyWhileItIsEmpty) {
@@ -452,7 +456,8 @@ TEST(CatalogDelete, ManyItemsOfManyLeaves_LeaveASoundVolume) {
 }
 
 // The index record of that leaf is the only one in its index node, which is empty until the new one is there.
-// Replacing the only record of an index node would need a place in a node without records, which a search never gives.
+// Replacing the only record of an index node below the root would need a place in a node without records, which a
+// search never gives there.
 TEST(CatalogDelete, FirstRecordOfTheOnlyLeafUnderAnIndexNode_IsAnInconsistency) {
   VolumeDescription description;
   description.catalog.node_size = 1024;
@@ -785,18 +790,30 @@ TEST(CatalogDelete, EachFailingCallForAFolder_IsReportedAndLeavesNothingBehind) 
 
 // ---- Arguments -----------------------------------------------------------------------------------------------------
 
-TEST(CatalogDelete, NoLocator_IsRefused) {
+TEST(CatalogDelete, NullArguments_AreRefusedWithoutAMessage) {
   const Volume before = volume_made();
   OpenVolume volume(before);
+  ItemLocator item(volume, kDocs, u"hollow");
+  LogCapture log;
+  EXPECT_EQ(kvfs_catalog_delete(nullptr, volume.get(), item.get()), kvfs_invalid);
+  EXPECT_EQ(kvfs_catalog_delete(volume.catalog(), nullptr, item.get()), kvfs_invalid);
   EXPECT_EQ(kvfs_catalog_delete(volume.catalog(), volume.get(), nullptr), kvfs_invalid);
+  EXPECT_LOG(log);
+  item.close();
   EXPECT_TRUE(volume.flushed() == before);
 }
 
-TEST(CatalogIsDirectoryEmpty, NoLocator_IsRefused) {
+TEST(CatalogIsDirectoryEmpty, NullArguments_AreRefusedWithoutAMessage) {
   OpenVolume volume(volume_made());
+  ItemLocator item(volume, kDocs, u"hollow");
   int empty = 5;
+  LogCapture log;
+  EXPECT_EQ(kvfs_catalog_is_directory_empty(nullptr, item.get(), &empty), kvfs_invalid);
   EXPECT_EQ(kvfs_catalog_is_directory_empty(volume.catalog(), nullptr, &empty), kvfs_invalid);
+  EXPECT_EQ(kvfs_catalog_is_directory_empty(volume.catalog(), item.get(), nullptr), kvfs_invalid);
+  EXPECT_LOG(log);
   EXPECT_EQ(empty, 5);
+  item.close();
 }
 
 }  // namespace

@@ -153,10 +153,22 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsThread_IsReportedAndGivesZero) {
   EXPECT_EQ(size_of(build_volume(description), u"link", {kNotFollowed}), 0u);
 }
 
-TEST(CatalogGetFileSize, HardLinkWithoutItsTarget_IsReportedAndGivesZero) {
+// The record in whose place the target belongs is taken for it: a second file of the private folder.
+TEST(CatalogGetFileSize, HardLinkWithoutItsTarget_GivesTheSizeOfTheRecordInItsPlace) {
+  VolumeDescription description = described();
+  (void)description.add_inode(777);
+  description.item(kInode).with_record = false;
+  EXPECT_EQ(size_of(build_volume(description), u"link"), 777u);
+}
+
+TEST(CatalogGetFileSize, HardLinkWithoutItsTargetBeforeAShortRecord_IsReportedAndGivesZero) {
   VolumeDescription description = described();
   description.item(kInode).with_record = false;
-  EXPECT_EQ(size_of(build_volume(description), u"link", {kNotFollowed}), 0u);
+  EXPECT_EQ(size_of(build_volume(description), u"link",
+                    {"ERROR kvfs_catalog_record_get_file_size Unexpected data size for catalog record. Expected "
+                     "minimum: 96 Actual: {*}\n",
+                     kNotFollowed}),
+            0u);
 }
 
 TEST(CatalogGetFileSize, HardLinkToAFolder_IsReportedAndGivesZero) {

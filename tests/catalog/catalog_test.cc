@@ -349,8 +349,9 @@ TEST(CatalogLocatorOpen, TakesAndReleasesTheListLockForWriting) {
   EXPECT_EQ(faults.locks_held(), 0);
 }
 
-// Opens a locator on file "one", as a child of "alpha", with a call failing; it must leave everything as it was.
-void expect_open_refused(Call call, kvfs_result result, const Lines& expected) {
+// Opens a locator on file "one", as a child of "alpha", with a call failing; it must leave everything as it was, but for
+// references to "alpha".
+void expect_open_refused(Call call, kvfs_result result, const Lines& expected, std::uint64_t references = 1) {
   OpenCatalog catalog(small_volume());
   kvfs_catalog_record_locator* folder = catalog.open(kRootFolderId, u"alpha");
   kvfs_btree_record_locator* record = catalog.find(kRootFolderId, u"one");
@@ -367,10 +368,13 @@ void expect_open_refused(Call call, kvfs_result result, const Lines& expected) {
   EXPECT_TRUE(log.matches(expected));
   EXPECT_EQ(locator, untouched);
   EXPECT_THAT(catalog.open_locators(), ElementsAre(folder));
-  EXPECT_EQ(folder->priv->reference_count, 1u);
+  EXPECT_EQ(folder->priv->reference_count, references);
   EXPECT_EQ(record->priv->reference_count, 1u) << "the B-tree locator stays the caller's";
   kvfs_btree_record_locator_close(&record);
-  kvfs_catalog_record_locator_close(&folder);
+  for (std::uint64_t i = 0; i < references; ++i) {
+    kvfs_catalog_record_locator* closed = folder;
+    kvfs_catalog_record_locator_close(&closed);
+  }
 }
 
 TEST(CatalogLocatorOpen, NoMemory_IsReportedAndChangesNothing) {
@@ -386,11 +390,12 @@ TEST(CatalogLocatorOpen, LockRefused_IsReportedAndChangesNothing) {
        "ERROR kvfs_catalog_record_locator_open Error while acquiring catalog open locators list lock.\n"});
 }
 
-TEST(CatalogLocatorOpen, LockNotReleased_FreesTheLocatorAndTakesItOffTheList) {
+TEST(CatalogLocatorOpen, LockNotReleased_FreesTheLocatorAndTakesItOffTheListButNotFromItsParent) {
   expect_open_refused(
       Call::kRwlockUnlock, kvfs_failed,
       {kUnlockFailed,
-       "ERROR kvfs_catalog_record_locator_open Error while unlocking catalog open locators list lock.\n"});
+       "ERROR kvfs_catalog_record_locator_open Error while unlocking catalog open locators list lock.\n"},
+      2);
 }
 
 // ---- Parents -------------------------------------------------------------------------------------------------------

@@ -386,7 +386,8 @@ TEST_P(ForkProcessRead, Piece_IsReadInWholeSectors) {
   EXPECT_EQ(bytes, expected);
 }
 
-// What leads out is taken from the end of its sector, not from its beginning.
+// The whole sectors are read also where there are none. What leads out is taken from the end of its sector, not from its
+// beginning.
 INSTANTIATE_TEST_SUITE_P(
     Shapes, ForkProcessRead,
     ::testing::Values(
@@ -397,8 +398,8 @@ INSTANTIATE_TEST_SUITE_P(
         PieceRead{"SectorsOf1000", 1000, 3000, 2000, {"read 3000 2000"}, {{3000, 2000}}},
         PieceRead{
             "LeadInAndWholeSectors", 512, 1100, 948, {"read 1024 512", "read 1536 512"}, {{1100, 436}, {1536, 512}}},
-        PieceRead{"LeadInAlone", 512, 1100, 436, {"read 1024 512"}, {{1100, 436}}},
-        PieceRead{"LeadOutAlone", 512, 1024, 100, {"read 1024 512"}, {{1436, 100}}},
+        PieceRead{"LeadInAlone", 512, 1100, 436, {"read 1024 512", "read 1536 0"}, {{1100, 436}}},
+        PieceRead{"LeadOutAlone", 512, 1024, 100, {"read 1024 0", "read 1024 512"}, {{1436, 100}}},
         PieceRead{
             "WholeSectorsAndLeadOut", 512, 1024, 1025, {"read 1024 1024", "read 2048 512"}, {{1024, 1024}, {2559, 1}}},
         PieceRead{"LeadInAndLeadOut", 512, 1535, 513, {"read 1024 512", "read 1536 512"}, {{1535, 1}, {1536, 512}}},
@@ -408,7 +409,7 @@ INSTANTIATE_TEST_SUITE_P(
                   600,
                   {"read 1024 512", "read 1536 512", "read 2048 512"},
                   {{1500, 36}, {1536, 512}, {2508, 52}}},
-        PieceRead{"LeadInOfALargeSector", 4096, 4608, 3584, {"read 4096 4096"}, {{4608, 3584}}}),
+        PieceRead{"LeadInOfALargeSector", 4096, 4608, 3584, {"read 4096 4096", "read 8192 0"}, {{4608, 3584}}}),
     [](const auto& suite) { return std::string(suite.param.name); });
 
 TEST(ForkProcessRead, SeveralPieces_LieOneBehindTheOther) {
@@ -457,6 +458,18 @@ TEST(ForkProcessRead, EachReadThatFails_IsReportedWithItsSectors) {
     EXPECT_EQ(faults.outstanding_allocations(), 0u);
     EXPECT_TRUE(log.matches(logs.at(n - 1))) << "read " << n;
   }
+}
+
+TEST(ForkProcessRead, ReadOfNoSectorsThatFails_IsReported) {
+  const ForkMedium medium({.image_size = 65536});
+  ByteVector bytes(436);
+  kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
+  LogCapture log;
+  FaultInjector faults;
+  faults.fail(Call::kPread64, 2, Fault::error_number(EIO));
+  EXPECT_EQ(kvfs_fork_process_read_io(&context, 1100, 0, 436), kvfs_io_error);
+  EXPECT_TRUE(
+      log.has("ERROR", "kvfs_fork_process_read_io", "Error while reading 0 fork sectors starting at sector 3.\n"));
 }
 
 TEST(ForkProcessRead, EachBufferThatCannotBeHad_IsNoMemory) {
@@ -611,7 +624,8 @@ TEST(ForkReadIntoCache, BlockSizeThatIsNoMultipleOfTheSector_ReadsLeadIns) {
                  .extents = {{1, 1}, {5, 1}}});
   FaultInjector faults;
   ASSERT_EQ(kvfs_fork_read_into_cache(fork.get(), 0, 3072), kvfs_ok);
-  EXPECT_EQ(transfers(faults), (Lines{"read 1024 1024", "read 2048 1024", "read 7168 1024", "read 8192 1024"}));
+  EXPECT_EQ(transfers(faults),
+            (Lines{"read 1024 1024", "read 2048 1024", "read 7168 1024", "read 8192 0", "read 8192 1024"}));
   EXPECT_EQ(std::memcmp(fork.priv()->items[0]->data, fork.fork_bytes(0, 3072).data(), 3072), 0);
 }
 

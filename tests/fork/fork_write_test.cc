@@ -227,17 +227,44 @@ TEST(ForkWrite, NothingAtTheBeginning_HasNoLastItem) {
   EXPECT_LOG(log, "CRITICAL kvfs_fork_write Internal inconsistency: Last cache item number out of bounds!\n");
 }
 
-TEST(ForkWrite, UnitThatDoesNotFitAnItem_IsRefused) {
-  for (const std::uint32_t unit : {0u, 1048577u, 0xFFFFFFFFu}) {
-    OpenFork fork(
-        {.sector_size = unit == 0 ? 0u : 512u, .transfer_unit = unit, .logical_size = 8192, .extents = {{1, 2}}});
+TEST(ForkWrite, UnitOfNoBytes_IsRefused) {
+  OpenFork fork({.sector_size = 0, .transfer_unit = 0, .logical_size = 8192, .extents = {{1, 2}}});
+  LogCapture log;
+  const ByteVector bytes(10);
+  EXPECT_EQ(kvfs_fork_write(fork.get(), 0, bytes.data(), bytes.size(), nullptr), kvfs_inconsistent);
+  EXPECT_EQ(fork.item(0), "none");
+  EXPECT_LOG(log, "ERROR kvfs_fork_write Transfer unit of 0 bytes does not fit a cache item.\n");
+}
+
+// The block that the write does not cover whole cannot be read.
+TEST(ForkWrite, PartOfABlockThatDoesNotFitAnItem_IsRefused) {
+  for (const std::uint32_t unit : {1048577u, 0xFFFFFFFFu}) {
+    OpenFork fork({.transfer_unit = unit, .logical_size = 8192, .extents = {{1, 2}}});
     LogCapture log;
     const ByteVector bytes(10);
     EXPECT_EQ(kvfs_fork_write(fork.get(), 0, bytes.data(), bytes.size(), nullptr), kvfs_inconsistent);
     EXPECT_EQ(fork.item(0), "none");
-    EXPECT_LOG(
-        log, "ERROR kvfs_fork_write Transfer unit of " + std::to_string(unit) + " bytes does not fit a cache item.\n");
+    EXPECT_LOG(log,
+               "ERROR kvfs_fork_read_into_cache Transfer unit of " + std::to_string(unit) +
+                   " bytes does not fit a cache item.\n",
+               "ERROR kvfs_fork_write Error while reading last block in write range into cache.\n");
   }
+}
+
+// Each of its items has the one block.
+TEST(ForkWrite, WholeBlockThatDoesNotFitAnItem_IsWrittenButNotFlushed) {
+  OpenFork fork({.transfer_unit = 2 * kMiB, .logical_size = 4 * kMiB, .extents = {{1, 1024}}});
+  write_at(fork, 2 * kMiB, ByteVector(2 * kMiB, 0x5A));
+  EXPECT_EQ(fork.item(1), "none");
+  EXPECT_EQ(fork.item(2), "refs=0 valid={} modified={0} dirty=1");
+  EXPECT_EQ(fork.item(3), "refs=0 valid={} modified={0} dirty=1");
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+  EXPECT_LOG(log,
+             "CRITICAL kvfs_fork_flush_internal Modification bitmap block size (2097152) is larger than a cache "
+             "item.\n");
 }
 
 TEST(ForkWrite, FirstOrLastBlockThatCannotBeRead_IsReported) {
@@ -688,6 +715,42 @@ TEST_F(ForkWithPartialLastBlock, WriteToTheForgottenItem_DoesNotCountItAgain) {
   EXPECT_EQ(fork_.dirty_items(), 0u);
 }
 
+// Two items with modified blocks, of which an earlier flush has forgotten one.
+ForkShape two_items() {
+  return {.logical_size = 2 * kMiB, .extents = {{2, 512}}};
+}
+
+TEST(ForkFlush, OfAnItemThatWasForgotten_CountsBelowZeroAndWarns) {
+  OpenFork fork(two_items());
+  write_at(fork, 0, marker_bytes(4096));
+  write_at(fork, kMiB, marker_bytes(4096));
+  fork.priv()->dirty_items = 1;
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(faults.writes().size(), 2u);
+  EXPECT_EQ(fork.dirty_items(), 0u);
+  EXPECT_LOG(log, "WARNING kvfs_fork_flush Dirty items is non-0 (" + std::to_string(SIZE_MAX) +
+                      ") after successful full flush.\n");
+}
+
+// The count that such a flush of a range leaves would become 0, and the write would never reach the device.
+TEST(ForkWrite, WithACountBelowZero_IsCountedAndFlushed) {
+  OpenFork fork(two_items());
+  write_at(fork, 0, marker_bytes(4096));
+  write_at(fork, kMiB, marker_bytes(4096));
+  fork.priv()->dirty_items = 1;
+  ASSERT_EQ(kvfs_fork_flush_internal(fork.get(), 0, 2 * kMiB), kvfs_ok);
+  EXPECT_EQ(fork.dirty_items(), SIZE_MAX);
+  write_at(fork, 4096, marker_bytes(4096));
+  EXPECT_EQ(fork.dirty_items(), 1u);
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 12288 4096"});
+  EXPECT_LOG(log);
+}
+
 TEST(ForkFlush, LastBlockCutAtASector_StaysModified) {
   OpenFork fork({.logical_size = 4096 + 512, .extents = {{2, 2}}});
   write_at(fork, 4096, fork.changed_bytes(4096, 512));
@@ -1066,10 +1129,11 @@ TEST(ForkFlush, LogicalEndInASectorOfItsBlock_IsWrittenWhateverTheBlockSize) {
                  {"WARNING kvfs_fork_flush Dirty items is non-0 (1) after successful full flush.\n"});
 }
 
-// Neither the first block, which could be written, nor any other one is.
-void expect_refused(const ForkShape& shape, const std::string& piece) {
+// Neither the first block, which could be written, nor the modified one at `offset` is.
+void expect_refused(const ForkShape& shape, const std::string& piece, std::uint64_t offset = 0) {
   OpenFork fork(shape);
   write_at(fork, 0, marker_bytes(2048));
+  write_at(fork, offset, marker_bytes(1));
   LogCapture log;
   FaultInjector faults;
   EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
@@ -1091,11 +1155,60 @@ TEST(ForkFlush, ExtentThatEndsWithinASector_IsRefusedWithoutAWrite) {
 }
 
 TEST(ForkFlush, LaterExtentThatBeginsWithinASector_IsRefusedBeforeTheFirstWrite) {
-  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680");
+  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680", 3072);
 }
 
 TEST(ForkFlush, LogicalEndInASectorThatEndsInAnotherBlock_IsRefusedWithoutAWrite) {
-  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072");
+  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072", 4599);
+}
+
+// Blocks of half a sector: the second extent begins within one.
+constexpr std::uint64_t kAlignedExtent = 8 * 256;
+ForkShape half_sectors() {
+  return {.block_size = 256, .transfer_unit = 512, .logical_size = 2 * kAlignedExtent, .extents = {{200, 8}, {217, 8}}};
+}
+
+TEST(ForkFlush, ExtentThatBeginsWithinASectorWithoutModifiedBlocks_DoesNotMatter) {
+  OpenFork fork(half_sectors());
+  write_at(fork, kAlignedExtent - 512, marker_bytes(512));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 52736 512"});
+  EXPECT_LOG(log);
+}
+
+TEST(ForkFlush, ExtentThatBeginsWithinASectorWithItsLastBlockModified_IsRefusedWithoutAWrite) {
+  OpenFork fork(half_sectors());
+  write_at(fork, 0, marker_bytes(512));
+  write_at(fork, 2 * kAlignedExtent - 512, marker_bytes(512));
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+}
+
+// Of an extent that ends within a sector only the last block reaches into that.
+TEST(ForkFlush, ExtentThatEndsWithinASectorWithAnotherBlockModified_IsWritten) {
+  OpenFork fork(blocks_of_odd_size(4600, {{2, 3}}));
+  write_at(fork, 0, marker_bytes(2048));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 3072 2048"});
+  EXPECT_LOG(log);
+}
+
+// Items without modified blocks are passed over, and so is everything behind the piece.
+TEST(ForkFlush, ExtentThatBeginsWithinASectorBetweenModifiedItems_DoesNotMatter) {
+  OpenFork fork({.block_size = 256,
+                 .transfer_unit = 512,
+                 .logical_size = 3 * kMiB,
+                 .extents = {{200, 4096}, {4301, 4096}, {8400, 4096}}});
+  write_at(fork, kMiB - 512, marker_bytes(512));
+  write_at(fork, 2 * kMiB, marker_bytes(512));
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(faults.writes().size(), 2u);
 }
 
 TEST(ForkFlushInternal, RangeThatBeginsWithinASectorOfTheFork_IsRefusedWithoutAWrite) {
