@@ -11,10 +11,8 @@
 
 #include "allocation_fixture.h"
 #include "big_endian.h"
-#include "btree.h"
 #include "btree/private.h"
 #include "extents.h"
-#include "log_capture.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
@@ -426,10 +424,10 @@ struct ExpansionScenario {
     Lines all;
     Lines grown;
   };
-  Outcome fail(const SetFault& set_fault) {
+  Outcome fail(const FailingCalls& failing) {
     grown.clear();
-    const std::vector<FailedOperation> failures = fail_each(set_fault, scenario);
-    std::vector<FailedOperation> of_grown;
+    const std::vector<FailedRun> failures = fail_each(failing, scenario);
+    std::vector<FailedRun> of_grown;
     for (std::size_t i = 0; i < failures.size(); ++i) {
       if (grown[i]) {
         of_grown.push_back(failures[i]);
@@ -528,7 +526,7 @@ TEST(ExpandTree, UndoneWithAClumpOfNoWholeBlocks_KeepsItsBlocks) {
 }
 
 // The result and the expansion's own messages, each once however often it was repeated.
-std::string collapsed(const FailedOperation& failure) {
+std::string collapsed(const FailedRun& failure) {
   std::string text = std::to_string(failure.result) + ":";
   std::string last;
   for (const std::string& line : failure.log) {
@@ -544,8 +542,7 @@ TEST(ExpandTree, WhenUndoingFailsToo_GoesAsFarAsItCan) {
   FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   Lines lines;
-  for (const FailedOperation& failure :
-       fail_each([](FaultInjector&faults, unsigned long n) { faults.fail_from(Call::kRwlockWrlock, n); }, scenario)) {
+  for (const FailedRun& failure : fail_each(each_and_all_later(Call::kRwlockWrlock), scenario)) {
     const std::string text = collapsed(failure);
     if (lines.empty() || lines.back() != text) {
       lines.push_back(text);
@@ -570,12 +567,7 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   std::vector<std::size_t> map_nodes;
   scenario.check = [&map_nodes](OpenVolume& volume) { map_nodes.push_back(map_chain(volume).size()); };
-  const std::vector<FailedOperation> failures = fail_each(
-      [](FaultInjector& faults, unsigned long n) {
-        faults.fail(Call::kRwlockWrlock, n);
-        faults.fail(Call::kRwlockWrlock, n + 1);
-      },
-      scenario);
+  const std::vector<FailedRun> failures = fail_each(each_in_a_row(Call::kRwlockWrlock, 2), scenario);
   Lines retried;
   for (std::size_t i = 0; i < failures.size(); ++i) {
     if (collapsed(failures[i]).find(kUndoLast) != std::string::npos) {
@@ -591,13 +583,8 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredFor64Tries_GivesUp) {
   FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   std::vector<std::size_t> tries;
-  for (const FailedOperation& failure : fail_each(
-           [](FaultInjector&faults, unsigned long n) {
-             for (unsigned long i = 0; i < 65; ++i) {  // the failure, and every try
-               faults.fail(Call::kRwlockWrlock, n + i);
-             }
-           },
-           scenario)) {
+  for (const FailedRun& failure :
+       fail_each(each_in_a_row(Call::kRwlockWrlock, 65), scenario)) {  // the failure, and every try
     tries.push_back(static_cast<std::size_t>(
         std::count(failure.log.begin(), failure.log.end(),
                    "ERROR kvfs_btree_expand Error while rolling back modifications to last map node.\n")));
@@ -611,7 +598,7 @@ TEST(ExpandTree, UndoneWithItsNewMapNodeMapped_CannotUnmapIt) {
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   const std::string expected = "1: " + kNewFailed + " " + kUnmapNew;
   bool seen = false;
-  for (const FailedOperation& failure : fail_each(each(Call::kRwlockWrlock), scenario)) {
+  for (const FailedRun& failure : fail_each(each(Call::kRwlockWrlock), scenario)) {
     if (collapsed(failure).find(kNewFailed) != std::string::npos) {
       seen = true;
       EXPECT_EQ(failure.result, kvfs_failed);

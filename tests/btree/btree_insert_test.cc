@@ -745,21 +745,18 @@ TEST(BtreeInsertFaults, EachReadOfTheDevice_IsReported) {
       {search_error("Error while mapping raw node data of node 2."),
        insert_error("Error while searching for insert location.")},
   };
-  for (std::size_t i = 0; i <= expected.size(); ++i) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     ChangeTree tree(three_leaves());
     tree.open();
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kPread64, i + 1);
-    const kvfs_result result = insert_and_release(tree, number_record(65));
+    const kvfs_result result = run.operate([&] { return insert_and_release(tree, number_record(65)); });
     const FaultInjector::Pause pause;
-    EXPECT_EQ(result, i < expected.size() ? kvfs_io_error : kvfs_ok);
-    EXPECT_EQ(faults.delivered(), i < expected.size() ? 1u : 0u);
-    EXPECT_EQ(tree_lines(log), i < expected.size() ? expected[i] : Lines());
+    EXPECT_EQ(result, run.failed() ? kvfs_io_error : kvfs_ok);
+    EXPECT_EQ(tree_lines(run.log()), run.failed() ? expected.at(run.n() - 1) : Lines());
     EXPECT_EQ(tree.locators(), Lines());
-    EXPECT_EQ(faults.writes().size(), 0u);
+    EXPECT_EQ(run.faults().writes().size(), 0u);
     tree.forget_references();
-  }
+  });
+  EXPECT_EQ(failures, expected.size());
 }
 
 TEST_F(BtreeInsert, TreeLock_IsHeldForWritingOverTheWholeInsertion) {

@@ -659,26 +659,24 @@ TEST_F(BtreeWriteData, ListThatCannotBeUnlocked_IsAFailureAfterTheWrite) {
 
 TEST_F(BtreeWriteData, EachLockCallOfTheFork_FailsTheWriteAndKeepsTheCopy) {
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-    // The first read lock and the last unlock are the tree's own.
-    for (unsigned long n = call == Call::kRwlockRdlock ? 2 : 1;; ++n) {
-      ASSERT_LT(n, 100u);
-      LogCapture log;
-      FaultInjector faults;
-      faults.fail(call, n);
-      const kvfs_result result = write(new_.size());
+    unsigned long of_fork = 0;
+    fail_each(each(call), [&](FailingRun& run) {
+      const kvfs_result result = run.operate([&] { return write(new_.size()); });
       const FaultInjector::Pause pause;
-      if (tree_.tree_locks(faults).back() != "unlock") {
-        break;  // behind the fork's calls
+      // The first read lock and the last unlock are the tree's own.
+      if (tree_.tree_locks(run.faults()) != Lines{"read", "unlock"}) {
+        return;
       }
-      if (faults.delivered() == 0) {
+      if (!run.failed()) {
         EXPECT_EQ(result, kvfs_ok);
-        break;
+        return;
       }
+      ++of_fork;
       EXPECT_EQ(result, kvfs_failed);
-      EXPECT_EQ(faults.locks_held(), 0);
-      EXPECT_EQ(tree_lines(log), Lines{std::string(kWrite) + "Error while writing out record data.\n"});
+      EXPECT_EQ(tree_lines(run.log()), Lines{std::string(kWrite) + "Error while writing out record data.\n"});
       EXPECT_EQ(copy(), old_);
-    }
+    });
+    EXPECT_EQ(of_fork == 0, call == Call::kRwlockRdlock);
     std::copy(old_.begin(), old_.end(), locator_->priv->record + locator_->priv->record_data_offset);
   }
 }

@@ -1224,20 +1224,13 @@ TEST(BtreeSearchFault, EachLockCallFailing_IsReportedWhereItHappened) {
   const Bytes key = number_key(10);
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
     const Lines messages = messages_of(steps_of_search(tree), call);
-    for (std::size_t n = 0; n <= messages.size(); ++n) {
+    const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
       tree.open();
       kvfs_btree_search_result found = {7, 8, nullptr};
-      {
-        LogCapture log;
-        FaultInjector faults;
-        faults.fail(call, n + 1);
-        const kvfs_result result = kvfs_btree_search_node(tree.get(), key.data(), &found);
-        EXPECT_EQ(result, n < messages.size() ? kvfs_failed : kvfs_ok);
-        EXPECT_EQ(faults.delivered(), n < messages.size() ? 1u : 0u);
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(tree_lines(log), n < messages.size() ? Lines{messages[n]} : Lines{}) << call_name(call) << " " << n;
-      }
-      if (n < messages.size()) {
+      const kvfs_result result = run.operate([&] { return kvfs_btree_search_node(tree.get(), key.data(), &found); });
+      EXPECT_EQ(result, run.failed() ? kvfs_failed : kvfs_ok);
+      EXPECT_EQ(tree_lines(run.log()), run.failed() ? Lines{messages.at(run.n() - 1)} : Lines{});
+      if (run.failed()) {
         EXPECT_EQ(found.found, 7u);
         EXPECT_EQ(found.after, 8u);
         EXPECT_EQ(found.locator, nullptr);
@@ -1247,7 +1240,8 @@ TEST(BtreeSearchFault, EachLockCallFailing_IsReportedWhereItHappened) {
       EXPECT_EQ(tree.search(30), outcome(1, 0, tree.leaf(1), 0, 30)) << "the next search";
       tree.forget_references();
       tree.close();
-    }
+    });
+    EXPECT_EQ(failures, messages.size()) << call_name(call);
   }
 }
 
@@ -1257,22 +1251,19 @@ TEST(BtreeSearchFault, EachReadFailing_IsReportedWithItsNode) {
       search_error("Error while mapping raw node data."),
       search_error("Error while mapping raw node data of node " + std::to_string(tree.node_at(2, 0)) + "."),
       search_error("Error while mapping raw node data of node " + std::to_string(tree.leaf(0)) + ".")};
-  for (std::size_t n = 0; n < messages.size(); ++n) {
-    for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+  const std::string found = outcome(1, 0, tree.leaf(0), 0, 10);
+  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+    const unsigned long failures = fail_each(each(Call::kPread64, fault), [&](FailingRun& run) {
       tree.open();
-      {
-        LogCapture log;
-        FaultInjector faults;
-        faults.fail(Call::kPread64, n + 1, fault);
-        EXPECT_EQ(tree.search(10), "result 4");
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(tree_lines(log), Lines{messages[n]});
-      }
+      const std::string said = run.operate([&] { return tree.search(10); });
+      EXPECT_EQ(said, run.failed() ? "result 4" : found);
+      EXPECT_EQ(tree_lines(run.log()), run.failed() ? Lines{messages.at(run.n() - 1)} : Lines{});
       EXPECT_EQ(tree.locators(), Lines{});
-      EXPECT_EQ(tree.search(10), outcome(1, 0, tree.leaf(0), 0, 10)) << "the next search";
+      EXPECT_EQ(tree.search(10), found) << "the next search";
       tree.forget_references();
       tree.close();
-    }
+    });
+    EXPECT_EQ(failures, messages.size());
   }
 }
 
@@ -1290,21 +1281,15 @@ TEST(BtreeSearchFault, EachAllocationFailing_LeavesNothingBehind) {
   TestTree tree({.records = numbered_records(400, 4000), .shape = shape_of(8192)});
   tree.open();
   ASSERT_GT(tree.get()->fork->priv->items_length, 1u);
-  unsigned long n = 1;
-  for (;; ++n) {
-    ASSERT_LT(n, 100u);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
-    const std::string said = tree.search(4000);  // in the second item, which is not there yet
-    if (faults.delivered() == 0) {
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
+    const std::string said = run.operate([&] { return tree.search(4000); });  // in the second item, not there yet
+    if (!run.failed()) {
       EXPECT_EQ(said, expected_outcome(tree, 4000));
-      break;
+      return;
     }
     EXPECT_EQ(said, "result 2");
-    EXPECT_EQ(faults.locks_held(), 0);
     EXPECT_EQ(tree.locators(), Lines{});
-    const Lines lines = tree_lines(log);
+    const Lines lines = tree_lines(run.log());
     ASSERT_FALSE(lines.empty());
     if (lines.size() == 2) {
       EXPECT_TRUE(lines[0].starts_with("ERROR kvfs_btree_record_locator_open Error while allocating "));
@@ -1312,8 +1297,8 @@ TEST(BtreeSearchFault, EachAllocationFailing_LeavesNothingBehind) {
     } else {
       EXPECT_TRUE(lines[0].starts_with("ERROR kvfs_btree_search_node_internal Error while mapping raw node data"));
     }
-  }
-  EXPECT_GT(n, 4u);
+  });
+  EXPECT_GT(failures, 3u);
   tree.forget_references();
 }
 

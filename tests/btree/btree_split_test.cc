@@ -937,48 +937,40 @@ TEST_F(BtreeSplit, EachFault_IsReportedAndLeavesNothingBehind) {
 }
 
 TEST_F(BtreeSplit, EachFaultOfAnInsertion_LeavesNothingBehind) {
-  for (const Call call : {Call::kMalloc, Call::kRwlockRdlock, Call::kRwlockWrlock, Call::kRwlockUnlock}) {
+  // The two readings of what may lead to the claimed node: each takes one lock for reading and two for writing.
+  const std::vector<std::pair<FailingCalls, std::size_t>> kinds = {{each_allocation(), 0},
+                                                                   {each(Call::kRwlockRdlock), 2},
+                                                                   {each(Call::kRwlockWrlock), 4},
+                                                                   {each(Call::kRwlockUnlock), 6}};
+  for (const auto& [failing, expected] : kinds) {
+    const bool is_allocation = !failing.call.has_value();
     bool half_taken_up = false;
-    bool delivered = true;
     std::size_t tolerated = 0;
-    for (unsigned long n = 1; delivered; ++n) {
+    fail_each(failing, [&](FailingRun& run) {
       ChangeTree tree(full_leaves());
       tree.open();
       (void)tree.cached_nodes();
-      LogCapture log;
-      {
-        FaultInjector faults;
-        if (call == Call::kMalloc) {
-          faults.fail_allocation(n);
-        } else {
-          faults.fail(call, n);
-        }
-        kvfs_btree_record_locator* locator = nullptr;
-        const Record record = number_record(375);
-        const kvfs_result result =
-            kvfs_btree_insert_record(tree.get(), record.first.data(), record.second.data(), 12, nullptr, &locator);
-        delivered = faults.delivered() != 0;
-        const kvfs_result failure = call == Call::kMalloc ? kvfs_no_memory : kvfs_failed;
-        tolerated += delivered && result == kvfs_ok ? 1 : 0;
-        EXPECT_TRUE(result == kvfs_ok || (delivered && result == failure)) << call_name(call) << " " << n;
-        EXPECT_EQ(locator == nullptr, result != kvfs_ok);
-        if (locator != nullptr) {
-          release(locator);
-        }
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(faults.outstanding_allocations(), 0u);
-        EXPECT_EQ(tree.locators(), Lines());
+      kvfs_btree_record_locator* locator = nullptr;
+      const Record record = number_record(375);
+      const kvfs_result result = run.operate([&] {
+        return kvfs_btree_insert_record(tree.get(), record.first.data(), record.second.data(), 12, nullptr, &locator);
+      });
+      tolerated += run.failed() && result == kvfs_ok ? 1 : 0;
+      EXPECT_TRUE(result == kvfs_ok || (run.failed() && result == (is_allocation ? kvfs_no_memory : kvfs_failed)));
+      EXPECT_EQ(locator == nullptr, result != kvfs_ok);
+      if (locator != nullptr) {
+        release(locator);
       }
-      EXPECT_NE(log.empty(), delivered);
-      half_taken_up |= log.has("ERROR", "kvfs_btree_insert_record_internal",
-                               "Error while reading complete node data of claimed node.\n");
+      EXPECT_EQ(run.faults().locks_held(), 0);
+      EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+      EXPECT_EQ(tree.locators(), Lines());
+      EXPECT_NE(run.log().empty(), run.failed());
+      half_taken_up |= run.log().has("ERROR", "kvfs_btree_insert_record_internal",
+                                     "Error while reading complete node data of claimed node.\n");
       tree.forget_references();
-    }
-    EXPECT_EQ(half_taken_up, call != Call::kMalloc);
-    // The two readings of what may lead to the claimed node: each takes one lock for reading and two for writing.
-    const std::map<Call, std::size_t> expected = {
-        {Call::kMalloc, 0}, {Call::kRwlockRdlock, 2}, {Call::kRwlockWrlock, 4}, {Call::kRwlockUnlock, 6}};
-    EXPECT_EQ(tolerated, expected.at(call)) << call_name(call);
+    });
+    EXPECT_EQ(half_taken_up, !is_allocation);
+    EXPECT_EQ(tolerated, expected) << failing.name();
   }
 }
 
@@ -987,24 +979,18 @@ TEST_F(BtreeSplit, MessagesOfFailedNodeWrites_EndInABlank) {
   for (const char* const node : {"claimed", "split"}) {
     const std::string text = "Error while writing back modified " + std::string(node) + " node.\n ";
     bool seen = false;
-    bool delivered = true;
-    for (unsigned long n = 1; delivered && !seen; ++n) {
+    fail_each(each(Call::kRwlockWrlock), [&](FailingRun& run) {
       ChangeTree tree(full_leaves());
       tree.open();
       (void)tree.cached_nodes();
-      LogCapture log;
-      {
-        FaultInjector faults;
-        faults.fail(Call::kRwlockWrlock, n);
-        (void)tree.insert(365);
-        delivered = faults.delivered() != 0;
-      }
-      seen = log.raw().find(text) != std::string::npos;
-      if (seen) {
-        EXPECT_TRUE(log.raw().ends_with(text + "Error while splitting node.\n")) << log.raw();
+      (void)run.operate([&] { return tree.insert(365); });
+      const std::string& log = run.log().raw();
+      if (log.find(text) != std::string::npos) {
+        seen = true;
+        EXPECT_TRUE(log.ends_with(text + "Error while splitting node.\n")) << log;
       }
       tree.forget_references();
-    }
+    });
     EXPECT_TRUE(seen) << node;
   }
 }
@@ -1012,25 +998,19 @@ TEST_F(BtreeSplit, MessagesOfFailedNodeWrites_EndInABlank) {
 TEST_F(BtreeSplit, HeaderThatCannotTakeTheNewLastLeaf_FailsTheSplit) {
   std::size_t seen = 0;
   std::size_t tolerated = 0;
-  bool delivered = true;
-  for (unsigned long n = 1; delivered; ++n) {
+  fail_each(each(Call::kRwlockWrlock), [&](FailingRun& run) {
     ChangeTree tree(full_leaves());
     tree.open();
     (void)tree.cached_nodes();
-    LogCapture log;
-    {
-      FaultInjector faults;
-      faults.fail(Call::kRwlockWrlock, n);
-      std::uint32_t new_node = 0;
-      const kvfs_result result = kvfs_btree_split_node(tree.get(), 3, 12, &new_node);
-      delivered = faults.delivered() != 0;
-      tolerated += delivered && result == kvfs_ok ? 1 : 0;
-      EXPECT_TRUE(result == kvfs_ok || (delivered && result == kvfs_failed)) << n;
-    }
-    seen +=
-        log.has("ERROR", "kvfs_btree_split_node", "Error while writing out modified B-tree header record.\n") ? 1 : 0;
+    std::uint32_t new_node = 0;
+    const kvfs_result result = run.operate([&] { return kvfs_btree_split_node(tree.get(), 3, 12, &new_node); });
+    tolerated += run.failed() && result == kvfs_ok ? 1 : 0;
+    EXPECT_TRUE(result == kvfs_ok || (run.failed() && result == kvfs_failed));
+    seen += run.log().has("ERROR", "kvfs_btree_split_node", "Error while writing out modified B-tree header record.\n")
+                ? 1
+                : 0;
     tree.forget_references();
-  }
+  });
   EXPECT_EQ(seen, 4u);       // the locks that a write inside of a unit takes
   EXPECT_EQ(tolerated, 4u);  // those of reading what may lead to the claimed node
 }
@@ -1044,21 +1024,16 @@ TEST(BtreeSplitFaults, EachReadOfTheDevice_IsReported) {
       {split_error("Error while mapping raw node data of claimed node."), context[0]},
       {split_error("Error while reading node descriptor of claimed node's forward linked node."), context[0]},
   };
-  for (std::size_t i = 0; i <= expected.size(); ++i) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     ChangeTree tree(full_leaves());
     tree.open();
-    LogCapture log;
-    {
-      FaultInjector faults;
-      faults.fail(Call::kPread64, i + 1);
-      const kvfs_result result = tree.insert(365);
-      EXPECT_EQ(result, i < expected.size() ? kvfs_io_error : kvfs_ok);
-      EXPECT_EQ(faults.delivered(), i < expected.size() ? 1u : 0u);
-    }
-    EXPECT_EQ(tree_lines(log), i < expected.size() ? expected[i] : Lines());
+    const kvfs_result result = run.operate([&] { return tree.insert(365); });
+    EXPECT_EQ(result, run.failed() ? kvfs_io_error : kvfs_ok);
+    EXPECT_EQ(tree_lines(run.log()), run.failed() ? expected.at(run.n() - 1) : Lines());
     EXPECT_EQ(tree.locators(), Lines());
     tree.forget_references();
-  }
+  });
+  EXPECT_EQ(failures, expected.size());
 }
 
 TEST_F(BtreeSplit, Flush_WritesEachChangedNodeOnce) {

@@ -22,13 +22,9 @@ namespace {
 
 struct Kind {
   const char* name;
-  SetFault set;
+  FailingCalls failing;
   std::set<kvfs_result> results;  // what an operation may give that it ends
 };
-
-SetFault each_transfer(Call call, Fault fault) {
-  return [call, fault](FaultInjector& faults, unsigned long n) { faults.fail(call, n, fault); };
-}
 
 // Opening a fork gives 2 for whatever fails, and so do the trees and volumes that are opened with it. A lock that
 // cannot be destroyed is leaked on purpose; the units' tests look at that.
@@ -43,11 +39,11 @@ std::vector<Kind> kinds() {
       {"unlock", each(Call::kRwlockUnlock), {kvfs_failed, kvfs_no_memory}},
       {"flock", each(Call::kFlock), {kvfs_failed}},
       {"read", each(Call::kPread64), {kvfs_io_error, kvfs_no_memory}},
-      {"read short", each_transfer(Call::kPread64, Fault::short_by(1)), {kvfs_io_error, kvfs_no_memory}},
-      {"read nothing", each_transfer(Call::kPread64, Fault::nothing_transferred()), {kvfs_io_error, kvfs_no_memory}},
+      {"read short", each(Call::kPread64, Fault::short_by(1)), {kvfs_io_error, kvfs_no_memory}},
+      {"read nothing", each(Call::kPread64, Fault::nothing_transferred()), {kvfs_io_error, kvfs_no_memory}},
       {"write", each(Call::kPwrite64), {kvfs_io_error}},
-      {"write short", each_transfer(Call::kPwrite64, Fault::short_by(1)), {kvfs_io_error}},
-      {"write nothing", each_transfer(Call::kPwrite64, Fault::nothing_transferred()), {kvfs_io_error}},
+      {"write short", each(Call::kPwrite64, Fault::short_by(1)), {kvfs_io_error}},
+      {"write nothing", each(Call::kPwrite64, Fault::nothing_transferred()), {kvfs_io_error}},
   };
 }
 
@@ -84,8 +80,8 @@ TEST_P(FailureCampaign, EachFailure_IsReportedAndLeavesNothingBehind) {
   std::set<std::string> got_over;
   for (const Kind& kind : kinds()) {
     SCOPED_TRACE(kind.name);
-    const std::vector<FailedOperation> outcomes = fail_each(kind.set, scenario);
-    for (const FailedOperation& outcome : outcomes) {
+    const std::vector<FailedRun> outcomes = fail_each(kind.failing, scenario);
+    for (const FailedRun& outcome : outcomes) {
       EXPECT_EQ(outcome.log.empty(), kind.name == GetParam().silent_about) << "result " << outcome.result;
       EXPECT_TRUE(outcome.result == kvfs_ok || kind.results.contains(outcome.result)) << outcome.result;
       if (outcome.result == kvfs_ok) {

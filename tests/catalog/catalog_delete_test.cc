@@ -10,11 +10,7 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog.h"
-#include "fork.h"
 #include "item_fixture.h"
-#include "log_capture.h"
-#include "volume_builder.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {

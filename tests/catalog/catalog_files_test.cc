@@ -12,11 +12,7 @@
 
 #include "big_endian.h"
 #include "btree/private.h"
-#include "catalog.h"
 #include "item_fixture.h"
-#include "log_capture.h"
-#include "stored_names.h"
-#include "volume_builder.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {

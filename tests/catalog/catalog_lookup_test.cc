@@ -12,12 +12,8 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "log_capture.h"
 #include "unicode_fixture.h"
-#include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {
@@ -649,7 +645,7 @@ class CatalogFaults : public ::testing::Test {
     return result;
   }
 
-  std::vector<FailedRun> fail(const FailingCall& failing, Work work) {
+  std::vector<FailedRun> fail(const FailingCalls& failing, Work work) {
     return fail_each(failing, [&] { return run(work); });
   }
 
@@ -663,20 +659,20 @@ class CatalogFaults : public ::testing::Test {
         logs.push_back(run.log);
       }
     };
-    const std::vector<FailedRun> allocations = fail(FailingCall::allocation(), work);
+    const std::vector<FailedRun> allocations = fail(each_allocation(), work);
     for (const FailedRun& run : allocations) {
       EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
     }
     add(allocations);
     for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
-      const std::vector<FailedRun> reads = fail(FailingCall::of(Call::kPread64, fault), work);
+      const std::vector<FailedRun> reads = fail(each(Call::kPread64, fault), work);
       for (const FailedRun& run : reads) {
         EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;
       }
       add(reads);
     }
     for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-      const std::vector<FailedRun> locks = fail(FailingCall::of(call), work);
+      const std::vector<FailedRun> locks = fail(each(call), work);
       for (const FailedRun& run : locks) {
         // Giving something back goes on after a failure, so that some of them are only reported.
         EXPECT_THAT(run.result, ::testing::AnyOf(kvfs_failed, kvfs_ok)) << call_name(call) << " " << run.n;

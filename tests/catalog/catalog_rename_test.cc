@@ -12,13 +12,8 @@
 
 #include "big_endian.h"
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "fork.h"
-#include "log_capture.h"
 #include "replaced_routine.h"
-#include "volume_builder.h"
 #include "volume_checker.h"
 
 // The linker sends the catalog's insertions here, so that one can be made to succeed without a locator, as the B-tree
@@ -777,7 +772,7 @@ const std::set<std::string>& rename_messages() {
 
 TEST(CatalogRename, EachAllocationFailing_IsOutOfMemoryAndReported) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::allocation(), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each_allocation(), [&] { return move_gamma(volume); });
   EXPECT_GE(runs.size(), 10u);
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
@@ -792,8 +787,7 @@ TEST(CatalogRename, EachAllocationFailing_IsOutOfMemoryAndReported) {
 
 TEST(CatalogRename, EachWriteLockRefused_FailsOrLeaksOneLocatorAndIsReported) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockWrlock), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockWrlock), [&] { return move_gamma(volume); });
   std::set<std::string> messages = messages_of(runs, "kvfs_catalog_rename_record");
   messages.insert("ERROR kvfs_catalog_update_valence Error while writing out updated parent valence.\n");
   EXPECT_TRUE(std::includes(messages.begin(), messages.end(), rename_messages().begin(), rename_messages().end()));
@@ -806,8 +800,7 @@ TEST(CatalogRename, EachWriteLockRefused_FailsOrLeaksOneLocatorAndIsReported) {
 
 TEST(CatalogRename, EachReadLockRefused_FailsAndIsReported) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockRdlock), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockRdlock), [&] { return move_gamma(volume); });
   EXPECT_GE(runs.size(), 5u);
   for (const FailedRun& run : runs) {
     const bool fails = !messages_of({run}, "kvfs_catalog_rename_record").empty();
@@ -818,8 +811,7 @@ TEST(CatalogRename, EachReadLockRefused_FailsAndIsReported) {
 
 TEST(CatalogRename, EachUnlockFailing_FailsOrIsIgnoredWithAMessage) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockUnlock), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockUnlock), [&] { return move_gamma(volume); });
   EXPECT_EQ(messages_of(runs, "kvfs_catalog_rename_record"), rename_messages());
   for (const FailedRun& run : runs) {
     EXPECT_GE(run.log.size(), 2u) << "unlock " << run.n;
@@ -832,7 +824,7 @@ TEST(CatalogRename, ReadFailing_IsAnInputErrorAndReported) {
   VolumeDescription description = small_description();
   (void)description.add_files(kBeta, 300);  // so that the two folders lie in leaves of their own
   const Volume volume = build_volume(description);
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kPread64), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kPread64), [&] { return move_gamma(volume); });
   EXPECT_FALSE(runs.empty());
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;

@@ -11,11 +11,7 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog/private.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "log_capture.h"
-#include "stored_names.h"
 #include "support.h"
 #include "unicode_fixture.h"
 
@@ -83,7 +79,7 @@ TEST(CatalogCreate, DamagedHeaderNode_FailsAndFreesEverything) {
 
 TEST(CatalogCreate, EachAllocationFailing_IsOutOfMemoryAndReported) {
   CatalogGround ground(small_volume());
-  const std::vector<FailedRun> runs = fail_each(FailingCall::allocation(), [&] { return open_and_close(ground); });
+  const std::vector<FailedRun> runs = fail_each(each_allocation(), [&] { return open_and_close(ground); });
   EXPECT_GE(runs.size(), 10u);
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
@@ -107,8 +103,7 @@ TEST(CatalogCreate, EachAllocationFailing_IsOutOfMemoryAndReported) {
 
 TEST(CatalogCreate, EachReadFailing_IsAnInputError) {
   CatalogGround ground(small_volume());
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kPread64), [&] { return open_and_close(ground); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kPread64), [&] { return open_and_close(ground); });
   EXPECT_EQ(runs.size(), 2u);
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;
@@ -119,7 +114,7 @@ TEST(CatalogCreate, EachReadFailing_IsAnInputError) {
 TEST(CatalogCreate, LockAttributeRefused_PassesTheValueOfTheLockOn) {
   CatalogGround ground(small_volume());
   const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockattrSetpshared), [&] { return open_and_close(ground); });
+      fail_each(each(Call::kRwlockattrSetpshared), [&] { return open_and_close(ground); });
   ASSERT_FALSE(runs.empty());
   EXPECT_EQ(runs[0].result, kvfs_failed);
   EXPECT_EQ(runs[0].log.back(), "ERROR kvfs_catalog_create Error while creating open locators list lock.\n");
@@ -129,8 +124,7 @@ TEST(CatalogCreate, LockNotDestroyedOnCleanup_IsReportedBehindTheFailure) {
   Volume volume = small_volume();
   volume.set_field("catalog.header.attributes", 0);
   CatalogGround ground(volume);
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockDestroy), [&] { return open_and_close(ground); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockDestroy), [&] { return open_and_close(ground); });
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_inconsistent);
   }

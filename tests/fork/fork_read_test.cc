@@ -85,26 +85,22 @@ TEST(ForkCacheItem, EachAllocationFailing_IsReportedAndUndone) {
       {"ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for valid data bitmap.\n"},
       {"ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for data modification bitmap.\n"},
   };
-  for (unsigned long n = 1;; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     kvfs_fork_cache_item* item = nullptr;
-    const kvfs_result result = kvfs_fork_cache_item_create(fork.get(), &item);
-    if (faults.delivered() == 0) {
-      EXPECT_EQ(n, logs.size() + 1);
+    const kvfs_result result = run.operate([&] { return kvfs_fork_cache_item_create(fork.get(), &item); });
+    if (run.failed()) {
+      EXPECT_EQ(result, kvfs_no_memory);
+      EXPECT_EQ(item, nullptr);
+      EXPECT_EQ(run.faults().locks_alive(), 0);
+      EXPECT_TRUE(run.log().matches(logs.at(run.n() - 1)));
+    } else {
       EXPECT_EQ(result, kvfs_ok);
-      EXPECT_EQ(faults.allocation_sizes().at(2), kMiB);
+      EXPECT_EQ(run.faults().allocation_sizes().at(2), kMiB);
       kvfs_fork_cache_item_destroy(&item);
-      EXPECT_EQ(faults.outstanding_allocations(), 0u);
-      break;
     }
-    EXPECT_EQ(result, kvfs_no_memory);
-    EXPECT_EQ(item, nullptr);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_EQ(faults.locks_alive(), 0);
-    EXPECT_TRUE(log.matches(logs.at(n - 1))) << "allocation " << n;
-  }
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+  });
+  EXPECT_EQ(failures, logs.size());
 }
 
 TEST(ForkCacheItem, LockThatCannotBeMade_PassesItsResultUp) {
@@ -447,17 +443,18 @@ TEST(ForkProcessRead, EachReadThatFails_IsReportedWithItsSectors) {
        "buffer {*}\n",
        "ERROR kvfs_fork_process_read_io Error while reading lead-out sector 5.\n"},
   };
-  for (unsigned long n = 1; n <= 3; ++n) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     ByteVector bytes(1100);
     kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kPread64, n, Fault::error_number(EIO));
-    EXPECT_EQ(kvfs_fork_process_read_io(&context, 1500, 0, 1100), kvfs_io_error);
-    EXPECT_EQ(faults.count(Call::kPread64), n);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_TRUE(log.matches(logs.at(n - 1))) << "read " << n;
-  }
+    const kvfs_result result = run.operate([&] { return kvfs_fork_process_read_io(&context, 1500, 0, 1100); });
+    EXPECT_EQ(result, run.failed() ? kvfs_io_error : kvfs_ok);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    if (run.failed()) {
+      EXPECT_EQ(run.faults().count(Call::kPread64), run.n());
+      EXPECT_TRUE(run.log().matches(logs.at(run.n() - 1)));
+    }
+  });
+  EXPECT_EQ(failures, logs.size());
 }
 
 TEST(ForkProcessRead, ReadOfNoSectorsThatFails_IsReported) {
@@ -476,17 +473,18 @@ TEST(ForkProcessRead, EachBufferThatCannotBeHad_IsNoMemory) {
   const ForkMedium medium({.image_size = 65536});
   const std::vector<std::string> texts = {"Error while reading lead-in sector 2.\n",
                                           "Error while reading lead-out sector 5.\n"};
-  for (unsigned long n = 1; n <= 2; ++n) {
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     ByteVector bytes(1100);
     kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
-    EXPECT_EQ(kvfs_fork_process_read_io(&context, 1500, 0, 1100), kvfs_no_memory);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_LOG(log, "ERROR kvfs_device_read_disk_sectors Error while allocating read buffer of 512 bytes.\n",
-               "ERROR kvfs_fork_process_read_io " + texts.at(n - 1));
-  }
+    const kvfs_result result = run.operate([&] { return kvfs_fork_process_read_io(&context, 1500, 0, 1100); });
+    EXPECT_EQ(result, run.failed() ? kvfs_no_memory : kvfs_ok);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    if (run.failed()) {
+      EXPECT_LOG(run.log(), "ERROR kvfs_device_read_disk_sectors Error while allocating read buffer of 512 bytes.\n",
+                 "ERROR kvfs_fork_process_read_io " + texts.at(run.n() - 1));
+    }
+  });
+  EXPECT_EQ(failures, texts.size());
 }
 
 // The number of whole sectors behind the first one is below 0, which no device reads. Of the first sector no more bytes

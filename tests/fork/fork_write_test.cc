@@ -270,20 +270,23 @@ TEST(ForkWrite, WholeBlockThatDoesNotFitAnItem_IsWrittenButNotFlushed) {
 TEST(ForkWrite, FirstOrLastBlockThatCannotBeRead_IsReported) {
   const std::vector<std::string> texts = {"Error while reading first block in write range into cache.\n",
                                           "Error while reading last block in write range into cache.\n"};
-  for (unsigned long n = 1; n <= 2; ++n) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     OpenFork fork(kSmall);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kPread64, n);
     const ByteVector bytes = marker_bytes(8192);
     std::size_t written = 99;
-    EXPECT_EQ(kvfs_fork_write(fork.get(), 100, bytes.data(), bytes.size(), &written), kvfs_io_error);
+    const kvfs_result result =
+        run.operate([&] { return kvfs_fork_write(fork.get(), 100, bytes.data(), bytes.size(), &written); });
+    if (!run.failed()) {
+      EXPECT_EQ(result, kvfs_ok);
+      return;
+    }
+    EXPECT_EQ(result, kvfs_io_error);
     EXPECT_EQ(written, 0u);
-    EXPECT_EQ(faults.locks_held(), 0);
     EXPECT_EQ(fork.dirty_items(), 0u);
-    ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(to_string(log.lines().back()), "ERROR kvfs_fork_write " + texts.at(n - 1));
-  }
+    ASSERT_FALSE(run.log().lines().empty());
+    EXPECT_EQ(to_string(run.log().lines().back()), "ERROR kvfs_fork_write " + texts.at(run.n() - 1));
+  });
+  EXPECT_EQ(failures, texts.size());
 }
 
 TEST(ForkWrite, SecondItemThatCannotBeMade_LeavesTheBytesInTheFirst) {
@@ -1258,32 +1261,27 @@ class ForkFaults : public ::testing::TestWithParam<Call> {};
 
 TEST_P(ForkFaults, EachCallFailingInTurn_LeavesNoLockNoLeakAndAForkThatWorks) {
   const Call call = GetParam();
-  for (unsigned long n = 1;; ++n) {
-    SCOPED_TRACE(n);
+  const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
     OpenFork fork(kThreeExtents);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(call, n);
-    const kvfs_result result = use_fork(fork.get());
-    if (faults.delivered() == 0) {
+    const kvfs_result result = run.operate([&] { return use_fork(fork.get()); });
+    if (!run.failed()) {
       EXPECT_EQ(result, kvfs_ok);
-      EXPECT_GT(n, 1u);
-      break;
+      return;
     }
     // Of malloc alone a use can do without: a fill takes a smaller pattern then.
     EXPECT_EQ(result == kvfs_ok, call == Call::kMalloc);
-    EXPECT_EQ(log.empty(), result == kvfs_ok);
-    EXPECT_EQ(faults.locks_held(), 0);
+    EXPECT_EQ(run.log().empty(), result == kvfs_ok);
     EXPECT_TRUE(fork.counts_hold());
     EXPECT_EQ(use_fork(fork.get()), kvfs_ok);
     const ByteVector text(kText.begin(), kText.end());
     EXPECT_EQ(fork.read_image(fork.device_offset(kMiB - 10), text.size()), text);
     EXPECT_EQ(fork.read_image(fork.device_offset(100), 50), ByteVector(50, 0x5A));
     fork.close();
-    EXPECT_EQ(faults.locks_held(), 0);
-    EXPECT_EQ(faults.locks_alive(), -2);  // those of the fork, which was opened before
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-  }
+    EXPECT_EQ(run.faults().locks_held(), 0);
+    EXPECT_EQ(run.faults().locks_alive(), -2);  // those of the fork, which was opened before
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+  });
+  EXPECT_GT(failures, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, ForkFaults,

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "fault_injection.h"
-#include "open_volume.h"
 #include "log_capture.h"
+#include "open_volume.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {
@@ -40,8 +40,7 @@ struct Outcome {
 bool finds(const OpenVolume& volume, std::uint32_t cnid) {
   kvfs_catalog_search_result result;
   kvfs_catalog_search_result_init(&result);
-  const bool found =
-      kvfs_catalog_search_by_cnid(volume.catalog(), cnid, true, &result) == kvfs_ok && result.found != 0;
+  const bool found = kvfs_catalog_search_by_cnid(volume.catalog(), cnid, true, &result) == kvfs_ok && result.found != 0;
   kvfs_catalog_search_result_release(&result);
   return found;
 }

@@ -11,15 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "fork.h"
 #include "label.h"
 #include "label_change.h"
-#include "open_volume.h"
 #include "log_capture.h"
+#include "open_volume.h"
 #include "unicode.h"
 #include "unicode_fixture.h"
-#include "volume_builder.h"
-#include "volume_checker.h"
 
 namespace kvfs_test {
 namespace {

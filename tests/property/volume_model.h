@@ -17,8 +17,6 @@
 
 namespace kvfs_test {
 
-using Lines = std::vector<std::string>;
-
 // A run of blocks for a fork to grow by; its count is 0 when there is none.
 struct ModelRun {
   std::uint32_t start = 0;

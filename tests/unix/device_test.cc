@@ -17,8 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "fault_injection.h"
-#include "log_capture.h"
+#include "fail_each.h"
 
 namespace kvfs_test {
 namespace {
@@ -141,23 +140,20 @@ TEST(DeviceCreate, WhileItLives_OthersMeetItsLock) {
 
 TEST(DeviceCreate, NoMemory_FailsSilentlyBeforeTheFileIsLocked) {
   const ImageFile file(512);
-  for (unsigned long n = 1;; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     kvfs_device* device = nullptr;
-    const kvfs_result result = kvfs_device_create(file.fd(), 1, 512, 0, &device);
-    if (faults.delivered() == 0) {
-      EXPECT_EQ(n, 3u);  // the public and the private part
+    const kvfs_result result = run.operate([&] { return kvfs_device_create(file.fd(), 1, 512, 0, &device); });
+    if (!run.failed()) {
       kvfs_device_destroy(&device);
-      break;
+      return;
     }
     EXPECT_EQ(result, kvfs_no_memory);
     EXPECT_EQ(device, nullptr);
-    EXPECT_EQ(faults.count(Call::kFlock), 0u);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_LOG(log);
-  }
+    EXPECT_EQ(run.faults().count(Call::kFlock), 0u);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    EXPECT_LOG(run.log());
+  });
+  EXPECT_EQ(failures, 2u);  // the public and the private part
 }
 
 TEST(DeviceCreate, SharedLockRefused_IsReported) {

@@ -9,12 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "bitmap.h"
 #include "btree.h"
-#include "catalog.h"
-#include "fork.h"
 #include "item_fixture.h"
-#include "log_capture.h"
 
 namespace kvfs_test {
 namespace {

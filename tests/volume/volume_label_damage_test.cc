@@ -13,8 +13,8 @@
 
 #include "fault_injection.h"
 #include "label_change.h"
-#include "open_volume.h"
 #include "log_capture.h"
+#include "open_volume.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 

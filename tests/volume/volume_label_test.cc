@@ -8,18 +8,11 @@
 #include <string>
 
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
 #include "label_change.h"
-#include "open_volume.h"
-#include "log_capture.h"
 #include "replaced_routine.h"
 #include "support.h"
-#include "volume.h"
 #include "volume/private.h"
-#include "volume_builder.h"
-#include "volume_checker.h"
 
 // The linker sends the volume's calls of the catalog here, so that they can be made to give what they never give.
 static bool g_search_gives_nothing = false;
@@ -268,7 +261,7 @@ std::string context_of(const FailedRun& run) {
 
 TEST(VolumeSetLabel, EachAllocationFailing_IsOutOfMemoryAndKeepsTheLabel) {
   const Volume before = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::allocation(), [&] {
+  const std::vector<FailedRun> runs = fail_each(each_allocation(), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     EXPECT_EQ(label, result == kvfs_ok ? u"new" : u"Untitled");
@@ -292,7 +285,7 @@ bool is_tolerated(const FailedRun& run) {
 
 TEST(VolumeSetLabel, EachWriteLockRefused_FailsOrIsReported) {
   const Volume before = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kRwlockWrlock), [&] {
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockWrlock), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     EXPECT_EQ(label, result == kvfs_ok ? u"new" : u"Untitled");
@@ -311,7 +304,7 @@ TEST(VolumeSetLabel, EachWriteLockRefused_FailsOrIsReported) {
 
 TEST(VolumeSetLabel, EachReadLockRefused_Fails) {
   const Volume before = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kRwlockRdlock), [&] {
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockRdlock), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     EXPECT_EQ(label, result == kvfs_ok ? u"new" : u"Untitled");
@@ -326,7 +319,7 @@ TEST(VolumeSetLabel, EachReadLockRefused_Fails) {
 TEST(VolumeSetLabel, EachUnlockFailing_FailsOrIsReported) {
   const Volume before = small_volume();
   Name last_label;
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kRwlockUnlock), [&] {
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockUnlock), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     if (result != kvfs_ok) {

@@ -12,16 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "bitmap.h"
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "log_capture.h"
 #include "support.h"
 #include "unicode_fixture.h"
 #include "volume/private.h"
-#include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {
@@ -430,7 +425,7 @@ TEST(VolumeCreate, IndexThatLeadsNowhere_IsAFailureOfTheLookUp) {
 
 class VolumeFaults : public ::testing::TestWithParam<int> {
  protected:
-  std::vector<FailedRun> fail(const FailingCall& failing) {
+  std::vector<FailedRun> fail(const FailingCalls& failing) {
     std::vector<FailedRun> runs = fail_each(failing, [this] { return open_and_close(device_.get(), GetParam()); });
     EXPECT_THAT(runs, Not(IsEmpty()));
     for (const FailedRun& run : runs) {
@@ -445,7 +440,7 @@ class VolumeFaults : public ::testing::TestWithParam<int> {
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutAllocationFile, VolumeFaults, ::testing::Values(0, 1));
 
 TEST_P(VolumeFaults, EachAllocationFailing_IsOutOfMemory) {
-  const std::vector<FailedRun> runs = fail(FailingCall::allocation());
+  const std::vector<FailedRun> runs = fail(each_allocation());
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
     EXPECT_EQ(run.log.back(),
@@ -466,7 +461,7 @@ TEST_P(VolumeFaults, EachAllocationFailing_IsOutOfMemory) {
 
 TEST_P(VolumeFaults, EachReadFailing_IsAnInputError) {
   for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
-    const std::vector<FailedRun> runs = fail(FailingCall::of(Call::kPread64, fault));
+    const std::vector<FailedRun> runs = fail(each(Call::kPread64, fault));
     EXPECT_EQ(runs.size(), 6u) << "header, two trees twice, one leaf";
     for (const FailedRun& run : runs) {
       EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;
@@ -477,7 +472,7 @@ TEST_P(VolumeFaults, EachReadFailing_IsAnInputError) {
 
 TEST_P(VolumeFaults, EachLockNotCreated_IsReported) {
   for (const Call call : {Call::kRwlockInit, Call::kRwlockattrInit, Call::kRwlockattrSetpshared}) {
-    const std::vector<FailedRun> runs = fail(FailingCall::of(call));
+    const std::vector<FailedRun> runs = fail(each(call));
     for (const FailedRun& run : runs) {
       // A fork reports every failure of its own opening as a lack of memory.
       EXPECT_THAT(run.result, AnyOf(kvfs_no_memory, kvfs_failed)) << call_name(call) << " " << run.n;
@@ -492,7 +487,7 @@ TEST_P(VolumeFaults, EachLockNotCreated_IsReported) {
 
 TEST_P(VolumeFaults, EachLockNotTakenOrReleased_LeavesNothingBehind) {
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-    for (const FailedRun& run : fail(FailingCall::of(call))) {
+    for (const FailedRun& run : fail(each(call))) {
       // A release that fails while something is given back is only reported.
       EXPECT_THAT(run.result, AnyOf(kvfs_failed, kvfs_ok)) << call_name(call) << " " << run.n;
       if (run.result != kvfs_ok) {
@@ -503,7 +498,7 @@ TEST_P(VolumeFaults, EachLockNotTakenOrReleased_LeavesNothingBehind) {
 }
 
 TEST_P(VolumeFaults, EachLockNotDestroyed_IsReportedAndTheRestIsFreed) {
-  const std::vector<FailedRun> runs = fail(FailingCall::of(Call::kRwlockDestroy));
+  const std::vector<FailedRun> runs = fail(each(Call::kRwlockDestroy));
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_ok) << "lock " << run.n;
   }
