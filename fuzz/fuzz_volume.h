@@ -28,6 +28,7 @@ class FuzzDevice {
   unsigned damage(Input* input);
 
   [[nodiscard]] const kvfs_test::TestDevice& device() const { return device_; }
+  [[nodiscard]] int fd() const { return device_.fd(); }
   [[nodiscard]] std::vector<std::uint8_t> bytes() const;
 
  private:

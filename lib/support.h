@@ -13,7 +13,8 @@
 
 // ---- Log -----------------------------------------------------------------------------------------------------------
 
-// Writes one message to standard error, where the routine that detects a failure reports it.
+// Writes one message to standard error, where the routine that detects a failure reports it. A program that has called
+// kvfs_set_log_handler (kvfs.h) receives it instead.
 //
 // A message that begins a line gets the prefix "[LEVEL: function, line N] ". Whether the next message begins a line
 // depends on the format alone: one that does not end in a line feed leaves its line open, and the next message, whoever
@@ -54,16 +55,26 @@ struct kvfs_checked_routine {
 // In a helper the routine that it helps: KVFS_ERROR_AS(routine, format, ...) and so on, with the routine's own name.
 // In one that helps several of them, whose name it was given: KVFS_ERROR_BY(speaker, format, ...) and so on; the name
 // comes from __func__ or KVFS_NAME_OF.
+
+// Reports an error in the name of a speaker.
 #define KVFS_ERROR_BY(speaker, ...) kvfs_log_error((speaker), __LINE__, __VA_ARGS__)
+// Warns in the name of a speaker.
 #define KVFS_WARNING_BY(speaker, ...) kvfs_log_warning((speaker), __LINE__, __VA_ARGS__)
+// Reports what cannot happen in the name of a speaker.
 #define KVFS_CRITICAL_BY(speaker, ...) kvfs_log_critical((speaker), __LINE__, __VA_ARGS__)
 
+// Reports an error in the name of a routine.
 #define KVFS_ERROR_AS(routine, ...) KVFS_ERROR_BY(KVFS_NAME_OF(routine), __VA_ARGS__)
+// Warns in the name of a routine.
 #define KVFS_WARNING_AS(routine, ...) KVFS_WARNING_BY(KVFS_NAME_OF(routine), __VA_ARGS__)
+// Reports what cannot happen in the name of a routine.
 #define KVFS_CRITICAL_AS(routine, ...) KVFS_CRITICAL_BY(KVFS_NAME_OF(routine), __VA_ARGS__)
 
+// Reports an error in the name of the enclosing routine.
 #define KVFS_ERROR(...) KVFS_ERROR_BY(__func__, __VA_ARGS__)
+// Warns in the name of the enclosing routine.
 #define KVFS_WARNING(...) KVFS_WARNING_BY(__func__, __VA_ARGS__)
+// Reports what cannot happen in the name of the enclosing routine.
 #define KVFS_CRITICAL(...) KVFS_CRITICAL_BY(__func__, __VA_ARGS__)
 
 // A number as its message's "%llu" wants it: printf has no portable conversion for the fixed-width types.

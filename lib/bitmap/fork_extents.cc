@@ -165,22 +165,6 @@ kvfs_result FindWriteLocation(std::uint32_t cnid, std::uint8_t fork_type, const 
   return kvfs_ok;
 }
 
-// Adds a run to a fork data behind its first `used` extents: no blocks too, which leave the next descriptor empty when
-// no run was found.
-static void add_run(HFSPlusForkData* fork_data, std::uint32_t used, kvfs_allocation_location* run) {
-  HFSPlusExtentDescriptor* const extents = fork_data->extents.extents;
-  const bool extends_last = used != 0 && run->start_block == extent_end(extents[used - 1]);
-  run->extent_index = extends_last ? used - 1 : used;
-  HFSPlusExtentDescriptor* const extent = &extents[run->extent_index];
-  if (extends_last) {
-    extent->blockCount.set(extent->blockCount.get() + run->block_count);
-  } else {
-    extent->startBlock.set(run->start_block);
-    extent->blockCount.set(run->block_count);
-  }
-  fork_data->totalBlocks.set(fork_data->totalBlocks.get() + run->block_count);
-}
-
 kvfs_result UpdateForks(kvfs_volume* volume, HFSPlusForkData* fork_data, std::uint64_t offset, std::uint32_t length,
                         kvfs_allocation_location* out_location) {
   if (fork_data == nullptr) {
@@ -213,7 +197,8 @@ kvfs_result UpdateForks(kvfs_volume* volume, HFSPlusForkData* fork_data, std::ui
     KVFS_ERROR("Error while looking up unallocated region.\n");
     return result;
   }
-  add_run(fork_data, used, &location);
+  const bool extends_last = used != 0 && location.start_block == hint;
+  location.extent_index = extends_last ? used - 1 : used;
   *out_location = location;
-  return kvfs_ok;
+  return UpdateForkExtents(fork_data, &location);  // it cannot fail: the index is that of one of the eight
 }

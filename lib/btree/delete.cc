@@ -111,7 +111,7 @@ static kvfs_result count_deleted_leaf_record(const deletion& removal) {
 // Deletes the index record that leads to the node by its former first key.
 static kvfs_result delete_index_record(const deletion& removal, std::uint8_t height) {
   kvfs_btree_search_result found;
-  kvfs_result result = search_index_record(removal.tree, removal.locator->key, height, 1, &found);
+  kvfs_result result = search_index_record(removal.tree, removal.locator->key, height, index_search::kDeletion, &found);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
                   "Error while searching for index record of deleted record's node.\n");

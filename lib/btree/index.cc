@@ -15,11 +15,11 @@
 using namespace kvfs::btree;
 
 kvfs_result kvfs::btree::search_index_record(kvfs_btree* tree, const void* key, std::uint8_t height,
-                                             std::uint32_t found, kvfs_btree_search_result* place) {
+                                             index_search purpose, kvfs_btree_search_result* place) {
   kvfs_btree_search_result_init(place);
   const kvfs_result result = kvfs_btree_search_node_internal(tree, key, 0, kSearchToHeight, height, place);
-  if (result == kvfs_ok && place->locator != nullptr && place->found == found &&
-      place->locator->priv->index_height != height) {
+  const bool goes_on = (place->found != 0) == (purpose == index_search::kDeletion);
+  if (result == kvfs_ok && goes_on && place->locator != nullptr && place->locator->priv->index_height != height) {
     kvfs_btree_record_locator_release(&place->locator, false);
     return kvfs_inconsistent;
   }
@@ -29,7 +29,7 @@ kvfs_result kvfs::btree::search_index_record(kvfs_btree* tree, const void* key, 
 // Deletes the index record that leads to a node by the key that was its first one.
 static kvfs_result delete_former_index_record(kvfs_btree* tree, const void* former_key, std::uint8_t height) {
   kvfs_btree_search_result found;
-  kvfs_result result = search_index_record(tree, former_key, height, 1, &found);
+  kvfs_result result = search_index_record(tree, former_key, height, index_search::kDeletion, &found);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while searching for index node to modify.\n");
     return result;
@@ -68,7 +68,7 @@ kvfs_result kvfs::btree::replace_index_record(const insertion& insert) {
 
 kvfs_result kvfs_btree_add_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t child) {
   kvfs_btree_search_result place;
-  kvfs_result result = search_index_record(tree, key, height, 0, &place);
+  kvfs_result result = search_index_record(tree, key, height, index_search::kInsertion, &place);
   if (result != kvfs_ok) {
     KVFS_ERROR("Error while searching for location to insert index record.\n");
     return result;

@@ -11,10 +11,13 @@
 
 namespace kvfs::btree {
 
-// Searches for an index record of a height that is there or is not, as `found` says. In a damaged tree the search ends
-// elsewhere, in a leaf or in an index node of another height, whose records must not be taken for those of that height
-// (X-btree-9).
-kvfs_result search_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, std::uint32_t found,
+// What an index record is searched for: to delete it, or to insert one in its place.
+enum class index_search { kDeletion, kInsertion };
+
+// Searches for an index record of a height. In a damaged tree the search ends elsewhere, in a leaf or in an index node
+// of another height: there no record must be deleted and none be inserted (X-btree-9). A record that is missing, or
+// that exists already, the caller judges by `place`.
+kvfs_result search_index_record(kvfs_btree* tree, const void* key, std::uint8_t height, index_search purpose,
                                 kvfs_btree_search_result* place);
 
 // Replaces the index record of a node that has a new first key.

@@ -1,4 +1,10 @@
 // Insertion of a record.
+//
+// From the top: kvfs_btree_insert_record takes the lock; kvfs_btree_insert_record_internal finds the place
+// (insert_place.cc). Where the record does not fit, split_for_insertion chooses a split point (split_point.cc) and has
+// the node split (split.cc), which adds an index record for the new one (index.cc): an insertion one level higher. Then
+// insert_in_place puts the record into its node, and maintain_after_insertion counts it and, where it is the first one
+// of its node, has the node's index record replaced (index.cc): a deletion and an insertion one level higher.
 
 #include <cstddef>
 #include <cstdint>

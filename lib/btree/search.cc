@@ -1,5 +1,11 @@
 // Search: from the root, or a node given, down to the place of a key.
 //
+// From the top: kvfs_btree_search_node takes the lock, kvfs_btree_search_node_internal maps the header record, and
+// search_from begins at the start node (enter_start_node) and looks at record after record (visit_record). Each is
+// compared (compare_record); the search goes on behind it, or down to a child (visit_index_record, descend), or ends: in
+// a leaf, in an index node of the height that is looked for, or behind the last record (finish_in_leaf and so on).
+// There end_search_at opens the result's locator.
+//
 // A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4
 // and X-btree-5 for keys, X-btree-17 for the searches of an operation together.
 
@@ -32,6 +38,13 @@ void kvfs_btree_search_result_release(kvfs_btree_search_result* result) {
 
 namespace {
 
+// How much a search has done, for its bounds.
+struct search_cost {
+  std::uint32_t descents;
+  std::uint64_t key_bytes;  // of all keys that were compared
+  std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
+};
+
 // A search on its way down.
 struct search_walk {
   kvfs_btree* tree;
@@ -47,10 +60,7 @@ struct search_walk {
   std::uint32_t index;          // of the record looked at
   std::uint32_t previous_data;  // where the data of the record kept in mind begins, in the node; 0 without one
 
-  std::uint32_t descents;
-  std::uint64_t key_bytes;  // of all keys that were compared
-  std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
-
+  search_cost cost;
   bool done;
   kvfs_btree_search_result result;
 };
@@ -72,7 +82,7 @@ static kvfs_result report_bad_record(std::uint32_t node, std::uint32_t index) {
   return kvfs_inconsistent;
 }
 
-static kvfs_result report_contradiction(const search_walk& walk) {
+static kvfs_result report_contradicting_key(const search_walk& walk) {
   KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                 "Invalid node data: The key of record %lu of node %lu contradicts itself.\n", to_ul(walk.index),
                 to_ul(walk.node.number));
@@ -142,8 +152,9 @@ static kvfs_result read_record(const search_walk* walk, std::uint32_t index, nod
   return kvfs_ok;
 }
 
-// Opens the locator of the search's result on the bytes of a record (X-btree-18) and ends the search.
-static kvfs_result finish_search(search_walk* walk, const node_record& record, std::uint32_t index) {
+// Ends the search at a record, or behind the last one: opens the result's locator on its bytes (X-btree-18), and notes
+// in it the height of the index node, or that the place has no record of its own.
+static kvfs_result end_search_at(search_walk* walk, const node_record& record, std::uint32_t index) {
   walk->done = true;
   if (record.end > walk->node.size) {
     return report_bad_record(walk->node.number, index);
@@ -172,13 +183,13 @@ static kvfs_result finish_search(search_walk* walk, const node_record& record, s
 static kvfs_result finish_behind_last_record(search_walk* walk) {
   node_record last = {};
   const kvfs_result result = read_record(walk, walk->index == 0 ? 0 : walk->index - 1, &last);
-  return result == kvfs_ok ? finish_search(walk, last, walk->index) : result;
+  return result == kvfs_ok ? end_search_at(walk, last, walk->index) : result;
 }
 
 static kvfs_result finish_in_leaf(search_walk* walk, const node_record& record, int order) {
   walk->result.found = order == 0 ? 1 : 0;
   walk->result.after = order < 0 ? 1 : 0;
-  const kvfs_result result = finish_search(walk, record, walk->index);
+  const kvfs_result result = end_search_at(walk, record, walk->index);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "HFSPlus:%s: Not enough memory\n",
                   KVFS_NAME_OF(kvfs_btree_search_node_internal));  // or else: Q-btree-25
@@ -189,7 +200,7 @@ static kvfs_result finish_in_leaf(search_walk* walk, const node_record& record, 
 // Stops in an index node of the target height, at the place where a record with the search key belongs.
 static kvfs_result finish_in_index_node(search_walk* walk, const node_record& record, int order) {
   walk->result.found = order == 0 ? 1 : 0;
-  const kvfs_result result = finish_search(walk, record, order < 0 ? walk->index + 1 : walk->index);
+  const kvfs_result result = end_search_at(walk, record, order < 0 ? walk->index + 1 : walk->index);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Error while creating kvfs_btree_record_locator.\n");
   }
@@ -198,7 +209,7 @@ static kvfs_result finish_in_index_node(search_walk* walk, const node_record& re
 
 // Goes down to a child. A search of a sound tree goes down fewer times than the tree has nodes, and than heights exist.
 static kvfs_result descend(search_walk* walk, std::uint32_t child) {
-  if (++walk->descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
+  if (++walk->cost.descents == kvfs_min(walk->header.totalNodes.get(), kMaximumHeight)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Aborting search due to cyclic references in the B-tree.\n");
     return kvfs_inconsistent;
   }
@@ -277,15 +288,15 @@ static bool is_illegal_comparison(const search_walk& walk) {
 static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
   const std::uint32_t end = kvfs_min(record.data, walk->node.size);
   const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : end - record.offset;
-  walk->key_bytes += bytes;
-  walk->odd_keys += odd ? 1 : 0;
-  if (walk->key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
+  walk->cost.key_bytes += bytes;
+  walk->cost.odd_keys += odd ? 1 : 0;
+  if (walk->cost.key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
                   to_ul(kMaximumHeight), to_ul(walk->index), to_ul(walk->node.number));
     return kvfs_inconsistent;
   }
-  if (walk->odd_keys > kMaximumOddKeys) {
+  if (walk->cost.odd_keys > kMaximumOddKeys) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
                   to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
@@ -338,7 +349,7 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
     *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
   }
   if (has_keys && *order == kvfs_key_malformed) {
-    return cut ? report_bad_record(walk->node.number, walk->index) : report_contradiction(*walk);
+    return cut ? report_bad_record(walk->node.number, walk->index) : report_contradicting_key(*walk);
   }
   return kvfs_ok;
 }

@@ -69,7 +69,8 @@ static kvfs_result read_split_node(node_split* split, std::uint32_t node) {
   return kvfs_ok;
 }
 
-static kvfs_result report_contradiction(std::uint32_t node) {
+// Says that the links and the node bitmap contradict one another about a node.
+static kvfs_result report_wrong_link_or_mark(std::uint32_t node) {
   KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Node %lu is linked or marked wrongly.\n", to_ul(node));
   return kvfs_inconsistent;
 }
@@ -129,8 +130,9 @@ static bool is_in_use(const node_split& split, std::uint32_t node, std::uint32_t
          read_descriptor(split.tree, previous, &before) == kvfs_ok && node == before.fLink.get();
 }
 
-// Reads what the claimed node holds: the bytes that a split does not write stay as they are.
-static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
+// Refuses a claimed node that is in use, and reads what it holds: the bytes that a split does not write stay as they
+// are.
+static kvfs_result take_up_claimed_node(node_split* split, std::uint32_t node) {
   kvfs_btree* const tree = split->tree;
   if (!allocate_node(tree, &split->claimed)) {
     KVFS_ERROR_AS(kvfs_btree_split_node,
@@ -141,7 +143,7 @@ static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
   BTNodeDescriptor descriptor = {};
   kvfs_result result = read_descriptor(tree, node, &descriptor);
   if (result == kvfs_ok && is_in_use(*split, node, descriptor.bLink.get(), &split->claimed)) {
-    return report_contradiction(node);
+    return report_wrong_link_or_mark(node);
   }
   if (result == kvfs_ok) {
     result = read_node(tree, node, &split->claimed);
@@ -173,7 +175,7 @@ static kvfs_result link_claimed_node(node_split* split) {
     }
     if (split->neighbour_descriptor.kind != lower->kind || split->neighbour_descriptor.height != lower->height ||
         split->neighbour == split->split.view.number) {
-      return report_contradiction(split->neighbour);
+      return report_wrong_link_or_mark(split->neighbour);
     }
     split->neighbour_descriptor.bLink.set(split->claimed.view.number);
   } else if (lower->kind == kBTLeafNode) {
@@ -257,7 +259,7 @@ static kvfs_result write_split(node_split* split, std::uint16_t count, std::size
 // Splits the node that `split` has read, with the claimed node's number.
 static kvfs_result split_to_claimed_node(node_split* split, std::uint32_t claimed) {
   const std::uint16_t count = split->split_descriptor.numRecords.get();
-  kvfs_result result = read_claimed_node(split, claimed);
+  kvfs_result result = take_up_claimed_node(split, claimed);
   if (result == kvfs_ok) {
     result = link_claimed_node(split);
   }

@@ -1,5 +1,11 @@
 // Flushing: modified blocks on their way to the device.
 //
+// From the top: kvfs_fork_flush takes the items' lock, kvfs_fork_flush_internal the one of what is dirty. write_range
+// has the range cut into pieces of one extent each (kvfs_fork_do_device_io), twice: check_piece looks at all of them,
+// then kvfs_fork_process_write_io writes one after the other. It cuts a piece at the items' borders
+// (flush_piece_items), flush_item locks each, write_item_blocks walks its modified blocks, and write_block_sectors
+// writes the sectors of one.
+//
 // Blocks are written one by one (Q-fork-5), and only in whole sectors (X-fork-5).
 
 #include <bit>

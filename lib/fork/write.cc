@@ -136,12 +136,13 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
     return kvfs_invalid;
   }
   kvfs_result result = check_item_numbers(__func__, fork, range.items);
-  if (result == kvfs_ok && fork->priv->modificationBitmapBlockSize == 0) {
-    result = check_transfer_unit(__func__, fork);  // too large a unit is refused where a block is read or flushed
+  if (result != kvfs_ok) {
+    return result;
   }
-  if (result == kvfs_ok) {
-    result = read_partial_blocks(fork, &range);
+  if (fork->priv->modificationBitmapBlockSize == 0) {
+    return check_transfer_unit(__func__, fork);  // too large a unit is refused where a block is read or flushed
   }
+  result = read_partial_blocks(fork, &range);
   if (result != kvfs_ok) {
     return result;
   }

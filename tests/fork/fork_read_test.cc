@@ -382,8 +382,8 @@ TEST_P(ForkProcessRead, Piece_IsReadInWholeSectors) {
   EXPECT_EQ(bytes, expected);
 }
 
-// The whole sectors are read also where there are none. What leads out is taken from the end of its sector, not from its
-// beginning.
+// The whole sectors are read also where there are none. What leads out is taken from the end of its sector, not from
+// its beginning.
 INSTANTIATE_TEST_SUITE_P(
     Shapes, ForkProcessRead,
     ::testing::Values(

@@ -1,0 +1,114 @@
+// Which blocks are in use, and freeing them.
+
+#include "base/arithmetic.h"
+#include "bitmap.h"
+#include "bitmap/private.h"
+#include "fork.h"
+#include "session/private.h"
+#include "volume.h"
+
+static constexpr std::uint32_t kBitsInByte = 8;
+
+// Bytes of the allocation file that are looked at together.
+static constexpr std::uint32_t kPieceSize = 4096;
+
+static unsigned char mask_of(std::uint32_t block) {
+  return static_cast<unsigned char>(0x80U >> (block % kBitsInByte));
+}
+
+kvfs_result kvfs_session_visit_blocks(kvfs_session* session, kvfs_block_run run, kvfs_session_visit_bits visit,
+                                      void* context) {
+  const kvfs_volume* const volume = session->volume;
+  const std::uint32_t total = volume->header->totalBlocks.get();
+  if (volume->bitmap == nullptr || run.first > total || run.count > total - run.first) {
+    KVFS_ERROR("No bits for blocks %lu and %lu behind it.\n", to_ul(run.first), to_ul(run.count));
+    return kvfs_invalid;
+  }
+  kvfs_fork* const fork = volume->bitmap->priv->fork;
+  unsigned char bytes[kPieceSize];
+  while (run.count != 0) {
+    const std::uint32_t offset = run.first / kBitsInByte;
+    const std::uint32_t bits = kvfs_min(run.count, kPieceSize * kBitsInByte - run.first % kBitsInByte);
+    const std::size_t size =
+        static_cast<std::size_t>(kvfs_divide_rounding_up(run.first % kBitsInByte + bits, kBitsInByte));
+    kvfs_result result = kvfs_fork_read(fork, offset, bytes, size, nullptr);
+    if (result == kvfs_ok && visit(context, bytes, run.first, bits)) {
+      result = kvfs_fork_write(fork, offset, bytes, size, nullptr);
+    }
+    if (result != kvfs_ok) {
+      return result;
+    }
+    run.first += bits;
+    run.count -= bits;
+  }
+  return kvfs_ok;
+}
+
+// Counts the blocks in use of a piece; the context is the sum. Its type is that of a visit, which may change the bytes.
+// NOLINTNEXTLINE(readability-non-const-parameter)
+static bool count_used(void* context, unsigned char* bytes, std::uint32_t first_block, std::uint32_t count) {
+  std::uint32_t* const used = static_cast<std::uint32_t*>(context);
+  const std::uint32_t base = first_block / kBitsInByte;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const std::uint32_t block = first_block + i;
+    *used += (bytes[block / kBitsInByte - base] & mask_of(block)) != 0 ? 1 : 0;
+  }
+  return false;
+}
+
+// Frees the blocks of a piece; the context is the sum of those that were in use.
+static bool clear_used(void* context, unsigned char* bytes, std::uint32_t first_block, std::uint32_t count) {
+  (void)count_used(context, bytes, first_block, count);
+  const std::uint32_t base = first_block / kBitsInByte;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const std::uint32_t block = first_block + i;
+    unsigned char& byte = bytes[block / kBitsInByte - base];
+    byte = static_cast<unsigned char>(byte & ~mask_of(block));
+  }
+  return true;
+}
+
+kvfs_result kvfs_session_run_in_use(kvfs_session* session, kvfs_block_run run, bool* in_use) {
+  std::uint32_t used = 0;
+  const kvfs_result result = kvfs_session_visit_blocks(session, run, count_used, &used);
+  *in_use = used == run.count;
+  return result;
+}
+
+kvfs_result kvfs_session_clear_run(kvfs_session* session, kvfs_block_run run, std::uint32_t* cleared) {
+  *cleared = 0;
+  return kvfs_session_visit_blocks(session, run, clear_used, cleared);
+}
+
+static kvfs_result tell_block(kvfs_session* session, std::uint32_t block, int* out_in_use) {
+  bool in_use = false;
+  const kvfs_result result = kvfs_session_run_in_use(session, {block, 1}, &in_use);
+  if (result == kvfs_ok) {
+    *out_in_use = in_use ? 1 : 0;
+  }
+  return result;
+}
+
+uint64_t kvfs_session_block_in_use(kvfs_session* session, uint32_t block, int* out_in_use) {
+  if (session == nullptr || out_in_use == nullptr) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_take_turn(session, [=] { return tell_block(session, block, out_in_use); });
+}
+
+static kvfs_result count_free(kvfs_session* session, std::uint32_t* out_count) {
+  const std::uint32_t total = session->volume->header->totalBlocks.get();
+  std::uint32_t used = 0;
+  const kvfs_result result = kvfs_session_visit_blocks(session, {0, total}, count_used, &used);
+  if (result == kvfs_ok) {
+    *out_count = total - used;
+  }
+  return result;
+}
+
+uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_count) {
+  if (session == nullptr || out_count == nullptr) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_take_turn(session, [=] { return count_free(session, out_count); });
+}

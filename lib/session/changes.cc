@@ -1,0 +1,223 @@
+// What all changes have in common: when they are allowed, what they look at before, and what is checked behind them.
+
+#include <cstddef>
+#include <cstring>
+
+#include "btree.h"
+#include "btree/private.h"
+#include "fork.h"
+#include "session/private.h"
+#include "volume.h"
+
+static kvfs_btree* catalog_tree(const kvfs_session* session) {
+  return *session->volume->catalog->btree;
+}
+
+// ---- Beginning and end ---------------------------------------------------------------------------------------------
+
+static kvfs_result count_records(kvfs_session* session, std::uint32_t* count) {
+  kvfs_be32 records = {};
+  const std::uint64_t offset = kBTHeaderRecordOffset + offsetof(BTHeaderRec, leafRecords);
+  const kvfs_result result = kvfs_fork_read(catalog_tree(session)->fork, offset, &records, sizeof(records), nullptr);
+  *count = records.get();
+  return result;
+}
+
+kvfs_result kvfs_session_begin_change(kvfs_session* session) {
+  if ((session->flags & KVFS_OPEN_WRITE) == 0) {
+    return kvfs_read_only;
+  }
+  if (session->spoiled) {
+    return kvfs_spoiled;
+  }
+  if (session->changes.catalog) {
+    return kvfs_ok;
+  }
+  session->changes.records = 0;
+  return count_records(session, &session->changes.records_before);
+}
+
+kvfs_result kvfs_session_end_change(kvfs_session* session, kvfs_result result, int added_records) {
+  session->changes.catalog = true;
+  session->changes.records += added_records;
+  ++session->epoch;
+  session->spoiled = result != kvfs_ok;
+  return result;
+}
+
+kvfs_result kvfs_session_check_catalog(kvfs_session* session) {
+  kvfs_session_found root;
+  kvfs_result result = kvfs_session_find_folder(session, kHFSRootFolderID, &root);
+  std::uint32_t records = 0;
+  if (result == kvfs_ok) {
+    result = count_records(session, &records);
+  }
+  if (result == kvfs_ok && records != session->changes.records_before + session->changes.records) {
+    KVFS_ERROR("Changed catalog has %lu records, and had %lu.\n", to_ul(records),
+               to_ul(session->changes.records_before));
+    return kvfs_inconsistent;
+  }
+  return result == kvfs_not_found ? kvfs_inconsistent : result;
+}
+
+// ---- Items that are to leave their place ---------------------------------------------------------------------------
+
+// Links an item's locator with that of its folder, which a search by ID does not do. The root folder lies in none.
+static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, bool* is_private) {
+  kvfs_session_found folder;
+  const kvfs_result result = kvfs_session_find_folder(session, item->key()->parentID.get(), &folder);
+  if (result != kvfs_ok) {
+    return result == kvfs_not_found || result == kvfs_not_a_folder ? kvfs_inconsistent : result;
+  }
+  const HFSUniStr255& name = folder.key()->nodeName;
+  *is_private = kvfs_session_has_nul(name.unicode, name.length.get());
+  return kvfs_catalog_record_locator_set_parent_locator(item->locator(), folder.locator());
+}
+
+kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t* count) {
+  kvfs_be16 records = {};
+  const std::uint64_t offset = std::uint64_t{node} * tree->nodeSize + offsetof(BTNodeDescriptor, numRecords);
+  const kvfs_result result = kvfs_fork_read(tree->fork, offset, &records, sizeof(records), nullptr);
+  *count = records.get();
+  return result;
+}
+
+// Whether the nodes of an item's record and of its thread keep other records without them. No search and no walk gets
+// past a node without any.
+static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& item, std::uint32_t id) {
+  kvfs_session_found thread;
+  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (!thread.found()) {
+    KVFS_ERROR_AS(kvfs_session_find_removable, "Item %lu has no thread.\n", to_ul(id));
+    return kvfs_inconsistent;
+  }
+  const std::uint32_t nodes[2] = {*item.record()->node, *thread.record()->node};
+  const std::uint16_t leaving = nodes[0] == nodes[1] ? 2 : 1;
+  for (const std::uint32_t node : nodes) {
+    std::uint16_t records = 0;
+    result = kvfs_session_records_in_node(catalog_tree(session), node, &records);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    if (records <= leaving) {
+      KVFS_ERROR_AS(kvfs_session_find_removable, "Without item %lu node %lu would have no records.\n", to_ul(id),
+                    to_ul(node));
+      return kvfs_limit;
+    }
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
+  kvfs_result result = kvfs_session_find_item(session, id, item);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const HFSUniStr255& name = item->key()->nodeName;
+  if (id == kHFSRootFolderID || kvfs_session_has_nul(name.unicode, name.length.get())) {
+    return kvfs_invalid;
+  }
+  bool is_private = false;
+  result = link_folder(session, item, &is_private);
+  if (result == kvfs_ok && is_private) {
+    return kvfs_invalid;
+  }
+  return result == kvfs_ok ? check_nodes(session, *item, id) : result;
+}
+
+kvfs_result kvfs_session_expect_removal(kvfs_session* session, const kvfs_session_found& item) {
+  constexpr std::int32_t kAllRecords = 0x10000;
+  const kvfs_btree_record_locator_private* const record = item.record()->priv;
+  kvfs_btree* const tree = catalog_tree(session);
+  kvfs_write_guard guard(tree->priv->open_locators_lock);
+  if (guard.result() != kvfs_ok) {
+    return guard.result();
+  }
+  // The one other locator that is open is the folder's.
+  kvfs_btree_shift_locators(tree, record->node, record->index + 1, kAllRecords, record->node, true, 1,
+                            record->record_size);
+  return guard.release();
+}
+
+// ---- Places where items are to come --------------------------------------------------------------------------------
+
+static kvfs_result read_new_name(const char* text, kvfs_session_name* name) {
+  const kvfs_result result = kvfs_session_read_name(text, std::strlen(text), name);
+  const bool is_name = result == kvfs_ok && name->length != 0 && std::strchr(text, '/') == nullptr &&
+                       !kvfs_session_has_nul(name->units, name->length);
+  return is_name ? kvfs_ok : kvfs_invalid;
+}
+
+// Whether a folder is the item or lies in it, at any depth, where the item would vanish together with its place.
+static kvfs_result check_not_inside(kvfs_session* session, std::uint32_t id, std::uint32_t folder_id) {
+  constexpr std::uint32_t kDeepest = 10000;  // a damaged catalog may lead in a circle
+  for (std::uint32_t depth = 0; depth < kDeepest && folder_id != kHFSRootFolderID; ++depth) {
+    if (folder_id == id) {
+      return kvfs_invalid;
+    }
+    kvfs_session_found folder;
+    const kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    folder_id = folder.key()->parentID.get();
+  }
+  return folder_id == kHFSRootFolderID ? kvfs_ok : kvfs_inconsistent;
+}
+
+// Whether a place is free; an item's own is, so that the case of its name can be changed.
+static kvfs_result check_free(kvfs_session* session, std::uint32_t id, const kvfs_session_place& place) {
+  kvfs_session_found other;
+  const kvfs_result result =
+      kvfs_session_find_key(session, place.folder_id, place.name.units, place.name.length, &other);
+  if (result == kvfs_ok) {
+    return kvfs_session_id_of(other.record()->data) == id ? kvfs_ok : kvfs_exists;
+  }
+  return result == kvfs_not_found ? kvfs_ok : result;
+}
+
+kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std::uint32_t folder_id, const char* name,
+                                    kvfs_session_place* place) {
+  place->folder_id = folder_id;
+  kvfs_result result = read_new_name(name, &place->name);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_session_found folder;
+  result = kvfs_session_find_folder(session, folder_id, &folder);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const HFSUniStr255& folder_name = folder.key()->nodeName;
+  if (folder_id != kHFSRootFolderID && kvfs_session_has_nul(folder_name.unicode, folder_name.length.get())) {
+    return kvfs_invalid;
+  }
+  folder.release();
+  result = check_not_inside(session, id, folder_id);
+  return result == kvfs_ok ? check_free(session, id, *place) : result;
+}
+
+// ---- Valences ------------------------------------------------------------------------------------------------------
+
+kvfs_result kvfs_session_get_valence(kvfs_session* session, std::uint32_t folder_id, kvfs_session_valence* valence) {
+  kvfs_session_found folder;
+  const kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
+  if (result == kvfs_ok) {
+    *valence = {folder_id, folder.folder()->valence.get()};
+  }
+  return result;
+}
+
+kvfs_result kvfs_session_check_valence(kvfs_session* session, const kvfs_session_valence& before, int change) {
+  kvfs_session_valence now = {};
+  const kvfs_result result = kvfs_session_get_valence(session, before.folder_id, &now);
+  if (result == kvfs_ok && now.value != before.value + static_cast<std::uint32_t>(change)) {
+    KVFS_ERROR("Folder %lu counts %lu items after a change, and %lu before.\n", to_ul(before.folder_id),
+               to_ul(now.value), to_ul(before.value));
+    return kvfs_failed;
+  }
+  return result;
+}

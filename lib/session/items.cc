@@ -1,0 +1,166 @@
+// Looking items up by path, ID and name.
+
+#include <cstring>
+
+#include "btree.h"
+#include "catalog/key.h"
+#include "session/private.h"
+#include "volume.h"
+
+// ---- Searches ------------------------------------------------------------------------------------------------------
+
+kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id, const kvfs_be16* units,
+                                  std::size_t length, kvfs_session_found* item) {
+  HFSPlusCatalogKey key;
+  kvfs::catalog::make_key(&key, kvfs_be32::of(folder_id), units, static_cast<std::uint32_t>(length));
+  const kvfs_result result = kvfs_catalog_search_node(session->volume->catalog, &key, item->out());
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (!item->found()) {
+    item->release();
+    return kvfs_not_found;
+  }
+  return kvfs_session_check_item(item->record());
+}
+
+static bool has_name(const kvfs_btree_record_locator* record, const kvfs_be16* units, std::size_t length) {
+  const HFSUniStr255& name = kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName;
+  return name.length.get() == length && std::memcmp(name.unicode, units, length * sizeof(kvfs_be16)) == 0;
+}
+
+// Looks at all items of a folder: the order of the catalog does not lead to names with NUL units in them.
+static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
+                                   kvfs_session_found* item) {
+  kvfs_session_walk walk;
+  kvfs_result result = kvfs_session_begin_walk(session, folder_id, nullptr, false, &walk);
+  while (result == kvfs_ok && walk.record != nullptr &&
+         !has_name(walk.record->btree_locator, name.units, name.length)) {
+    result = kvfs_session_step(&walk);
+  }
+  if (result == kvfs_ok) {
+    result = walk.record != nullptr ? kvfs_ok : kvfs_not_found;
+  }
+  if (result == kvfs_ok) {
+    *item->out() = {1, 0, walk.record};
+    walk.record = nullptr;
+  }
+  kvfs_session_end_walk(&walk);
+  return result;
+}
+
+// Looks for the item of a thread whose name the order of the catalog does not lead to.
+static kvfs_result find_by_thread(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
+  kvfs_session_found thread;
+  const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
+  if (result != kvfs_ok || !thread.found() || thread.record()->data_size < kHFSPlusCatalogThreadNameOffset) {
+    return kvfs_result_keep(result, kvfs_not_found);
+  }
+  const HFSPlusCatalogThread* const data = kvfs_view_as<HFSPlusCatalogThread>(thread.record()->data);
+  const std::size_t length = data->nodeName.length.get();
+  const std::size_t room = (thread.record()->data_size - kHFSPlusCatalogThreadNameOffset) / sizeof(kvfs_be16);
+  if (length > kHFSPlusMaxNameLength || length > room || !kvfs_session_has_nul(data->nodeName.unicode, length)) {
+    return kvfs_not_found;
+  }
+  const std::uint32_t folder_id = data->parentID.get();
+  kvfs_session_name name;
+  name.length = length;
+  std::memcpy(name.units, data->nodeName.unicode, length * sizeof(kvfs_be16));
+  thread.release();
+  return find_by_walking(session, folder_id, name, item);
+}
+
+static kvfs_result check_id(const kvfs_session_found& item, std::uint32_t id) {
+  const kvfs_result checked = kvfs_session_check_item(item.record());
+  if (checked == kvfs_ok && kvfs_session_id_of(item.record()->data) != id) {
+    KVFS_ERROR_AS(kvfs_session_find_item, "The thread of item %lu leads to item %lu.\n", to_ul(id),
+                  to_ul(kvfs_session_id_of(item.record()->data)));
+    return kvfs_inconsistent;
+  }
+  return checked;
+}
+
+kvfs_result kvfs_session_find_item(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
+  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, true, item->out());
+  if (result == kvfs_ok && !item->found()) {
+    item->release();
+    result = find_by_thread(session, id, item);
+  }
+  return result == kvfs_ok ? check_id(*item, id) : result;
+}
+
+kvfs_result kvfs_session_find_folder(kvfs_session* session, std::uint32_t id, kvfs_session_found* folder) {
+  const kvfs_result result = kvfs_session_find_item(session, id, folder);
+  return result == kvfs_ok && folder->folder() == nullptr ? kvfs_not_a_folder : result;
+}
+
+kvfs_result kvfs_session_find_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
+                                   kvfs_session_found* item) {
+  if (kvfs_session_has_nul(name.units, name.length)) {
+    return find_by_walking(session, folder_id, name, item);
+  }
+  const kvfs_result result = kvfs_session_find_key(session, folder_id, name.units, name.length, item);
+  const bool is_plain =
+      name.length == name.plain_length && std::memcmp(name.units, name.plain, name.length * sizeof(kvfs_be16)) == 0;
+  if (result != kvfs_not_found || is_plain) {
+    return result;
+  }
+  return kvfs_session_find_key(session, folder_id, name.plain, name.plain_length, item);
+}
+
+// ---- Lookup by path and ID -----------------------------------------------------------------------------------------
+
+static void give_item(kvfs_session* session, const kvfs_session_found& found, kvfs_item* out_item) {
+  kvfs_item item;
+  kvfs_session_describe(found.key(), found.record()->data, session->volume->header->blockSize.get(), &item);
+  kvfs_session_copy_struct(&item, sizeof(item), out_item, out_item->struct_size);
+}
+
+static kvfs_result find_id(kvfs_session* session, std::uint32_t id, kvfs_item* out_item) {
+  kvfs_session_found item;
+  const kvfs_result result = kvfs_session_find_item(session, id, &item);
+  if (result == kvfs_ok) {
+    give_item(session, item, out_item);
+  }
+  return result;
+}
+
+// Goes on from an item to one in it. `text` of `size` bytes is a name.
+static kvfs_result descend(kvfs_session* session, const char* text, std::size_t size, kvfs_session_found* item) {
+  if (item->folder() == nullptr) {
+    return kvfs_not_a_folder;
+  }
+  const std::uint32_t folder_id = item->folder()->folderID.get();
+  item->release();
+  kvfs_session_name name;
+  const kvfs_result result = kvfs_session_read_name(text, size, &name);
+  return result == kvfs_ok ? kvfs_session_find_name(session, folder_id, name, item) : result;
+}
+
+static kvfs_result find_path(kvfs_session* session, std::uint32_t folder_id, const char* path, kvfs_item* out_item) {
+  kvfs_session_found item;
+  kvfs_result result = kvfs_session_find_folder(session, folder_id, &item);
+  while (result == kvfs_ok && *(path += std::strspn(path, "/")) != '\0') {
+    const std::size_t size = std::strcspn(path, "/");
+    result = descend(session, path, size, &item);
+    path += size;
+  }
+  if (result == kvfs_ok) {
+    give_item(session, item, out_item);
+  }
+  return result;
+}
+
+uint64_t kvfs_session_find(kvfs_session* session, uint32_t folder_id, const char* path, kvfs_item* out_item) {
+  if (session == nullptr || path == nullptr || out_item == nullptr || out_item->struct_size < sizeof(kvfs_item)) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_take_turn(session, [=] { return find_path(session, folder_id, path, out_item); });
+}
+
+uint64_t kvfs_session_find_id(kvfs_session* session, uint32_t id, kvfs_item* out_item) {
+  if (session == nullptr || out_item == nullptr || out_item->struct_size < sizeof(kvfs_item)) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_take_turn(session, [=] { return find_id(session, id, out_item); });
+}

@@ -1,0 +1,67 @@
+// The label of the volume.
+
+#include <cstring>
+
+#include "session/private.h"
+#include "unicode.h"
+#include "volume.h"
+
+// Brings the label into host order. `units` has room for as many as are stored: composing makes no name longer.
+static kvfs_result convert_label(const kvfs_volume* volume, std::uint32_t form, std::uint16_t* units,
+                                 std::size_t* count) {
+  const std::size_t length = *volume->label_length;
+  if (form == KVFS_LABEL_COMPOSED) {
+    return kvfs_unicode_compose(volume->label, length, units, kHFSPlusMaxNameLength, count) == 0 ? kvfs_ok
+                                                                                                 : kvfs_overflow;
+  }
+  for (std::size_t i = 0; i < length; ++i) {
+    units[i] = volume->label[i].get();
+  }
+  *count = length;
+  return kvfs_ok;
+}
+
+static kvfs_result give_label(const kvfs_session* session, std::uint32_t form, char* buffer, std::size_t size,
+                              std::size_t* out_length) {
+  std::uint16_t units[kHFSPlusMaxNameLength];
+  std::size_t count = 0;
+  kvfs_result result = convert_label(session->volume, form, units, &count);
+  char text[KVFS_LABEL_SIZE];
+  char* out = text;
+  std::size_t length = sizeof(text) - 1;
+  if (result == kvfs_ok) {
+    result = kvfs_unicode_unistr_to_utf8(units, count, kUnicodeHostOrder, &out, &length);
+  }
+  if (result != kvfs_ok) {
+    KVFS_ERROR_BY("kvfs_session_label", "Error while converting the volume label to UTF-8.\n");
+    return result;
+  }
+  return kvfs_session_copy_text(text, length, buffer, size, out_length);
+}
+
+uint64_t kvfs_session_label(kvfs_session* session, uint32_t form, char* buffer, size_t size, size_t* out_length) {
+  if (session == nullptr || form > KVFS_LABEL_STORED || (buffer == nullptr && size != 0)) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_take_turn(session, [=] { return give_label(session, form, buffer, size, out_length); });
+}
+
+static kvfs_result set_label(kvfs_session* session, const char* label) {
+  kvfs_result result = kvfs_session_begin_change(session);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  kvfs_session_name name;
+  result = kvfs_session_read_text(label, std::strlen(label), &name);
+  if (result != kvfs_ok || name.length == 0) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_end_change(session, kvfs_volume_set_label(session->volume, name.units, name.length), 0);
+}
+
+uint64_t kvfs_session_set_label(kvfs_session* session, const char* label) {
+  if (session == nullptr || label == nullptr) {
+    return kvfs_invalid;
+  }
+  return kvfs_session_take_turn(session, [=] { return set_label(session, label); });
+}

@@ -1,0 +1,351 @@
+// Changes through a session: the label, names, deletion, symbolic links, and what is refused.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+#include "session_fixture.h"
+#include "volume_builder.h"
+
+namespace kvfs_test {
+namespace {
+
+using ::testing::ElementsAre;
+
+// The root folder holds the folders 16 "docs", 20 "empty" and 21 "late", which came into "docs" after its creation, and
+// some files that keep the nodes filled. "docs" holds 17 "data", 18 "blank" and 19 "sub".
+VolumeDescription described() {
+  VolumeDescription description;
+  const std::uint32_t docs = description.add_folder(kRootFolderId, u"docs");
+  const std::uint32_t data = description.add_file(docs, u"data");
+  description.item(data).data = {50000, pattern(50000), 3, 1, 0};
+  description.item(data).resource = {9000, pattern(9000), 2, 1, 0};
+  (void)description.add_file(docs, u"blank");
+  (void)description.add_folder(docs, u"sub");
+  (void)description.add_folder(kRootFolderId, u"empty");
+  (void)description.add_files(kRootFolderId, 5);
+  description.folder_counts = true;
+  return description;
+}
+
+class SessionChanges : public ::testing::Test {
+ protected:
+  [[nodiscard]] const TestSession& session() const { return session_; }
+  void expect_unchanged() const { EXPECT_TRUE(session_.contents() == image_); }
+
+ private:
+  const Volume image_ = build_volume(described());
+  const TestSession session_{image_};
+};
+
+// ---- Label ---------------------------------------------------------------------------------------------------------
+
+TEST_F(SessionChanges, Label_IsSetAndFoundOnTheDeviceAfterTheFlush) {
+  EXPECT_EQ(kvfs_session_set_label(session().get(), "R\u00E9sum\u00E9 / 2"), KVFS_OK);
+  EXPECT_EQ(session().label(), "R\u00E9sum\u00E9 / 2");
+  EXPECT_EQ(session().facts().has_unflushed_changes, 1);
+  expect_unchanged();
+  EXPECT_EQ(session().flushed_findings(), "");
+  EXPECT_EQ(session().facts().has_unflushed_changes, 0);
+  EXPECT_EQ(to_utf8(read_label(session().contents())), "Re\u0301sume\u0301 / 2");
+}
+
+TEST_F(SessionChanges, TextThatIsNoLabel_IsRefusedAndChangesNothing) {
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_set_label(session().get(), ""), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_set_label(session().get(), "\xC3"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_set_label(session().get(), "\xF4\x90\x80\x80"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_set_label(session().get(), std::string(256, 'x').c_str()), KVFS_INVALID);
+  std::string accents;
+  for (int i = 0; i < 128; ++i) {
+    accents += "\u00E9";
+  }
+  EXPECT_EQ(kvfs_session_set_label(session().get(), accents.c_str()), KVFS_INVALID);
+  EXPECT_EQ(session().facts().has_unflushed_changes, 0);
+  EXPECT_EQ(kvfs_session_set_label(session().get(), std::string(255, 'x').c_str()), KVFS_OK);
+  EXPECT_EQ(session().flushed_findings(), "");
+}
+
+// ---- Renaming ------------------------------------------------------------------------------------------------------
+
+TEST_F(SessionChanges, Rename_KeepsFolderAndContent) {
+  const Bytes content = session().read(session().id("docs/data"));
+  EXPECT_EQ(session().rename("docs/data", "docs", "DATA"), KVFS_OK);
+  EXPECT_STREQ(session().item("docs/data").name, "DATA");
+  EXPECT_EQ(session().rename("docs/data", "docs", "a%u002Fb"), KVFS_OK);
+  EXPECT_EQ(session().rename("docs/a%u002Fb", "docs", "a%u002Fb"), KVFS_OK);
+  EXPECT_THAT(session().names("docs"), ElementsAre("a%u002Fb", "blank", "sub"));
+  EXPECT_EQ(session().read(session().id("docs/a%u002Fb")), content);
+  EXPECT_EQ(session().flushed_findings(), "");
+}
+
+TEST_F(SessionChanges, MoveOfAFolder_CountsItInAndOut) {
+  EXPECT_EQ(session().rename("docs/sub", "empty", "moved"), KVFS_OK);
+  EXPECT_EQ(session().item("docs").valence, 2U);
+  EXPECT_EQ(session().item("empty").valence, 1U);
+  EXPECT_EQ(session().flushed_findings(), "");
+  EXPECT_EQ(TestSession(session().contents()).item("empty/moved").kind, KVFS_FOLDER);
+}
+
+// The record of a folder stands behind those of its items where it lies in a folder with a higher ID, and moves when
+// one of them leaves.
+TEST_F(SessionChanges, FolderBehindItsItems_IsCountedAllTheSame) {
+  EXPECT_EQ(session().rename("docs", "empty", "docs"), KVFS_OK);
+  EXPECT_EQ(session().rename("empty/docs/data", "/", "data"), KVFS_OK);
+  EXPECT_EQ(session().rename("empty/docs/blank", "empty/docs", "white"), KVFS_OK);
+  EXPECT_EQ(session().item("empty/docs").valence, 2U);
+  EXPECT_EQ(session().remove("empty/docs/white"), KVFS_OK);
+  EXPECT_EQ(session().remove("empty/docs/sub"), KVFS_OK);
+  EXPECT_EQ(session().item("empty/docs").valence, 0U);
+  EXPECT_EQ(session().remove("empty/docs"), KVFS_OK);
+  EXPECT_EQ(session().flushed_findings(), "");
+}
+
+TEST_F(SessionChanges, RenameThatCannotBe_IsRefusedAndChangesNothing) {
+  LogCapture silence;
+  kvfs_session* const s = session().get();
+  const std::uint32_t data = session().id("docs/data");
+  const std::uint32_t docs = session().id("docs");
+  const std::uint32_t sub = session().id("docs/sub");
+  EXPECT_EQ(kvfs_session_rename(s, data, docs, "BLANK"), KVFS_EXISTS);
+  EXPECT_EQ(kvfs_session_rename(s, data, docs, ""), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, data, docs, "a/b"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, data, docs, "a%u0000"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, data, docs, "\xFF"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, data, docs, std::string(256, 'n').c_str()), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, data, 99, "n"), KVFS_NOT_FOUND);
+  EXPECT_EQ(kvfs_session_rename(s, data, data, "n"), KVFS_NOT_A_FOLDER);
+  EXPECT_EQ(kvfs_session_rename(s, 99, docs, "n"), KVFS_NOT_FOUND);
+  EXPECT_EQ(kvfs_session_rename(s, KVFS_ROOT_ID, docs, "n"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, docs, docs, "n"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, docs, sub, "n"), KVFS_INVALID);
+  EXPECT_EQ(session().facts().has_unflushed_changes, 0);
+  EXPECT_EQ(session().flush(), KVFS_OK);
+  expect_unchanged();
+}
+
+TEST(SessionRename, LongestNameOfAnyUnits_IsStored) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  (void)description.add_files(kRootFolderId, 3);
+  const TestSession session(build_volume(description));
+  std::string name;
+  for (int i = 0; i < 255; ++i) {
+    name += "%uD800";
+  }
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, name.c_str()), KVFS_OK);
+  EXPECT_EQ(session.item(name).id, file);
+  EXPECT_EQ(session.item(name).name, name);
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+// ---- Deletion ------------------------------------------------------------------------------------------------------
+
+TEST_F(SessionChanges, Delete_FreesTheBlocksOfBothForks) {
+  const std::uint32_t before = session().facts().free_block_count;
+  const kvfs_item data = session().item("docs/data");
+  const std::uint32_t blocks =
+      static_cast<std::uint32_t>((data.data_allocated + data.resource_allocated) / session().facts().block_size);
+  EXPECT_EQ(session().remove("docs/data"), KVFS_OK);
+  EXPECT_EQ(session().find("docs/data"), KVFS_NOT_FOUND);
+  EXPECT_EQ(session().item("docs").valence, 2U);
+  EXPECT_EQ(session().facts().free_block_count, before) << "blocks are freed by the flush";
+  EXPECT_EQ(session().flushed_findings(), "");
+  EXPECT_EQ(session().facts().free_block_count, before + blocks);
+  EXPECT_EQ(session().facts().file_count, 6U);
+}
+
+TEST_F(SessionChanges, DeleteOfAnEmptyFolder_IsCounted) {
+  EXPECT_EQ(session().remove("docs"), KVFS_NOT_EMPTY);
+  EXPECT_EQ(session().remove("docs/sub"), KVFS_OK);
+  EXPECT_EQ(session().remove("empty"), KVFS_OK);
+  EXPECT_EQ(session().facts().folder_count, 1U);
+  EXPECT_EQ(session().flushed_findings(), "");
+}
+
+TEST(SessionDelete, FileWithOverflowExtents_LeavesNothingBehind) {
+  VolumeDescription description;
+  description.block_size = 512;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  const std::uint32_t other = description.add_file(kRootFolderId, u"other");
+  description.item(file).data = {512 * 50, {}, 50, 1, 0};
+  description.item(file).resource = {512 * 20, {}, 20, 1, 0};
+  description.item(other).data = {512 * 10, {}, 10, 1, 0};
+  (void)description.add_files(kRootFolderId, 4);
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), other), KVFS_LIMIT) << "the overflow file would have no records";
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+TEST(SessionDelete, WhatMustStay_IsRefusedAndChangesNothing) {
+  VolumeDescription description;
+  const std::uint32_t inode = description.add_inode(5000);
+  const std::uint32_t link = description.add_hard_link(kRootFolderId, u"hard", inode);
+  const std::uint32_t folder_link = description.add_directory_hard_link(kRootFolderId, u"dir", 77);
+  const std::uint32_t private_folder = description.private_folder();
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), link), KVFS_LIMIT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), folder_link), KVFS_LIMIT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), inode), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_delete(session.get(), private_folder), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_delete(session.get(), KVFS_ROOT_ID), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_delete(session.get(), 99), KVFS_NOT_FOUND);
+  EXPECT_EQ(kvfs_session_rename(session.get(), link, private_folder, "n"), KVFS_INVALID);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// Every item of a large folder but those that a node needs.
+TEST(SessionDelete, ManyItems_LeaveASoundVolume) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t first = description.add_files(folder, 300);
+  const TestSession session(build_volume(description));
+  std::uint32_t refused = 0;
+  LogCapture silence;
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    const std::uint64_t result = kvfs_session_delete(session.get(), first + i);
+    EXPECT_TRUE(result == KVFS_OK || result == KVFS_LIMIT) << result;
+    refused += result == KVFS_LIMIT ? 1 : 0;
+  }
+  EXPECT_GT(refused, 0U);
+  EXPECT_LT(refused, 50U);
+  EXPECT_EQ(session.item("d").valence, refused);
+  EXPECT_EQ(session.flushed_findings(), "");
+  EXPECT_EQ(TestSession(session.contents()).names("d").size(), refused);
+}
+
+TEST(SessionDelete, BlocksThatCannotBeTheFiles_AreNotFreed) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 5000);
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  const std::uint32_t catalog = static_cast<std::uint32_t>(sound.get_field("catalogFile.extents[0].startBlock"));
+  const std::uint32_t free_block = static_cast<std::uint32_t>(sound.get_field("totalBlocks")) - 10;
+  for (const std::uint32_t start : {0U, catalog, free_block, 0xFFFFFFF0U}) {
+    Volume image = sound;
+    image.set_field(image.find_by_cnid(file)->path() + ".dataFork.extents[0].startBlock", start);
+    const TestSession session(image);
+    LogCapture silence;
+    EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT) << start;
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image) << start;
+  }
+}
+
+// ---- Symbolic links ------------------------------------------------------------------------------------------------
+
+TEST_F(SessionChanges, SymbolicLink_IsMadeWithItsTarget) {
+  std::uint32_t id = 0;
+  const std::uint32_t next_id = session().facts().next_id;
+  EXPECT_EQ(kvfs_session_make_link(session().get(), session().id("docs"), "l\u00EFnk", "../caf\u00E9/x", &id), KVFS_OK);
+  EXPECT_EQ(id, next_id);
+  const kvfs_item link = session().item("docs/l\u00EFnk");
+  EXPECT_EQ(link.id, id);
+  EXPECT_EQ(link.kind, KVFS_SYMBOLIC_LINK);
+  EXPECT_EQ(link.mode, 0120777U);
+  EXPECT_GT(link.creation_date, 1700000000);
+  char target[KVFS_TARGET_SIZE];
+  EXPECT_EQ(kvfs_session_read_link(session().get(), id, target, sizeof(target), nullptr), KVFS_OK);
+  EXPECT_STREQ(target, "../caf\u00E9/x");
+  EXPECT_EQ(session().item("docs").valence, 4U);
+  EXPECT_EQ(session().facts().file_count, 8U);
+  EXPECT_EQ(session().flushed_findings(), "");
+  EXPECT_EQ(session().remove("docs/l\u00EFnk"), KVFS_OK);
+  EXPECT_EQ(session().flushed_findings(), "");
+}
+
+TEST_F(SessionChanges, LinkThatCannotBe_IsRefusedAndChangesNothing) {
+  kvfs_session* const s = session().get();
+  const std::string longest(255, 't');
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "docs", "t", nullptr), KVFS_EXISTS);
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "", "t", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "a\\b", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "\xFF", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", (longest + "t").c_str(), nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(s, 99, "l", "t", nullptr), KVFS_NOT_FOUND);
+  EXPECT_EQ(kvfs_session_make_link(s, session().id("docs/data"), "l", "t", nullptr), KVFS_NOT_A_FOLDER);
+  EXPECT_EQ(session().flush(), KVFS_OK);
+  expect_unchanged();
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", longest.c_str(), nullptr), KVFS_OK);
+  EXPECT_EQ(session().flushed_findings(), "");
+}
+
+TEST(SessionLink, FullVolume_HasNoSpace) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 5);
+  description.spare_blocks = 0;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_NO_SPACE);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionLink, NextIDThatIsTaken_IsInconsistent) {
+  VolumeDescription description;
+  const std::uint32_t first = description.add_files(kRootFolderId, 5);
+  description.next_catalog_id = first;
+  const TestSession session(build_volume(description));
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_make_link The next catalog node ID, 16, is in use.\n");
+  EXPECT_EQ(session.find("l"), KVFS_NOT_FOUND);
+}
+
+// ---- Who may change ------------------------------------------------------------------------------------------------
+
+TEST(SessionForReading, Changes_AreRefused) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  const TestSession session(build_volume(description), 0);
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "x"), KVFS_READ_ONLY);
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "g"), KVFS_READ_ONLY);
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_READ_ONLY);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_READ_ONLY);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+}
+
+TEST(SessionWithoutAllocationFile, BlocksCannotChange) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  (void)description.add_files(kRootFolderId, 5);
+  const TestSession session(build_volume(description), KVFS_OPEN_WRITE | KVFS_OPEN_NO_ALLOCATION);
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "g"), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+// A root node that is full cannot take a longer name: the catalog does not grow in height.
+TEST(SessionSpoiled, AfterAChangeThatFailedHalfWay_OnlyDiscardingHelps) {
+  VolumeDescription description;
+  const std::uint32_t first = description.add_files(kRootFolderId, 12);
+  const Volume image = build_volume(description);
+  ASSERT_EQ(image.get_field("catalog.header.treeDepth"), 1U);
+  const TestSession session(image);
+  LogCapture silence;
+  const std::string longest(255, 'x');
+  EXPECT_EQ(kvfs_session_rename(session.get(), first, KVFS_ROOT_ID, longest.c_str()), KVFS_INTERNAL);
+  EXPECT_EQ(kvfs_session_rename(session.get(), first + 1, KVFS_ROOT_ID, "g"), KVFS_SPOILED);
+  EXPECT_EQ(session.flush(), KVFS_SPOILED);
+  EXPECT_TRUE(session.contents() == image);
+  EXPECT_EQ(kvfs_session_discard(session.get()), KVFS_OK);
+  EXPECT_EQ(kvfs_session_rename(session.get(), first + 1, KVFS_ROOT_ID, "g"), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+}  // namespace
+}  // namespace kvfs_test
