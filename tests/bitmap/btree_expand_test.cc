@@ -91,6 +91,7 @@ TEST(ExpandTree, ChangesTheHeaderRecordAlone) {
   EXPECT_EQ(volume.contents().differences(image), expected);
 }
 
+// X-btree-16
 TEST(ExpandTree, ReopenedFromTheDevice_HasItsNewNodes) {
   OpenVolume grown(build_volume(small_description()));
   ASSERT_EQ(kvfs_btree_expand(grown.catalog_tree(), grown.get()), kvfs_ok);
@@ -113,6 +114,7 @@ TEST(ExpandTree, OpenLocators_StayWhereTheyAre) {
   kvfs_catalog_search_result_release(&found);
 }
 
+// Q-btree-22
 TEST(ExpandTree, OfAnotherKind_DoesNothing) {
   const Volume image = build_volume(small_description());
   OpenVolume volume(image);
@@ -228,6 +230,7 @@ std::vector<std::uint32_t> map_chain(const OpenVolume& volume) {
   }
 }
 
+// X-btree-16
 TEST(ExpandTree, BeyondItsHeadersMapRecord_ChainsAMapNode) {
   Volume image = build_volume(full_map_description());
   std::uint32_t first_free = 1;
@@ -248,6 +251,7 @@ TEST(ExpandTree, BeyondItsHeadersMapRecord_ChainsAMapNode) {
   EXPECT_EQ(joined(check_volume(volume.flushed())), "");
 }
 
+// Q-btree-23
 TEST(ExpandTree, WithMapNodesAlready_ChainsOneMoreEachTime) {
   OpenVolume volume(build_volume(full_map_description(3000)));
   const std::vector<std::uint32_t> before = map_chain(volume);
@@ -319,6 +323,7 @@ TEST(ExpandTree, WithEveryNodeUsed_OffersTheNodesBehindTheHeadersMapRecordAndOne
 
 constexpr std::uint64_t kMapNodeKind = 2;
 
+// X-btree-13
 TEST(ExpandTree, WithARingOfMapNodes_IsInconsistent) {
   Volume image = build_volume(full_map_description(3000));
   const std::uint64_t map_node = image.get_field("catalog.node[0].fLink");
@@ -340,6 +345,7 @@ TEST(ExpandTree, WithARingOfMapNodes_IsInconsistent) {
   }
 }
 
+// X-btree-13
 TEST(ExpandTree, WithAnotherKindOfNodeInTheMapChain_IsInconsistent) {
   Volume image = build_volume(small_description());
   image.set_field("catalog.node[0].fLink", 1);
@@ -353,6 +359,7 @@ TEST(ExpandTree, WithAnotherKindOfNodeInTheMapChain_IsInconsistent) {
   EXPECT_EQ(tree_text(volume), tree);
 }
 
+// Q-btree-25
 TEST(ExpandTree, WithAMapNodeBehindTheFork_CannotMapIt) {
   Volume image = build_volume(small_description());
   image.set_field("catalog.node[0].fLink", 100);
@@ -486,6 +493,7 @@ TEST(ExpandTree, WhenALockIsNotReleased_SaysWhichStepFailed) {
 
 // The node that was claimed for the chain stays marked as used, and so do the blocks that the fork had gained, of which
 // the last one's byte has gone to the first byte of the allocation file.
+// Q-btree-24
 TEST(ExpandTree, AfterUndoing_LeavesTheClaimedNodeAndTheBlocksMarked) {
   const Volume image = build_volume(full_map_description());
   OpenVolume volume(image);
@@ -508,6 +516,7 @@ TEST(ExpandTree, AfterUndoing_LeavesTheClaimedNodeAndTheBlocksMarked) {
 
 // The fork gets as many whole blocks as its clump has, and the fork data one more. The part that undoing cuts off is
 // longer than what the fork has behind its old end, so that its modified blocks cannot be written.
+// X-fork-10
 TEST(ExpandTree, UndoneWithAClumpOfNoWholeBlocks_KeepsItsBlocks) {
   Volume image = build_volume(full_map_description());
   const std::uint64_t block_size = image.get_field("blockSize");
@@ -579,6 +588,7 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
   EXPECT_EQ(retried.back(), "1: " + kNewFailed + " " + kUndoLast);
 }
 
+// X-btree-14
 TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredFor64Tries_GivesUp) {
   FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };

@@ -356,6 +356,7 @@ TEST_F(BtreeNext, NextLeafBehindTheFork_CannotBeMapped) {
 }
 
 // Whatever lies where the offset of record 1 would be: 14 there would make record 0 one without bytes.
+// Q-btree-9
 TEST_F(BtreeNext, EmptyNextLeaf_IsInconsistentAndNotPassedOver) {
   const std::uint32_t leaf = tree_.leaf(1);
   tree_.set16(leaf, kNumRecords, 0);
@@ -385,6 +386,7 @@ TEST_F(BtreeNext, EmptyNextLeafWithOffsetsOutOfOrder_IsReportedForTheOrder) {
                              "for record 1: 14)."));
 }
 
+// Q-btree-9
 TEST_F(BtreeNext, NextNodeOfAnotherKind_IsTakenForALeaf) {
   for (const std::uint8_t kind : Numbers8{0, 1, 2, 77}) {
     tree_.set8(tree_.leaf(1), kKind, kind);
@@ -430,6 +432,7 @@ std::vector<Step> steps_to_next_leaf() {
   };
 }
 
+// Q-btree-25, X-lock-1
 TEST_F(BtreeNext, EachLockCallFailing_IsReportedWhereItHappened) {
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
     const Lines messages = messages_of(steps_to_next_leaf(), call);

@@ -316,6 +316,7 @@ TEST_F(BtreeLocator, SharedWithOtherBytes_TakesThem) {
   release(locator);
 }
 
+// Q-btree-3
 TEST_F(BtreeLocator, SharedWithAShorterRecord_KeepsItsPublicSizes) {
   Bytes record = record_of(4, 10);
   kvfs_btree_record_locator* const locator = opened(1, 2, record);
@@ -337,6 +338,7 @@ TEST_F(BtreeLocator, SharedWithAShorterRecord_KeepsItsPublicSizes) {
   }
 }
 
+// Q-btree-3
 TEST_F(BtreeLocator, SharedWithAnotherKeyLength_KeepsItsPublicPointers) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10));
   const Bytes longer_key = record_of(6, 8);
@@ -393,6 +395,7 @@ TEST_F(BtreeLocator, SharedLocatorOfAnotherTree_IsAnInternalError) {
   release(locator);
 }
 
+// X-btree-6
 TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_IsAnInternalError) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10, 1));
   kvfs_btree_record_locator* again = nullptr;
@@ -407,6 +410,7 @@ TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_IsAnInternalError) {
 }
 
 // As when an index record is added behind the last one of a node: the place is open with the bytes of a shorter record.
+// X-btree-6
 TEST_F(BtreeLocator, LongerRecordInAVacantPlace_LeavesItsBeginningInTheCopy) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10, 1));
   locator->priv->is_vacant = 1;
@@ -439,6 +443,7 @@ TEST_F(BtreeLocator, Close_TakesTheLockForWriting) {
   EXPECT_LOG(log);
 }
 
+// Q-btree-4
 TEST_F(BtreeLocator, CloseThatCannotLock_LeaksTheReference) {
   kvfs_btree_record_locator* const kept = tree_.locate(30);
   kvfs_btree_record_locator* locator = kept;
@@ -702,6 +707,7 @@ TEST_F(BtreeWriteData, FailureToUnlock_DoesNotReplaceTheForksFailure) {
 }
 
 // The public size is that of the first opening; the data would lie beyond the copy now.
+// X-btree-6
 TEST_F(BtreeWriteData, RecordWithALongerKeySince_IsNotWrittenBeyondTheCopy) {
   const Bytes longer_key = record_of(8, old_.size() - 4);
   kvfs_btree_record_locator* again = nullptr;

@@ -107,6 +107,7 @@ TEST_P(BtreeNodeSize, Create_KeepsSizesAndReadsTheHeaderAlone) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, BtreeNodeSize, ::testing::Values(512u, 1024u, 2048u, 4096u, 8192u, 16384u, 32768u));
 
+// Q-btree-2
 TEST(BtreeCreate, SizesInTheHeaderRecord_AreTakenAsTheyStand) {
   for (const std::uint16_t size : Numbers16{0, 1, 14, 513, 1000, 65535}) {
     TestTree tree({});
@@ -198,6 +199,7 @@ TEST(BtreeCreate, TreeInsideASector_TakesItsNodeSizeFromThere) {
   EXPECT_LOG(log);
 }
 
+// X-device-1
 TEST(BtreeCreate, DeviceWithoutSectorSize_IsInconsistent) {
   TestTree tree({});
   tree.device()->sector_size = 0;
@@ -226,6 +228,7 @@ TEST(BtreeCreate, NodeZeroOfAnotherKind_IsInconsistent) {
 }
 
 // The count is printed with its two bytes the wrong way round.
+// Q-btree-1
 TEST(BtreeCreate, HeaderNodeWithoutThreeRecords_IsInconsistent) {
   const std::vector<std::pair<std::uint16_t, int>> counts = {{0, 0},     {1, 256},         {2, 512},       {4, 1024},
                                                              {0x300, 3}, {0x1234, 0x3412}, {0xFFFF, 65535}};
@@ -659,6 +662,7 @@ TEST(ReadAttrNode, UnknownTypes_AreReportedAndTheWalkGoesOn) {
              "ERROR ReadAttrNode HFSPlus:ERROR:ReadAttrNode: Unknown Attr Type: DEADBEEF\n");
 }
 
+// X-btree-1
 TEST(ReadAttrNode, RecordThatLeavesTheNode_EndsTheCheck) {
   const std::string outside = "ERROR ReadAttrNode HFSPlus:ReadAttrNode: Record 1 lies outside of the node!\n";
   for (const std::uint16_t name_length : Numbers16{236, 300, 0xFFFF}) {

@@ -112,6 +112,7 @@ TEST(CatalogGetFileSize, DataFork_GivesTheSize) {
   EXPECT_EQ(size_of(volume_made(), u"both"), 70u);
 }
 
+// Q-catalog-20
 TEST(CatalogGetFileSize, EmptyDataFork_GivesTheSizeOfTheResourceFork) {
   EXPECT_EQ(size_of(volume_made(), u"resource"), 300u);
 }
@@ -150,6 +151,7 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsThread_IsReportedAndGivesZero) {
 }
 
 // The record in whose place the target belongs is taken for it: a second file of the private folder.
+// Q-catalog-24
 TEST(CatalogGetFileSize, HardLinkWithoutItsTarget_GivesTheSizeOfTheRecordInItsPlace) {
   VolumeDescription description = described();
   (void)description.add_inode(777);
@@ -157,6 +159,7 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsTarget_GivesTheSizeOfTheRecordInItsPl
   EXPECT_EQ(size_of(build_volume(description), u"link"), 777u);
 }
 
+// Q-catalog-24
 TEST(CatalogGetFileSize, HardLinkWithoutItsTargetBeforeAShortRecord_IsReportedAndGivesZero) {
   VolumeDescription description = described();
   description.item(kInode).with_record = false;
@@ -167,6 +170,7 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsTargetBeforeAShortRecord_IsReportedAn
             0u);
 }
 
+// X-catalog-3
 TEST(CatalogGetFileSize, HardLinkToAFolder_IsReportedAndGivesZero) {
   VolumeDescription description = described();
   (void)description.add_hard_link(kRootFolderId, u"second", kFolder);
@@ -190,6 +194,7 @@ std::uint64_t size_of_cut_target(std::uint64_t data_size, std::size_t record_siz
   return size_of(build_volume(description), u"link", messages);
 }
 
+// X-catalog-3
 TEST(CatalogGetFileSize, HardLinkToAShortRecord_GivesTheSizeThatItHolds) {
   EXPECT_EQ(size_of_cut_target(55, 96), 55u);
   EXPECT_EQ(size_of_cut_target(55, 174), 55u);
@@ -219,6 +224,7 @@ TEST(CatalogSetFileSize, NoRecord_IsReported) {
   EXPECT_LOG(log, "ERROR kvfs_catalog_record_set_file_size Error in kvfs_catalog_record_set_file_size - no record\n");
 }
 
+// Q-catalog-21
 TEST(CatalogSetFileSize, AnyOtherRecord_IsReportedAndStillOverwritten) {
   for (const auto& [type, text] : {std::pair{1, "1"}, {3, "3"}, {4, "4"}, {0, "0"}, {0xFFFE, "65534"}}) {
     Bytes record(100, 0x77);
@@ -261,6 +267,7 @@ void expect_not_followed(const Volume& image, kvfs_result expected, const Lines&
   EXPECT_EQ(volume.open_locators(), 0u);
 }
 
+// Q-catalog-22
 TEST(CatalogFollowHardLink, ReferenceWithoutThread_IsInconsistentWithoutAMessage) {
   VolumeDescription description = described();
   description.item(kInode).with_thread = false;
@@ -280,6 +287,7 @@ TEST(CatalogFollowHardLink, MissingTarget_IsASuccessThatFoundNothing) {
   EXPECT_EQ(target.text(), "at: file thread of 22 to 21/iNode22");  // where the target would stand
 }
 
+// X-catalog-2
 TEST(CatalogFollowHardLink, ThreadThatIsNoThread_IsRefused) {
   VolumeDescription description = described();
   description.item(kInode).with_thread = false;
@@ -415,6 +423,7 @@ TEST(CatalogMksymlink, LinkMade_ReportsItsSize) {
   EXPECT_EQ(size_of(linked(volume_made(), u"some/where"), u"nothing"), 10u);
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, EmptyTarget_MakesALinkOfNoBytes) {
   const Volume after = linked(volume_made(), u"");
   const HFSPlusCatalogFile file = file_record(after, kRootFolderId, u"nothing");
@@ -423,6 +432,7 @@ TEST(CatalogMksymlink, EmptyTarget_MakesALinkOfNoBytes) {
   EXPECT_EQ(file.dataFork.totalBlocks.get(), 1u);
 }
 
+// X-catalog-8
 TEST(CatalogMksymlink, TargetOf255Bytes_IsTheLongest) {
   const Volume after = linked(volume_made(), Name(255, u'x'));
   EXPECT_EQ(file_record(after, kRootFolderId, u"nothing").dataFork.logicalSize.get(), 255u);
@@ -431,6 +441,7 @@ TEST(CatalogMksymlink, TargetOf255Bytes_IsTheLongest) {
   EXPECT_EQ(file_record(accented, kRootFolderId, u"nothing").dataFork.logicalSize.get(), 255u);
 }
 
+// X-catalog-7
 TEST(CatalogMksymlink, LargerSectors_AreWrittenWhole) {
   const Volume after = linked(volume_made(), u"a/b", u"nothing", 2048);
   const std::uint32_t block = first_block(after, kNothing);
@@ -457,6 +468,7 @@ TEST(CatalogMksymlink, BlockBeyond4GiB_IsWrittenThere) {
   EXPECT_EQ(joined(check_volume(after)), "");
 }
 
+// Q-catalog-23
 TEST(CatalogMksymlink, FileWithContent_KeepsItsOldBlocksAllocated) {
   const Volume before = volume_made();
   const std::uint32_t old_block = first_block(before, 17);
@@ -528,18 +540,21 @@ constexpr char kNotDecoded[] = "ERROR kvfs_catalog_widechar_to_utf8 Error while 
 constexpr char kNoValue[] = "WARNING kvfs_catalog_mksymlink At error with no error value set!\n";
 constexpr char kNoLocation[] = "ERROR kvfs_catalog_mksymlink Error while searching for symlink data write location.\n";
 
+// X-catalog-6
 TEST(CatalogMksymlink, TargetOfMoreThan255Bytes_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name(256, u'x'), Name(128, u'\u00E9'), Name(1000, u'x')}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid, {kNotDecoded});
   }
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, MalformedTarget_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name{u'a', 0xD800}, Name{0xDC00, u'a'}, Name{0xD800, u'a'}}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid, {kNotDecoded});
   }
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, TargetThatBeginsWithANul_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name(1, u'\0'), Name(u"\0target", 7)}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid,
@@ -560,6 +575,7 @@ TEST(CatalogMksymlink, Folder_IsRefusedAndChangesNothing) {
                   "88\n"});
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, FullVolume_IsRefusedAndChangesNothing) {
   Volume before = volume_made();
   for (std::uint32_t block = 0; block < before.get_field("totalBlocks"); ++block) {
@@ -585,6 +601,7 @@ TEST(CatalogMksymlink, ExtentsThatContradictThemselves_AreReported) {
                  {"ERROR FindWriteLocation Encountered zero block count in extent.\n", kNoLocation});
 }
 
+// Q-catalog-23
 TEST(CatalogMksymlink, DeviceThatCannotBeWritten_LeavesAllButTheBlock) {
   const Volume before = volume_made();
   OpenVolume volume(before);
@@ -601,6 +618,7 @@ TEST(CatalogMksymlink, DeviceThatCannotBeWritten_LeavesAllButTheBlock) {
   EXPECT_TRUE(volume.flushed() == before);
 }
 
+// Q-catalog-23
 TEST(CatalogMksymlink, RecordThatCannotBeWrittenBack_LeavesTheBlockAllocated) {
   const Volume before = volume_made();
   OpenVolume volume(before);

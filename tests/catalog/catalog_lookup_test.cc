@@ -80,6 +80,7 @@ TEST(CatalogSearchNode, OtherCase_IsFoundOnlyWhereCaseIsFolded) {
   EXPECT_EQ(search(OpenCatalog(build_volume(description)), 2, u"ALPHA"), "at: folder 16 in 2/alpha");
 }
 
+// Q-catalog-1
 TEST(CatalogSearchNode, PrivateFolder_IsNotFoundByItsOwnKey) {
   // Names that begin with a NUL are never equal, not even to themselves.
   for (const bool binary : {false, true}) {
@@ -124,6 +125,7 @@ TEST(CatalogSearchNode, IndexNodeThatPointsToItself_PassesTheFailureOn) {
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
 
+// X-catalog-1
 TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearchThatNeedsTheRest) {
   Volume volume = small_volume();
   volume.set_field(volume.find_entry(kRootFolderId, u"alpha")->path() + ".key.nodeName.length", 200);
@@ -141,6 +143,7 @@ TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearchThatNeedsTheRest) {
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
 
+// X-btree-5
 TEST(CatalogSearchNode, ShortKeyInANode_IsReportedAndSortsFirst) {
   Volume volume = small_volume();
   volume.set_field(volume.find_entry(kRootFolderId, u"alpha")->path() + ".key.keyLength", 4);
@@ -281,18 +284,21 @@ void expect_thread_refused(const Bytes& data, const std::string& message) {
   kvfs_catalog_record_locator_close(&thread);
 }
 
+// X-catalog-2
 TEST(CatalogFollowThread, DataTooShortForTheFixedPart_AreRefused) {
   Bytes data = thread_data(true, 2, u"alpha");
   data.resize(8);
   expect_thread_refused(data, "Thread record of 8 bytes cannot hold its name of 0 units.\n");
 }
 
+// X-catalog-2
 TEST(CatalogFollowThread, DataTooShortForTheName_AreRefused) {
   Bytes data = thread_data(true, 2, u"alpha");
   data.resize(18);
   expect_thread_refused(data, "Thread record of 18 bytes cannot hold its name of 5 units.\n");
 }
 
+// X-catalog-2
 TEST(CatalogFollowThread, NameOfMoreThan255Units_IsRefused) {
   expect_thread_refused(thread_data(true, 2, Name(256, u'n')),
                         "Thread record of 522 bytes cannot hold its name of 256 units.\n");
@@ -353,6 +359,7 @@ TEST(CatalogSearchByCnid, File_IsFoundThroughItsThread) {
   EXPECT_EQ(search_cnid(OpenCatalog(small_volume()), kOne, true), "found: file 19 in 2/one");
 }
 
+// Q-catalog-6
 TEST(CatalogSearchByCnid, NoThreadRecord_IsASuccessWithALocator) {
   LogCapture log;
   const OpenCatalog catalog(small_volume());
@@ -361,6 +368,7 @@ TEST(CatalogSearchByCnid, NoThreadRecord_IsASuccessWithALocator) {
   EXPECT_LOG(log);
 }
 
+// Q-catalog-6
 TEST(CatalogSearchByCnid, RecordThatIsNoThread_IsReturnedAsItIs) {
   EXPECT_EQ(search_cnid(OpenCatalog(volume_with(thread_key(50), folder_record(50))), 50, true),
             "found: folder 50 in 50/");
@@ -463,6 +471,7 @@ TEST(CatalogSearchByPath, MissingLastComponent_GivesItsPlaceInTheFolder) {
   EXPECT_LOG(log);
 }
 
+// Q-catalog-7
 TEST(CatalogSearchByPath, MissingIntermediateComponent_LooksLikeAMissingLastOne) {
   const OpenCatalog catalog(small_volume());
   EXPECT_EQ(path_text(catalog, {u"alpha", u"zeta", u"x", u"y"}), path_text(catalog, {u"alpha", u"zeta"}));
@@ -511,6 +520,7 @@ TEST(CatalogSearchByPath, NoComponentsFromAFolder_GivesThatFolderWithTheStartAsP
   kvfs_catalog_record_locator_close(&start);
 }
 
+// Q-catalog-8
 TEST(CatalogSearchByPath, StartFolderWithTheIdOfTheRootsParent_MeansTheRootFolder) {
   const OpenCatalog catalog(volume_with(catalog_key(2, u"odd"), folder_record(kRootParentId)));
   kvfs_catalog_record_locator* start = catalog.open(2, u"odd");
@@ -562,6 +572,7 @@ void expect_path_fails(const Volume& volume, const Path& path, kvfs_result resul
   EXPECT_TRUE(log.matches(messages));
 }
 
+// Q-catalog-7
 TEST(CatalogSearchByPath, ComponentBehindAFile_IsAnInternalError) {
   expect_path_fails(small_volume(), {{u"one", u"x"}}, kvfs_internal,
                     {"ERROR kvfs_catalog_search_by_path Unexpected record type for parent directory in lookup: 2.\n"});
@@ -617,6 +628,7 @@ TEST(CatalogSearchByPath, FailingSource_EndsTheWalkWithItsValue) {
       {"ERROR kvfs_catalog_search_by_path Error while converting native path component to HFS+ string.\n"});
 }
 
+// X-catalog-4
 TEST(CatalogSearchByPath, SourceThatClaimsMoreThanTheCapacity_IsRefused) {
   Path path = {{u"alpha"}};
   path.claimed_length = 256;

@@ -245,6 +245,7 @@ TEST(CatalogValence, HardLinkWithOneMarkMissing_CountsAsAFile) {
   }
 }
 
+// Q-catalog-11
 TEST(CatalogValence, CountsAtTheirEnds_WrapWithoutACheck) {
   Volume volume = small_volume();
   const std::string alpha = volume.find_by_cnid(kAlpha).value().path();
@@ -283,6 +284,7 @@ TEST(CatalogValence, OtherFieldsOfTheFolder_StayAsTheyAre) {
   EXPECT_TRUE(catalog.flushed() == expected);
 }
 
+// Q-catalog-10
 TEST(CatalogValence, ThreadRecordAsChild_IsReportedAndChangesNothingAndSucceeds) {
   const Volume volume = small_volume();
   for (const std::uint8_t type : {std::uint8_t{3}, std::uint8_t{4}}) {
@@ -294,6 +296,7 @@ TEST(CatalogValence, ThreadRecordAsChild_IsReportedAndChangesNothingAndSucceeds)
   }
 }
 
+// Q-catalog-10
 TEST(CatalogValence, UnknownRecordAsChild_IsReportedAndChangesNothingAndSucceeds) {
   const Volume volume = small_volume();
   for (const auto& [type, text] : {std::pair{0x0000, "0x0"}, {0x0005, "0x5"}, {0xABCD, "0xABCD"}}) {
@@ -308,6 +311,7 @@ TEST(CatalogValence, UnknownRecordAsChild_IsReportedAndChangesNothingAndSucceeds
   }
 }
 
+// Q-catalog-10
 TEST(CatalogValence, ParentThatCannotBeWritten_IsReportedAndSucceeds) {
   const Volume volume = small_volume();
   ChangedCatalog catalog(volume);
@@ -322,6 +326,7 @@ TEST(CatalogValence, ParentThatCannotBeWritten_IsReportedAndSucceeds) {
   EXPECT_TRUE(catalog.flushed() == volume);
 }
 
+// X-catalog-3
 TEST(CatalogValence, ParentRecordTooShort_IsReportedAndSucceeds) {
   VolumeDescription description = small_description();
   description.item(kBeta).record = Bytes(86, 0);
@@ -403,6 +408,7 @@ TEST(CatalogRename, UnknownRecordType_IsRefused) {
                         "ERROR kvfs_catalog_rename_record Invalid record type (0x0) in record data!\n");
 }
 
+// X-catalog-3
 TEST(CatalogRename, RecordWithoutAType_IsInconsistent) {
   expect_refused_record({}, kvfs_inconsistent,
                         "ERROR kvfs_catalog_rename_record Record of 0 bytes is too short for a record type.\n");
@@ -429,6 +435,7 @@ void expect_renamed_by_key(std::uint16_t key_length, std::uint32_t parent, kvfs_
   }
 }
 
+// X-catalog-3
 TEST(CatalogRename, KeyTooShortForAParent_IsInconsistent) {
   for (const std::uint16_t length : {std::uint16_t{0}, std::uint16_t{3}}) {
     expect_renamed_by_key(length, 0, kvfs_inconsistent,
@@ -448,6 +455,7 @@ TEST(CatalogRename, KeyThatEndsBehindItsParent_TellsIt) {
   }
 }
 
+// X-catalog-3
 TEST(CatalogRename, RecordTooShortForItsType_IsRefused) {
   Bytes folder(86);
   folder[1] = 1;
@@ -505,6 +513,7 @@ TEST(CatalogRename, ItemUnderTheRootsParentThatIsNotTheRoot_FailsOnceItIsDeleted
   EXPECT_FALSE(after.find_entry(kRootParentId, u"new").has_value());
 }
 
+// Q-catalog-12
 TEST(CatalogRename, NameOf256Units_DeletesTheRecordAndCountsItOutWithoutAMessage) {
   for (const std::size_t length : {std::size_t{256}, std::size_t{65536}, SIZE_MAX}) {
     ChangedCatalog catalog(small_volume());
@@ -536,6 +545,7 @@ TEST(CatalogRename, RootFolderToANameOf256Units_IsDeletedWithoutAMessage) {
   EXPECT_FALSE(catalog.flushed().find_entry(kRootParentId, u"Untitled").has_value());
 }
 
+// Q-catalog-13
 TEST(CatalogRename, NameThatExists_FailsOnceTheRecordIsDeleted) {
   ChangedCatalog catalog(small_volume());
   kvfs_catalog_record_locator* parent = catalog.open(kRootFolderId, u"alpha");
@@ -552,6 +562,7 @@ TEST(CatalogRename, NameThatExists_FailsOnceTheRecordIsDeleted) {
   EXPECT_EQ(field(after, kAlpha, "valence"), 2u);
 }
 
+// Q-catalog-13
 TEST(CatalogRename, NewFolderThatDoesNotExist_FailsOnceTheRecordIsMoved) {
   ChangedCatalog catalog(small_volume());
   kvfs_catalog_record_locator* parent = catalog.open(kRootFolderId, u"alpha");
@@ -626,6 +637,7 @@ Volume rename_in_alpha(const Volume& before, const Name& name, std::uint32_t new
   return after;
 }
 
+// Q-catalog-14
 TEST(CatalogRename, NewThread_IsInsertedWhereTheOldOneStoodWithoutASearch) {
   ChangedCatalog catalog(small_volume());
   kvfs_catalog_record_locator* locator = catalog.open(kRootParentId, u"Untitled");
@@ -682,6 +694,7 @@ TEST(CatalogRename, RecordsLongerThanTheirType_AreCutToIt) {
   EXPECT_EQ(record_of(catalog.flushed(), kAlpha, u"short"), folder);
 }
 
+// Q-catalog-14
 TEST(CatalogRename, MissingThread_IsWarnedOfAndMadeAnew) {
   for (const std::uint32_t cnid : {kGamma, kOne}) {
     VolumeDescription description = small_description();

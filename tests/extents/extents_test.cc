@@ -120,6 +120,7 @@ TEST(ExtentsCompareKeys, Pad_MakesNoDifference) {
 }
 
 // The messages name the size of the whole key, although its length field is tested.
+// Q-extents-1
 TEST(ExtentsCompareKeys, KeyOfAnotherLength_IsReportedAndOrdersFirst) {
   const Bytes good = extents_key(kData, 20, 100);
   for (const int length : {0, 1, 9, 11, 12, 0xFFFF}) {
@@ -199,6 +200,7 @@ struct Damage {
 
 class ExtentsHeaderDamage : public ::testing::TestWithParam<Damage> {};
 
+// X-extents-1
 TEST_P(ExtentsHeaderDamage, Create_IsInconsistentAndKeepsNothing) {
   Volume volume = volume_with(many_records(3));
   volume.set_field(GetParam().field, GetParam().value);
@@ -337,6 +339,7 @@ TEST(ExtentsValidate, NowhereToPutTheVerdict_IsInvalid) {
   EXPECT_LOG(log, validate_error("Invalid argument: out_result == NULL"));
 }
 
+// Q-extents-2
 TEST(ExtentsValidate, HeaderThatCannotBeRead_IsNotValid) {
   ExtentsMedium medium(volume_with({}));
   kvfs_btree* const tree = medium.get()->btree;
@@ -454,6 +457,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, ExtentsLookup,
                                             ::testing::Values(std::uint16_t{1}, std::uint16_t{2}, std::uint16_t{3},
                                                               std::uint16_t{4}, std::uint16_t{5})));
 
+// Q-extents-3
 TEST(ExtentsLookupRecord, BlockInsideARecordButNotItsFirst_IsNotFound) {
   VolumeDescription description;
   description.block_size = 512;
@@ -497,6 +501,7 @@ TEST(ExtentsLookupRecord, EmptyTree_FailsTheSearch) {
 }
 
 // Keys of a wrong length are told and passed over, wherever they say that they end.
+// X-btree-5
 TEST(ExtentsLookupRecord, KeysOfAWrongLength_AreReportedEachAndPassedOver) {
   for (const int length : {0, 8, 12, 0x7FFF, 0xFFFF}) {
     Volume volume = volume_with(many_records(5));
@@ -527,6 +532,7 @@ TEST(ExtentsLookupRecord, SearchThatFindsNothingAtAll_IsAnInternalError) {
              "kvfs_btree_search_node.\n");
 }
 
+// X-extents-2
 TEST(ExtentsLookupRecord, RecordOfFewerBytesThanEightExtents_IsInconsistent) {
   for (const std::size_t size : {0u, 2u, 62u}) {
     Record record = extents_record(kData, 20, 8);
@@ -662,6 +668,7 @@ TEST(ExtentsInsert, NewKey_IsFoundAfterwardsAndNoLocatorStaysOpen) {
 }
 
 // It speaks of searching, as the search does.
+// Q-extents-2
 TEST(ExtentsInsert, KeyThatExists_IsRefusedInTheWordsOfTheSearch) {
   ExtentsMedium medium(volume_with(many_records(3)));
   const HFSPlusExtentRecord record = record_of(1);

@@ -227,12 +227,14 @@ void expect_circle(OverflowFile* overflow, const std::vector<BlockRun>& runs, st
   EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 form a ring.\n");
 }
 
+// X-fork-1
 TEST(ForkResolveExtents, RecordThatLeadsBackToItself_EndsTheSearch) {
   OverflowFile overflow;
   overflow.add(kHFSCatalogFileID, 36, {{1, kHalf}, {1, kHalf - 6}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}});
   expect_circle(&overflow, kEightRuns, 1);
 }
 
+// X-fork-1
 TEST(ForkResolveExtents, TwoRecordsThatLeadToEachOther_EndTheSearch) {
   OverflowFile overflow;
   overflow.add(kHFSCatalogFileID, 36, runs_that_wrap(0xFFFFFFFF));
@@ -249,6 +251,7 @@ TEST(ForkResolveExtents, SumThatWrapsAroundToZero_IsLookedFor) {
   EXPECT_EQ(overflow.lookups(), Lines{"type 0 cnid 4 block 0"});
 }
 
+// X-fork-1
 TEST(ForkResolveExtents, CircleOfManyRecords_EndsTheSearch) {
   OverflowFile overflow;
   constexpr std::uint32_t kRecords = 100;
@@ -274,6 +277,7 @@ TEST(ForkResolveExtents, ManyOverflowRecords_AreAllFound) {
   EXPECT_EQ(overflow.lookups().size(), kRecords);
 }
 
+// Q-log-2
 TEST(ForkResolveExtents, EachAllocationFailing_PrintsTheSizeOfTheWholeArrayWithoutLineEnd) {
   OverflowFile overflow;
   overflow.add(kHFSCatalogFileID, 36, {{90, 1}, {91, 1}});
@@ -428,6 +432,7 @@ TEST(ForkPrivateCreate, ExtentsThatCannotBeResolved_PassTheResultUp) {
              "ERROR kvfs_fork_private_create Error while resolving fork extents.\n");
 }
 
+// Q-fork-2
 TEST(ForkCreate, AnyFailureInside_ComesOutAsNoMemory) {
   ForkMedium medium({.logical_size = 100, .extents = {{5, 1}}});
   LogCapture log;
@@ -524,6 +529,7 @@ TEST(ForkDestroy, ForkWithItems_FreesEverythingAndClearsTheHandle) {
   EXPECT_LOG(log);
 }
 
+// Q-fork-9
 TEST(ForkDestroy, ModifiedBlocks_AreLostWithoutAWrite) {
   ForkMedium medium({.logical_size = 8192, .extents = {{1, 2}}});
   LogCapture log;

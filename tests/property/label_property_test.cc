@@ -176,10 +176,12 @@ void expect_no_faults(void (*change)(Volume&, Random&), unsigned volumes) {
   EXPECT_GT(sets, volumes / 10);
 }
 
+// X-tool-5
 TEST(LabelProperty, SoundVolumes_GiveBackWhateverWasSet) {
   expect_no_faults(nullptr, 300);
 }
 
+// X-tool-5
 TEST(LabelProperty, DamagedVolumes_GiveBackWhateverWasSet) {
   expect_no_faults(damage, 600);
 }

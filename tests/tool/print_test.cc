@@ -58,6 +58,7 @@ TEST(PrintLabel, HangulJamo_ComposeToASyllable) {
   EXPECT_EQ(print_raw(volume), "\xE1\x84\x92\xE1\x85\xA1\xE1\x86\xAB\n");
 }
 
+// Q-unicode-2
 TEST(PrintLabel, SingleUnitsOfTheTable_ComposeToo) {
   EXPECT_EQ(print_composed(volume_named(u";")), "\xCD\xBE\n");
   EXPECT_EQ(print_raw(volume_named(u";")), ";\n");
@@ -87,6 +88,7 @@ TEST(PrintLabel, CharactersBeyondTheFirstPlane_TakeFourBytes) {
   EXPECT_EQ(print_raw(volume), "\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF\n");
 }
 
+// Q-unicode-5
 TEST(PrintLabel, NulUnit_EndsTheText) {
   for (const bool binary : {false, true}) {
     const Volume volume = volume_named({u'a', u'\0', u'b'}, binary);
@@ -152,6 +154,7 @@ TEST(PrintLabel, LabelThatIsTooLong_IsRefusedInAnOpenLine) {
 
 // ---- Standard output -----------------------------------------------------------------------------------------------
 
+// X-tool-3
 TEST(PrintOutput, FullDevice_IsAFailureWithItsReason) {
   const ScratchFile image(volume_named(u"Untitled"));
   EXPECT_EQ(run_tool({image.path()}, {.out_path = "/dev/full"}),
@@ -248,6 +251,7 @@ TEST(PrintDevice, FragmentedCatalog_CostsTheReadsOfItsOverflowRecords) {
 
 // ---- Other processes -----------------------------------------------------------------------------------------------
 
+// Q-device-1
 TEST(PrintLock, ExclusiveLockOfAnother_IsWaitedFor) {
   const ScratchFile image(volume_named(u"Untitled"));
   HeldLock lock(image.path(), LOCK_EX);

@@ -135,6 +135,7 @@ TEST_F(ToolSetFaults, EachAllocationFailing_FailsBeforeAnythingIsWritten) {
   EXPECT_EQ(seen, messages);
 }
 
+// X-tool-4
 TEST_F(ToolSetFaults, ConverterOutOfMemory_DoesNotEraseTheLabel) {
   bool reached = false;
   for (const FaultyRun& run : run_each(each(Call::kMalloc))) {

@@ -107,8 +107,8 @@ struct TracedRun {
 TracedRun run_traced(const std::vector<std::string>& arguments, const std::string& faults = "",
                      RunOptions options = {});
 
-// Lets each call of the tool fail in turn: `run` gets one fault after the other, runs the tool with it and hands on what
-// came of that, until one is not met. Returns how many were.
+// Lets each call of the tool fail in turn: `run` gets one fault after the other, runs the tool with it and hands on
+// what came of that, until one is not met. Returns how many were.
 unsigned long fail_each(const FailingCalls& failing, const std::function<TracedRun(const std::string& fault)>& run);
 
 // The lock of another user of a file: one that this process takes.

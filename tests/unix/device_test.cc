@@ -138,6 +138,7 @@ TEST(DeviceCreate, WhileItLives_OthersMeetItsLock) {
   EXPECT_EQ(flock(file.other(), LOCK_EX | LOCK_NB), 0);
 }
 
+// Q-device-2
 TEST(DeviceCreate, NoMemory_FailsSilentlyBeforeTheFileIsLocked) {
   const ImageFile file(512);
   const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
@@ -279,6 +280,7 @@ TEST_F(Device, Transfers_DoNotMoveTheFilePosition) {
   EXPECT_EQ(lseek(file_.fd(), 0, SEEK_CUR), 77);
 }
 
+// Q-device-4
 TEST_F(Device, ReadBeyondSignedOffsets_IsRefusedBeforeAnyTransfer) {
   LogCapture log;
   FaultInjector faults;
@@ -302,6 +304,7 @@ TEST_F(Device, ReadAtTheLastSignedOffset_IsAttempted) {
   EXPECT_EQ(faults.reads()[0].offset, 0x7FFFFFFFFFFFFE00u);
 }
 
+// Q-device-4
 TEST_F(Device, OffsetThatWraps_KeepsItsLow64Bits) {
   FaultInjector faults;
   void* buffer = nullptr;
@@ -387,6 +390,7 @@ TEST_F(Device, ReadThatReturnsAnOddNegativeValue_WarnsFirst) {
                  error_text(EAGAIN) + "\n");
 }
 
+// Q-device-3
 TEST_F(Device, ReadPastTheEnd_IsReportedAsPartialAndNotRetried) {
   LogCapture log;
   FaultInjector faults;
@@ -491,6 +495,7 @@ TEST_F(Device, WriteThatReturnsAnOddNegativeValue_WarnsFirst) {
                  error_text(EPERM) + "\n");
 }
 
+// Q-device-3
 TEST_F(Device, ShortWrite_IsReportedAsPartialAndNotRetried) {
   LogCapture log;
   FaultInjector faults;
@@ -501,6 +506,7 @@ TEST_F(Device, ShortWrite_IsReportedAsPartialAndNotRetried) {
   EXPECT_LOG(log, "ERROR kvfs_device_write_disk_sectors Partial write of buffer contents: 412/512 bytes written\n");
 }
 
+// Q-device-5
 TEST(DeviceWrite, DescriptorOpenedForReading_IsRefusedByTheSystem) {
   const ImageFile file(4096, O_RDONLY);
   kvfs_device* device = nullptr;
@@ -515,6 +521,7 @@ TEST(DeviceWrite, DescriptorOpenedForReading_IsRefusedByTheSystem) {
   kvfs_device_destroy(&device);
 }
 
+// Q-device-5
 TEST(DeviceWrite, ReadOnlyDeviceOverAWritableDescriptor_IsNotConsulted) {
   const ImageFile file(4096);
   kvfs_device* device = nullptr;

@@ -580,6 +580,7 @@ TEST(VolumeDamage, ThreadOfTheRootFolder_IsFoundByTheSearch) {
 }
 
 // Without data the thread has no type: it is not taken for a record that leads nowhere and names an empty label.
+// X-catalog-3
 TEST(VolumeDamage, ThreadOfTheRootFolderWithoutData_IsTooShort) {
   VolumeDescription description;
   description.set_label("Label");

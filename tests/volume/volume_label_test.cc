@@ -88,6 +88,7 @@ TEST(VolumeSetLabel, NameThatBeginsWithANul_IsStoredAsGiven) {
 }
 
 // A label may be a part of the one that the volume holds in memory: the two then overlap.
+// X-volume-2
 TEST(VolumeSetLabel, PartOfTheLabelInMemory_IsSet) {
   VolumeDescription description = small_description();
   description.label = u"Old and long label";
@@ -155,6 +156,7 @@ TEST(VolumeSetLabel, WithoutAFlush_WritesNothing) {
 
 // ---- Refusals ------------------------------------------------------------------------------------------------------
 
+// Q-catalog-12
 TEST(VolumeSetLabel, 256Units_AreRefusedBeforeTheCatalogIsTouched) {
   const Volume before = small_volume();
   const OpenVolume volume(before, kWithoutAllocationFile);
@@ -389,6 +391,7 @@ TEST(VolumeUpdateForkData, EachSpecialFile_ChangesItsOwnSlotInMemoryOnly) {
   }
 }
 
+// Q-log-2, Q-volume-3
 TEST(VolumeUpdateForkData, AnyOtherFile_IsReportedWithoutALineFeedAndChangesNothing) {
   const Volume before = small_volume();
   for (const std::uint32_t cnid : {0U, 2U, 5U, 9U, 0xFFFFFFFFU}) {
@@ -404,6 +407,7 @@ TEST(VolumeUpdateForkData, AnyOtherFile_IsReportedWithoutALineFeedAndChangesNoth
   }
 }
 
+// X-volume-2
 TEST(VolumeUpdateForkData, SlotItself_StaysAsItIs) {
   const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   const Bytes expected = header_bytes(volume.get());

@@ -266,6 +266,7 @@ Volume volume_with_too_long_label(bool with_full_key) {
   return build_volume(description);
 }
 
+// Q-log-2
 TEST(VolumeLabel, LengthOf256_IsRefusedInAnOpenLine) {
   expect_refused(volume_with_too_long_label(true), kvfs_inconsistent,
                  {"ERROR kvfs_volume_setup Invalid volume label length: 256Error while setting up HFS volume.\n"});
@@ -276,6 +277,7 @@ TEST(VolumeLabel, LengthOf255InAKeyOfTheSameMaking_IsAccepted) {
   EXPECT_EQ(*volume->label_length, 255u);
 }
 
+// X-volume-1, X-catalog-1
 TEST(VolumeLabel, LengthBeyondItsKey_IsInconsistent) {
   Volume image = small_volume();
   image.set_field(image.find_entry(kRootParentId, u"Untitled")->path() + ".key.nodeName.length", 256);
@@ -305,6 +307,7 @@ TEST(VolumeCreate, Zeros_AreNoVolume) {
                  {"ERROR kvfs_volume_setup Invalid signature word for HFS+ volume: 0x0\n", kSettingUp});
 }
 
+// Q-volume-1
 TEST(VolumeCreate, OtherSignature_IsPrintedInDecimal) {
   for (const auto& [value, text] :
        {std::pair{0x4244, "16964"}, {0x482C, "18476"}, {0xFFFF, "65535"}, {0x2B48, "11080"}}) {
@@ -339,6 +342,7 @@ TEST(VolumeCreate, HeaderInSeveralSectors_IsReportedInThePlural) {
       "ERROR kvfs_volume_setup Error while reading volume header disk sectors.\n", kSettingUp);
 }
 
+// X-device-1
 TEST(VolumeCreate, SectorSizeZero_IsRefused) {
   const TestDevice device(small_volume(), 0);
   LogCapture log;
@@ -565,6 +569,7 @@ TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
   EXPECT_LOG(log, "WARNING kvfs_catalog_destroy Cleaned up 1 leaked catalog record locators on destroy.\n");
 }
 
+// Q-fork-9
 TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
   const Volume image = small_volume();
   OpenVolume volume(image, kWithoutAllocationFile);
