@@ -16,7 +16,7 @@
 #include "log_capture.h"
 #include "open_volume.h"
 #include "unicode.h"
-#include "unicode_fixture.h"
+#include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {

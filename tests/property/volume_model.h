@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "log_capture.h"
 #include "volume_image.h"
 
 namespace kvfs_test {

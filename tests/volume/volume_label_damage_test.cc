@@ -15,8 +15,8 @@
 #include "label_change.h"
 #include "log_capture.h"
 #include "open_volume.h"
+#include "stored_names.h"
 #include "volume_builder.h"
-#include "volume_checker.h"
 
 namespace kvfs_test {
 namespace {
