@@ -27,7 +27,8 @@ function(kvfs_set_shipped_options target)
   kvfs_set_common_options(${target})
   target_compile_options(
     ${target}
-    PRIVATE -fno-exceptions
+    PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wmissing-declarations> # the header makes a routine visible, or not
+            -fno-exceptions
             -fno-rtti
             -fno-threadsafe-statics
             -ffunction-sections

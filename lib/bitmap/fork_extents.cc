@@ -5,6 +5,7 @@
 #include "base/arithmetic.h"
 #include "bitmap.h"
 #include "extents.h"
+#include "fork.h"
 #include "format.h"
 #include "result.h"
 #include "support.h"
