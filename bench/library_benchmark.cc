@@ -14,20 +14,20 @@
 #include <string>
 #include <vector>
 
-#include "bitmap.h"
 #include "extents.h"
 #include "fork.h"
-#include "format.h"
+#include "open_volume.h"
 #include "stored_names.h"
 #include "unicode.h"
-#include "volume_fixture.h"
+#include "volume_builder.h"
 
 namespace {
 
-using kvfs_bench::OpenVolume;
-using kvfs_bench::VolumeImage;
+using kvfs_test::build_volume;
 using kvfs_test::kRootFolderId;
+using kvfs_test::OpenVolume;
 using kvfs_test::stored_units;
+using kvfs_test::TestDevice;
 using kvfs_test::VolumeDescription;
 
 constexpr std::uint32_t kFilesPerFolder = 100;
@@ -55,7 +55,7 @@ struct Catalog {
       first_file = i == 0 ? first : first_file;
     }
     files = folders * kFilesPerFolder;
-    image = std::make_unique<VolumeImage>(description);
+    device = std::make_unique<TestDevice>(build_volume(description));
   }
 
   [[nodiscard]] std::uint32_t folder_of(std::uint32_t file) const { return first_folder + file / kFilesPerFolder; }
@@ -83,7 +83,8 @@ struct Catalog {
   std::uint32_t first_folder;
   std::uint32_t first_file = 0;
   std::uint32_t files;
-  std::unique_ptr<VolumeImage> image;
+  // What is changed through one of the volumes that are opened on it, one behind the other, is never flushed.
+  std::unique_ptr<TestDevice> device;
 };
 
 const Catalog& catalog_of(std::int64_t records) {
@@ -139,7 +140,7 @@ void set_tree_counters(benchmark::State& state, const OpenVolume& volume) {
 template <typename Search>
 void look_up(benchmark::State& state, const Search& search) {
   const Catalog& catalog = catalog_of(state.range(0));
-  const OpenVolume volume(*catalog.image);
+  const OpenVolume volume(*catalog.device);
   walk(volume);
   RandomFiles files(catalog);
   for (auto iteration : state) {
@@ -181,7 +182,7 @@ void lookup_by_path(benchmark::State& state) {
 
 void iterate(benchmark::State& state) {
   const Catalog& catalog = catalog_of(state.range(0));
-  const OpenVolume volume(*catalog.image);
+  const OpenVolume volume(*catalog.device);
   walk(volume);
   std::uint64_t records = 0;
   for (auto iteration : state) {
@@ -196,7 +197,7 @@ void iterate(benchmark::State& state) {
 
 void write_in_place(benchmark::State& state) {
   const Catalog& catalog = catalog_of(state.range(0));
-  const OpenVolume volume(*catalog.image);
+  const OpenVolume volume(*catalog.device);
   const HFSPlusCatalogKey key = catalog.key_of(catalog.files / 2);
   kvfs_catalog_search_result result;
   kvfs_catalog_search_result_init(&result);
@@ -235,7 +236,7 @@ void insert(benchmark::State& state, bool ascending) {
   for (auto iteration : state) {
     (void)iteration;
     state.PauseTiming();
-    auto volume = std::make_unique<OpenVolume>(*catalog.image);
+    auto volume = std::make_unique<OpenVolume>(*catalog.device);
     walk(*volume);
     state.ResumeTiming();
     for (const HFSPlusCatalogKey& key : keys) {
@@ -261,7 +262,7 @@ void insert_random(benchmark::State& state) {
 // Each round renames a file to another name of the same length, so that a catalog stays as it is in size.
 void rename_file(benchmark::State& state) {
   const Catalog& catalog = catalog_of(state.range(0));
-  const OpenVolume volume(*catalog.image);
+  const OpenVolume volume(*catalog.device);
   walk(volume);
   const std::uint32_t cnid = catalog.first_file + catalog.files / 2 + kFilesPerFolder / 2;
   std::array<kvfs_be16, 10> name = {};
@@ -294,7 +295,7 @@ void delete_files(benchmark::State& state) {
   for (auto iteration : state) {
     (void)iteration;
     state.PauseTiming();
-    auto volume = std::make_unique<OpenVolume>(*catalog.image);
+    auto volume = std::make_unique<OpenVolume>(*catalog.device);
     walk(*volume);
     state.ResumeTiming();
     for (std::uint32_t file = 0; file < count; ++file) {
@@ -327,18 +328,18 @@ BENCHMARK(delete_files)->RangeMultiplier(10)->Range(1000, 1000000)->Unit(benchma
 
 // ---- Blocks and forks ----------------------------------------------------------------------------------------------
 
-const VolumeImage& block_image() {
-  static const VolumeImage image([] {
+const TestDevice& block_device() {
+  static const TestDevice device([] {
     VolumeDescription description;
     description.size = std::uint64_t{1} << 32;
-    return description;
+    return build_volume(description);
   }());
-  return image;
+  return device;
 }
 
 void allocate_and_search_blocks(benchmark::State& state) {
   const std::uint32_t blocks = static_cast<std::uint32_t>(state.range(0));
-  const OpenVolume volume(block_image());
+  const OpenVolume volume(block_device());
   kvfs_allocation_location location = {};
   std::uint32_t hint = 100000;
   for (auto iteration : state) {
@@ -360,7 +361,7 @@ BENCHMARK(allocate_and_search_blocks)->Arg(8)->Arg(64)->Iterations(2000);
 
 void map_and_unmap(benchmark::State& state) {
   const Catalog& catalog = catalog_of(1000);
-  const OpenVolume volume(*catalog.image);
+  const OpenVolume volume(*catalog.device);
   kvfs_fork* const fork = volume.catalog_tree()->fork;
   for (auto iteration : state) {
     (void)iteration;
@@ -378,8 +379,7 @@ void open_and_read_fragmented_fork(benchmark::State& state) {
   VolumeDescription description;
   description.block_size = 512;
   (void)description.add_overflow_records(extents / 8);
-  const VolumeImage image(description);
-  const OpenVolume volume(image);
+  const OpenVolume volume(build_volume(description));
   kvfs_catalog_search_result file;
   kvfs_catalog_search_result_init(&file);
   expect_ok(kvfs_catalog_search_by_cnid(volume.catalog(), 16, true, &file), "search");

@@ -16,9 +16,8 @@
 #include <string>
 #include <system_error>
 
-#include "device.h"
 #include "fault_injection.h"
-#include "volume.h"
+#include "open_volume.h"
 #include "volume_builder.h"
 
 namespace {
@@ -109,17 +108,11 @@ struct OpeningCost {
 };
 
 OpeningCost opening_cost(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY);
   kvfs_test::FaultInjector calls;
-  kvfs_device* device = nullptr;
-  kvfs_volume* volume = nullptr;
-  if (kvfs_device_create(fd, 1, 512, 0, &device) == kvfs_ok) {
-    if (kvfs_volume_create(device, 1, &volume) == kvfs_ok) {
-      kvfs_volume_destroy(&volume);
-    }
-    kvfs_device_destroy(&device);
+  {
+    const kvfs_test::TestDevice device(path);
+    const kvfs_test::OpenVolume volume(device, kvfs_test::kWithoutAllocationFile);
   }
-  close(fd);
   return {static_cast<double>(calls.count(kvfs_test::Call::kPread64)), static_cast<double>(calls.peak_bytes())};
 }
 

@@ -1,8 +1,5 @@
 #include "fuzz_volume.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -85,9 +82,7 @@ void require(bool holds, const char* what) {
 }
 
 FuzzDevice::FuzzDevice(const Volume& volume)
-    : fd_(memfd_create("volume", MFD_CLOEXEC)), original_(volume.read(0, static_cast<std::size_t>(volume.size()))) {
-  restore();
-  require(kvfs_device_create(fd_, 0, 512, 0, &device_) == kvfs_ok, "the device opens");
+    : device_(volume), original_(volume.read(0, static_cast<std::size_t>(volume.size()))) {
   places_.emplace_back(kvfs_test::kHeaderOffset, 512);
   for (const Tree tree : {Tree::kExtents, Tree::kCatalog}) {
     const char* const name = tree == Tree::kCatalog ? "catalog.header.nodeSize" : "extents.header.nodeSize";
@@ -99,22 +94,11 @@ FuzzDevice::FuzzDevice(const Volume& volume)
   }
 }
 
-FuzzDevice::~FuzzDevice() {
-  kvfs_device_destroy(&device_);
-  close(fd_);
-}
-
 FuzzDevice& FuzzDevice::choose(Input* input) {
   static const std::vector<std::unique_ptr<FuzzDevice>> devices = build_devices();
   FuzzDevice& device = *devices[input->below(devices.size())];
-  device.restore();
+  device.device_.replace(device.original_);
   return device;
-}
-
-void FuzzDevice::restore() {
-  require(ftruncate(fd_, 0) == 0, "the device is emptied");
-  require(pwrite(fd_, original_.data(), original_.size(), 0) == static_cast<ssize_t>(original_.size()),
-          "the device is filled");
 }
 
 // A change replaces up to eight bytes. Its place counts from either end of a structure: a node's offset table is at the
@@ -128,25 +112,13 @@ unsigned FuzzDevice::damage(Input* input) {
     const std::uint64_t position = (where & 0x8000) != 0 ? length - 1 - (where & 0x7FFF) % length : where % length;
     std::vector<std::uint8_t> bytes = input->bytes(1 + input->byte() % kLargestChange);
     bytes.resize(std::min<std::size_t>(bytes.size(), static_cast<std::size_t>(length - position)));
-    require(pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset + position)) ==
-                static_cast<ssize_t>(bytes.size()),
-            "the device is changed");
+    device_.overwrite(offset + position, bytes);
   }
   return changes;
 }
 
 std::vector<std::uint8_t> FuzzDevice::bytes() const {
-  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(lseek(fd_, 0, SEEK_END)));
-  require(pread(fd_, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()), "the device is read");
-  return bytes;
-}
-
-std::u16string OpenedVolume::label() const {
-  std::u16string label;
-  for (std::uint32_t i = 0; i < *volume_->label_length; ++i) {
-    label.push_back(static_cast<char16_t>(volume_->label[i].get()));
-  }
-  return label;
+  return device_.read(0, static_cast<std::size_t>(device_.size()));
 }
 
 }  // namespace kvfs_fuzz

@@ -14,6 +14,7 @@
 #include "fuzz_volume.h"
 
 using namespace kvfs_fuzz;
+using kvfs_test::OpenVolume;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -24,7 +25,7 @@ static constexpr std::size_t kLongestName = 40;
 // A session with a volume, with the item that was looked up last.
 class Session {
  public:
-  Session(FuzzDevice* device, Input* input) : input_(input), volume_(device->device(), true) {
+  Session(FuzzDevice* device, Input* input) : input_(input), volume_(device->device(), kMaybe) {
     kvfs_catalog_search_result_init(&item_);
   }
   ~Session() { forget_item(); }
@@ -229,7 +230,7 @@ class Session {
   }
 
   Input* input_;
-  OpenedVolume volume_;
+  OpenVolume volume_;
   kvfs_catalog_search_result item_;
 };
 

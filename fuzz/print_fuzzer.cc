@@ -8,6 +8,7 @@
 #include "unicode.h"
 
 using namespace kvfs_fuzz;
+using kvfs_test::OpenVolume;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -26,7 +27,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   device.damage(&input);
   const std::vector<std::uint8_t> before = device.bytes();
   {
-    const OpenedVolume volume(device.device(), (input.byte() & 1) != 0);
+    const OpenVolume volume(device.device(), (input.byte() & 1) != 0 ? kMaybe : kMaybeWithoutAllocationFile);
     require((volume.result() == kvfs_ok) == (volume.get() != nullptr), "a volume comes with success alone");
     if (volume.get() != nullptr) {
       const std::u16string label = volume.label();

@@ -14,6 +14,7 @@
 #include "unicode.h"
 
 using namespace kvfs_fuzz;
+using kvfs_test::OpenVolume;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -21,7 +22,7 @@ static constexpr std::size_t kLongestLabel = 300;  // longer than a name may be
 
 // Sets and flushes; false when that fails.
 static bool set_label(const FuzzDevice& device, const std::vector<kvfs_be16>& label) {
-  const OpenedVolume volume(device.device(), false);
+  const OpenVolume volume(device.device(), kMaybeWithoutAllocationFile);
   if (volume.get() == nullptr) {
     return false;
   }
@@ -50,12 +51,12 @@ static void set_as_the_tool_does(const FuzzDevice& device, bool is_sound, Input*
   const std::vector<std::uint8_t> before = device.bytes();
   kvfs_result result = kvfs_failed;
   {
-    const OpenedVolume volume(device.device(), false);
+    const OpenVolume volume(device.device(), kMaybeWithoutAllocationFile);
     if (volume.get() != nullptr) {
       result = kvfslabel_set_label(volume.get(), label.c_str());
     }
   }
-  const OpenedVolume again(device.device(), false);
+  const OpenVolume again(device.device(), kMaybeWithoutAllocationFile);
   if (is_sound) {
     require(result == kvfs_ok || device.bytes() == before, "a set that fails on a sound volume writes nothing");
     require(again.get() != nullptr && can_be_printed(again.label()), "a label on a sound volume can be printed");
@@ -74,7 +75,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     text.push_back(static_cast<char16_t>(unit.get()));
   }
   const bool is_set = set_label(device, label);
-  const OpenedVolume again(device.device(), false);
+  const OpenVolume again(device.device(), kMaybeWithoutAllocationFile);
   require(!is_sound || again.get() != nullptr, "a sound volume stays one");
   if (again.get() != nullptr) {
     const std::u16string found = again.label();

@@ -74,6 +74,7 @@ INSTANTIATE_TEST_SUITE_P(Steps, RwlockCreateFault,
                                                          "Error while initializing pthread_rwlock", 1}),
                          [](const auto& suite) { return std::string(suite.param.name); });
 
+// Q-lock-2
 TEST(RwlockCreate, AttributeThatCannotBeDestroyed_IsNoFailure) {
   LogCapture log;
   FaultInjector faults;
@@ -108,6 +109,7 @@ TEST_F(Rwlock, Destroy_FreesTheLockAndClearsTheHandle) {
   EXPECT_EQ(faults.locks_alive(), 0);
 }
 
+// Q-lock-1
 TEST_F(Rwlock, DestroyOfAHeldLock_FailsAndTheLockSurvives) {
   LogCapture log;
   kvfs_rwlock* const before = lock_;

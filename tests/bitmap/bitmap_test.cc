@@ -168,6 +168,7 @@ TEST(Bitmap, Open_ReadsNothingOfTheAllocationFile) {
   EXPECT_EQ(faults.locks_alive(), 0);
 }
 
+// Q-fork-2
 TEST(Bitmap, Open_WithDamagedExtents_FailsWithTwoAndLeavesTheOutputAlone) {
   OpenVolume volume(volume_with_used({}));
   volume.header()->allocationFile.extents.extents[0] = {kvfs_be32::of(5), kvfs_be32::of(0)};
@@ -227,6 +228,7 @@ TEST(Bitmap, Flush_WhenTheDeviceFails_ReturnsItsValue) {
 
 // ---- Freeing one block ---------------------------------------------------------------------------------------------
 
+// Q-bitmap-4
 TEST(FreeBlock, InTheFirstByte_IsClearedAndNotCountedAsFree) {
   const Volume image = volume_with_used({{0, 16}});
   OpenVolume volume(image);
@@ -241,6 +243,7 @@ TEST(FreeBlock, InTheFirstByte_IsClearedAndNotCountedAsFree) {
 
 // The changed byte goes to the first byte of the chunk: the block itself stays used, and blocks 0 to 7 take over what
 // was meant for blocks 96 to 103.
+// Q-bitmap-1
 TEST(FreeBlock, InAnotherByte_IsWrittenOverTheChunksFirstByte) {
   OpenVolume volume(volume_with_used({{0, 3}, {96, 8}}));
   EXPECT_EQ(FreeAllocationBlock(99, volume.bitmap()), kvfs_ok);
@@ -267,6 +270,7 @@ TEST(FreeBlock, InTheSecondChunk_IsWrittenOverThatChunksFirstByte) {
   EXPECT_EQ(bitmap_byte(after, 4096 + 10), 0xFF);
 }
 
+// Q-bitmap-3
 TEST(FreeBlock, ThatIsFree_ReturnsOneInSilenceAndWritesNothing) {
   OpenVolume volume(volume_with_used({{96, 3}}));
   LogCapture log;
@@ -297,6 +301,7 @@ TEST(FreeBlock, WithBlocksSmallerThanAChunk_LeavesReferencesBehind) {
 
 // Allocation files of blocks smaller than a chunk may end within one: what is freed there would be written over the
 // chunk's first byte anyway.
+// Q-bitmap-2
 TEST(FreeBlock, InAChunkThatTheAllocationFileDoesNotFill_CannotBeMapped) {
   OpenVolume volume(volume_with_used({{0, 16}}, 512, 4096));
   LogCapture log;
@@ -399,6 +404,7 @@ TEST(AllocateRun, OfOneBlock_SetsOneBit) {
   EXPECT_EQ(used_runs(volume.flushed()), "1023+1");
 }
 
+// Q-volume-2
 TEST(AllocateRun, OfMoreBlocksThanAreFree_WrapsTheirCount) {
   Volume image = volume_with_used({});
   image.set_field("freeBlocks", 3);
@@ -442,6 +448,7 @@ TEST(AllocateRun, BehindTheAllocationFile_CannotBeMapped) {
 }
 
 // Its bits lie in two cache items, which one mapping cannot hold.
+// Q-bitmap-9
 TEST(AllocateRun, AcrossOneMiBOfTheAllocationFile_CannotBeMapped) {
   constexpr std::uint32_t kBlocksInOneMiB = 1048576 * 8;
   OpenVolume volume(volume_with_used({}, 512, kBlocksInOneMiB + 4096));
@@ -512,6 +519,7 @@ TEST(AllocateRun, WhenALockIsNotGranted_RollsBackAndSaysWhichStepFailed) {
 }
 
 // A byte whose write fails only when its locks are released has its bit set, and that bit is cleared again as well.
+// X-bitmap-4
 TEST(AllocateRun, WhenALockIsNotReleased_SaysWhichStepFailed) {
   FaultScenario scenario = allocate_scenario();
   Lines used;
@@ -605,6 +613,7 @@ TEST(FreeFork, WithinOneExtent_FreesItsMiddle) {
   EXPECT_EQ(used_runs(volume.flushed()), "0+3 5+3");
 }
 
+// Q-bitmap-4
 TEST(FreeFork, DoesNotCountTheBlocksAsFree) {
   const Volume image = volume_with_used({{0, 8}});
   OpenVolume volume(image);
@@ -613,6 +622,7 @@ TEST(FreeFork, DoesNotCountTheBlocksAsFree) {
   EXPECT_EQ(volume.header()->freeBlocks.get(), image.get_field("freeBlocks"));
 }
 
+// Q-bitmap-5
 TEST(FreeFork, MoreBlocksThanTheEightExtentsHold_StopsAtTheirEnd) {
   const HFSPlusForkData fork_data =
       fork_data_of(0, {{0, 2}, {10, 2}, {20, 2}, {30, 2}, {40, 2}, {50, 2}, {60, 2}, {70, 2}}, 20);
@@ -686,6 +696,7 @@ TEST(FindRun, BehindUsedBlocks_BeginsAtAWholeByte) {
   EXPECT_EQ(find_run(volume_with_used({{16, 3}}), 4, 16), "start=24 count=4 index=0 bytes=0 0");
 }
 
+// Q-bitmap-6
 TEST(FindRun, GapOfTheWantedLength_IsTooShortWhenTheRestOfItsByteIsUsed) {
   // Four blocks are free from 16 on; tested are eight.
   EXPECT_EQ(find_run(volume_with_used({{20, 4}}), 4, 16), "start=24 count=4 index=0 bytes=0 0");
@@ -696,10 +707,12 @@ TEST(FindRun, LongerThanAGap_GoesOnBehindTheNextUsedBlock) {
   EXPECT_EQ(find_run(volume_with_used({{0, 16}, {52, 1}}), 40, 16), "start=56 count=40 index=0 bytes=0 0");
 }
 
+// X-bitmap-2
 TEST(FindRun, BehindTheEnd_GoesOnAtBlockZero) {
   EXPECT_EQ(find_run(volume_with_used({{0, 8}, {16, 1008}}), 4, 512), "start=8 count=4 index=0 bytes=0 0");
 }
 
+// Q-bitmap-10
 TEST(FindRun, OfNoBlocks_IsWhereTheSearchStarts) {
   const Volume image = with_next_allocation(volume_with_used({{0, kBlocks}}), 800);
   EXPECT_EQ(find_run(image, 0, 16), "start=16 count=0 index=0 bytes=0 0");
@@ -708,6 +721,7 @@ TEST(FindRun, OfNoBlocks_IsWhereTheSearchStarts) {
 }
 
 // No bits are mapped where the search starts, and at the beginning of the allocation file nothing cannot be mapped.
+// Q-bitmap-10
 TEST(FindRun, OfNoBlocksFromBlockZero_IsAnInternalError) {
   OpenVolume volume(with_next_allocation(volume_with_used({}), 0));
   kvfs_allocation_location location = kUntouched;
@@ -719,6 +733,7 @@ TEST(FindRun, OfNoBlocksFromBlockZero_IsAnInternalError) {
 }
 
 // Where a block of the allocation file begins, nothing has no block that would be read and referenced.
+// Q-bitmap-10
 TEST(FindRun, OfNoBlocksAtABlockOfTheAllocationFile_CannotBeMappedOrGivenBack) {
   OpenVolume volume(volume_with_used({}, 512, 8192));
   kvfs_allocation_location location = kUntouched;
@@ -735,6 +750,7 @@ TEST(FindRun, OfNoBlocksAtABlockOfTheAllocationFile_CannotBeMappedOrGivenBack) {
 }
 
 // The block before the first one is the last of 32 bits.
+// Q-bitmap-10
 TEST(FindRun, OnAVolumeWithoutBlocks_CannotMapItsLastOne) {
   OpenVolume volume(volume_with_used({}));
   volume.header()->totalBlocks.set(0);
@@ -748,6 +764,7 @@ TEST(FindRun, OnAVolumeWithoutBlocks_CannotMapItsLastOne) {
   EXPECT_EQ(describe(location), kUntouchedText);
 }
 
+// Q-bitmap-8
 TEST(FindRun, FullBitmap_GivesNoRunAndNoError) {
   EXPECT_EQ(find_run(volume_with_used({{0, kBlocks}}), 1, 0), kNothing);
   EXPECT_EQ(find_run(volume_with_used({{0, kBlocks}}), 1, 512), kNothing);
@@ -755,6 +772,7 @@ TEST(FindRun, FullBitmap_GivesNoRunAndNoError) {
   EXPECT_EQ(find_run(volume_with_used({{0, kBlocks}}), 1, kBlocks), kNothing);
 }
 
+// Q-bitmap-8, X-bitmap-2
 TEST(FindRun, OnlyTooShortGaps_GivesNoRunAndNoError) {
   std::vector<Extent> used;
   for (std::uint32_t block = 0; block < kBlocks; block += 16) {
@@ -770,21 +788,25 @@ TEST(FindRun, BeforeTheHintOnly_IsFoundInTheSameRound) {
 
 // From a hint inside a byte only the second round tests every run from a whole byte: the first one steps from 4 over
 // the bits of block 9, seen in the place of 17, to 24.
+// X-bitmap-2
 TEST(FindRun, HintInsideAByte_IsFollowedByARoundFromBlockZero) {
   EXPECT_EQ(find_run(volume_with_used({{9, 1}, {32, 992}}), 16, 4), "start=16 count=16 index=0 bytes=0 0");
 }
 
 // The position never equals such a hint: the search ends where it would begin its third round.
+// X-bitmap-2
 TEST(FindRun, HintInsideAByteAndNoRunInASecondRound_GivesNoRun) {
   EXPECT_EQ(find_run(volume_with_used({{9, 1}, {24, 1000}}), 16, 4), kNothing);
 }
 
 // The free blocks before the hint lead over it, so that the position does not equal it either.
+// X-bitmap-2
 TEST(FindRun, HintThatTheSecondRoundPassesOver_GivesNoRun) {
   EXPECT_EQ(find_run(volume_with_used({{9, 1}, {24, 1000}}), 16, 8), kNothing);
 }
 
 // The bits behind the last block are clear, but no blocks are there.
+// X-bitmap-2
 TEST(FindRun, VolumeThatEndsInsideAByte_IsNotSearchedBehindItsEnd) {
   OpenVolume volume(volume_with_used({{0, 60}}));
   volume.header()->totalBlocks.set(60);
@@ -794,6 +816,7 @@ TEST(FindRun, VolumeThatEndsInsideAByte_IsNotSearchedBehindItsEnd) {
 }
 
 // At the end of the volume fewer blocks are tested than are reported; marking them is what fails.
+// Q-bitmap-6
 TEST(FindRun, AtTheEndOfTheVolume_IsReportedInFull) {
   EXPECT_EQ(find_run(volume_with_used({{0, 1016}}), 100, 1016), "start=1016 count=100 index=0 bytes=0 0");
 }
@@ -805,11 +828,13 @@ TEST(FindRun, AtTheEndOfTheVolume_DoesNotLookAtTheBitsBehindIt) {
 
 // From a hint inside a byte the bits of the byte's earlier blocks are tested in the place of later ones: used blocks
 // before the hint in its byte make the search go on although the blocks behind the hint are free...
+// Q-bitmap-7
 TEST(FindRun, HintInsideAByteWithUsedBlocksBefore_IsPassedOver) {
   EXPECT_EQ(find_run(volume_with_used({{16, 3}}), 8, 19), "start=24 count=8 index=0 bytes=0 0");
 }
 
 // ... and used blocks at the run's end are not seen.
+// Q-bitmap-7
 TEST(FindRun, HintInsideAFreeByte_IsTakenWithoutALookAtTheRunsEnd) {
   const Volume image = volume_with_used({{24, 8}});
   EXPECT_EQ(find_run(image, 8, 19), "start=19 count=8 index=0 bytes=0 0");
@@ -840,6 +865,7 @@ TEST(FindRun, FromTheLastBlockOfAFullAllocationFile_CannotBeMapped) {
   EXPECT_EQ(describe(location), kUntouchedText);
 }
 
+// X-bitmap-1
 TEST(FindRun, OnAVolumeOpenedWithoutItsAllocationFile_IsRefused) {
   OpenVolume volume(volume_with_used({}));
   kvfs_bitmap* const bitmap = std::exchange(volume.get()->bitmap, nullptr);
@@ -1079,6 +1105,7 @@ TEST(FindWriteLocation, FailedLookupOfAnOverflowRecord_IsPassedOn) {
   EXPECT_EQ(outcome.log.back(), "ERROR FindWriteLocation Error while looking up next extent record.\n");
 }
 
+// X-bitmap-3
 TEST(FindWriteLocation, OnAVolumeWithoutABlockSize_WantsNoBlocks) {
   OpenVolume volume(volume_with_used({}));
   volume.header()->blockSize.set(0);

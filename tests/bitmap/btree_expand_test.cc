@@ -11,10 +11,8 @@
 
 #include "allocation_fixture.h"
 #include "big_endian.h"
-#include "btree.h"
 #include "btree/private.h"
 #include "extents.h"
-#include "log_capture.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
@@ -93,6 +91,7 @@ TEST(ExpandTree, ChangesTheHeaderRecordAlone) {
   EXPECT_EQ(volume.contents().differences(image), expected);
 }
 
+// X-btree-16
 TEST(ExpandTree, ReopenedFromTheDevice_HasItsNewNodes) {
   OpenVolume grown(build_volume(small_description()));
   ASSERT_EQ(kvfs_btree_expand(grown.catalog_tree(), grown.get()), kvfs_ok);
@@ -115,6 +114,7 @@ TEST(ExpandTree, OpenLocators_StayWhereTheyAre) {
   kvfs_catalog_search_result_release(&found);
 }
 
+// Q-btree-22
 TEST(ExpandTree, OfAnotherKind_DoesNothing) {
   const Volume image = build_volume(small_description());
   OpenVolume volume(image);
@@ -230,6 +230,7 @@ std::vector<std::uint32_t> map_chain(const OpenVolume& volume) {
   }
 }
 
+// X-btree-16
 TEST(ExpandTree, BeyondItsHeadersMapRecord_ChainsAMapNode) {
   Volume image = build_volume(full_map_description());
   std::uint32_t first_free = 1;
@@ -250,6 +251,7 @@ TEST(ExpandTree, BeyondItsHeadersMapRecord_ChainsAMapNode) {
   EXPECT_EQ(joined(check_volume(volume.flushed())), "");
 }
 
+// Q-btree-23
 TEST(ExpandTree, WithMapNodesAlready_ChainsOneMoreEachTime) {
   OpenVolume volume(build_volume(full_map_description(3000)));
   const std::vector<std::uint32_t> before = map_chain(volume);
@@ -321,6 +323,7 @@ TEST(ExpandTree, WithEveryNodeUsed_OffersTheNodesBehindTheHeadersMapRecordAndOne
 
 constexpr std::uint64_t kMapNodeKind = 2;
 
+// X-btree-13
 TEST(ExpandTree, WithARingOfMapNodes_IsInconsistent) {
   Volume image = build_volume(full_map_description(3000));
   const std::uint64_t map_node = image.get_field("catalog.node[0].fLink");
@@ -342,6 +345,7 @@ TEST(ExpandTree, WithARingOfMapNodes_IsInconsistent) {
   }
 }
 
+// X-btree-13
 TEST(ExpandTree, WithAnotherKindOfNodeInTheMapChain_IsInconsistent) {
   Volume image = build_volume(small_description());
   image.set_field("catalog.node[0].fLink", 1);
@@ -355,6 +359,7 @@ TEST(ExpandTree, WithAnotherKindOfNodeInTheMapChain_IsInconsistent) {
   EXPECT_EQ(tree_text(volume), tree);
 }
 
+// Q-btree-25
 TEST(ExpandTree, WithAMapNodeBehindTheFork_CannotMapIt) {
   Volume image = build_volume(small_description());
   image.set_field("catalog.node[0].fLink", 100);
@@ -426,10 +431,10 @@ struct ExpansionScenario {
     Lines all;
     Lines grown;
   };
-  Outcome fail(const SetFault& set_fault) {
+  Outcome fail(const FailingCalls& failing) {
     grown.clear();
-    const std::vector<FailedOperation> failures = fail_each(set_fault, scenario);
-    std::vector<FailedOperation> of_grown;
+    const std::vector<FailedRun> failures = fail_each(failing, scenario);
+    std::vector<FailedRun> of_grown;
     for (std::size_t i = 0; i < failures.size(); ++i) {
       if (grown[i]) {
         of_grown.push_back(failures[i]);
@@ -488,6 +493,7 @@ TEST(ExpandTree, WhenALockIsNotReleased_SaysWhichStepFailed) {
 
 // The node that was claimed for the chain stays marked as used, and so do the blocks that the fork had gained, of which
 // the last one's byte has gone to the first byte of the allocation file.
+// Q-btree-24
 TEST(ExpandTree, AfterUndoing_LeavesTheClaimedNodeAndTheBlocksMarked) {
   const Volume image = build_volume(full_map_description());
   OpenVolume volume(image);
@@ -510,6 +516,7 @@ TEST(ExpandTree, AfterUndoing_LeavesTheClaimedNodeAndTheBlocksMarked) {
 
 // The fork gets as many whole blocks as its clump has, and the fork data one more. The part that undoing cuts off is
 // longer than what the fork has behind its old end, so that its modified blocks cannot be written.
+// X-fork-10
 TEST(ExpandTree, UndoneWithAClumpOfNoWholeBlocks_KeepsItsBlocks) {
   Volume image = build_volume(full_map_description());
   const std::uint64_t block_size = image.get_field("blockSize");
@@ -528,7 +535,7 @@ TEST(ExpandTree, UndoneWithAClumpOfNoWholeBlocks_KeepsItsBlocks) {
 }
 
 // The result and the expansion's own messages, each once however often it was repeated.
-std::string collapsed(const FailedOperation& failure) {
+std::string collapsed(const FailedRun& failure) {
   std::string text = std::to_string(failure.result) + ":";
   std::string last;
   for (const std::string& line : failure.log) {
@@ -544,8 +551,7 @@ TEST(ExpandTree, WhenUndoingFailsToo_GoesAsFarAsItCan) {
   FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   Lines lines;
-  for (const FailedOperation& failure :
-       fail_each([](FaultInjector&faults, unsigned long n) { faults.fail_from(Call::kRwlockWrlock, n); }, scenario)) {
+  for (const FailedRun& failure : fail_each(each_and_all_later(Call::kRwlockWrlock), scenario)) {
     const std::string text = collapsed(failure);
     if (lines.empty() || lines.back() != text) {
       lines.push_back(text);
@@ -570,12 +576,7 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   std::vector<std::size_t> map_nodes;
   scenario.check = [&map_nodes](OpenVolume& volume) { map_nodes.push_back(map_chain(volume).size()); };
-  const std::vector<FailedOperation> failures = fail_each(
-      [](FaultInjector& faults, unsigned long n) {
-        faults.fail(Call::kRwlockWrlock, n);
-        faults.fail(Call::kRwlockWrlock, n + 1);
-      },
-      scenario);
+  const std::vector<FailedRun> failures = fail_each(each_in_a_row(Call::kRwlockWrlock, 2), scenario);
   Lines retried;
   for (std::size_t i = 0; i < failures.size(); ++i) {
     if (collapsed(failures[i]).find(kUndoLast) != std::string::npos) {
@@ -587,17 +588,13 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
   EXPECT_EQ(retried.back(), "1: " + kNewFailed + " " + kUndoLast);
 }
 
+// X-btree-14
 TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredFor64Tries_GivesUp) {
   FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   std::vector<std::size_t> tries;
-  for (const FailedOperation& failure : fail_each(
-           [](FaultInjector&faults, unsigned long n) {
-             for (unsigned long i = 0; i < 65; ++i) {  // the failure, and every try
-               faults.fail(Call::kRwlockWrlock, n + i);
-             }
-           },
-           scenario)) {
+  for (const FailedRun& failure :
+       fail_each(each_in_a_row(Call::kRwlockWrlock, 65), scenario)) {  // the failure, and every try
     tries.push_back(static_cast<std::size_t>(
         std::count(failure.log.begin(), failure.log.end(),
                    "ERROR kvfs_btree_expand Error while rolling back modifications to last map node.\n")));
@@ -611,7 +608,7 @@ TEST(ExpandTree, UndoneWithItsNewMapNodeMapped_CannotUnmapIt) {
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   const std::string expected = "1: " + kNewFailed + " " + kUnmapNew;
   bool seen = false;
-  for (const FailedOperation& failure : fail_each(each(Call::kRwlockWrlock), scenario)) {
+  for (const FailedRun& failure : fail_each(each(Call::kRwlockWrlock), scenario)) {
     if (collapsed(failure).find(kNewFailed) != std::string::npos) {
       seen = true;
       EXPECT_EQ(failure.result, kvfs_failed);

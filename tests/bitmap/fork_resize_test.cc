@@ -136,6 +136,7 @@ TEST(UpdateForkExtents, RunElsewhereForADescriptorInUse_ReplacesIt) {
   EXPECT_EQ(describe(fork_data), "size=4096 total=15 extents={40+8 300+5}");
 }
 
+// Q-log-2
 TEST(UpdateForkExtents, EighthDescriptor_IsTheLastOne) {
   HFSPlusForkData fork_data = fork_data_of(4096, {{40, 8}});
   const HFSPlusForkData before = fork_data;
@@ -282,6 +283,7 @@ TEST(ExpandFork, OfAnotherFile_IsRefused) {
   }
 }
 
+// X-fork-7
 TEST(ExpandFork, OfTheAllocationFileInUse_IsRefused) {
   const Volume image = empty_volume();
   OpenVolume volume(image);
@@ -294,6 +296,7 @@ TEST(ExpandFork, OfTheAllocationFileInUse_IsRefused) {
 }
 
 // What fails without a look at the bits fails as it does for any other fork.
+// X-fork-7
 TEST(ExpandFork, OfTheAllocationFileInUseWithoutAFreeRun_IsAnInternalError) {
   Volume image = empty_volume();
   for (std::uint32_t block = 0; block < kBlocks; ++block) {
@@ -323,6 +326,7 @@ class WithoutAllocationFile {
   kvfs_bitmap* bitmap_;
 };
 
+// X-bitmap-1
 TEST(ExpandFork, WithoutTheAllocationFile_IsRefused) {
   OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -345,6 +349,7 @@ Volume volume_with_overflow_extents() {
 
 // The search begins where the logical size ends. A run for that place would be entered over the second extent, whose
 // blocks would be lost.
+// X-fork-8
 TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtent_IsRefused) {
   for (const std::vector<Extent>& used : {std::vector<Extent>{}, std::vector<Extent>{{208, 8}}}) {
     const Volume image = startup_volume({.extents = {{200, 8}, {304, 8}}, .used = used, .logical_blocks = 5});
@@ -359,6 +364,7 @@ TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtent_IsRefused) {
 }
 
 // The size reaches the ninth of ten extents: the place behind that one is beyond the eight that can change.
+// X-fork-8
 TEST(ExpandFork, WhoseSizeEndsBeforeItsLastOverflowExtent_IsRefusedForItsExtents) {
   Volume image = volume_with_overflow_extents();
   const std::uint64_t blocks = image.get_field("catalogFile.totalBlocks");
@@ -373,6 +379,7 @@ TEST(ExpandFork, WhoseSizeEndsBeforeItsLastOverflowExtent_IsRefusedForItsExtents
   EXPECT_EQ(volume.flushed(), image);
 }
 
+// X-fork-8
 TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtentAndCannotGrow_ReachesThatLimitFirst) {
   Volume image = empty_volume();
   set_startup_file(image, {.extents = {{200, 8}, {304, 0xFFFFFFF4}}, .logical_blocks = 5}, 0xFFFFFFFC);
@@ -387,6 +394,7 @@ TEST(ExpandFork, WhoseSizeEndsBeforeItsLastExtentAndCannotGrow_ReachesThatLimitF
 
 // A clump of no bytes behind an extent that the volume does not hold: the search begins elsewhere, and so the run of no
 // blocks is for the next extent.
+// X-fork-8
 TEST(ExpandFork, ByNothingWhoseSizeEndsBeforeItsLastExtent_IsRefused) {
   Volume image = empty_volume();
   set_startup_file(image, {.extents = {{5000, 8}, {304, 8}}, .clump_blocks = 0, .logical_blocks = 5}, 16);
@@ -406,6 +414,7 @@ TEST(ExpandFork, WhoseSizeEndsInItsLastExtent_GoesOnBehindThatExtent) {
 }
 
 // Nothing has no place among the bits, and what was entered for it is taken back.
+// X-fork-8
 TEST(ExpandFork, WithoutAFreeRun_IsAnInternalErrorAndChangesNothing) {
   for (const std::uint64_t logical_blocks : {0U, 5U}) {  // all, and so few that the run is for an extent in use
     Volume image = startup_volume({.extents = {{200, 8}, {304, 8}}, .logical_blocks = logical_blocks});
@@ -422,6 +431,7 @@ TEST(ExpandFork, WithoutAFreeRun_IsAnInternalErrorAndChangesNothing) {
   }
 }
 
+// Q-fork-12
 TEST(ExpandFork, WithEightExtentsAndNoFreeRun_IsRefusedForItsExtents) {
   Volume image = startup_volume({.extents = kEightExtents});
   for (std::uint32_t block = 0; block < kBlocks; ++block) {
@@ -548,6 +558,7 @@ std::uint8_t byte_at(kvfs_fork* fork, std::uint64_t offset) {
   return byte;
 }
 
+// X-fork-10
 TEST(ExpandFork, IntoAnotherCacheItem_KeepsMappingsAndModifiedBlocks) {
   OpenVolume volume(numbered_volume());
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -584,6 +595,7 @@ TEST(ExpandFork, OnceItsSizeIsInTheHeader_ReadsAndWritesTheNewBlocks) {
   EXPECT_EQ(after.get8(520 * kBlockSize), 520 % 256);
 }
 
+// Q-fork-11
 TEST(ExpandFork, WhileTheHeaderHasItsOldSize_CannotReadTheNewBlocks) {
   OpenVolume volume(numbered_volume());
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -607,6 +619,7 @@ TEST(ExpandFork, ClumpOfNoWholeBlocks_AddsMoreBlocksThanBytes) {
   EXPECT_EQ(startup_file(volume), "40960 size=32768 total=11 extents={200+11}");
 }
 
+// Q-bitmap-10
 TEST(ExpandFork, ByAClumpOfNoBytes_AddsNothing) {
   const Volume image = startup_volume({.extents = {{200, 8}}, .clump_blocks = 0});
   OpenVolume volume(image);
@@ -618,6 +631,7 @@ TEST(ExpandFork, ByAClumpOfNoBytes_AddsNothing) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+// X-fork-14
 TEST(ExpandFork, WithoutABlockSize_IsInconsistent) {
   OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -654,6 +668,7 @@ FaultScenario expand_scenario() {
   return scenario;
 }
 
+// X-fork-12
 TEST(ExpandFork, WithoutMemory_LeavesEverythingAsItWas) {
   EXPECT_EQ(summary(fail_each(each_allocation(), expand_scenario()), {"kvfs_fork_expand"}),
             (Lines{"2: " + kExpandSearch, "2: ERROR kvfs_fork_expand Error while allocating new items array.\n",
@@ -746,6 +761,7 @@ std::string shrunk(const std::vector<Extent>& extents, std::uint32_t blocks) {
   return startup_file(volume);
 }
 
+// X-fork-9
 TEST(ShrinkFork, ByTheBlocksOfItsLastExtent_ClearsThatDescriptor) {
   EXPECT_EQ(shrunk({{200, 8}, {300, 4}}, 4), "32768 size=32768 total=8 extents={200+8}");
 }
@@ -779,6 +795,7 @@ TEST(ShrinkFork, FreesBlocksAsFreeingABlockDoes) {
   EXPECT_EQ(after.get_field("freeBlocks"), image.get_field("freeBlocks"));
 }
 
+// X-fork-9
 TEST(ShrinkFork, ByMoreBlocksThanItHas_IsAnInternalError) {
   const Volume image = startup_volume({.extents = {{200, 8}}});
   OpenVolume volume(image);
@@ -810,6 +827,7 @@ TEST(ShrinkFork, OfAnotherFile_IsRefused) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+// X-fork-7
 TEST(ShrinkFork, OfTheAllocationFileInUse_IsRefused) {
   const Volume image = empty_volume();
   OpenVolume volume(image);
@@ -820,6 +838,7 @@ TEST(ShrinkFork, OfTheAllocationFileInUse_IsRefused) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+// X-fork-7
 TEST(ShrinkFork, OfTheAllocationFileInUseByMoreBlocksThanItHas_IsAnInternalError) {
   OpenVolume volume(empty_volume());
   LogCapture log;
@@ -827,6 +846,7 @@ TEST(ShrinkFork, OfTheAllocationFileInUseByMoreBlocksThanItHas_IsAnInternalError
   EXPECT_LOG(log, "CRITICAL kvfs_fork_shrink Internal error: New items array is larger than old items array.\n");
 }
 
+// X-bitmap-1
 TEST(ShrinkFork, WithoutTheAllocationFile_IsRefused) {
   OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -838,6 +858,7 @@ TEST(ShrinkFork, WithoutTheAllocationFile_IsRefused) {
   EXPECT_LOG(log, "ERROR kvfs_fork_shrink The volume was opened without its allocation file.\n");
 }
 
+// X-fork-10
 TEST(ShrinkFork, WithModifiedBlocks_WritesThoseThatAreCutOff) {
   const Volume image = startup_volume({.extents = {{200, 8}}});
   OpenVolume volume(image);
@@ -863,6 +884,7 @@ Lines flush_refused(const std::string& reason) {
 }
 
 // The part that is cut off begins where the fork ends, and none is not asked for.
+// X-fork-10
 TEST(ShrinkFork, ByNothingWithModifiedBlocks_CannotFlush) {
   OpenVolume volume(startup_volume({.extents = {{200, 8}}}));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -874,6 +896,7 @@ TEST(ShrinkFork, ByNothingWithModifiedBlocks_CannotFlush) {
 }
 
 // The part that is cut off ends with the last block, behind the logical size.
+// X-fork-10
 TEST(ShrinkFork, WhoseSizeEndsWithinItsLastBlock_CannotFlushModifiedBlocks) {
   Volume image = startup_volume({.extents = {{200, 8}}});
   image.set_field("startupFile.logicalSize", 8 * kBlockSize - 1);
@@ -888,6 +911,7 @@ TEST(ShrinkFork, WhoseSizeEndsWithinItsLastBlock_CannotFlushModifiedBlocks) {
   EXPECT_EQ(startup_file(volume), "28672 size=28672 total=7 extents={200+7}");
 }
 
+// Q-fork-13
 TEST(ShrinkFork, WithItemsBehindItsNewEnd_KeepsTheirMappingsUntilItIsDestroyed) {
   OpenVolume volume(startup_volume({.extents = {{256, 768}}}));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -936,6 +960,7 @@ TEST(ShrinkFork, AtABlockThatIsFreeAlready_GivesTheForkDataBack) {
   EXPECT_EQ(startup_file(volume), "32768 size=32768 total=8 extents={200+8}");
 }
 
+// Q-fork-12
 TEST(ShrinkFork, ByBlocksOfOverflowExtents_CannotFreeThem) {
   const Volume image = volume_with_overflow_extents();
   OpenVolume volume(image);
@@ -948,6 +973,7 @@ TEST(ShrinkFork, ByBlocksOfOverflowExtents_CannotFreeThem) {
   EXPECT_EQ(volume.flushed(), image);
 }
 
+// X-fork-12
 TEST(ShrinkFork, ByNothingWithOverflowExtents_KeepsThemAll) {
   OpenVolume volume(volume_with_overflow_extents());
   kvfs_fork* const fork = volume.catalog_fork();
@@ -1010,6 +1036,7 @@ TEST(ShrinkFork, WhenItsLockIsNotReleased_HasShrunkAllTheSame) {
 
 // ---- Growing and shrinking in turns --------------------------------------------------------------------------------
 
+// X-fork-11
 TEST(ResizeFork, ExpandedAndShrunkAgain_HasItsOldSizeAndContents) {
   OpenVolume volume(numbered_volume());
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -1026,6 +1053,7 @@ TEST(ResizeFork, ExpandedAndShrunkAgain_HasItsOldSizeAndContents) {
 }
 
 // The bits of what was cut off stay set, so that the next expansion goes elsewhere.
+// X-fork-11
 TEST(ResizeFork, ExpandedAfterAShrink_GetsOtherBlocks) {
   OpenVolume volume(startup_volume({.extents = {{200, 16}}, .clump_blocks = 8}));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -1053,6 +1081,7 @@ void expand_by_block_208(kvfs_fork* fork, OpenVolume& volume) {
   set_logical_size(volume, fork);
 }
 
+// X-fork-11, X-fork-12
 TEST(ResizeFork, ExpandedAfterAShrink_ReadsWhatItsNewBlockHolds) {
   OpenVolume volume(volume_to_grow(8));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -1066,6 +1095,7 @@ TEST(ResizeFork, ExpandedAfterAShrink_ReadsWhatItsNewBlockHolds) {
   EXPECT_EQ(byte_at(fork, 7 * kBlockSize), 208);
 }
 
+// X-fork-11
 TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlock_HasNothingOfItLeft) {
   OpenVolume volume(volume_to_grow(8));
   kvfs_fork* const fork = volume.fork(kStartup);
@@ -1080,6 +1110,7 @@ TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlock_HasNothingOfItLeft) {
 
 // The last block of the cache lies half behind the end and stays modified after its flush. Cut off whole, it must not
 // be written to the blocks that come there next.
+// X-fork-11
 TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlockAcrossItsEnd_HasNothingOfItLeft) {
   OpenVolume volume(volume_to_grow(7));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
@@ -1097,6 +1128,7 @@ TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlockAcrossItsEnd_HasNothingOfIt
 }
 
 // A flush forgets the count of items with such a block, so that there is none to take this one off.
+// X-fork-11
 TEST(ResizeFork, ShrunkByAFlushedBlockAcrossItsEnd_CountsNoItemTwice) {
   OpenVolume volume(volume_to_grow(7));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
@@ -1108,6 +1140,7 @@ TEST(ResizeFork, ShrunkByAFlushedBlockAcrossItsEnd_CountsNoItemTwice) {
   EXPECT_EQ(fork.get()->priv->dirty_items, 0u);
 }
 
+// X-fork-11
 TEST(ResizeFork, ShrunkInsideABlockOfTheCache_ReadsThatBlockAgain) {
   OpenVolume volume(volume_to_grow(8));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
@@ -1119,6 +1152,7 @@ TEST(ResizeFork, ShrunkInsideABlockOfTheCache_ReadsThatBlockAgain) {
 }
 
 // A block that was read once is not read again, and so has zeros where the fork ended then.
+// X-fork-11
 TEST(ResizeFork, ShrunkAndReadInsideABlockOfTheCache_HasZerosBehindItsEnd) {
   OpenVolume volume(volume_to_grow(8));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
@@ -1131,6 +1165,7 @@ TEST(ResizeFork, ShrunkAndReadInsideABlockOfTheCache_HasZerosBehindItsEnd) {
 
 // What was written before the new end is not on the device yet, so that the block cannot be read again; behind the end
 // it has zeros then.
+// X-fork-11
 TEST(ResizeFork, ShrunkInsideAModifiedBlockOfTheCache_KeepsWhatIsBeforeItsEnd) {
   OpenVolume volume(volume_to_grow(8));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
@@ -1147,6 +1182,7 @@ TEST(ResizeFork, ShrunkInsideAModifiedBlockOfTheCache_KeepsWhatIsBeforeItsEnd) {
   EXPECT_EQ(volume.contents().get8(207 * kBlockSize), 207);
 }
 
+// X-fork-11
 TEST(ResizeFork, ExpandedInsideABlockOfTheCache_KeepsThatBlockAsItIs) {
   OpenVolume volume(volume_to_grow(7));
   const ForkOfAnotherFile fork(volume, kHFSStartupFileID, 2 * kBlockSize);
@@ -1159,6 +1195,7 @@ TEST(ResizeFork, ExpandedInsideABlockOfTheCache_KeepsThatBlockAsItIs) {
 }
 
 // The fork data gives the fork more bytes than its blocks hold: it grows by a block and is shorter than before.
+// X-fork-10
 TEST(ExpandFork, WithModifiedBlocksBehindItsNewEnd_CannotFlushThem) {
   Volume image = volume_to_grow(7);
   image.set_field("startupFile.logicalSize", 9 * kBlockSize);

@@ -153,6 +153,7 @@ TEST(BtreeClaim, FreeBitBehindTheLastNode_IsNoFreeNode) {
   }
 }
 
+// Q-btree-17
 TEST(BtreeClaim, FullBitmap_LeavesNothingToFlush) {
   ChangeTree tree(tree_of(5));
   tree.open();
@@ -161,6 +162,7 @@ TEST(BtreeClaim, FullBitmap_LeavesNothingToFlush) {
   EXPECT_EQ(tree.flush(), Lines());
 }
 
+// Q-btree-17
 TEST(BtreeClaim, CountOfFreeNodes_IsNotQuestioned) {
   ChangeTree tree(tree_of(16));
   tree.open();
@@ -191,6 +193,7 @@ TEST(BtreeClaim, MapRecord_BeginsWhereTheOffsetTableSays) {
   EXPECT_EQ(tree.field(0, 300, 2), 0xFFFFu);
 }
 
+// Q-btree-18
 TEST(BtreeClaim, HeaderLink_MayEqualTheNumberOfNodesButNotExceedIt) {
   ChangeTree tree(tree_of(16));
   tree.open();
@@ -211,6 +214,7 @@ TEST(BtreeClaim, HeaderLink_MayEqualTheNumberOfNodesButNotExceedIt) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-13
 TEST(BtreeClaim, MapRecordOutsideOfTheNode_IsInconsistent) {
   ChangeTree tree(tree_of(16));
   tree.open();
@@ -228,6 +232,7 @@ TEST(BtreeClaim, MapRecordOutsideOfTheNode_IsInconsistent) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-13
 TEST(BtreeClaim, NodeWithoutRoomForAMapRecord_IsInconsistent) {
   ChangeTree tree(tree_of(16));
   tree.open();
@@ -255,6 +260,7 @@ TEST(BtreeClaim, NodeWithRoomForAMapRecordOfNoBytes_StillHasTheByteBehindIt) {
 // looked up in that segment still, in the byte behind it. The node that leads to the next segment is looked up there
 // under its index in the segment before; all others, and every bit that is set, under their index in their own.
 
+// Q-btree-16
 TEST(BtreeClaimMap, ByteBehindTheHeadersMapRecord_IsTakenForAPartOfIt) {
   ChangeTree tree(tree_of(2200));
   tree.open();
@@ -267,6 +273,7 @@ TEST(BtreeClaimMap, ByteBehindTheHeadersMapRecord_IsTakenForAPartOfIt) {
   EXPECT_EQ(tree.flush(), Lines{"0"});
 }
 
+// Q-btree-16
 TEST(BtreeClaimMap, NodeThatLeadsToAMapNode_IsLookedUpUnderItsFormerIndex) {
   ChangeTree tree(tree_of(2200));
   const std::uint32_t map_node = tree.plan().map_nodes.at(0);
@@ -358,6 +365,7 @@ class BtreeClaimTwoMapNodes : public ::testing::Test {
   std::uint32_t second_;
 };
 
+// Q-btree-16
 TEST_F(BtreeClaimTwoMapNodes, ByteBehindAMapNodesRecord_IsTakenForAPartOfIt) {
   tree_.poke(first_, kMapNodeMap + kMapNodeBytes, 1, 0x7F);
   EXPECT_EQ(claim(tree_), "node " + std::to_string(8 * (kHeaderMapBytes + kMapNodeBytes)));
@@ -410,6 +418,7 @@ TEST_F(BtreeClaimTwoMapNodes, EachFault_IsReportedAndLeavesNothingBehind) {
                              });
 }
 
+// X-btree-14
 TEST_F(BtreeClaimTwoMapNodes, UnmappingThatNeverSucceeds_IsGivenUp) {
   (void)tree_.cached_node(second_);
   LogCapture log;
@@ -498,6 +507,7 @@ const MapNodeDamage kMapNodeDamages[] = {
 
 class BtreeClaimMapDamage : public ::testing::TestWithParam<MapNodeDamage> {};
 
+// Q-log-2
 TEST_P(BtreeClaimMapDamage, IsInconsistentAndChangesNothing) {
   ChangeTree tree(tree_of(2200));
   ASSERT_EQ(tree.plan().map_nodes.at(0), 5u);
@@ -516,6 +526,7 @@ TEST_P(BtreeClaimMapDamage, IsInconsistentAndChangesNothing) {
 INSTANTIATE_TEST_SUITE_P(Damages, BtreeClaimMapDamage, ::testing::ValuesIn(kMapNodeDamages),
                          [](const auto& test) { return std::string(test.param.name); });
 
+// Q-btree-18
 TEST(BtreeClaimMap, MapNodeLink_MayEqualTheNumberOfNodes) {
   ChangeTree tree(tree_of(2200));
   tree.open();
@@ -537,6 +548,7 @@ void make_ring(ChangeTree* tree, std::uint32_t length) {
   }
 }
 
+// X-btree-13
 TEST(BtreeClaimMap, RingOfMapNodes_IsWalkedUpToTheLastNode) {
   for (const std::uint32_t length : Numbers32{1, 2, 5}) {
     ChangeTree tree(tree_of(2200));
@@ -552,6 +564,7 @@ TEST(BtreeClaimMap, RingOfMapNodes_IsWalkedUpToTheLastNode) {
   }
 }
 
+// X-btree-13
 TEST(BtreeClaimMap, MoreMapNodesThanASoundTreeHas_AreTooMuchWork) {
   ChangeTree tree(tree_of(2200));
   tree.open();
@@ -566,6 +579,7 @@ TEST(BtreeClaimMap, MoreMapNodesThanASoundTreeHas_AreTooMuchWork) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-13
 TEST(BtreeClaimMap, LongMapRecords_AreWorkForEachOfTheirBytes) {
   constexpr std::uint64_t kWork = 1000000;
   for (const std::uint32_t end : Numbers32{500, 24}) {

@@ -28,6 +28,7 @@ class BtreeDelete : public ::testing::Test {
 
 // ---- The node ------------------------------------------------------------------------------------------------------
 
+// Q-btree-19
 TEST_F(BtreeDelete, MiddleRecord_LetsTheOthersMoveUp) {
   const std::vector<Bytes> before = tree_.cached_nodes();
   LogCapture log;
@@ -48,6 +49,7 @@ TEST_F(BtreeDelete, MiddleRecord_LetsTheOthersMoveUp) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// Q-btree-19
 TEST_F(BtreeDelete, LastRecord_ChangesTheCountAlone) {
   Bytes expected = tree_.cached_node(2);
   EXPECT_EQ(tree_.remove(80), kvfs_ok);
@@ -159,6 +161,7 @@ TEST(BtreeDeleteIndex, FirstRecordUnderALaterIndexNode_IsIndexedInTheNodeBefore)
 
 // The tree claims to have a level above its only leaf. The search for the index record ends in that leaf, at a second
 // record with the key, which is not an index record.
+// X-btree-9
 TEST(BtreeDeleteIndex, RecordFoundInALeaf_IsNotTakenForAnIndexRecord) {
   ChangeTree tree(leaves_of(4, 4));
   tree.open();
@@ -201,6 +204,7 @@ TEST(BtreeDeleteIndex, LongerNewFirstKeyOfTheLastLeaf_IsIndexed) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// Q-btree-20
 TEST(BtreeDeleteIndex, OnlyRecordOfALeaf_LeavesItLinkedAndIndexedUnderTheDeletedKey) {
   ChangeTree tree(leaves_of(1, 4));  // leaves 1 to 4, root 5
   tree.open();
@@ -232,6 +236,7 @@ TEST(BtreeDeleteIndex, IndexRecord_IsDeletedWithoutTouchingTheCountOfLeafRecords
 
 // Between deleting a root's only record and adding the new one the root has no records. Its place for the new one is
 // over the bytes of the record deleted, with a locator of their size.
+// X-btree-2
 TEST(BtreeDeleteIndex, RootWithASingleIndexRecord_GetsTheNewOneInItsPlace) {
   TreeOptions options = leaves_of(0, 2);
   options.shape.height = 2;
@@ -246,6 +251,7 @@ TEST(BtreeDeleteIndex, RootWithASingleIndexRecord_GetsTheNewOneInItsPlace) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-2
 TEST_F(BtreeDelete, OnlyRecordOfATree_MakesRoomForOthers) {
   ChangeTree tree({.records = numbered_records(1)});
   tree.open();
@@ -260,6 +266,7 @@ TEST_F(BtreeDelete, OnlyRecordOfATree_MakesRoomForOthers) {
 }
 
 // The place of the new index record would be in an index node that has no records.
+// X-btree-2
 TEST(BtreeDeleteIndex, LowerIndexNodeWithASingleRecord_CannotBeMaintained) {
   ChangeTree tree(leaves_of(3, 9, 2));  // leaves 1 to 3; index node 4 with two of them, 5 with one; root 6
   tree.open();
@@ -299,6 +306,7 @@ TEST_F(BtreeDelete, RecordInsertedAgainUnderItsKey_MakesTheNodeAsItWas) {
 
 // ---- Open locators -------------------------------------------------------------------------------------------------
 
+// Q-btree-21
 TEST_F(BtreeDelete, LocatorsBehindTheRecord_KeepTheirIndexes) {
   std::vector<kvfs_btree_record_locator*> open;
   for (const std::uint32_t number : Numbers32{50, 60, 70, 80, 90}) {
@@ -396,6 +404,7 @@ TEST(BtreeDeleteLocator, RecordWithALongerKeyAtAKeptIndex_CannotBeOpened) {
   release(found.locator);
 }
 
+// X-btree-15
 TEST_F(BtreeDelete, SecondDeletion_IsInternalAndChangesNothing) {
   kvfs_btree_record_locator* const locator = tree_.locate(60);
   ASSERT_EQ(kvfs_btree_delete_record(tree_.get(), locator, 0), kvfs_ok);
@@ -410,6 +419,7 @@ TEST_F(BtreeDelete, SecondDeletion_IsInternalAndChangesNothing) {
 
 // ---- Damage --------------------------------------------------------------------------------------------------------
 
+// X-btree-15
 TEST_F(BtreeDelete, DamagedOffsets_AreInconsistentAndChangeNothing) {
   const std::string beyond = "$$$: This record offset is greater than the next. Impossible";
   const auto free_space = [](int offset) {
@@ -457,6 +467,7 @@ TEST_F(BtreeDelete, FreeSpaceUpToTheOffsetTable_IsAccepted) {
 }
 
 // The free space may lie in the offset table, which begins at 502, as long as the bytes that move do not.
+// X-btree-15
 TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsInconsistentWhereTheTableWouldBeOverwritten) {
   for (const std::uint16_t free_space : Numbers16{503, 512}) {
     ChangeTree tree(three_leaves());
@@ -503,6 +514,7 @@ TEST_F(BtreeDelete, LocatorAtTheEndOfItsNode_IsJudgedByTheOffsetsThere) {
   }
 }
 
+// X-btree-15
 TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
   for (const std::uint16_t count : Numbers16{256, 0x7FFF, 0xFFFF}) {
     ChangeTree tree(three_leaves());
@@ -527,6 +539,7 @@ TEST_F(BtreeDelete, LocatorBehindTheOffsetTable_IsInconsistent) {
   }
 }
 
+// X-btree-15
 TEST_F(BtreeDelete, RecordThatTheNodeDoesNotHave_LiesBehindTheFreeSpace) {
   for (const auto& [count, free_space] : std::vector<std::pair<std::uint16_t, int>>{{0, 14}, {1, 32}}) {
     ChangeTree tree(three_leaves());
@@ -607,6 +620,7 @@ TEST_F(BtreeDelete, NewFirstKeyThatIsIndexedAlready_FailsTheDeletion) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-1
 TEST_F(BtreeDelete, NewFirstKeyOutsideOfTheNode_IsInconsistent) {
   kvfs_btree_record_locator* const locator = tree_.locate(50);
   tree_.poke(2, 32, 2, 500);
@@ -616,6 +630,7 @@ TEST_F(BtreeDelete, NewFirstKeyOutsideOfTheNode_IsInconsistent) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-10
 TEST_F(BtreeDelete, HeightThatFillsItsByte_IsTooLarge) {
   kvfs_btree_record_locator* const locator = tree_.locate(50);
   tree_.poke(2, kHeight, 1, 255);
@@ -639,6 +654,7 @@ TEST_F(BtreeDelete, NodeOfTheTreesHeight_HasNoIndexRecord) {
   }
 }
 
+// X-btree-10
 TEST_F(BtreeDelete, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
   for (const std::uint16_t depth : Numbers16{17, 255, 0xFFFF}) {
     ChangeTree tree(three_leaves());
@@ -656,6 +672,7 @@ TEST_F(BtreeDelete, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) 
   }
 }
 
+// X-btree-10
 TEST_F(BtreeDelete, OtherRecordThanTheFirst_LeavesTheDepthAlone) {
   tree_.poke(0, kHeaderTreeDepth, 2, 0xFFFF);
   LogCapture log;
@@ -664,6 +681,7 @@ TEST_F(BtreeDelete, OtherRecordThanTheFirst_LeavesTheDepthAlone) {
 }
 
 // Two records in each node: the whole index is replaced, level by level, each taking twice the steps of the one below.
+// X-btree-10
 TEST(BtreeDepth, TreeOfThirteenToSixteenLevels_IsMaintained) {
   for (const std::uint32_t height : Numbers32{13, 16}) {
     ChangeTree tree(leaves_of(2, 1U << height, 2, 4));

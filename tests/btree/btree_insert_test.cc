@@ -254,6 +254,7 @@ TEST(BtreeInsertIndex, FirstRecordOfARootLeaf_HasNoIndexRecord) {
   EXPECT_EQ(tree.changed_since(before), (Lines{"0", "1"}));
 }
 
+// Q-btree-11
 TEST_F(BtreeInsert, FormerKeyMissingInTheIndex_IsInconsistentWithoutAMessage) {
   tree_.poke(4, 14 + 2, 4, 9);  // the key of the first index record: 9 instead of 10
   LogCapture log;
@@ -273,6 +274,7 @@ TEST_F(BtreeInsert, DamagedIndexNode_FailsTheSearchForTheFormerKey) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// Q-btree-25
 TEST_F(BtreeInsert, IndexRecordThatCannotBeDeleted_FailsWithTheWordsForAnyRecord) {
   kvfs_btree_search_result hint = hint_at(1, 0);
   tree_.poke_entry(4, 3, 20);  // free space before the end of the last record; searching looks at the first one only
@@ -295,6 +297,7 @@ TEST_F(BtreeInsert, IndexRecordThatCannotBeAdded_FailsTheInsertion) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-1, X-btree-7
 TEST_F(BtreeInsert, FormerKeyOutsideOfTheNode_IsInconsistent) {
   kvfs_btree_search_result hint = hint_at(1, 0);
   tree_.poke(1, 14, 2, 500);  // the length of the first key
@@ -305,6 +308,7 @@ TEST_F(BtreeInsert, FormerKeyOutsideOfTheNode_IsInconsistent) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-10
 TEST_F(BtreeInsert, HeightThatFillsItsByte_IsTooLarge) {
   kvfs_btree_search_result hint = hint_at(1, 0);
   tree_.poke(1, kHeight, 1, 255);
@@ -330,6 +334,7 @@ TEST_F(BtreeInsert, NodeOfTheTreesHeight_HasNoIndexRecord) {
   }
 }
 
+// X-btree-10
 TEST_F(BtreeInsert, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
   for (const std::uint16_t depth : Numbers16{17, 254, 255, 0xFFFF}) {
     ChangeTree tree(three_leaves());
@@ -362,6 +367,7 @@ TEST_F(BtreeInsert, OtherFirstIndex_LeavesTheIndexAlone) {
 
 // ---- Without a key -------------------------------------------------------------------------------------------------
 
+// X-btree-19
 TEST_F(BtreeInsert, WithoutKey_IsInvalid) {
   kvfs_btree_search_result hint = hint_at(2, 1);
   const kvfs_btree_search_result empty = {};
@@ -382,6 +388,7 @@ TEST_F(BtreeInsert, WithoutKey_IsInvalid) {
 
 // ---- Hints ---------------------------------------------------------------------------------------------------------
 
+// Q-btree-10
 TEST_F(BtreeInsert, Hint_SparesTheSearchAndStaysTheCallers) {
   kvfs_btree_search_result hint = {};
   const Bytes key = number_key(65);
@@ -408,6 +415,7 @@ TEST_F(BtreeInsert, HintBehindTheLastRecord_AppendsTheRecord) {
   kvfs_btree_search_result_release(&hint);
 }
 
+// Q-btree-10
 TEST_F(BtreeInsert, HintOnAnExistingKey_IsNotQuestioned) {
   kvfs_btree_search_result hint = {1, 0, tree_.locate(60)};
   LogCapture log;
@@ -423,6 +431,7 @@ TEST_F(BtreeInsert, HintWithoutLocator_IsSearchedFor) {
   EXPECT_EQ(tree_.show(2), "leaf 2 of height 1, 1 < > 3: 50 60 65 70 80");
 }
 
+// X-btree-7
 TEST_F(BtreeInsert, HintBehindTheFreeSpace_IsInconsistent) {
   kvfs_btree_search_result hint = hint_at(2, 3);
   for (int i = 0; i < 2; ++i) {
@@ -540,6 +549,7 @@ TEST_F(BtreeInsert, AsManyRecordsAsANodeMayHave_PassThatTest) {
 }
 
 // Offsets around the new record that contradict each other are refused without a word.
+// Q-btree-11
 TEST_F(BtreeInsert, OffsetsOutOfOrder_AreInconsistentWithoutAMessage) {
   const struct {
     std::uint32_t index;
@@ -578,6 +588,7 @@ TEST_F(BtreeInsert, FreeSpaceBehindTheNode_IsInconsistentForAnAppendedRecordToo)
   release(hint.locator);
 }
 
+// X-btree-7
 TEST_F(BtreeInsert, PlaceInsideTheDescriptor_IsInconsistent) {
   kvfs_btree_search_result hint = hint_at(2, 1);
   tree_.poke_entry(2, 1, 12);
@@ -719,6 +730,7 @@ TEST_F(BtreeInsert, FailedUnlockAfterAFailedInsertion_KeepsTheFirstFailure) {
                           {insert_error("ERROR:Unable to insert because already exists?!"), tree_unlock().lines[0]}));
 }
 
+// X-lock-1
 TEST_F(BtreeInsert, FailedUnlock_HandsOutNoLocator) {
   const Record record = number_record(65);
   kvfs_btree_record_locator* locator = nullptr;
@@ -745,21 +757,18 @@ TEST(BtreeInsertFaults, EachReadOfTheDevice_IsReported) {
       {search_error("Error while mapping raw node data of node 2."),
        insert_error("Error while searching for insert location.")},
   };
-  for (std::size_t i = 0; i <= expected.size(); ++i) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     ChangeTree tree(three_leaves());
     tree.open();
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kPread64, i + 1);
-    const kvfs_result result = insert_and_release(tree, number_record(65));
+    const kvfs_result result = run.operate([&] { return insert_and_release(tree, number_record(65)); });
     const FaultInjector::Pause pause;
-    EXPECT_EQ(result, i < expected.size() ? kvfs_io_error : kvfs_ok);
-    EXPECT_EQ(faults.delivered(), i < expected.size() ? 1u : 0u);
-    EXPECT_EQ(tree_lines(log), i < expected.size() ? expected[i] : Lines());
+    EXPECT_EQ(result, run.failed() ? kvfs_io_error : kvfs_ok);
+    EXPECT_EQ(tree_lines(run.log()), run.failed() ? expected.at(run.n() - 1) : Lines());
     EXPECT_EQ(tree.locators(), Lines());
-    EXPECT_EQ(faults.writes().size(), 0u);
+    EXPECT_EQ(run.faults().writes().size(), 0u);
     tree.forget_references();
-  }
+  });
+  EXPECT_EQ(failures, expected.size());
 }
 
 TEST_F(BtreeInsert, TreeLock_IsHeldForWritingOverTheWholeInsertion) {
@@ -844,6 +853,7 @@ TEST_F(BtreeInsert, AddIndexRecordAtTheEnd_SharesTheSearchsLocator) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-6
 TEST_F(BtreeInsert, AddLongerIndexRecordAtTheEnd_Succeeds) {
   const Bytes key = {0, 10, 0, 0, 0, 200, 1, 2, 3, 4, 5, 6};
   LogCapture log;
@@ -854,6 +864,7 @@ TEST_F(BtreeInsert, AddLongerIndexRecordAtTheEnd_Succeeds) {
 
 // The search ends behind the last record of the root, which is no place for an index record of that height: a full one
 // would be split for it, and the record of that split would come to the same place again.
+// X-btree-9
 TEST_F(BtreeInsert, AddIndexRecordOfAHeightThatIsNotThere_IsInconsistent) {
   const Bytes key = number_key(200);
   for (const std::uint8_t height : Numbers8{3, 7, 255}) {

@@ -356,6 +356,7 @@ TEST_F(BtreeNext, NextLeafBehindTheFork_CannotBeMapped) {
 }
 
 // Whatever lies where the offset of record 1 would be: 14 there would make record 0 one without bytes.
+// Q-btree-9
 TEST_F(BtreeNext, EmptyNextLeaf_IsInconsistentAndNotPassedOver) {
   const std::uint32_t leaf = tree_.leaf(1);
   tree_.set16(leaf, kNumRecords, 0);
@@ -385,6 +386,7 @@ TEST_F(BtreeNext, EmptyNextLeafWithOffsetsOutOfOrder_IsReportedForTheOrder) {
                              "for record 1: 14)."));
 }
 
+// Q-btree-9
 TEST_F(BtreeNext, NextNodeOfAnotherKind_IsTakenForALeaf) {
   for (const std::uint8_t kind : Numbers8{0, 1, 2, 77}) {
     tree_.set8(tree_.leaf(1), kKind, kind);
@@ -430,22 +432,16 @@ std::vector<Step> steps_to_next_leaf() {
   };
 }
 
+// Q-btree-25, X-lock-1
 TEST_F(BtreeNext, EachLockCallFailing_IsReportedWhereItHappened) {
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
     const Lines messages = messages_of(steps_to_next_leaf(), call);
-    for (std::size_t n = 0; n <= messages.size(); ++n) {
+    const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
       stand_on(30);
-      {
-        LogCapture log;
-        FaultInjector faults;
-        faults.fail(call, n + 1);
-        const kvfs_result result = step();
-        EXPECT_EQ(result, n < messages.size() ? kvfs_failed : kvfs_ok);
-        EXPECT_EQ(faults.delivered(), n < messages.size() ? 1u : 0u);
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(tree_lines(log), n < messages.size() ? Lines{messages[n]} : Lines{}) << call_name(call) << " " << n;
-      }
-      if (n < messages.size()) {
+      const kvfs_result result = run.operate([&] { return step(); });
+      EXPECT_EQ(result, run.failed() ? kvfs_failed : kvfs_ok);
+      EXPECT_EQ(tree_lines(run.log()), run.failed() ? Lines{messages.at(run.n() - 1)} : Lines{});
+      if (run.failed()) {
         EXPECT_EQ(next_, untouched());
       } else {
         kvfs_btree_record_locator_close(&next_);
@@ -456,7 +452,8 @@ TEST_F(BtreeNext, EachLockCallFailing_IsReportedWhereItHappened) {
       kvfs_btree_record_locator_close(&from_);
       tree_.forget_references();
       tree_.close();
-    }
+    });
+    EXPECT_EQ(failures, messages.size()) << call_name(call);
   }
 }
 

@@ -316,6 +316,7 @@ TEST_F(BtreeLocator, SharedWithOtherBytes_TakesThem) {
   release(locator);
 }
 
+// Q-btree-3
 TEST_F(BtreeLocator, SharedWithAShorterRecord_KeepsItsPublicSizes) {
   Bytes record = record_of(4, 10);
   kvfs_btree_record_locator* const locator = opened(1, 2, record);
@@ -337,6 +338,7 @@ TEST_F(BtreeLocator, SharedWithAShorterRecord_KeepsItsPublicSizes) {
   }
 }
 
+// Q-btree-3
 TEST_F(BtreeLocator, SharedWithAnotherKeyLength_KeepsItsPublicPointers) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10));
   const Bytes longer_key = record_of(6, 8);
@@ -393,6 +395,7 @@ TEST_F(BtreeLocator, SharedLocatorOfAnotherTree_IsAnInternalError) {
   release(locator);
 }
 
+// X-btree-6
 TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_IsAnInternalError) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10, 1));
   kvfs_btree_record_locator* again = nullptr;
@@ -407,6 +410,7 @@ TEST_F(BtreeLocator, RecordGrownBeyondItsOpenLocator_IsAnInternalError) {
 }
 
 // As when an index record is added behind the last one of a node: the place is open with the bytes of a shorter record.
+// X-btree-6
 TEST_F(BtreeLocator, LongerRecordInAVacantPlace_LeavesTheCopyAsItIs) {
   kvfs_btree_record_locator* const locator = opened(1, 2, record_of(4, 10, 1));
   locator->priv->is_vacant = 1;
@@ -438,6 +442,7 @@ TEST_F(BtreeLocator, Close_TakesTheLockForWriting) {
   EXPECT_LOG(log);
 }
 
+// Q-btree-4
 TEST_F(BtreeLocator, CloseThatCannotLock_LeaksTheReference) {
   kvfs_btree_record_locator* const kept = tree_.locate(30);
   kvfs_btree_record_locator* locator = kept;
@@ -658,26 +663,24 @@ TEST_F(BtreeWriteData, ListThatCannotBeUnlocked_IsAFailureAfterTheWrite) {
 
 TEST_F(BtreeWriteData, EachLockCallOfTheFork_FailsTheWriteAndKeepsTheCopy) {
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-    // The first read lock and the last unlock are the tree's own.
-    for (unsigned long n = call == Call::kRwlockRdlock ? 2 : 1;; ++n) {
-      ASSERT_LT(n, 100u);
-      LogCapture log;
-      FaultInjector faults;
-      faults.fail(call, n);
-      const kvfs_result result = write(new_.size());
+    unsigned long of_fork = 0;
+    fail_each(each(call), [&](FailingRun& run) {
+      const kvfs_result result = run.operate([&] { return write(new_.size()); });
       const FaultInjector::Pause pause;
-      if (tree_.tree_locks(faults).back() != "unlock") {
-        break;  // behind the fork's calls
+      // The first read lock and the last unlock are the tree's own.
+      if (tree_.tree_locks(run.faults()) != Lines{"read", "unlock"}) {
+        return;
       }
-      if (faults.delivered() == 0) {
+      if (!run.failed()) {
         EXPECT_EQ(result, kvfs_ok);
-        break;
+        return;
       }
+      ++of_fork;
       EXPECT_EQ(result, kvfs_failed);
-      EXPECT_EQ(faults.locks_held(), 0);
-      EXPECT_EQ(tree_lines(log), Lines{std::string(kWrite) + "Error while writing out record data.\n"});
+      EXPECT_EQ(tree_lines(run.log()), Lines{std::string(kWrite) + "Error while writing out record data.\n"});
       EXPECT_EQ(copy(), old_);
-    }
+    });
+    EXPECT_EQ(of_fork == 0, call == Call::kRwlockRdlock);
     std::copy(old_.begin(), old_.end(), locator_->priv->record + locator_->priv->record_data_offset);
   }
 }
@@ -703,6 +706,7 @@ TEST_F(BtreeWriteData, FailureToUnlock_DoesNotReplaceTheForksFailure) {
 }
 
 // The public size is that of the first opening; the data would lie beyond the copy now.
+// X-btree-6
 TEST_F(BtreeWriteData, RecordWithALongerKeySince_IsNotWrittenBeyondTheCopy) {
   const Bytes longer_key = record_of(8, old_.size() - 4);
   kvfs_btree_record_locator* again = nullptr;

@@ -107,6 +107,7 @@ TEST_P(BtreeNodeSize, Create_KeepsSizesAndReadsTheHeaderAlone) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, BtreeNodeSize, ::testing::Values(512u, 1024u, 2048u, 4096u, 8192u, 16384u, 32768u));
 
+// Q-btree-2
 TEST(BtreeCreate, SizesInTheHeaderRecord_AreTakenAsTheyStand) {
   for (const std::uint16_t size : Numbers16{0, 1, 14, 513, 1000, 65535}) {
     TestTree tree({});
@@ -198,6 +199,7 @@ TEST(BtreeCreate, TreeInsideASector_TakesItsNodeSizeFromThere) {
   EXPECT_LOG(log);
 }
 
+// X-device-1
 TEST(BtreeCreate, DeviceWithoutSectorSize_IsInconsistent) {
   TestTree tree({});
   tree.device()->sector_size = 0;
@@ -226,6 +228,7 @@ TEST(BtreeCreate, NodeZeroOfAnotherKind_IsInconsistent) {
 }
 
 // The count is printed with its two bytes the wrong way round.
+// Q-btree-1
 TEST(BtreeCreate, HeaderNodeWithoutThreeRecords_IsInconsistent) {
   const std::vector<std::pair<std::uint16_t, int>> counts = {{0, 0},     {1, 256},         {2, 512},       {4, 1024},
                                                              {0x300, 3}, {0x1234, 0x3412}, {0xFFFF, 65535}};
@@ -314,36 +317,30 @@ TEST(BtreeCreate, NeitherExtentsNorPartial_FailsInTheFork) {
 
 TEST(BtreeCreate, EachAllocationFailing_UndoesEverything) {
   TestTree tree({.records = numbered_records(5)});
-  unsigned long n = 1;
-  for (;; ++n) {
-    ASSERT_LT(n, 100u);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
-    const kvfs_result result = tree.try_open();
-    if (faults.delivered() == 0) {
-      break;
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
+    const kvfs_result result = run.operate([&] { return tree.try_open(); });
+    if (!run.failed()) {
+      return;
     }
-    EXPECT_EQ(result, kvfs_no_memory) << n;
-    EXPECT_EQ(tree.get(), nullptr) << n;
-    EXPECT_EQ(faults.outstanding_allocations(), 0u) << n;
-    EXPECT_EQ(faults.locks_alive(), 0) << n;
-    EXPECT_EQ(faults.locks_held(), 0) << n;
-    if (n == 1) {
-      EXPECT_LOG(log, "ERROR kvfs_btree_create Error while allocating " + std::to_string(sizeof(kvfs_btree)) +
-                          " bytes for kvfs_btree.\n");
-    } else if (n == 2) {
-      EXPECT_LOG(log, "ERROR kvfs_btree_create Error while allocating " + std::to_string(sizeof(kvfs_btree_private)) +
-                          " bytes for kvfs_btree_private.\n");
-    } else if (n == 3) {
-      EXPECT_EQ(tree_lines(log), Lines{"ERROR kvfs_btree_create Error while creating open locators list lock.\n"});
+    EXPECT_EQ(result, kvfs_no_memory);
+    EXPECT_EQ(tree.get(), nullptr);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    EXPECT_EQ(run.faults().locks_alive(), 0);
+    const Lines lines = tree_lines(run.log());
+    if (run.n() == 1) {
+      EXPECT_LOG(run.log(), "ERROR kvfs_btree_create Error while allocating " + std::to_string(sizeof(kvfs_btree)) +
+                                " bytes for kvfs_btree.\n");
+    } else if (run.n() == 2) {
+      EXPECT_LOG(run.log(), "ERROR kvfs_btree_create Error while allocating " +
+                                std::to_string(sizeof(kvfs_btree_private)) + " bytes for kvfs_btree_private.\n");
+    } else if (run.n() == 3) {
+      EXPECT_EQ(lines, Lines{"ERROR kvfs_btree_create Error while creating open locators list lock.\n"});
     } else {
-      const Lines lines = tree_lines(log);
-      ASSERT_EQ(lines.size(), 2u) << n;
-      EXPECT_EQ(lines[1], kCatalogFailed) << n;
+      ASSERT_EQ(lines.size(), 2u);
+      EXPECT_EQ(lines[1], kCatalogFailed);
     }
-  }
-  EXPECT_GT(n, 10u);
+  });
+  EXPECT_GT(failures, 9u);
   EXPECT_NE(tree.get(), nullptr);
 }
 
@@ -351,43 +348,42 @@ TEST(BtreeCreate, EachReadFailing_UndoesEverything) {
   TestTree tree({.records = numbered_records(5)});
   const Lines messages = {process_error("Error while reading first sector of B-tree."),
                           process_error("Error while mapping node descriptor of B-tree from its fork.")};
-  for (std::size_t n = 0; n < messages.size(); ++n) {
-    for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
-      LogCapture log;
-      FaultInjector faults;
-      faults.fail(Call::kPread64, n + 1, fault);
-      EXPECT_EQ(tree.try_open(), kvfs_io_error);
+  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+    const unsigned long failures = fail_each(each(Call::kPread64, fault), [&](FailingRun& run) {
+      const kvfs_result result = run.operate([&] { return tree.try_open(); });
+      if (!run.failed()) {
+        EXPECT_EQ(result, kvfs_ok);
+        return;
+      }
+      EXPECT_EQ(result, kvfs_io_error);
       EXPECT_EQ(tree.get(), nullptr);
-      EXPECT_EQ(faults.outstanding_allocations(), 0u);
-      EXPECT_EQ(faults.locks_alive(), 0);
-      EXPECT_EQ(tree_lines(log), (Lines{messages[n], kCatalogFailed}));
-    }
+      EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+      EXPECT_EQ(run.faults().locks_alive(), 0);
+      EXPECT_EQ(tree_lines(run.log()), (Lines{messages.at(run.n() - 1), kCatalogFailed}));
+    });
+    EXPECT_EQ(failures, messages.size());
+    tree.close();
   }
 }
 
 TEST(BtreeCreate, EachLockThatCannotBeMade_UndoesEverything) {
   TestTree tree({.records = numbered_records(5)});
   for (const Call call : {Call::kRwlockattrInit, Call::kRwlockattrSetpshared, Call::kRwlockInit}) {
-    unsigned long n = 1;
-    for (;; ++n) {
-      ASSERT_LT(n, 100u);
-      LogCapture log;
-      FaultInjector faults;
-      faults.fail(call, n);
-      const kvfs_result result = tree.try_open();
-      if (faults.delivered() == 0) {
-        break;
+    const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
+      const kvfs_result result = run.operate([&] { return tree.try_open(); });
+      if (!run.failed()) {
+        return;
       }
       // The list's own lock fails with the lock's result; in the fork everything is a lack of memory.
-      const bool own = n == 1;
+      const bool own = run.n() == 1;
       EXPECT_EQ(result, own && call == Call::kRwlockattrSetpshared ? kvfs_failed : kvfs_no_memory);
       EXPECT_EQ(tree.get(), nullptr);
-      EXPECT_EQ(faults.outstanding_allocations(), 0u);
-      EXPECT_EQ(faults.locks_alive(), 0);
-      EXPECT_EQ(tree_lines(log).back(),
+      EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+      EXPECT_EQ(run.faults().locks_alive(), 0);
+      EXPECT_EQ(tree_lines(run.log()).back(),
                 own ? "ERROR kvfs_btree_create Error while creating open locators list lock.\n" : kCatalogFailed);
-    }
-    EXPECT_EQ(n, 5u) << call_name(call);  // the list's, the fork's two and the cache item's
+    });
+    EXPECT_EQ(failures, 4u) << call_name(call);  // the list's, the fork's two and the cache item's
     tree.close();
   }
 }
@@ -403,24 +399,19 @@ TEST(BtreeCreate, EachLockCallFailing_IsReportedWhereItHappened) {
   TestTree tree({.records = numbered_records(5)});
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
     const Lines messages = messages_of(kOpenSteps, call);
-    for (std::size_t n = 0; n < messages.size(); ++n) {
-      LogCapture log;
-      FaultInjector faults;
-      faults.fail(call, n + 1);
-      EXPECT_EQ(tree.try_open(), kvfs_failed);
-      EXPECT_EQ(faults.delivered(), 1u);
+    const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
+      const kvfs_result result = run.operate([&] { return tree.try_open(); });
+      if (!run.failed()) {
+        EXPECT_EQ(result, kvfs_ok);
+        return;
+      }
+      EXPECT_EQ(result, kvfs_failed);
       EXPECT_EQ(tree.get(), nullptr);
-      EXPECT_EQ(faults.locks_held(), 0);
-      EXPECT_EQ(faults.outstanding_allocations(), 0u);
-      EXPECT_EQ(faults.locks_alive(), 0);
-      EXPECT_EQ(tree_lines(log), (Lines{messages[n], kCatalogFailed})) << call_name(call) << " " << n;
-    }
-    {
-      FaultInjector faults;
-      faults.fail(call, messages.size() + 1);
-      tree.open();
-      EXPECT_EQ(faults.delivered(), 0u) << "a call that the steps do not name";
-    }
+      EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+      EXPECT_EQ(run.faults().locks_alive(), 0);
+      EXPECT_EQ(tree_lines(run.log()), (Lines{messages.at(run.n() - 1), kCatalogFailed}));
+    });
+    EXPECT_EQ(failures, messages.size()) << call_name(call) << ": calls that the steps do not name";
     tree.close();
   }
 }
@@ -671,6 +662,7 @@ TEST(ReadAttrNode, UnknownTypes_AreReportedAndTheWalkGoesOn) {
              "ERROR ReadAttrNode HFSPlus:ERROR:ReadAttrNode: Unknown Attr Type: DEADBEEF\n");
 }
 
+// X-btree-1
 TEST(ReadAttrNode, RecordThatLeavesTheNode_EndsTheCheck) {
   const std::string outside = "ERROR ReadAttrNode HFSPlus:ReadAttrNode: Record 1 lies outside of the node!\n";
   for (const std::uint16_t name_length : Numbers16{236, 300, 0xFFFF}) {

@@ -234,6 +234,7 @@ TEST(BtreeSearch, StartNode_LimitsTheSearchToItsPart) {
   EXPECT_LOG(log);
 }
 
+// Q-btree-5
 TEST(BtreeSearch, StartNodeBehindTheTree_IsInvalid) {
   TestTree tree(small_nodes());
   tree.set32(0, kHeaderTotalNodes, 20);
@@ -257,6 +258,7 @@ TEST(BtreeSearch, RootBehindTheTree_IsInvalid) {
                                std::to_string(tree.plan().total_nodes)));
 }
 
+// Q-btree-5
 TEST(BtreeSearch, StartNodeEqualToTheNumberOfNodes_IsSearched) {
   TestTree tree(small_nodes());
   tree.set32(0, kHeaderTotalNodes, tree.leaf(3));
@@ -435,6 +437,7 @@ TEST(BtreeSearchDamage, FirstRecordOfTheStartNodeElsewhere_IsInconsistent) {
   }
 }
 
+// Q-btree-6
 TEST(BtreeSearchDamage, FirstRecordOfAChildElsewhere_IsNotLookedAt) {
   TestTree tree(small_nodes(24));
   const std::uint32_t leaf = tree.leaf(1);
@@ -445,6 +448,7 @@ TEST(BtreeSearchDamage, FirstRecordOfAChildElsewhere_IsNotLookedAt) {
   EXPECT_LOG(log);
 }
 
+// X-btree-2
 TEST(BtreeSearchDamage, EmptyStartNodeOfATreeWithRecords_IsInconsistent) {
   TestTree tree(small_nodes());
   tree.set16(tree.root(), kNumRecords, 0);
@@ -456,6 +460,7 @@ TEST(BtreeSearchDamage, EmptyStartNodeOfATreeWithRecords_IsInconsistent) {
 }
 
 // The locator decides about the bytes up to the next entry of the table.
+// X-btree-2
 TEST(BtreeSearchEmptyTree, LeafThatNeverHadRecords_HasNoPlace) {
   TestTree tree({.records = numbered_records(1)});
   tree.set16(tree.root(), kNumRecords, 0);
@@ -476,6 +481,7 @@ TEST(BtreeSearchEmptyTree, LeafThatNeverHadRecords_HasNoPlace) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-2
 TEST(BtreeSearchDamage, EmptyChild_IsReadAndThenInconsistent) {
   for (const std::size_t height : {1u, 2u}) {
     TestTree tree(small_nodes());
@@ -495,6 +501,7 @@ TEST(BtreeSearchDamage, EmptyChild_IsReadAndThenInconsistent) {
 
 // The search begins in the header node, whose three records are taken for keys and stepped over. It ends on the map
 // record: a map that begins with one used node reads as a key of 0x8000 bytes.
+// Q-btree-8
 TEST(BtreeSearchEmptyTree, MapOfANewTree_IsNoRecord) {
   TestTree tree({});
   tree.open();
@@ -511,6 +518,7 @@ TEST(BtreeSearchEmptyTree, MapOfANewTree_IsNoRecord) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// Q-btree-8
 TEST(BtreeSearchEmptyTree, MapThatReadsAsAKey_OpensALocatorBehindTheLastRecord) {
   TestTree tree({});
   tree.set16(0, kHeaderMapRecord, 4);
@@ -546,6 +554,7 @@ TEST(BtreeSearchDamage, NodesOfAnotherKind_AreWalkedToTheirEnd) {
   }
 }
 
+// X-btree-18
 TEST(BtreeSearchDamage, LastRecordOfANodeOfAnotherKind_HasToLieInTheNode) {
   const auto backwards = [](std::uint32_t node) {
     return search_error("Invalid node data: Record 2 of node " + std::to_string(node) + " ends before it begins.");
@@ -620,6 +629,7 @@ TEST(BtreeSearchDamage, KeyBeforeAnIndexNodesFirst_StillGoesDownItsFirstRecord) 
 }
 
 // The child lies right behind the key; the key is not rounded up to an even length here.
+// Q-btree-7
 TEST(BtreeSearch, IndexKeyOfOddLength_IsFollowedByTheChildWithoutAPad) {
   TestTree tree(small_nodes(4));
   const std::uint32_t root = tree.root();
@@ -638,6 +648,7 @@ TEST(BtreeSearch, IndexKeyOfOddLength_IsFollowedByTheChildWithoutAPad) {
 // ---- Cycles --------------------------------------------------------------------------------------------------------
 
 // The node that leads there is looked at once more, under the start node's number.
+// Q-btree-26
 TEST(BtreeSearchCycle, BackToTheStartNode_CountsAsANodeThatLeadsToItself) {
   for (const std::size_t height : {4u, 3u, 2u}) {
     TestTree tree(small_nodes(24));
@@ -655,6 +666,7 @@ TEST(BtreeSearchCycle, BackToTheStartNode_CountsAsANodeThatLeadsToItself) {
   }
 }
 
+// X-btree-3
 TEST(BtreeSearchCycle, AwayFromTheStartNode_IsFound) {
   TestTree tree(small_nodes(24));
   tree.set_child(tree.node_at(2, 0), 0, tree.node_at(4, 0));  // the root is not on the way round
@@ -666,6 +678,7 @@ TEST(BtreeSearchCycle, AwayFromTheStartNode_IsFound) {
 }
 
 // The number of nodes is no help against a cycle when it is damaged itself.
+// X-btree-3
 TEST(BtreeSearchCycle, TreeThatClaimsBillionsOfNodes_IsLeftAfter255Levels) {
   for (const std::uint32_t total : Numbers32{0xFFFFFFFF, 0xFFFFFFFE, 0x80000000}) {
     for (const std::size_t height : {4u, 3u}) {
@@ -686,6 +699,7 @@ TEST(BtreeSearchCycle, TreeThatClaimsBillionsOfNodes_IsLeftAfter255Levels) {
   }
 }
 
+// Q-btree-26, X-btree-3
 TEST(BtreeSearchCycle, CyclesOfEveryLengthWithEveryLeadIn_AreFound) {
   constexpr std::uint32_t kNodes = 40;
   TreeOptions options = {.records = numbered_records(2 * kNodes)};
@@ -749,6 +763,7 @@ void make_descents(TestTree* tree, std::uint32_t descents) {
   }
 }
 
+// X-btree-3
 TEST(BtreeSearchCycle, LongWayWithoutACycle_IsWalkedToItsEndOrThrough255Levels) {
   TreeOptions options = {.records = numbered_records(600)};
   options.shape.max_leaf_records = 2;
@@ -789,6 +804,7 @@ TEST(BtreeSearchCycle, AsManyDescentsAsNodes_AreTooMany) {
 
 // ---- Damaged offsets and keys --------------------------------------------------------------------------------------
 
+// X-btree-1
 TEST(BtreeSearchDamage, RecordThatDoesNotLieInTheNode_IsInconsistent) {
   for (const std::uint16_t offset : Numbers16{507, 508, 511, 512, 0x7FFF, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
@@ -815,6 +831,7 @@ TEST(BtreeSearchDamage, RecordInTheDescriptor_IsComparedLikeAnyOther) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-18
 TEST(BtreeSearchDamage, FoundRecordThatEndsOutsideOrBeforeItsStart_IsInconsistent) {
   const std::string backwards = search_error("Invalid node data: Record 3 of node 1 ends before it begins.");
   const std::vector<std::pair<std::uint16_t, std::string>> ends = {
@@ -830,6 +847,7 @@ TEST(BtreeSearchDamage, FoundRecordThatEndsOutsideOrBeforeItsStart_IsInconsisten
   }
 }
 
+// Q-btree-25
 TEST(BtreeSearchDamage, FoundRecordOfAnOddSize_IsRefusedByTheLocator) {
   TestTree tree({.records = numbered_records(6)});
   tree.set_entry(tree.root(), 6, static_cast<std::uint16_t>(tree.entry(tree.root(), 6) + 1));
@@ -843,6 +861,7 @@ TEST(BtreeSearchDamage, FoundRecordOfAnOddSize_IsRefusedByTheLocator) {
 }
 
 // What such a key claims to hold does not matter as long as what the node has of it decides.
+// X-btree-1
 TEST(BtreeSearchDamage, CatalogKeyThatLeavesTheNode_IsComparedAsFarAsTheNodeGoes) {
   for (const std::uint16_t length : Numbers16{500, 0x7FFF, 0x8000, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
@@ -859,6 +878,7 @@ TEST(BtreeSearchDamage, CatalogKeyThatLeavesTheNode_IsComparedAsFarAsTheNodeGoes
   }
 }
 
+// X-btree-1
 TEST(BtreeSearchDamage, LongCatalogKeyThatLeavesTheNode_IsComparedUpTo255Units) {
   TestTree tree({.records = numbered_records(6), .shape = shape_of(4096)});
   tree.set16(tree.root(), tree.entry(tree.root(), 2), 0xFFFF);
@@ -869,6 +889,7 @@ TEST(BtreeSearchDamage, LongCatalogKeyThatLeavesTheNode_IsComparedUpTo255Units) 
 }
 
 // Many keys that claim to be long are no more work than what is compared of them.
+// X-btree-1
 TEST(BtreeSearchDamage, CatalogKeysThatLeaveTheNode_CountAsFarAsTheNodeGoes) {
   TestTree tree({.records = numbered_records(20)});
   for (std::uint32_t i = 0; i < 19; ++i) {
@@ -901,6 +922,7 @@ std::string search_for_key(const TestTree& tree, const Bytes& key) {
   return text;
 }
 
+// X-btree-1
 TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
   const Bytes data(12);
   TestTree tree({.records = {{catalog_key(10, {}), data}, {catalog_key(20, {}), data}, {catalog_key(40, {}), data}},
@@ -922,6 +944,7 @@ TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-1
 // The key's length and its parent, 0x1FA000E, are the last entries of the offset table.
 TEST(BtreeSearchDamage, CatalogKeyOfWhichTheNodeHasTheParentAlone_IsOrderedByThat) {
   const Bytes data(12);
@@ -940,6 +963,7 @@ TEST(BtreeSearchDamage, CatalogKeyOfWhichTheNodeHasTheParentAlone_IsOrderedByTha
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-1
 TEST(BtreeSearchDamage, KeyOfAnotherTreeThatLeavesTheNode_IsInconsistent) {
   for (const std::uint16_t length : Numbers16{500, 0x7FFF, 0x8000, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6), .kind = kHFSAttributesFileID});
@@ -967,6 +991,7 @@ TEST(BtreeSearchDamage, KeyOfAnotherTreeThatEndsWithTheNode_IsComparedAndOneByte
 }
 
 // The comparison of extents needs all of a key's 12 bytes.
+// X-btree-1
 TEST(BtreeSearchDamage, ExtentKeyThatLeavesTheNode_IsInconsistent) {
   TestTree tree({.records = numbered_records(6), .kind = kHFSExtentsFileID});
   tree.set_entry(tree.root(), 3, 502);
@@ -989,6 +1014,7 @@ TEST(BtreeSearchDamage, KeyThatLeavesItsRecord_IsRefusedByTheLocator) {
              search_error("HFSPlus:kvfs_btree_search_node_internal: Not enough memory"));
 }
 
+// X-btree-1
 TEST(BtreeSearchDamage, MoreRecordsThanTheTableCanHold_AreInconsistent) {
   for (const std::uint16_t count : Numbers16{249, 1000, 0x7FFF, 0xFFFF}) {
     TestTree tree({.records = numbered_records(6)});
@@ -1004,6 +1030,7 @@ TEST(BtreeSearchDamage, MoreRecordsThanTheTableCanHold_AreInconsistent) {
   }
 }
 
+// X-btree-1
 TEST(BtreeSearchDamage, ChildNumberThatLeavesTheNode_IsInconsistent) {
   TestTree tree(small_nodes(4));
   const std::uint32_t root = tree.root();
@@ -1019,6 +1046,7 @@ int refuse_all_keys(const void* /*node_key*/, const void* /*search_key*/, std::u
   return kvfs_key_malformed;
 }
 
+// X-catalog-1
 TEST(BtreeSearchDamage, KeyThatTheCallbackFindsMalformed_IsInconsistent) {
   TestTree tree(small_nodes());
   tree.open(refuse_all_keys);
@@ -1040,6 +1068,7 @@ TestTree* repeat_first_record(TestTree* tree, std::uint32_t count) {
   return tree;
 }
 
+// X-btree-5
 TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverAndTheNextOneEndsTheSearch) {
   for (const std::uint32_t count : Numbers32{1000, 1001, 1002, 2000}) {
     TestTree tree({.records = numbered_records(1),  // keys too short for a catalog
@@ -1060,6 +1089,7 @@ TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverAndTheNextOneEndsT
   }
 }
 
+// X-btree-5
 TEST(BtreeSearchManyKeys, ThousandOfAWrongLengthInANodeOfAnotherKind_EndTheSearchToo) {
   TestTree tree({.records = numbered_records(1), .shape = shape_of(8192), .kind = kHFSCatalogFileID});
   repeat_first_record(&tree, 2000)->set8(tree.root(), kKind, kBTMapNode);
@@ -1073,6 +1103,7 @@ TEST(BtreeSearchManyKeys, ThousandOfAWrongLengthInANodeOfAnotherKind_EndTheSearc
 }
 
 // A label is set with eight searches; each passes over so many keys.
+// X-btree-17
 TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverBySeveralSearches) {
   TestTree tree({.records = numbered_records(1), .shape = shape_of(8192), .kind = kHFSCatalogFileID});
   repeat_first_record(&tree, 1000)->set_entry(tree.root(), 1000, 32);
@@ -1085,6 +1116,7 @@ TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverBySeveralSearches)
 }
 
 // The comparison says for each key that there is no such order.
+// X-btree-17
 TEST(BtreeSearchManyKeys, OrderThatDoesNotExist_CostsAMessageForEachKey) {
   for (const std::uint8_t order : Numbers8{0xBC, 0xCF, 0, 0x42}) {
     TestTree tree({.records = {number_record(10, 700)}, .shape = shape_of(8192), .kind = kHFSCatalogFileID});
@@ -1103,6 +1135,7 @@ TEST(BtreeSearchManyKeys, OrderThatDoesNotExist_CostsAMessageForEachKey) {
 }
 
 // What a search costs beyond what a sound tree calls for is taken from a reserve, which lasts for the life of the tree.
+// X-btree-17
 TEST(BtreeSearchManyKeys, WorkBeyondThatOfASoundTree_UsesUpAReserve) {
   TestTree tree({.records = {number_record(10, 700)}, .shape = shape_of(8192), .kind = kHFSAttributesFileID});
   const std::uint32_t root = tree.root();
@@ -1122,6 +1155,7 @@ TEST(BtreeSearchManyKeys, WorkBeyondThatOfASoundTree_UsesUpAReserve) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-17
 TEST(BtreeSearchManyKeys, SearchesOfASoundTree_LeaveTheReserveAlone) {
   TestTree tree({.records = numbered_records(400, 60), .shape = shape_of(512, 4), .kind = kHFSAttributesFileID});
   tree.open();
@@ -1131,6 +1165,7 @@ TEST(BtreeSearchManyKeys, SearchesOfASoundTree_LeaveTheReserveAlone) {
   EXPECT_EQ(tree.get()->priv->reserve, kWorkReserve);
 }
 
+// X-btree-4
 TEST(BtreeSearchManyKeys, MoreBytesThan255NodesHave_EndTheSearch) {
   TestTree tree({.records = {number_record(10, 4)}, .shape = shape_of(8192), .kind = kHFSAttributesFileID});
   const std::uint32_t root = tree.root();
@@ -1236,26 +1271,20 @@ std::vector<Step> steps_of_search(const TestTree& tree) {
   };
 }
 
+// Q-btree-25, X-lock-1
 TEST(BtreeSearchFault, EachLockCallFailing_IsReportedWhereItHappened) {
   TestTree tree(small_nodes(8));
   ASSERT_EQ(tree.plan().levels.size(), 3u);
   const Bytes key = number_key(10);
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
     const Lines messages = messages_of(steps_of_search(tree), call);
-    for (std::size_t n = 0; n <= messages.size(); ++n) {
+    const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
       tree.open();
       kvfs_btree_search_result found = {7, 8, nullptr};
-      {
-        LogCapture log;
-        FaultInjector faults;
-        faults.fail(call, n + 1);
-        const kvfs_result result = kvfs_btree_search_node(tree.get(), key.data(), &found);
-        EXPECT_EQ(result, n < messages.size() ? kvfs_failed : kvfs_ok);
-        EXPECT_EQ(faults.delivered(), n < messages.size() ? 1u : 0u);
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(tree_lines(log), n < messages.size() ? Lines{messages[n]} : Lines{}) << call_name(call) << " " << n;
-      }
-      if (n < messages.size()) {
+      const kvfs_result result = run.operate([&] { return kvfs_btree_search_node(tree.get(), key.data(), &found); });
+      EXPECT_EQ(result, run.failed() ? kvfs_failed : kvfs_ok);
+      EXPECT_EQ(tree_lines(run.log()), run.failed() ? Lines{messages.at(run.n() - 1)} : Lines{});
+      if (run.failed()) {
         EXPECT_EQ(found.found, 7u);
         EXPECT_EQ(found.after, 8u);
         EXPECT_EQ(found.locator, nullptr);
@@ -1265,7 +1294,8 @@ TEST(BtreeSearchFault, EachLockCallFailing_IsReportedWhereItHappened) {
       EXPECT_EQ(tree.search(30), outcome(1, 0, tree.leaf(1), 0, 30)) << "the next search";
       tree.forget_references();
       tree.close();
-    }
+    });
+    EXPECT_EQ(failures, messages.size()) << call_name(call);
   }
 }
 
@@ -1275,22 +1305,19 @@ TEST(BtreeSearchFault, EachReadFailing_IsReportedWithItsNode) {
       search_error("Error while mapping raw node data."),
       search_error("Error while mapping raw node data of node " + std::to_string(tree.node_at(2, 0)) + "."),
       search_error("Error while mapping raw node data of node " + std::to_string(tree.leaf(0)) + ".")};
-  for (std::size_t n = 0; n < messages.size(); ++n) {
-    for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+  const std::string found = outcome(1, 0, tree.leaf(0), 0, 10);
+  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+    const unsigned long failures = fail_each(each(Call::kPread64, fault), [&](FailingRun& run) {
       tree.open();
-      {
-        LogCapture log;
-        FaultInjector faults;
-        faults.fail(Call::kPread64, n + 1, fault);
-        EXPECT_EQ(tree.search(10), "result 4");
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(tree_lines(log), Lines{messages[n]});
-      }
+      const std::string said = run.operate([&] { return tree.search(10); });
+      EXPECT_EQ(said, run.failed() ? "result 4" : found);
+      EXPECT_EQ(tree_lines(run.log()), run.failed() ? Lines{messages.at(run.n() - 1)} : Lines{});
       EXPECT_EQ(tree.locators(), Lines{});
-      EXPECT_EQ(tree.search(10), outcome(1, 0, tree.leaf(0), 0, 10)) << "the next search";
+      EXPECT_EQ(tree.search(10), found) << "the next search";
       tree.forget_references();
       tree.close();
-    }
+    });
+    EXPECT_EQ(failures, messages.size());
   }
 }
 
@@ -1308,21 +1335,15 @@ TEST(BtreeSearchFault, EachAllocationFailing_LeavesNothingBehind) {
   TestTree tree({.records = numbered_records(400, 4000), .shape = shape_of(8192)});
   tree.open();
   ASSERT_GT(tree.get()->fork->priv->items_length, 1u);
-  unsigned long n = 1;
-  for (;; ++n) {
-    ASSERT_LT(n, 100u);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
-    const std::string said = tree.search(4000);  // in the second item, which is not there yet
-    if (faults.delivered() == 0) {
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
+    const std::string said = run.operate([&] { return tree.search(4000); });  // in the second item, not there yet
+    if (!run.failed()) {
       EXPECT_EQ(said, expected_outcome(tree, 4000));
-      break;
+      return;
     }
     EXPECT_EQ(said, "result 2");
-    EXPECT_EQ(faults.locks_held(), 0);
     EXPECT_EQ(tree.locators(), Lines{});
-    const Lines lines = tree_lines(log);
+    const Lines lines = tree_lines(run.log());
     ASSERT_FALSE(lines.empty());
     if (lines.size() == 2) {
       EXPECT_TRUE(lines[0].starts_with("ERROR kvfs_btree_record_locator_open Error while allocating "));
@@ -1330,8 +1351,8 @@ TEST(BtreeSearchFault, EachAllocationFailing_LeavesNothingBehind) {
     } else {
       EXPECT_TRUE(lines[0].starts_with("ERROR kvfs_btree_search_node_internal Error while mapping raw node data"));
     }
-  }
-  EXPECT_GT(n, 4u);
+  });
+  EXPECT_GT(failures, 3u);
   tree.forget_references();
 }
 

@@ -123,6 +123,7 @@ class BtreeSplitPoint : public ::testing::TestWithParam<SplitCase> {
   }
 };
 
+// Q-btree-12, X-btree-8
 TEST_P(BtreeSplitPoint, RecordsAreDivided) {
   const SplitCase& split_case = GetParam();
   ChangeTree tree(options(split_case));
@@ -243,6 +244,7 @@ class BtreeSplit : public ::testing::Test {
   std::uint32_t new_node_ = 0;
 };
 
+// Q-btree-14
 TEST_F(BtreeSplit, UpperRecords_MoveToTheClaimedNode) {
   const Bytes old = tree_.cached_node(2);
   tree_.poke_bytes(5, 0, Bytes(512, 0xAA));  // what the node was used for before
@@ -323,6 +325,7 @@ TEST(BtreeSplitIndex, LastIndexNode_LeavesTheLastLeafAlone) {
   EXPECT_EQ(tree.show(11), "index 11 of height 3, 0 < > 0: 10>9 130>10 160>12");
 }
 
+// Q-btree-12
 TEST_F(BtreeSplit, RecordAtTheSplitIndex_IsAppendedToTheNodeThatWasSplit) {
   // T = 464, B = 32 + 18m, D = 40m - 464: m = 12 (16), 6, 9, 11 (-24). 365 is to be record 12.
   LogCapture log;
@@ -437,6 +440,7 @@ TEST(BtreeSplitIndex, FullIndexNode_IsSplitToo) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// Q-btree-13
 TEST(BtreeSplitIndex, FullRoot_IsNotSplit) {
   ChangeTree tree(leaves_of(2, 82, 0, 234));  // 41 leaves and the root, node 42
   tree.open();
@@ -449,6 +453,7 @@ TEST(BtreeSplitIndex, FullRoot_IsNotSplit) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// Q-btree-13
 TEST(BtreeSplitIndex, FullRootLeaf_IsNotSplit) {
   ChangeTree tree(leaves_of(0, 24));
   tree.open();
@@ -492,6 +497,7 @@ TEST(BtreeSplitIndex, OneFreeNodeForTwoSplits_FailsTheSecond) {
 
 // ---- Open locators -------------------------------------------------------------------------------------------------
 
+// Q-btree-15
 TEST_F(BtreeSplit, LocatorsOfMovedRecords_MoveByTheBytesMoved) {
   std::vector<kvfs_btree_record_locator*> open;
   for (const std::uint32_t number : Numbers32{240, 250, 360, 370, 380, 490}) {
@@ -510,6 +516,7 @@ TEST_F(BtreeSplit, LocatorsOfMovedRecords_MoveByTheBytesMoved) {
   }
 }
 
+// Q-btree-15
 TEST_F(BtreeSplit, OpeningAMovedRecordAgain_PutsItsLocatorRight) {
   kvfs_btree_record_locator* const moved = tree_.locate(370);
   ASSERT_EQ(split(2, 12), kvfs_ok);
@@ -566,6 +573,7 @@ TEST_F(BtreeSplit, AsManyBytesAsANodeHolds_AreMoved) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-7
 TEST_F(BtreeSplit, RecordsOutOfOrder_AreInconsistent) {
   const struct {
     std::uint32_t index;
@@ -596,6 +604,7 @@ std::string contradiction(std::uint32_t node) {
 }
 
 // The node bitmap calls the node itself, one of its neighbours or the root free.
+// X-btree-12
 TEST_F(BtreeSplit, ClaimedNodeThatIsInUse_IsInconsistentAndNothingMoves) {
   for (const std::uint32_t in_use : Numbers32{1, 2, 3, tree_.root()}) {
     ChangeTree tree(full_leaves());
@@ -611,6 +620,7 @@ TEST_F(BtreeSplit, ClaimedNodeThatIsInUse_IsInconsistentAndNothingMoves) {
   }
 }
 
+// X-btree-12
 TEST_F(BtreeSplit, ClaimedNextNodeThatNamesNoNodeBeforeIt_IsInconsistentAndNothingMoves) {
   tree_.mark_node(3, false);
   tree_.poke(3, offsetof(BTNodeDescriptor, bLink), 4, 0);
@@ -638,6 +648,7 @@ TEST_F(BtreeSplit, FirstIndexNodeThatIsClaimedForItself_IsInconsistentAndNothing
 }
 
 // A free node may hold what it held while it was in use, or records that were moved since.
+// X-btree-12
 TEST_F(BtreeSplit, ClaimedNodeWithBytesOfANodeInUse_IsTaken) {
   for (const std::uint32_t copied : Numbers32{1, 2, 3, tree_.root()}) {
     ChangeTree tree(full_leaves());
@@ -653,6 +664,7 @@ TEST_F(BtreeSplit, ClaimedNodeWithBytesOfANodeInUse_IsTaken) {
 }
 
 // Free nodes keep the links of an older tree: the node before says nothing of the claimed one when it is free itself.
+// X-btree-12
 TEST_F(BtreeSplit, ClaimedNodeThatAFreeNodeLeadsTo_IsTaken) {
   for (const std::uint32_t other : Numbers32{6, 7, 5}) {
     ChangeTree tree(full_leaves());
@@ -670,6 +682,7 @@ TEST_F(BtreeSplit, ClaimedNodeThatAFreeNodeLeadsTo_IsTaken) {
   }
 }
 
+// X-btree-12
 TEST_F(BtreeSplit, NodeBeforeTheClaimedOneThatCannotBeRead_IsNoFailure) {
   const std::uint32_t end = tree_.plan().total_nodes;
   tree_.poke(0, kHeaderTotalNodes, 4, end + 1);
@@ -712,6 +725,7 @@ class BtreeSplitMapNode : public ::testing::Test {
   std::uint32_t map_ = 0;
 };
 
+// X-btree-12
 TEST_F(BtreeSplitMapNode, NodeBeforeMarkedInAMapNode_CountsAsUsed) {
   tree_.poke(map_, 14, 1, 0x80);
   LogCapture log;
@@ -720,6 +734,7 @@ TEST_F(BtreeSplitMapNode, NodeBeforeMarkedInAMapNode_CountsAsUsed) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-12
 TEST_F(BtreeSplitMapNode, NodeBeforeNotMarkedInAMapNode_IsNotAsked) {
   tree_.poke(map_, 14, 1, 0x3F);
   LogCapture log;
@@ -729,6 +744,7 @@ TEST_F(BtreeSplitMapNode, NodeBeforeNotMarkedInAMapNode_IsNotAsked) {
 }
 
 // The byte behind the header's map record calls it free, its own bit does not.
+// X-btree-12
 TEST_F(BtreeSplitMapNode, ClaimedNodeMarkedInAMapNode_IsInUseWhateverItsLinksSay) {
   tree_.poke_entry(0, 3, 0xBFF8);
   tree_.poke(map_, 14, 1, 0x40);
@@ -740,6 +756,7 @@ TEST_F(BtreeSplitMapNode, ClaimedNodeMarkedInAMapNode_IsInUseWhateverItsLinksSay
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-12
 TEST_F(BtreeSplitMapNode, NodeBeforeWithoutABitInTheBitmap_IsNotAsked) {
   tree_.poke_entry(map_, 1, 14);  // a map node without bytes, in a ring
   tree_.poke(map_, kForwardLink, 4, map_);
@@ -749,6 +766,7 @@ TEST_F(BtreeSplitMapNode, NodeBeforeWithoutABitInTheBitmap_IsNotAsked) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-12
 TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitOutsideOfAMapNode_IsNotAsked) {
   tree_.poke_entry(map_, 0, 512);
   tree_.poke_entry(map_, 1, 520);
@@ -758,6 +776,7 @@ TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitOutsideOfAMapNode_IsNotAsked) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-11
 TEST_F(BtreeSplit, NeighbourOfAnotherKindOrHeight_IsInconsistentAndNothingMoves) {
   const auto expect_refused = [](std::uint32_t neighbour, const auto& damage) {
     ChangeTree tree(full_leaves());
@@ -816,6 +835,7 @@ TEST_F(BtreeSplit, ClaimedNodeOutsideOfTheFork_FailsToRead) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-7
 TEST_F(BtreeSplit, FirstMovedKeyOutsideOfTheNode_IsInconsistent) {
   tree_.poke(2, 14 + 10 * 18, 2, 500);
   LogCapture log;
@@ -853,6 +873,7 @@ TEST_F(BtreeSplit, NodeOfTheTreesHeight_IsARoot) {
   }
 }
 
+// X-btree-10
 TEST_F(BtreeSplit, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
   for (const std::uint16_t depth : Numbers16{17, 255, 256, 0xFFFF}) {
     ChangeTree tree(full_leaves());
@@ -937,74 +958,61 @@ TEST_F(BtreeSplit, EachFault_IsReportedAndLeavesNothingBehind) {
 }
 
 TEST_F(BtreeSplit, EachFaultOfAnInsertion_LeavesNothingBehind) {
-  for (const Call call : {Call::kMalloc, Call::kRwlockRdlock, Call::kRwlockWrlock, Call::kRwlockUnlock}) {
+  // The two readings of what may lead to the claimed node: each takes one lock for reading and two for writing.
+  const std::vector<std::pair<FailingCalls, std::size_t>> kinds = {{each_allocation(), 0},
+                                                                   {each(Call::kRwlockRdlock), 2},
+                                                                   {each(Call::kRwlockWrlock), 4},
+                                                                   {each(Call::kRwlockUnlock), 6}};
+  for (const auto& [failing, expected] : kinds) {
+    const bool is_allocation = !failing.call.has_value();
     bool half_taken_up = false;
-    bool delivered = true;
     std::size_t tolerated = 0;
-    for (unsigned long n = 1; delivered; ++n) {
+    fail_each(failing, [&](FailingRun& run) {
       ChangeTree tree(full_leaves());
       tree.open();
       (void)tree.cached_nodes();
-      LogCapture log;
-      {
-        FaultInjector faults;
-        if (call == Call::kMalloc) {
-          faults.fail_allocation(n);
-        } else {
-          faults.fail(call, n);
-        }
-        kvfs_btree_record_locator* locator = nullptr;
-        const Record record = number_record(375);
-        const kvfs_result result =
-            kvfs_btree_insert_record(tree.get(), record.first.data(), record.second.data(), 12, nullptr, &locator);
-        delivered = faults.delivered() != 0;
-        const kvfs_result failure = call == Call::kMalloc ? kvfs_no_memory : kvfs_failed;
-        tolerated += delivered && result == kvfs_ok ? 1 : 0;
-        EXPECT_TRUE(result == kvfs_ok || (delivered && result == failure)) << call_name(call) << " " << n;
-        EXPECT_EQ(locator == nullptr, result != kvfs_ok);
-        if (locator != nullptr) {
-          release(locator);
-        }
-        EXPECT_EQ(faults.locks_held(), 0);
-        EXPECT_EQ(faults.outstanding_allocations(), 0u);
-        EXPECT_EQ(tree.locators(), Lines());
+      kvfs_btree_record_locator* locator = nullptr;
+      const Record record = number_record(375);
+      const kvfs_result result = run.operate([&] {
+        return kvfs_btree_insert_record(tree.get(), record.first.data(), record.second.data(), 12, nullptr, &locator);
+      });
+      tolerated += run.failed() && result == kvfs_ok ? 1 : 0;
+      EXPECT_TRUE(result == kvfs_ok || (run.failed() && result == (is_allocation ? kvfs_no_memory : kvfs_failed)));
+      EXPECT_EQ(locator == nullptr, result != kvfs_ok);
+      if (locator != nullptr) {
+        release(locator);
       }
-      EXPECT_NE(log.empty(), delivered);
-      half_taken_up |= log.has("ERROR", "kvfs_btree_insert_record_internal",
-                               "Error while reading complete node data of claimed node.\n");
+      EXPECT_EQ(run.faults().locks_held(), 0);
+      EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+      EXPECT_EQ(tree.locators(), Lines());
+      EXPECT_NE(run.log().empty(), run.failed());
+      half_taken_up |= run.log().has("ERROR", "kvfs_btree_insert_record_internal",
+                                     "Error while reading complete node data of claimed node.\n");
       tree.forget_references();
-    }
-    EXPECT_EQ(half_taken_up, call != Call::kMalloc);
-    // The two readings of what may lead to the claimed node: each takes one lock for reading and two for writing.
-    const std::map<Call, std::size_t> expected = {
-        {Call::kMalloc, 0}, {Call::kRwlockRdlock, 2}, {Call::kRwlockWrlock, 4}, {Call::kRwlockUnlock, 6}};
-    EXPECT_EQ(tolerated, expected.at(call)) << call_name(call);
+    });
+    EXPECT_EQ(half_taken_up, !is_allocation);
+    EXPECT_EQ(tolerated, expected) << failing.name();
   }
 }
 
 // Two messages leave a blank behind their line, so that the caller's message stands there without its prefix.
+// Q-btree-25
 TEST_F(BtreeSplit, MessagesOfFailedNodeWrites_EndInABlank) {
   for (const char* const node : {"claimed", "split"}) {
     const std::string text = "Error while writing back modified " + std::string(node) + " node.\n ";
     bool seen = false;
-    bool delivered = true;
-    for (unsigned long n = 1; delivered && !seen; ++n) {
+    fail_each(each(Call::kRwlockWrlock), [&](FailingRun& run) {
       ChangeTree tree(full_leaves());
       tree.open();
       (void)tree.cached_nodes();
-      LogCapture log;
-      {
-        FaultInjector faults;
-        faults.fail(Call::kRwlockWrlock, n);
-        (void)tree.insert(365);
-        delivered = faults.delivered() != 0;
-      }
-      seen = log.raw().find(text) != std::string::npos;
-      if (seen) {
-        EXPECT_TRUE(log.raw().ends_with(text + "Error while splitting node.\n")) << log.raw();
+      (void)run.operate([&] { return tree.insert(365); });
+      const std::string& log = run.log().raw();
+      if (log.find(text) != std::string::npos) {
+        seen = true;
+        EXPECT_TRUE(log.ends_with(text + "Error while splitting node.\n")) << log;
       }
       tree.forget_references();
-    }
+    });
     EXPECT_TRUE(seen) << node;
   }
 }
@@ -1012,25 +1020,19 @@ TEST_F(BtreeSplit, MessagesOfFailedNodeWrites_EndInABlank) {
 TEST_F(BtreeSplit, HeaderThatCannotTakeTheNewLastLeaf_FailsTheSplit) {
   std::size_t seen = 0;
   std::size_t tolerated = 0;
-  bool delivered = true;
-  for (unsigned long n = 1; delivered; ++n) {
+  fail_each(each(Call::kRwlockWrlock), [&](FailingRun& run) {
     ChangeTree tree(full_leaves());
     tree.open();
     (void)tree.cached_nodes();
-    LogCapture log;
-    {
-      FaultInjector faults;
-      faults.fail(Call::kRwlockWrlock, n);
-      std::uint32_t new_node = 0;
-      const kvfs_result result = kvfs_btree_split_node(tree.get(), 3, 12, &new_node);
-      delivered = faults.delivered() != 0;
-      tolerated += delivered && result == kvfs_ok ? 1 : 0;
-      EXPECT_TRUE(result == kvfs_ok || (delivered && result == kvfs_failed)) << n;
-    }
-    seen +=
-        log.has("ERROR", "kvfs_btree_split_node", "Error while writing out modified B-tree header record.\n") ? 1 : 0;
+    std::uint32_t new_node = 0;
+    const kvfs_result result = run.operate([&] { return kvfs_btree_split_node(tree.get(), 3, 12, &new_node); });
+    tolerated += run.failed() && result == kvfs_ok ? 1 : 0;
+    EXPECT_TRUE(result == kvfs_ok || (run.failed() && result == kvfs_failed));
+    seen += run.log().has("ERROR", "kvfs_btree_split_node", "Error while writing out modified B-tree header record.\n")
+                ? 1
+                : 0;
     tree.forget_references();
-  }
+  });
   EXPECT_EQ(seen, 4u);       // the locks that a write inside of a unit takes
   EXPECT_EQ(tolerated, 4u);  // those of reading what may lead to the claimed node
 }
@@ -1044,21 +1046,16 @@ TEST(BtreeSplitFaults, EachReadOfTheDevice_IsReported) {
       {split_error("Error while mapping raw node data of claimed node."), context[0]},
       {split_error("Error while reading node descriptor of claimed node's forward linked node."), context[0]},
   };
-  for (std::size_t i = 0; i <= expected.size(); ++i) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     ChangeTree tree(full_leaves());
     tree.open();
-    LogCapture log;
-    {
-      FaultInjector faults;
-      faults.fail(Call::kPread64, i + 1);
-      const kvfs_result result = tree.insert(365);
-      EXPECT_EQ(result, i < expected.size() ? kvfs_io_error : kvfs_ok);
-      EXPECT_EQ(faults.delivered(), i < expected.size() ? 1u : 0u);
-    }
-    EXPECT_EQ(tree_lines(log), i < expected.size() ? expected[i] : Lines());
+    const kvfs_result result = run.operate([&] { return tree.insert(365); });
+    EXPECT_EQ(result, run.failed() ? kvfs_io_error : kvfs_ok);
+    EXPECT_EQ(tree_lines(run.log()), run.failed() ? expected.at(run.n() - 1) : Lines());
     EXPECT_EQ(tree.locators(), Lines());
     tree.forget_references();
-  }
+  });
+  EXPECT_EQ(failures, expected.size());
 }
 
 TEST_F(BtreeSplit, Flush_WritesEachChangedNodeOnce) {

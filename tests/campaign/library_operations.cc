@@ -11,6 +11,7 @@
 
 #include "bitmap.h"
 #include "extents.h"
+#include "fault_injection.h"
 #include "support.h"
 #include "unicode.h"
 #include "volume_builder.h"

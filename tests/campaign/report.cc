@@ -4,20 +4,30 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 namespace kvfs_test {
 
-void report_failures(const std::string& operation, const std::vector<std::size_t>& counts) {
-  std::string row = "| " + operation + " |";
-  for (const std::size_t count : counts) {
-    row += " " + std::to_string(count) + " |";
+static std::string head_of_table(const std::vector<FailureCount>& counts) {
+  std::string names = "| operation |";
+  std::string line = "|---|";
+  for (const FailureCount& count : counts) {
+    names += " " + count.kind + " |";
+    line += "---|";
+  }
+  return names + "\n" + line + "\n";
+}
+
+void report_failures(const std::string& operation, const std::vector<FailureCount>& counts) {
+  std::string row = "| `" + operation + "` |";
+  for (const FailureCount& count : counts) {
+    row += " " + std::to_string(count.failures) + " |";
   }
   std::puts(row.c_str());
   if (const char* const path = std::getenv("KVFS_CAMPAIGN_REPORT")) {
-    std::FILE* const file = std::fopen(path, "a");
-    ASSERT_NE(file, nullptr);
-    std::fprintf(file, "%s\n", row.c_str());
-    std::fclose(file);
+    std::ofstream file(path, std::ios::app | std::ios::ate);
+    file << (file.tellp() == 0 ? head_of_table(counts) : "") << row << "\n";
+    ASSERT_TRUE(file.good());
   }
 }
 

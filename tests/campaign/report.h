@@ -9,9 +9,16 @@
 
 namespace kvfs_test {
 
+// How many failures of a kind an operation met.
+struct FailureCount {
+  std::string kind;
+  std::size_t failures;
+};
+
 // Prints how many failures of each kind an operation met, as a row of a table. With KVFS_CAMPAIGN_REPORT=FILE the row
-// is appended to a file as well.
-void report_failures(const std::string& operation, const std::vector<std::size_t>& counts);
+// is appended to a file as well, an empty one first getting the head of the table; scripts/reliability-tables brings
+// it into docs/reliability.md.
+void report_failures(const std::string& operation, const std::vector<FailureCount>& counts);
 
 }  // namespace kvfs_test
 

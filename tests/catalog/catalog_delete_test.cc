@@ -10,11 +10,7 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog.h"
-#include "fork.h"
 #include "item_fixture.h"
-#include "log_capture.h"
-#include "volume_builder.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
@@ -134,6 +130,7 @@ TEST(CatalogIsDirectoryEmpty, FolderAtTheEndOfTheTree_IsEmpty) {
   EXPECT_EQ(emptiness(volume, kRootFolderId, u"last"), 1);
 }
 
+// Q-catalog-15
 TEST(CatalogIsDirectoryEmpty, ValenceOfTheRecord_IsNotConsulted) {
   Volume volume = volume_made();
   volume.set_field(volume.find_by_cnid(kDocs).value().path() + ".valence", 0);
@@ -143,6 +140,7 @@ TEST(CatalogIsDirectoryEmpty, ValenceOfTheRecord_IsNotConsulted) {
 }
 
 // Without its thread record the search ends on the folder's first item, and the record behind that one decides.
+// Q-catalog-15
 TEST(CatalogIsDirectoryEmpty, FolderWithOneItemAndNoThread_CountsAsEmpty) {
   VolumeDescription description;
   const std::uint32_t folder = description.add_folder(kRootFolderId, u"folder");
@@ -159,6 +157,7 @@ TEST(CatalogIsDirectoryEmpty, FolderWithoutThreadAtTheEndOfTheTree_IsEmpty) {
   EXPECT_EQ(emptiness(build_volume(description), kRootFolderId, u"last"), 1);
 }
 
+// X-catalog-3
 TEST(CatalogIsDirectoryEmpty, RecordTooShortForAFolder_IsRefusedAndLeavesTheOutputAlone) {
   VolumeDescription description = described();
   description.item(kHollow).record = Bytes(86, 0);
@@ -189,6 +188,7 @@ TEST(CatalogIsDirectoryEmpty, ItemWhoseKeyEndsBehindItsParent_Counts) {
   EXPECT_EQ(emptiness(volume_with_cut_key(5), kRootFolderId, u"last"), 0);
 }
 
+// X-catalog-3
 TEST(CatalogIsDirectoryEmpty, NextKeyTooShortForAParent_IsInconsistent) {
   for (const std::uint16_t key_length : {std::uint16_t{0}, std::uint16_t{3}}) {
     const std::string message = "ERROR kvfs_catalog_is_directory_empty Key of " + std::to_string(2 + key_length) +
@@ -267,6 +267,7 @@ TEST(CatalogCanDeleteFile, AnythingElse_CanBeDeleted) {
   EXPECT_EQ(deletable(build_volume(description), kDocs, u"bare"), 1);
 }
 
+// X-catalog-3
 TEST(CatalogCanDeleteFile, RecordWithoutAType_IsInconsistent) {
   VolumeDescription description = described();
   description.item(kBare).record = Bytes{};
@@ -323,6 +324,7 @@ TEST(CatalogDelete, FreedBlocks_ChangeTheFirstByteOfTheirChunkOnly) {
 }
 
 // Blocks whose bits lie in a later chunk than the first change the first byte of that chunk.
+// Q-bitmap-1
 TEST(CatalogDelete, FreedBlocksOfALaterChunk_ChangeThatChunksFirstByte) {
   VolumeDescription description = described();
   description.size = 40000 * 4096ULL;
@@ -344,6 +346,7 @@ TEST(CatalogDelete, FileWithoutBlocks_LeavesASoundVolume) {
   EXPECT_EQ(joined(check_volume(after)), "");
 }
 
+// Q-catalog-17
 TEST(CatalogDelete, ResourceFork_StaysAllocated) {
   const Volume before = volume_made();
   const Volume after = deleted(before, kDocs, u"both");
@@ -351,6 +354,7 @@ TEST(CatalogDelete, ResourceFork_StaysAllocated) {
   EXPECT_EQ(bitmap_of(after), bitmap_after_freeing(bitmap_of(before), blocks_of(before, kBoth)));
 }
 
+// Q-catalog-17
 TEST(CatalogDelete, FileWithOverflowExtents_FreesTheEightInItsRecordOnly) {
   VolumeDescription description = described();
   const std::uint32_t split = description.add_file(kRootFolderId, u"split", 12 * 4096, 12);
@@ -377,6 +381,7 @@ TEST(CatalogDelete, EmptyFolder_IsGoneAndCountedOut) {
   EXPECT_EQ(joined(check_volume(after)), "");
 }
 
+// Q-catalog-16
 TEST(CatalogDelete, FolderWithItems_IsDeletedWithoutAsking) {
   const Volume before = volume_made();
   const Volume after = deleted(before, kRootFolderId, u"docs");
@@ -398,6 +403,7 @@ TEST(CatalogDelete, HardLinkToADirectory_CountsAsAFolderInItsParentAndAsAFileInT
   EXPECT_EQ(joined(check_volume(after)), "");
 }
 
+// Q-volume-2
 TEST(CatalogDelete, CountsAtTheirEnd_WrapWithoutACheck) {
   Volume before = volume_made();
   before.set_field("fileCount", 0);
@@ -488,6 +494,7 @@ TEST(CatalogDelete, FirstRecordOfTheOnlyLeafUnderAnIndexNode_IsAnInconsistency) 
 
 // ---- Deleting without a parent -------------------------------------------------------------------------------------
 
+// Q-catalog-18
 TEST(CatalogDelete, WithoutParent_WarnsAndLeavesEveryValence) {
   const Volume before = volume_made();
   for (const auto& [parent, name, cnid] :
@@ -559,6 +566,7 @@ TEST(CatalogDelete, UnknownRecord_IsRefusedWithItsTypeAsASignedNumber) {
   }
 }
 
+// X-catalog-3
 TEST(CatalogDelete, RecordWithoutAType_IsInconsistent) {
   VolumeDescription description = described();
   description.item(kBare).record = Bytes{};
@@ -566,6 +574,7 @@ TEST(CatalogDelete, RecordWithoutAType_IsInconsistent) {
                  "ERROR kvfs_catalog_delete Record of 0 bytes is too short for a record type.\n");
 }
 
+// X-catalog-3
 TEST(CatalogDelete, RecordTooShortForItsType_IsRefused) {
   VolumeDescription description = described();
   description.item(kBare).record = Bytes(246, 0);
@@ -594,6 +603,7 @@ TEST(CatalogDelete, ItemDeletedBefore_IsRefusedByTheTree) {
 
 // ---- Damage --------------------------------------------------------------------------------------------------------
 
+// Q-catalog-19
 TEST(CatalogDelete, ThreadMissing_DeletesTheRecordInItsPlace) {
   VolumeDescription description = described();
   description.item(kTen).with_thread = false;
@@ -608,6 +618,7 @@ TEST(CatalogDelete, ThreadMissing_DeletesTheRecordInItsPlace) {
   EXPECT_EQ(after.get_field("freeBlocks"), before.get_field("freeBlocks") + 10);
 }
 
+// Q-catalog-19
 TEST(CatalogDelete, ThreadMissingBehindTheLastRecord_DeletesTheLastRecord) {
   VolumeDescription description = described();
   description.item(kLast).with_thread = false;
@@ -619,6 +630,7 @@ TEST(CatalogDelete, ThreadMissingBehindTheLastRecord_DeletesTheLastRecord) {
   EXPECT_EQ(after.get_field("folderCount"), before.get_field("folderCount") - 1);
 }
 
+// Q-catalog-17
 TEST(CatalogDelete, BlockThatIsFreeAlready_IsReportedAndTheDeletionGoesOn) {
   Volume before = volume_made();
   const std::vector<std::uint32_t> blocks = blocks_of(before, kTen);
@@ -638,9 +650,10 @@ TEST(CatalogDelete, BlockThatIsFreeAlready_IsReportedAndTheDeletionGoesOn) {
   EXPECT_EQ(after.get_field("fileCount"), before.get_field("fileCount") - 1);
 }
 
+// X-bitmap-1
 TEST(CatalogDelete, VolumeWithoutItsAllocationFile_FreesNothingAndGoesOn) {
   const Volume before = volume_made();
-  OpenVolume volume(before, true);
+  OpenVolume volume(before, kWithoutAllocationFile);
   ItemLocator item(volume, kDocs, u"ten");
   LogCapture log;
   EXPECT_EQ(delete_item(volume, item), kvfs_ok);
@@ -660,7 +673,7 @@ TEST(CatalogDelete, FileWithoutBlocksOnAVolumeWithoutItsAllocationFile_IsDeleted
     if (*damage != '\0') {
       before.set_field(before.find_by_cnid(kBare).value().path() + damage, 5);  // but no extent has any
     }
-    OpenVolume volume(before, true);
+    OpenVolume volume(before, kWithoutAllocationFile);
     ItemLocator item(volume, kDocs, u"bare");
     LogCapture log;
     EXPECT_EQ(delete_item(volume, item), kvfs_ok);

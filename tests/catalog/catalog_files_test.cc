@@ -12,11 +12,7 @@
 
 #include "big_endian.h"
 #include "btree/private.h"
-#include "catalog.h"
 #include "item_fixture.h"
-#include "log_capture.h"
-#include "stored_names.h"
-#include "volume_builder.h"
 #include "volume_checker.h"
 
 namespace kvfs_test {
@@ -116,6 +112,7 @@ TEST(CatalogGetFileSize, DataFork_GivesTheSize) {
   EXPECT_EQ(size_of(volume_made(), u"both"), 70u);
 }
 
+// Q-catalog-20
 TEST(CatalogGetFileSize, EmptyDataFork_GivesTheSizeOfTheResourceFork) {
   EXPECT_EQ(size_of(volume_made(), u"resource"), 300u);
 }
@@ -154,6 +151,7 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsThread_IsReportedAndGivesZero) {
 }
 
 // The record in whose place the target belongs is taken for it: a second file of the private folder.
+// Q-catalog-24
 TEST(CatalogGetFileSize, HardLinkWithoutItsTarget_GivesTheSizeOfTheRecordInItsPlace) {
   VolumeDescription description = described();
   (void)description.add_inode(777);
@@ -161,6 +159,7 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsTarget_GivesTheSizeOfTheRecordInItsPl
   EXPECT_EQ(size_of(build_volume(description), u"link"), 777u);
 }
 
+// Q-catalog-24
 TEST(CatalogGetFileSize, HardLinkWithoutItsTargetBeforeAShortRecord_IsReportedAndGivesZero) {
   VolumeDescription description = described();
   description.item(kInode).with_record = false;
@@ -171,6 +170,7 @@ TEST(CatalogGetFileSize, HardLinkWithoutItsTargetBeforeAShortRecord_IsReportedAn
             0u);
 }
 
+// X-catalog-3
 TEST(CatalogGetFileSize, HardLinkToAFolder_IsReportedAndGivesZero) {
   VolumeDescription description = described();
   (void)description.add_hard_link(kRootFolderId, u"second", kFolder);
@@ -194,6 +194,7 @@ std::uint64_t size_of_cut_target(std::uint64_t data_size, std::size_t record_siz
   return size_of(build_volume(description), u"link", messages);
 }
 
+// X-catalog-3
 TEST(CatalogGetFileSize, HardLinkToAShortRecord_GivesTheSizeThatItHolds) {
   EXPECT_EQ(size_of_cut_target(55, 96), 55u);
   EXPECT_EQ(size_of_cut_target(55, 174), 55u);
@@ -223,6 +224,7 @@ TEST(CatalogSetFileSize, NoRecord_IsReported) {
   EXPECT_LOG(log, "ERROR kvfs_catalog_record_set_file_size Error in kvfs_catalog_record_set_file_size - no record\n");
 }
 
+// Q-catalog-21
 TEST(CatalogSetFileSize, AnyOtherRecord_IsReportedAndStillOverwritten) {
   for (const auto& [type, text] : {std::pair{1, "1"}, {3, "3"}, {4, "4"}, {0, "0"}, {0xFFFE, "65534"}}) {
     Bytes record(100, 0x77);
@@ -265,6 +267,7 @@ void expect_not_followed(const Volume& image, kvfs_result expected, const Lines&
   EXPECT_EQ(volume.open_locators(), 0u);
 }
 
+// Q-catalog-22
 TEST(CatalogFollowHardLink, ReferenceWithoutThread_IsInconsistentWithoutAMessage) {
   VolumeDescription description = described();
   description.item(kInode).with_thread = false;
@@ -284,6 +287,7 @@ TEST(CatalogFollowHardLink, MissingTarget_IsASuccessThatFoundNothing) {
   EXPECT_EQ(target.text(), "at: file thread of 22 to 21/iNode22");  // where the target would stand
 }
 
+// X-catalog-2
 TEST(CatalogFollowHardLink, ThreadThatIsNoThread_IsRefused) {
   VolumeDescription description = described();
   description.item(kInode).with_thread = false;
@@ -334,7 +338,7 @@ kvfs_result make_link(const OpenVolume& volume, const ItemLocator& file, const N
 // Makes the file "nothing" a link and hands out what the volume holds then; that is to succeed without a message.
 Volume linked(const Volume& before, const Name& target, const Name& name = u"nothing",
               std::uint32_t sector_size = 512) {
-  OpenVolume volume(before, false, sector_size);
+  OpenVolume volume(before, {.sector_size = sector_size});
   ItemLocator file(volume, kRootFolderId, name);
   LogCapture log;
   EXPECT_EQ(make_link(volume, file, target), kvfs_ok);
@@ -419,6 +423,7 @@ TEST(CatalogMksymlink, LinkMade_ReportsItsSize) {
   EXPECT_EQ(size_of(linked(volume_made(), u"some/where"), u"nothing"), 10u);
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, EmptyTarget_MakesALinkOfNoBytes) {
   const Volume after = linked(volume_made(), u"");
   const HFSPlusCatalogFile file = file_record(after, kRootFolderId, u"nothing");
@@ -427,6 +432,7 @@ TEST(CatalogMksymlink, EmptyTarget_MakesALinkOfNoBytes) {
   EXPECT_EQ(file.dataFork.totalBlocks.get(), 1u);
 }
 
+// X-catalog-8
 TEST(CatalogMksymlink, TargetOf255Bytes_IsTheLongest) {
   const Volume after = linked(volume_made(), Name(255, u'x'));
   EXPECT_EQ(file_record(after, kRootFolderId, u"nothing").dataFork.logicalSize.get(), 255u);
@@ -435,6 +441,7 @@ TEST(CatalogMksymlink, TargetOf255Bytes_IsTheLongest) {
   EXPECT_EQ(file_record(accented, kRootFolderId, u"nothing").dataFork.logicalSize.get(), 255u);
 }
 
+// X-catalog-7
 TEST(CatalogMksymlink, LargerSectors_AreWrittenWhole) {
   const Volume after = linked(volume_made(), u"a/b", u"nothing", 2048);
   const std::uint32_t block = first_block(after, kNothing);
@@ -461,6 +468,7 @@ TEST(CatalogMksymlink, BlockBeyond4GiB_IsWrittenThere) {
   EXPECT_EQ(joined(check_volume(after)), "");
 }
 
+// Q-catalog-23
 TEST(CatalogMksymlink, FileWithContent_KeepsItsOldBlocksAllocated) {
   const Volume before = volume_made();
   const std::uint32_t old_block = first_block(before, 17);
@@ -517,8 +525,8 @@ TEST(CatalogMksymlink, NoLocator_IsRefusedWithoutAMessage) {
 
 // Fails to make a link of a file of the root folder, and expects the volume unchanged.
 void expect_no_link(const Volume& before, const Name& name, const Name& target, kvfs_result expected,
-                    const Lines& messages, bool skip_allocation_file = false) {
-  OpenVolume volume(before, skip_allocation_file);
+                    const Lines& messages, const Opening& opening = {}) {
+  OpenVolume volume(before, opening);
   ItemLocator file(volume, kRootFolderId, name);
   LogCapture log;
   EXPECT_EQ(make_link(volume, file, target), expected);
@@ -532,18 +540,21 @@ constexpr char kNotDecoded[] = "ERROR kvfs_catalog_widechar_to_utf8 Error while 
 constexpr char kNoValue[] = "WARNING kvfs_catalog_mksymlink At error with no error value set!\n";
 constexpr char kNoLocation[] = "ERROR kvfs_catalog_mksymlink Error while searching for symlink data write location.\n";
 
+// X-catalog-6
 TEST(CatalogMksymlink, TargetOfMoreThan255Bytes_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name(256, u'x'), Name(128, u'\u00E9'), Name(1000, u'x')}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid, {kNotDecoded});
   }
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, MalformedTarget_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name{u'a', 0xD800}, Name{0xDC00, u'a'}, Name{0xD800, u'a'}}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid, {kNotDecoded});
   }
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, TargetThatBeginsWithANul_IsRefusedAndChangesNothing) {
   for (const Name& target : {Name(1, u'\0'), Name(u"\0target", 7)}) {
     expect_no_link(volume_made(), u"nothing", target, kvfs_invalid,
@@ -555,7 +566,7 @@ TEST(CatalogMksymlink, VolumeWithoutItsAllocationFile_IsRefusedAndChangesNothing
   expect_no_link(volume_made(), u"nothing", u"a", kvfs_invalid,
                  {"ERROR FindContiguousUnallocated The volume was opened without its allocation file.\n",
                   "ERROR FindWriteLocation Error while searching the bitmap for a free region of 1.\n", kNoLocation},
-                 true);
+                 kWithoutAllocationFile);
 }
 
 TEST(CatalogMksymlink, Folder_IsRefusedAndChangesNothing) {
@@ -564,6 +575,7 @@ TEST(CatalogMksymlink, Folder_IsRefusedAndChangesNothing) {
                   "88\n"});
 }
 
+// X-catalog-6
 TEST(CatalogMksymlink, FullVolume_IsRefusedAndChangesNothing) {
   Volume before = volume_made();
   for (std::uint32_t block = 0; block < before.get_field("totalBlocks"); ++block) {
@@ -589,6 +601,7 @@ TEST(CatalogMksymlink, ExtentsThatContradictThemselves_AreReported) {
                  {"ERROR FindWriteLocation Encountered zero block count in extent.\n", kNoLocation});
 }
 
+// Q-catalog-23
 TEST(CatalogMksymlink, DeviceThatCannotBeWritten_LeavesAllButTheBlock) {
   const Volume before = volume_made();
   OpenVolume volume(before);
@@ -605,6 +618,7 @@ TEST(CatalogMksymlink, DeviceThatCannotBeWritten_LeavesAllButTheBlock) {
   EXPECT_TRUE(volume.flushed() == before);
 }
 
+// Q-catalog-23
 TEST(CatalogMksymlink, RecordThatCannotBeWrittenBack_LeavesTheBlockAllocated) {
   const Volume before = volume_made();
   OpenVolume volume(before);

@@ -12,12 +12,8 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "log_capture.h"
 #include "unicode_fixture.h"
-#include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {
@@ -84,6 +80,7 @@ TEST(CatalogSearchNode, OtherCase_IsFoundOnlyWhereCaseIsFolded) {
   EXPECT_EQ(search(OpenCatalog(build_volume(description)), 2, u"ALPHA"), "at: folder 16 in 2/alpha");
 }
 
+// Q-catalog-1
 TEST(CatalogSearchNode, PrivateFolder_IsNotFoundByItsOwnKey) {
   // Names that begin with a NUL are never equal, not even to themselves.
   for (const bool binary : {false, true}) {
@@ -128,6 +125,7 @@ TEST(CatalogSearchNode, IndexNodeThatPointsToItself_PassesTheFailureOn) {
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
 
+// X-catalog-1
 TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearchThatNeedsTheRest) {
   Volume volume = small_volume();
   volume.set_field(volume.find_entry(kRootFolderId, u"alpha")->path() + ".key.nodeName.length", 200);
@@ -145,6 +143,7 @@ TEST(CatalogSearchNode, NameThatExceedsItsKey_EndsTheSearchThatNeedsTheRest) {
              "ERROR kvfs_catalog_search_node Error in kvfs_btree_search_node.\n");
 }
 
+// X-btree-5
 TEST(CatalogSearchNode, ShortKeyInANode_IsReportedAndSortsFirst) {
   Volume volume = small_volume();
   volume.set_field(volume.find_entry(kRootFolderId, u"alpha")->path() + ".key.keyLength", 4);
@@ -285,18 +284,21 @@ void expect_thread_refused(const Bytes& data, const std::string& message) {
   kvfs_catalog_record_locator_close(&thread);
 }
 
+// X-catalog-2
 TEST(CatalogFollowThread, DataTooShortForTheFixedPart_AreRefused) {
   Bytes data = thread_data(true, 2, u"alpha");
   data.resize(8);
   expect_thread_refused(data, "Thread record of 8 bytes cannot hold its name of 0 units.\n");
 }
 
+// X-catalog-2
 TEST(CatalogFollowThread, DataTooShortForTheName_AreRefused) {
   Bytes data = thread_data(true, 2, u"alpha");
   data.resize(18);
   expect_thread_refused(data, "Thread record of 18 bytes cannot hold its name of 5 units.\n");
 }
 
+// X-catalog-2
 TEST(CatalogFollowThread, NameOfMoreThan255Units_IsRefused) {
   expect_thread_refused(thread_data(true, 2, Name(256, u'n')),
                         "Thread record of 522 bytes cannot hold its name of 256 units.\n");
@@ -357,6 +359,7 @@ TEST(CatalogSearchByCnid, File_IsFoundThroughItsThread) {
   EXPECT_EQ(search_cnid(OpenCatalog(small_volume()), kOne, true), "found: file 19 in 2/one");
 }
 
+// Q-catalog-6
 TEST(CatalogSearchByCnid, NoThreadRecord_IsASuccessWithALocator) {
   LogCapture log;
   const OpenCatalog catalog(small_volume());
@@ -365,6 +368,7 @@ TEST(CatalogSearchByCnid, NoThreadRecord_IsASuccessWithALocator) {
   EXPECT_LOG(log);
 }
 
+// Q-catalog-6
 TEST(CatalogSearchByCnid, RecordThatIsNoThread_IsReturnedAsItIs) {
   EXPECT_EQ(search_cnid(OpenCatalog(volume_with(thread_key(50), folder_record(50))), 50, true),
             "found: folder 50 in 50/");
@@ -467,6 +471,7 @@ TEST(CatalogSearchByPath, MissingLastComponent_GivesItsPlaceInTheFolder) {
   EXPECT_LOG(log);
 }
 
+// Q-catalog-7
 TEST(CatalogSearchByPath, MissingIntermediateComponent_LooksLikeAMissingLastOne) {
   const OpenCatalog catalog(small_volume());
   EXPECT_EQ(path_text(catalog, {u"alpha", u"zeta", u"x", u"y"}), path_text(catalog, {u"alpha", u"zeta"}));
@@ -515,6 +520,7 @@ TEST(CatalogSearchByPath, NoComponentsFromAFolder_GivesThatFolderWithTheStartAsP
   kvfs_catalog_record_locator_close(&start);
 }
 
+// Q-catalog-8
 TEST(CatalogSearchByPath, StartFolderWithTheIdOfTheRootsParent_MeansTheRootFolder) {
   const OpenCatalog catalog(volume_with(catalog_key(2, u"odd"), folder_record(kRootParentId)));
   kvfs_catalog_record_locator* start = catalog.open(2, u"odd");
@@ -566,6 +572,7 @@ void expect_path_fails(const Volume& volume, const Path& path, kvfs_result resul
   EXPECT_TRUE(log.matches(messages));
 }
 
+// Q-catalog-7
 TEST(CatalogSearchByPath, ComponentBehindAFile_IsAnInternalError) {
   expect_path_fails(small_volume(), {{u"one", u"x"}}, kvfs_internal,
                     {"ERROR kvfs_catalog_search_by_path Unexpected record type for parent directory in lookup: 2.\n"});
@@ -621,6 +628,7 @@ TEST(CatalogSearchByPath, FailingSource_EndsTheWalkWithItsValue) {
       {"ERROR kvfs_catalog_search_by_path Error while converting native path component to HFS+ string.\n"});
 }
 
+// X-catalog-4
 TEST(CatalogSearchByPath, SourceThatClaimsMoreThanTheCapacity_IsRefused) {
   Path path = {{u"alpha"}};
   path.claimed_length = 256;
@@ -649,7 +657,7 @@ class CatalogFaults : public ::testing::Test {
     return result;
   }
 
-  std::vector<FailedRun> fail(const FailingCall& failing, Work work) {
+  std::vector<FailedRun> fail(const FailingCalls& failing, Work work) {
     return fail_each(failing, [&] { return run(work); });
   }
 
@@ -663,20 +671,20 @@ class CatalogFaults : public ::testing::Test {
         logs.push_back(run.log);
       }
     };
-    const std::vector<FailedRun> allocations = fail(FailingCall::allocation(), work);
+    const std::vector<FailedRun> allocations = fail(each_allocation(), work);
     for (const FailedRun& run : allocations) {
       EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
     }
     add(allocations);
     for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
-      const std::vector<FailedRun> reads = fail(FailingCall::of(Call::kPread64, fault), work);
+      const std::vector<FailedRun> reads = fail(each(Call::kPread64, fault), work);
       for (const FailedRun& run : reads) {
         EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;
       }
       add(reads);
     }
     for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-      const std::vector<FailedRun> locks = fail(FailingCall::of(call), work);
+      const std::vector<FailedRun> locks = fail(each(call), work);
       for (const FailedRun& run : locks) {
         // Giving something back goes on after a failure, so that some of them are only reported.
         EXPECT_THAT(run.result, ::testing::AnyOf(kvfs_failed, kvfs_ok)) << call_name(call) << " " << run.n;

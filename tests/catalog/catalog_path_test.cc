@@ -132,6 +132,7 @@ TEST(CatalogUtf8Path, NameTooLongBeforeItIsDecomposed_IsInvalid) {
       kvfs_invalid);
 }
 
+// X-catalog-4
 TEST(CatalogUtf8Path, NameTooLongAfterItIsDecomposed_Overflows) {
   std::string text;
   for (int i = 0; i < 128; ++i) {

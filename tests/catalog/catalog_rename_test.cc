@@ -12,13 +12,8 @@
 
 #include "big_endian.h"
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "fork.h"
-#include "log_capture.h"
 #include "replaced_routine.h"
-#include "volume_builder.h"
 #include "volume_checker.h"
 
 // The linker sends the catalog's insertions here, so that one can be made to succeed without a locator, as the B-tree
@@ -250,6 +245,7 @@ TEST(CatalogValence, HardLinkWithOneMarkMissing_CountsAsAFile) {
   }
 }
 
+// Q-catalog-11
 TEST(CatalogValence, CountsAtTheirEnds_WrapWithoutACheck) {
   Volume volume = small_volume();
   const std::string alpha = volume.find_by_cnid(kAlpha).value().path();
@@ -288,6 +284,7 @@ TEST(CatalogValence, OtherFieldsOfTheFolder_StayAsTheyAre) {
   EXPECT_TRUE(catalog.flushed() == expected);
 }
 
+// Q-catalog-10
 TEST(CatalogValence, ThreadRecordAsChild_IsReportedAndChangesNothingAndSucceeds) {
   const Volume volume = small_volume();
   for (const std::uint8_t type : {std::uint8_t{3}, std::uint8_t{4}}) {
@@ -299,6 +296,7 @@ TEST(CatalogValence, ThreadRecordAsChild_IsReportedAndChangesNothingAndSucceeds)
   }
 }
 
+// Q-catalog-10
 TEST(CatalogValence, UnknownRecordAsChild_IsReportedAndChangesNothingAndSucceeds) {
   const Volume volume = small_volume();
   for (const auto& [type, text] : {std::pair{0x0000, "0x0"}, {0x0005, "0x5"}, {0xABCD, "0xABCD"}}) {
@@ -313,6 +311,7 @@ TEST(CatalogValence, UnknownRecordAsChild_IsReportedAndChangesNothingAndSucceeds
   }
 }
 
+// Q-catalog-10
 TEST(CatalogValence, ParentThatCannotBeWritten_IsReportedAndSucceeds) {
   const Volume volume = small_volume();
   ChangedCatalog catalog(volume);
@@ -327,6 +326,7 @@ TEST(CatalogValence, ParentThatCannotBeWritten_IsReportedAndSucceeds) {
   EXPECT_TRUE(catalog.flushed() == volume);
 }
 
+// X-catalog-3
 TEST(CatalogValence, ParentRecordTooShort_IsReportedAndSucceeds) {
   VolumeDescription description = small_description();
   description.item(kBeta).record = Bytes(86, 0);
@@ -408,6 +408,7 @@ TEST(CatalogRename, UnknownRecordType_IsRefused) {
                         "ERROR kvfs_catalog_rename_record Invalid record type (0x0) in record data!\n");
 }
 
+// X-catalog-3
 TEST(CatalogRename, RecordWithoutAType_IsInconsistent) {
   expect_refused_record({}, kvfs_inconsistent,
                         "ERROR kvfs_catalog_rename_record Record of 0 bytes is too short for a record type.\n");
@@ -434,6 +435,7 @@ void expect_renamed_by_key(std::uint16_t key_length, std::uint32_t parent, kvfs_
   }
 }
 
+// X-catalog-3
 TEST(CatalogRename, KeyTooShortForAParent_IsInconsistent) {
   for (const std::uint16_t length : {std::uint16_t{0}, std::uint16_t{3}}) {
     expect_renamed_by_key(length, 0, kvfs_inconsistent,
@@ -453,6 +455,7 @@ TEST(CatalogRename, KeyThatEndsBehindItsParent_TellsIt) {
   }
 }
 
+// X-catalog-3
 TEST(CatalogRename, RecordTooShortForItsType_IsRefused) {
   Bytes folder(86);
   folder[1] = 1;
@@ -510,6 +513,7 @@ TEST(CatalogRename, ItemUnderTheRootsParentThatIsNotTheRoot_FailsOnceItIsDeleted
   EXPECT_FALSE(after.find_entry(kRootParentId, u"new").has_value());
 }
 
+// Q-catalog-12
 TEST(CatalogRename, NameOf256Units_DeletesTheRecordAndCountsItOutWithoutAMessage) {
   for (const std::size_t length : {std::size_t{256}, std::size_t{65536}, SIZE_MAX}) {
     ChangedCatalog catalog(small_volume());
@@ -541,6 +545,7 @@ TEST(CatalogRename, RootFolderToANameOf256Units_IsDeletedWithoutAMessage) {
   EXPECT_FALSE(catalog.flushed().find_entry(kRootParentId, u"Untitled").has_value());
 }
 
+// Q-catalog-13
 TEST(CatalogRename, NameThatExists_FailsOnceTheRecordIsDeleted) {
   ChangedCatalog catalog(small_volume());
   kvfs_catalog_record_locator* parent = catalog.open(kRootFolderId, u"alpha");
@@ -557,6 +562,7 @@ TEST(CatalogRename, NameThatExists_FailsOnceTheRecordIsDeleted) {
   EXPECT_EQ(field(after, kAlpha, "valence"), 2u);
 }
 
+// Q-catalog-13
 TEST(CatalogRename, NewFolderThatDoesNotExist_FailsOnceTheRecordIsMoved) {
   ChangedCatalog catalog(small_volume());
   kvfs_catalog_record_locator* parent = catalog.open(kRootFolderId, u"alpha");
@@ -631,6 +637,7 @@ Volume rename_in_alpha(const Volume& before, const Name& name, std::uint32_t new
   return after;
 }
 
+// Q-catalog-14
 TEST(CatalogRename, NewThread_IsInsertedWhereTheOldOneStoodWithoutASearch) {
   ChangedCatalog catalog(small_volume());
   kvfs_catalog_record_locator* locator = catalog.open(kRootParentId, u"Untitled");
@@ -687,6 +694,7 @@ TEST(CatalogRename, RecordsLongerThanTheirType_AreCutToIt) {
   EXPECT_EQ(record_of(catalog.flushed(), kAlpha, u"short"), folder);
 }
 
+// Q-catalog-14
 TEST(CatalogRename, MissingThread_IsWarnedOfAndMadeAnew) {
   for (const std::uint32_t cnid : {kGamma, kOne}) {
     VolumeDescription description = small_description();
@@ -777,7 +785,7 @@ const std::set<std::string>& rename_messages() {
 
 TEST(CatalogRename, EachAllocationFailing_IsOutOfMemoryAndReported) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::allocation(), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each_allocation(), [&] { return move_gamma(volume); });
   EXPECT_GE(runs.size(), 10u);
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
@@ -792,8 +800,7 @@ TEST(CatalogRename, EachAllocationFailing_IsOutOfMemoryAndReported) {
 
 TEST(CatalogRename, EachWriteLockRefused_FailsOrLeaksOneLocatorAndIsReported) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockWrlock), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockWrlock), [&] { return move_gamma(volume); });
   std::set<std::string> messages = messages_of(runs, "kvfs_catalog_rename_record");
   messages.insert("ERROR kvfs_catalog_update_valence Error while writing out updated parent valence.\n");
   EXPECT_TRUE(std::includes(messages.begin(), messages.end(), rename_messages().begin(), rename_messages().end()));
@@ -806,8 +813,7 @@ TEST(CatalogRename, EachWriteLockRefused_FailsOrLeaksOneLocatorAndIsReported) {
 
 TEST(CatalogRename, EachReadLockRefused_FailsAndIsReported) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockRdlock), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockRdlock), [&] { return move_gamma(volume); });
   EXPECT_GE(runs.size(), 5u);
   for (const FailedRun& run : runs) {
     const bool fails = !messages_of({run}, "kvfs_catalog_rename_record").empty();
@@ -818,8 +824,7 @@ TEST(CatalogRename, EachReadLockRefused_FailsAndIsReported) {
 
 TEST(CatalogRename, EachUnlockFailing_FailsOrIsIgnoredWithAMessage) {
   const Volume volume = small_volume();
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockUnlock), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockUnlock), [&] { return move_gamma(volume); });
   EXPECT_EQ(messages_of(runs, "kvfs_catalog_rename_record"), rename_messages());
   for (const FailedRun& run : runs) {
     EXPECT_GE(run.log.size(), 2u) << "unlock " << run.n;
@@ -832,7 +837,7 @@ TEST(CatalogRename, ReadFailing_IsAnInputErrorAndReported) {
   VolumeDescription description = small_description();
   (void)description.add_files(kBeta, 300);  // so that the two folders lie in leaves of their own
   const Volume volume = build_volume(description);
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kPread64), [&] { return move_gamma(volume); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kPread64), [&] { return move_gamma(volume); });
   EXPECT_FALSE(runs.empty());
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;

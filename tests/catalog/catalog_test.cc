@@ -11,11 +11,7 @@
 #include <vector>
 
 #include "btree/private.h"
-#include "catalog/private.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "log_capture.h"
-#include "stored_names.h"
 #include "support.h"
 #include "unicode_fixture.h"
 
@@ -83,7 +79,7 @@ TEST(CatalogCreate, DamagedHeaderNode_FailsAndFreesEverything) {
 
 TEST(CatalogCreate, EachAllocationFailing_IsOutOfMemoryAndReported) {
   CatalogGround ground(small_volume());
-  const std::vector<FailedRun> runs = fail_each(FailingCall::allocation(), [&] { return open_and_close(ground); });
+  const std::vector<FailedRun> runs = fail_each(each_allocation(), [&] { return open_and_close(ground); });
   EXPECT_GE(runs.size(), 10u);
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
@@ -107,8 +103,7 @@ TEST(CatalogCreate, EachAllocationFailing_IsOutOfMemoryAndReported) {
 
 TEST(CatalogCreate, EachReadFailing_IsAnInputError) {
   CatalogGround ground(small_volume());
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kPread64), [&] { return open_and_close(ground); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kPread64), [&] { return open_and_close(ground); });
   EXPECT_EQ(runs.size(), 2u);
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;
@@ -119,7 +114,7 @@ TEST(CatalogCreate, EachReadFailing_IsAnInputError) {
 TEST(CatalogCreate, LockAttributeRefused_PassesTheValueOfTheLockOn) {
   CatalogGround ground(small_volume());
   const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockattrSetpshared), [&] { return open_and_close(ground); });
+      fail_each(each(Call::kRwlockattrSetpshared), [&] { return open_and_close(ground); });
   ASSERT_FALSE(runs.empty());
   EXPECT_EQ(runs[0].result, kvfs_failed);
   EXPECT_EQ(runs[0].log.back(), "ERROR kvfs_catalog_create Error while creating open locators list lock.\n");
@@ -129,8 +124,7 @@ TEST(CatalogCreate, LockNotDestroyedOnCleanup_IsReportedBehindTheFailure) {
   Volume volume = small_volume();
   volume.set_field("catalog.header.attributes", 0);
   CatalogGround ground(volume);
-  const std::vector<FailedRun> runs =
-      fail_each(FailingCall::of(Call::kRwlockDestroy), [&] { return open_and_close(ground); });
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockDestroy), [&] { return open_and_close(ground); });
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_inconsistent);
   }
@@ -181,6 +175,7 @@ TEST(CatalogDestroy, ParentOlderThanItsChild_IsReleasedByTheChildAndThenClosed) 
 }
 
 // Only the child holds the parent, which is met first.
+// X-catalog-5
 TEST(CatalogDestroy, ParentYoungerThanItsChild_IsForgottenByTheChild) {
   OpenCatalog catalog(small_volume());
   LogCapture log;
@@ -193,6 +188,7 @@ TEST(CatalogDestroy, ParentYoungerThanItsChild_IsForgottenByTheChild) {
   EXPECT_LOG(log, "WARNING kvfs_catalog_destroy Cleaned up 2 leaked catalog record locators on destroy.\n");
 }
 
+// Q-catalog-5
 TEST(CatalogDestroy, HeadWithTwoReferences_StopsTheCleanUpAtOnce) {
   OpenCatalog catalog(small_volume());
   kvfs_catalog_record_locator* const older = catalog.open(kRootFolderId, u"one");
@@ -377,6 +373,7 @@ void expect_open_refused(Call call, kvfs_result result, const Lines& expected, s
   }
 }
 
+// X-catalog-10
 TEST(CatalogLocatorOpen, NoMemory_IsReportedAndChangesNothing) {
   expect_open_refused(Call::kCalloc, kvfs_no_memory,
                       {"ERROR kvfs_catalog_record_locator_open Error while allocating " +
@@ -390,6 +387,7 @@ TEST(CatalogLocatorOpen, LockRefused_IsReportedAndChangesNothing) {
        "ERROR kvfs_catalog_record_locator_open Error while acquiring catalog open locators list lock.\n"});
 }
 
+// Q-catalog-3, X-catalog-9
 TEST(CatalogLocatorOpen, LockNotReleased_FreesTheLocatorAndTakesItOffTheListButNotFromItsParent) {
   expect_open_refused(
       Call::kRwlockUnlock, kvfs_failed,
@@ -531,6 +529,7 @@ TEST(CatalogLocatorClose, LastReference_FreesLocatorAndBtreeLocator) {
 }
 
 // What is left for a second close of a locator whose references are used up.
+// Q-catalog-4
 TEST(CatalogLocatorClose, NoReferencesLeft_WarnsAndStillUnlinksAndFrees) {
   OpenCatalog catalog(small_volume());
   kvfs_catalog_record_locator* older = catalog.open(kRootFolderId, u"one");
@@ -669,6 +668,7 @@ TEST(CatalogCompareKeys, NamesOf255Units_CompareToTheirLastUnit) {
   }
 }
 
+// Q-catalog-1
 TEST(CatalogCompareKeys, PrivateNameUnderTheRoot_SortsFirstBinaryAndLastFolded) {
   const HFSPlusCatalogKey private_name = stored_key(2, {u'\0', u'\0', u'H'});
   const HFSPlusCatalogKey other = stored_key(2, u"a");
@@ -679,6 +679,7 @@ TEST(CatalogCompareKeys, PrivateNameUnderTheRoot_SortsFirstBinaryAndLastFolded) 
   expect_order(private_name, thread, kHFSCaseFolding, 1);
 }
 
+// Q-catalog-1
 TEST(CatalogCompareKeys, TwoPrivateNames_AreNeverEqualAndTheFirstDecides) {
   const HFSPlusCatalogKey a = stored_key(2, {u'\0', u'a'});
   const HFSPlusCatalogKey b = stored_key(2, {u'\0', u'b'});
@@ -714,6 +715,7 @@ TEST(CatalogCompareKeys, AllPairsOfManyNames_OrderAsTheVolumesDo) {
   }
 }
 
+// Q-catalog-2
 TEST(CatalogCompareKeys, ShortKeys_OrderFirstWithAMessage) {
   HFSPlusCatalogKey short_key = stored_key(2, u"a");
   short_key.keyLength.set(5);
@@ -737,6 +739,7 @@ TEST(CatalogCompareKeys, KeyOfTwoBytes_IsReadNoFurther) {
              "ERROR kvfs_catalog_compare_keys Data in B is too small to be a HFSPlusCatalogKey (0 bytes).\n");
 }
 
+// Q-catalog-2
 TEST(CatalogCompareKeys, UnknownCompareType_OrdersFirstWithAMessage) {
   const HFSPlusCatalogKey key = stored_key(3, u"a");
   LogCapture log;
@@ -760,6 +763,7 @@ void expect_malformed(const HFSPlusCatalogKey& a, const HFSPlusCatalogKey& b, st
   EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys " + message);
 }
 
+// X-catalog-1
 TEST(CatalogCompareKeys, NameComparedBeyondItsKey_IsMalformed) {
   const HFSPlusCatalogKey cut = cut_key(20, u"abc", 4);
   const HFSPlusCatalogKey good = stored_key(20, u"abc");
@@ -772,6 +776,7 @@ TEST(CatalogCompareKeys, NameComparedBeyondItsKey_IsMalformed) {
   }
 }
 
+// X-catalog-1
 TEST(CatalogCompareKeys, NameBeyondItsKeyThatIsNotNeeded_DoesNotMatter) {
   LogCapture log;
   for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
@@ -785,6 +790,7 @@ TEST(CatalogCompareKeys, NameBeyondItsKeyThatIsNotNeeded_DoesNotMatter) {
   EXPECT_LOG(log);
 }
 
+// X-catalog-1
 TEST(CatalogCompareKeys, OddByteOfAKey_IsNoUnit) {
   HFSPlusCatalogKey key = stored_key(20, u"ab");
   key.keyLength.set(9);
@@ -792,6 +798,7 @@ TEST(CatalogCompareKeys, OddByteOfAKey_IsNoUnit) {
                    "Names of 2 and 2 units do not fit their keys (9 and 10 bytes).\n");
 }
 
+// X-catalog-1
 TEST(CatalogCompareKeys, NameUnderTheRootWithoutAFirstUnit_IsMalformed) {
   const HFSPlusCatalogKey cut = cut_key(kHFSRootFolderID, u"", 3);
   for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
@@ -812,6 +819,7 @@ TEST(CatalogCompareKeys, BinaryNamesThatMeetInANul_AreEqualBeforeTheKeyEnds) {
   EXPECT_LOG(log);
 }
 
+// X-catalog-1
 TEST(CatalogCompareKeys, KeyLongerThanItsName_IsAccepted) {
   HFSPlusCatalogKey key = stored_key(20, u"abc");
   key.nodeName.length.set(2);
@@ -836,6 +844,7 @@ std::string to_text(const Name& name, std::size_t size, std::size_t* out_count) 
   return {buffer.data() + 1, *out_count};
 }
 
+// Q-catalog-9
 TEST(CatalogWidecharToUtf8, Names_ConvertWithSlashForBackslash) {
   const std::vector<Name> names = {u"a", u"caf\u00e9", u"\\", u"\\a\\\\b", u"a/b:c", u"\u20ac", u"\U0001F600"};
   for (const Name& name : names) {
@@ -858,6 +867,7 @@ TEST(CatalogWidecharToUtf8, EmptyName_GivesNothingButTheNul) {
   EXPECT_LOG(log);
 }
 
+// X-catalog-8
 TEST(CatalogWidecharToUtf8, TextAndNulThatFillTheBuffer_Fit) {
   std::size_t count = 0;
   EXPECT_EQ(to_text(u"abcd", 5, &count), "abcd");
@@ -888,6 +898,7 @@ TEST(CatalogWidecharToUtf8, Nul_EndsTheTextWhateverFollows) {
   EXPECT_EQ(to_text(Name(1, u'a') + Name(1, u'\0') + Name(300, u'b'), 2, &count), "a");
 }
 
+// X-catalog-8
 TEST(CatalogWidecharToUtf8, BadInput_GivesNothingWithAMessage) {
   const struct {
     Name name;

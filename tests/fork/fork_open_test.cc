@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "fault_injection.h"
+#include "fork/cache.h"
 #include "fork_fixture.h"
 #include "log_capture.h"
 #include "support.h"
@@ -226,12 +227,14 @@ void expect_circle(OverflowFile* overflow, const std::vector<BlockRun>& runs, st
   EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Overflow extents of CNID 4 form a ring.\n");
 }
 
+// X-fork-1
 TEST(ForkResolveExtents, RecordThatLeadsBackToItself_EndsTheSearch) {
   OverflowFile overflow;
   overflow.add(kHFSCatalogFileID, 36, {{1, kHalf}, {1, kHalf - 6}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}});
   expect_circle(&overflow, kEightRuns, 1);
 }
 
+// X-fork-1
 TEST(ForkResolveExtents, TwoRecordsThatLeadToEachOther_EndTheSearch) {
   OverflowFile overflow;
   overflow.add(kHFSCatalogFileID, 36, runs_that_wrap(0xFFFFFFFF));
@@ -248,6 +251,7 @@ TEST(ForkResolveExtents, SumThatWrapsAroundToZero_IsLookedFor) {
   EXPECT_EQ(overflow.lookups(), Lines{"type 0 cnid 4 block 0"});
 }
 
+// X-fork-1
 TEST(ForkResolveExtents, CircleOfManyRecords_EndsTheSearch) {
   OverflowFile overflow;
   constexpr std::uint32_t kRecords = 100;
@@ -273,26 +277,25 @@ TEST(ForkResolveExtents, ManyOverflowRecords_AreAllFound) {
   EXPECT_EQ(overflow.lookups().size(), kRecords);
 }
 
+// Q-log-2
 TEST(ForkResolveExtents, EachAllocationFailing_PrintsTheSizeOfTheWholeArrayWithoutLineEnd) {
   OverflowFile overflow;
   overflow.add(kHFSCatalogFileID, 36, {{90, 1}, {91, 1}});
   const std::vector<std::string> sizes = {"64", "80"};
-  for (unsigned long n = 1;; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
-    const Resolved resolved = resolve(fork_data(38, kEightRuns), &overflow, 0);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    if (faults.delivered() == 0) {
-      EXPECT_EQ(resolved.result, kvfs_ok);
-      EXPECT_EQ(n, 3u);
-      break;
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
+    const Resolved resolved = run.operate([&] {
+      Resolved outcome = resolve(fork_data(38, kEightRuns), &overflow, 0);
+      kvfs_log("test", 1, "test", "ERROR", "continues the line\n");
+      return outcome;
+    });
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    EXPECT_EQ(resolved.result, run.failed() ? kvfs_no_memory : kvfs_ok);
+    if (run.failed()) {
+      EXPECT_LOG(run.log(), "ERROR kvfs_fork_resolve_extents Error while allocating " + sizes.at(run.n() - 1) +
+                                " bytes of memory for expanded fork_extents array.continues the line\n");
     }
-    EXPECT_EQ(resolved.result, kvfs_no_memory);
-    kvfs_log("test", 1, "test", "ERROR", "continues the line\n");
-    EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Error while allocating " + sizes.at(n - 1) +
-                        " bytes of memory for expanded fork_extents array.continues the line\n");
-  }
+  });
+  EXPECT_EQ(failures, sizes.size());
 }
 
 // ---- Opening -------------------------------------------------------------------------------------------------------
@@ -429,6 +432,7 @@ TEST(ForkPrivateCreate, ExtentsThatCannotBeResolved_PassTheResultUp) {
              "ERROR kvfs_fork_private_create Error while resolving fork extents.\n");
 }
 
+// Q-fork-2
 TEST(ForkCreate, AnyFailureInside_ComesOutAsNoMemory) {
   ForkMedium medium({.logical_size = 100, .extents = {{5, 1}}});
   LogCapture log;
@@ -463,42 +467,47 @@ TEST(ForkCreate, EachAllocationFailing_IsReportedAndUndone) {
        create},
       {lock_memory, "ERROR kvfs_fork_private_create Error while creating dirty_lock.\n", create},
   };
-  for (unsigned long n = 1;; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     kvfs_fork* fork = nullptr;
-    const kvfs_result result =
-        kvfs_fork_create(medium.device(), nullptr, 1, medium.header(), 4, medium.fork_data(), 512, &fork);
-    if (faults.delivered() == 0) {
-      EXPECT_EQ(n, logs.size() + 1);
+    const kvfs_result result = run.operate([&] {
+      return kvfs_fork_create(medium.device(), nullptr, 1, medium.header(), 4, medium.fork_data(), 512, &fork);
+    });
+    if (!run.failed()) {
       ASSERT_EQ(result, kvfs_ok);
       kvfs_fork_destroy(&fork);
-      break;
+      return;
     }
     EXPECT_EQ(result, kvfs_no_memory);
     EXPECT_EQ(fork, nullptr);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_EQ(faults.locks_alive(), 0);
-    EXPECT_TRUE(log.matches(logs.at(n - 1))) << "allocation " << n;
-  }
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    EXPECT_EQ(run.faults().locks_alive(), 0);
+    EXPECT_TRUE(run.log().matches(logs.at(run.n() - 1)));
+  });
+  EXPECT_EQ(failures, logs.size());
 }
 
 TEST(ForkPrivateCreate, EachLockThatCannotBeMade_PassesItsResultUp) {
   ForkMedium medium({.logical_size = 3 * kMiB, .extents = {{5, 1}}});
   const std::vector<std::string> texts = {"ERROR kvfs_fork_private_create Error while creating items_lock.\n",
                                           "ERROR kvfs_fork_private_create Error while creating dirty_lock.\n"};
-  for (unsigned long n = 1; n <= 2; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kRwlockattrSetpshared, n, Fault::error_number(EINVAL));
+  const FailingCalls failing = each(Call::kRwlockattrSetpshared, Fault::error_number(EINVAL));
+  const unsigned long failures = fail_each(failing, [&](FailingRun& run) {
     kvfs_fork_private* priv = nullptr;
-    EXPECT_EQ(kvfs_fork_private_create(medium.device(), nullptr, 1, 4, medium.fork_data(), 512, &priv), kvfs_failed);
+    const kvfs_result result = run.operate(
+        [&] { return kvfs_fork_private_create(medium.device(), nullptr, 1, 4, medium.fork_data(), 512, &priv); });
+    if (!run.failed()) {
+      ASSERT_EQ(result, kvfs_ok);
+      kvfs::fork::free_private(priv);
+      return;
+    }
+    EXPECT_EQ(result, kvfs_failed);
     EXPECT_EQ(priv, nullptr);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_EQ(faults.locks_alive(), 0);
-    EXPECT_LOG(log, "ERROR kvfs_rwlock_create Error while setting pshared property: {*}\n", texts.at(n - 1));
-  }
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    EXPECT_EQ(run.faults().locks_alive(), 0);
+    EXPECT_LOG(run.log(), "ERROR kvfs_rwlock_create Error while setting pshared property: {*}\n",
+               texts.at(run.n() - 1));
+  });
+  EXPECT_EQ(failures, texts.size());
 }
 
 // ---- Destroying ----------------------------------------------------------------------------------------------------
@@ -520,6 +529,7 @@ TEST(ForkDestroy, ForkWithItems_FreesEverythingAndClearsTheHandle) {
   EXPECT_LOG(log);
 }
 
+// Q-fork-9
 TEST(ForkDestroy, ModifiedBlocks_AreLostWithoutAWrite) {
   ForkMedium medium({.logical_size = 8192, .extents = {{1, 2}}});
   LogCapture log;

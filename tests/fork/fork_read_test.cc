@@ -73,6 +73,7 @@ TEST(ForkCacheItem, BitmapSize_RoundsBlocksAndBytesUp) {
   }
 }
 
+// Q-fork-3
 TEST(ForkCacheItem, EachAllocationFailing_IsReportedAndUndone) {
   OpenFork fork(kSmall);
   const std::string error = std::string(std::strerror(ENOMEM)) + " (" + std::to_string(ENOMEM) + ")\n";
@@ -85,26 +86,22 @@ TEST(ForkCacheItem, EachAllocationFailing_IsReportedAndUndone) {
       {"ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for valid data bitmap.\n"},
       {"ERROR kvfs_fork_cache_item_create Error while allocating 32 bytes of memory for data modification bitmap.\n"},
   };
-  for (unsigned long n = 1;; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     kvfs_fork_cache_item* item = nullptr;
-    const kvfs_result result = kvfs_fork_cache_item_create(fork.get(), &item);
-    if (faults.delivered() == 0) {
-      EXPECT_EQ(n, logs.size() + 1);
+    const kvfs_result result = run.operate([&] { return kvfs_fork_cache_item_create(fork.get(), &item); });
+    if (run.failed()) {
+      EXPECT_EQ(result, kvfs_no_memory);
+      EXPECT_EQ(item, nullptr);
+      EXPECT_EQ(run.faults().locks_alive(), 0);
+      EXPECT_TRUE(run.log().matches(logs.at(run.n() - 1)));
+    } else {
       EXPECT_EQ(result, kvfs_ok);
-      EXPECT_EQ(faults.allocation_sizes().at(2), kMiB);
+      EXPECT_EQ(run.faults().allocation_sizes().at(2), kMiB);
       kvfs_fork_cache_item_destroy(&item);
-      EXPECT_EQ(faults.outstanding_allocations(), 0u);
-      break;
     }
-    EXPECT_EQ(result, kvfs_no_memory);
-    EXPECT_EQ(item, nullptr);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_EQ(faults.locks_alive(), 0);
-    EXPECT_TRUE(log.matches(logs.at(n - 1))) << "allocation " << n;
-  }
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+  });
+  EXPECT_EQ(failures, logs.size());
 }
 
 TEST(ForkCacheItem, LockThatCannotBeMade_PassesItsResultUp) {
@@ -287,6 +284,7 @@ TEST(ForkDeviceIo, SumsOfBlocks_DoNotWrapAt32Bits) {
   EXPECT_TRUE(log.has("ERROR", "kvfs_fork_do_device_io", "more blocks than specified"));
 }
 
+// Q-fork-1
 TEST(ForkDeviceIo, ExtentWhoseLengthWraps_EndsBeforeTheRangeDoes) {
   const OpenFork fork({.logical_size = kMiB, .extents = {{5, 0x100001}}});
   EXPECT_EQ(pieces_of(fork, 0, 4096), Lines{"device 20480 fork 0 length 4096"});
@@ -365,6 +363,7 @@ struct PieceRead {
 
 class ForkProcessRead : public ::testing::TestWithParam<PieceRead> {};
 
+// X-fork-4
 TEST_P(ForkProcessRead, Piece_IsReadInWholeSectors) {
   const PieceRead& piece = GetParam();
   const ForkMedium medium({.sector_size = piece.sector_size, .image_size = 65536});
@@ -447,17 +446,18 @@ TEST(ForkProcessRead, EachReadThatFails_IsReportedWithItsSectors) {
        "buffer {*}\n",
        "ERROR kvfs_fork_process_read_io Error while reading lead-out sector 5.\n"},
   };
-  for (unsigned long n = 1; n <= 3; ++n) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     ByteVector bytes(1100);
     kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kPread64, n, Fault::error_number(EIO));
-    EXPECT_EQ(kvfs_fork_process_read_io(&context, 1500, 0, 1100), kvfs_io_error);
-    EXPECT_EQ(faults.count(Call::kPread64), n);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_TRUE(log.matches(logs.at(n - 1))) << "read " << n;
-  }
+    const kvfs_result result = run.operate([&] { return kvfs_fork_process_read_io(&context, 1500, 0, 1100); });
+    EXPECT_EQ(result, run.failed() ? kvfs_io_error : kvfs_ok);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    if (run.failed()) {
+      EXPECT_EQ(run.faults().count(Call::kPread64), run.n());
+      EXPECT_TRUE(run.log().matches(logs.at(run.n() - 1)));
+    }
+  });
+  EXPECT_EQ(failures, logs.size());
 }
 
 TEST(ForkProcessRead, ReadOfNoSectorsThatFails_IsReported) {
@@ -476,21 +476,23 @@ TEST(ForkProcessRead, EachBufferThatCannotBeHad_IsNoMemory) {
   const ForkMedium medium({.image_size = 65536});
   const std::vector<std::string> texts = {"Error while reading lead-in sector 2.\n",
                                           "Error while reading lead-out sector 5.\n"};
-  for (unsigned long n = 1; n <= 2; ++n) {
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     ByteVector bytes(1100);
     kvfs_fork_read_context context = {medium.device(), bytes.data(), 0};
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
-    EXPECT_EQ(kvfs_fork_process_read_io(&context, 1500, 0, 1100), kvfs_no_memory);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_LOG(log, "ERROR kvfs_device_read_disk_sectors Error while allocating read buffer of 512 bytes.\n",
-               "ERROR kvfs_fork_process_read_io " + texts.at(n - 1));
-  }
+    const kvfs_result result = run.operate([&] { return kvfs_fork_process_read_io(&context, 1500, 0, 1100); });
+    EXPECT_EQ(result, run.failed() ? kvfs_no_memory : kvfs_ok);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    if (run.failed()) {
+      EXPECT_LOG(run.log(), "ERROR kvfs_device_read_disk_sectors Error while allocating read buffer of 512 bytes.\n",
+                 "ERROR kvfs_fork_process_read_io " + texts.at(run.n() - 1));
+    }
+  });
+  EXPECT_EQ(failures, texts.size());
 }
 
 // The number of whole sectors behind the first one is below 0, which no device reads. Of the first sector no more bytes
 // are copied than the piece has.
+// X-fork-4
 TEST(ForkProcessRead, PieceWithinASector_ReadsThatSectorAndFails) {
   const ForkMedium medium({.image_size = 65536});
   for (const std::size_t length : {std::size_t{10}, std::size_t{1536 - 1100 - 1}}) {
@@ -522,6 +524,7 @@ TEST(ForkProcessRead, PieceOfMoreSectorsThanCanBeCounted_IsRefusedByTheDevice) {
              "ERROR kvfs_fork_process_read_io Error while reading 4294967297 fork sectors starting at sector 0.\n");
 }
 
+// X-device-1, X-fork-4
 TEST(ForkProcessRead, SectorSizeZero_IsRefused) {
   const ForkMedium medium({.sector_size = 0, .image_size = 65536});
   ByteVector bytes(512);
@@ -533,6 +536,7 @@ TEST(ForkProcessRead, SectorSizeZero_IsRefused) {
 
 // ---- Filling the cache ---------------------------------------------------------------------------------------------
 
+// Q-fork-5
 TEST(ForkReadIntoCache, Blocks_AreReadOneByOneInAscendingOrder) {
   OpenFork fork(kSmall);
   FaultInjector faults;
@@ -639,6 +643,7 @@ TEST(ForkReadIntoCache, LastBlock_EndsWithTheFork) {
   EXPECT_EQ(ByteVector(data + 5120, data + 8192), ByteVector(3072));
 }
 
+// Q-fork-6
 TEST(ForkReadIntoCache, LastSectorCutByTheForksEnd_DeliversTheEndOfThatSector) {
   OpenFork fork({.logical_size = 4096 + 1000, .extents = {{2, 2}}});
   FaultInjector faults;
@@ -649,6 +654,7 @@ TEST(ForkReadIntoCache, LastSectorCutByTheForksEnd_DeliversTheEndOfThatSector) {
   EXPECT_EQ(ByteVector(data + 512, data + 1000), ForkMedium::image_bytes(12800 + 512 - 488, 488));
 }
 
+// Q-fork-4
 TEST(ForkReadIntoCache, ReadThatFails_KeepsTheBlocksBeforeItAndAllReferences) {
   OpenFork fork(kSmall);
   LogCapture log;
@@ -699,6 +705,7 @@ TEST(ForkReadIntoCache, ItemFarOutside_IsAnInternalError) {
   EXPECT_LOG(log, "CRITICAL kvfs_fork_read_into_cache Item index out of bounds: 2 (expected maximum: 1)\n");
 }
 
+// X-fork-3
 TEST(ForkReadIntoCache, ItemBehindTheLast_IsRefusedBeforeItsSlotIsTouched) {
   OpenFork fork({.logical_size = kMiB, .extents = {{1, 256}}});
   LogCapture log;
@@ -755,6 +762,7 @@ TEST(ForkReadIntoCache, UnlockThatFailsAfterAFailure_DoesNotReplaceItsResult) {
   EXPECT_TRUE(log.has("CRITICAL", "kvfs_fork_read_into_cache", "Unexpected - Unable to unlock items lock!\n"));
 }
 
+// X-fork-2
 TEST(ForkReadIntoCache, UnitThatDoesNotFitAnItem_IsRefused) {
   for (const std::uint32_t unit : {0u, 1048577u, 2097152u, 0xFFFFFFFFu}) {
     OpenFork fork(
@@ -769,6 +777,7 @@ TEST(ForkReadIntoCache, UnitThatDoesNotFitAnItem_IsRefused) {
   }
 }
 
+// Q-fork-10
 TEST(ForkReadIntoCache, UnitThatIsNoPowerOfTwo_PlacesBlocksByTheirNumber) {
   // 682 blocks of 1536 bytes fit an item, so that block 683 is the second of item 1. Its bit is counted in the fork.
   OpenFork fork({.transfer_unit = 1536, .logical_size = 2 * kMiB, .extents = {{1, 512}}});
@@ -810,6 +819,7 @@ TEST(ForkMap, SameBlockTwice_ReadsItOnce) {
   EXPECT_EQ(fork.item(0), "refs=2 valid={1} modified={} dirty=0");
 }
 
+// Q-fork-4
 TEST(ForkMap, SeveralBlocks_AddAReferenceForEach) {
   OpenFork fork(kSmall);
   void* pointer = nullptr;
@@ -1113,6 +1123,7 @@ TEST_F(ForkUnmap, ItemThatWasNeverMade_IsRefused) {
   EXPECT_LOG(log, "ERROR kvfs_fork_unmap Cache item 1 does not exist and cannot be unmapped.\n");
 }
 
+// Q-fork-4
 TEST_F(ForkUnmap, MappingOfSeveralBlocks_LosesOneReferenceOnly) {
   void* wide = nullptr;
   ASSERT_EQ(kvfs_fork_map(fork_.get(), 8192, &wide, 8192, nullptr), kvfs_ok);
@@ -1286,6 +1297,7 @@ TEST(ForkRead, ItemWithoutAReference_IsAnInternalError) {
              "at least one)!\n");
 }
 
+// Q-fork-14
 TEST(ForkRead, UnlocksThatFailAfterAMissingReference_AreReportedAndReplaceNothing) {
   OpenFork fork(kOddUnitShape);
   make_unreferenced_items(fork);

@@ -89,6 +89,7 @@ TEST(ForkWrite, WholeBlock_ReadsNothingAndIsNotValid) {
   EXPECT_EQ(cached_bytes(fork, 0, 4096, 4096), marker_bytes(4096));
 }
 
+// Q-fork-7
 TEST(ForkWrite, WholeBlockThatWasNotReadBefore_IsReadOverByALaterMap) {
   OpenFork fork(kSmall);
   write_at(fork, 0, marker_bytes(4096));
@@ -97,6 +98,7 @@ TEST(ForkWrite, WholeBlockThatWasNotReadBefore_IsReadOverByALaterMap) {
   EXPECT_EQ(cached_bytes(fork, 0, 0, 4096), fork.fork_bytes(0, 4096));
 }
 
+// Q-fork-7
 TEST(ForkWrite, WholeBlockThatWasMappedBefore_KeepsTheWrittenBytes) {
   OpenFork fork(kSmall);
   cache(fork, 0, 4096);
@@ -227,6 +229,7 @@ TEST(ForkWrite, NothingAtTheBeginning_HasNoLastItem) {
   EXPECT_LOG(log, "CRITICAL kvfs_fork_write Internal inconsistency: Last cache item number out of bounds!\n");
 }
 
+// X-fork-2
 TEST(ForkWrite, UnitOfNoBytes_IsRefused) {
   OpenFork fork({.sector_size = 0, .transfer_unit = 0, .logical_size = 8192, .extents = {{1, 2}}});
   LogCapture log;
@@ -237,6 +240,7 @@ TEST(ForkWrite, UnitOfNoBytes_IsRefused) {
 }
 
 // The block that the write does not cover whole cannot be read.
+// X-fork-2
 TEST(ForkWrite, PartOfABlockThatDoesNotFitAnItem_IsRefused) {
   for (const std::uint32_t unit : {1048577u, 0xFFFFFFFFu}) {
     OpenFork fork({.transfer_unit = unit, .logical_size = 8192, .extents = {{1, 2}}});
@@ -252,6 +256,7 @@ TEST(ForkWrite, PartOfABlockThatDoesNotFitAnItem_IsRefused) {
 }
 
 // Each of its items has the one block.
+// X-fork-2
 TEST(ForkWrite, WholeBlockThatDoesNotFitAnItem_IsWrittenButNotFlushed) {
   OpenFork fork({.transfer_unit = 2 * kMiB, .logical_size = 4 * kMiB, .extents = {{1, 1024}}});
   write_at(fork, 2 * kMiB, ByteVector(2 * kMiB, 0x5A));
@@ -270,20 +275,23 @@ TEST(ForkWrite, WholeBlockThatDoesNotFitAnItem_IsWrittenButNotFlushed) {
 TEST(ForkWrite, FirstOrLastBlockThatCannotBeRead_IsReported) {
   const std::vector<std::string> texts = {"Error while reading first block in write range into cache.\n",
                                           "Error while reading last block in write range into cache.\n"};
-  for (unsigned long n = 1; n <= 2; ++n) {
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
     OpenFork fork(kSmall);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(Call::kPread64, n);
     const ByteVector bytes = marker_bytes(8192);
     std::size_t written = 99;
-    EXPECT_EQ(kvfs_fork_write(fork.get(), 100, bytes.data(), bytes.size(), &written), kvfs_io_error);
+    const kvfs_result result =
+        run.operate([&] { return kvfs_fork_write(fork.get(), 100, bytes.data(), bytes.size(), &written); });
+    if (!run.failed()) {
+      EXPECT_EQ(result, kvfs_ok);
+      return;
+    }
+    EXPECT_EQ(result, kvfs_io_error);
     EXPECT_EQ(written, 0u);
-    EXPECT_EQ(faults.locks_held(), 0);
     EXPECT_EQ(fork.dirty_items(), 0u);
-    ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(to_string(log.lines().back()), "ERROR kvfs_fork_write " + texts.at(n - 1));
-  }
+    ASSERT_FALSE(run.log().lines().empty());
+    EXPECT_EQ(to_string(run.log().lines().back()), "ERROR kvfs_fork_write " + texts.at(run.n() - 1));
+  });
+  EXPECT_EQ(failures, texts.size());
 }
 
 TEST(ForkWrite, SecondItemThatCannotBeMade_LeavesTheBytesInTheFirst) {
@@ -330,6 +338,7 @@ TEST(ForkWrite, LastItemWithoutTheReferenceOfItsFill_IsAnInternalError) {
              "at least one)!\n");
 }
 
+// Q-fork-14
 TEST(ForkWrite, LockFaults_AreReportedAndHoldNothing) {
   struct Case {
     Call call;
@@ -542,6 +551,7 @@ TEST(ForkFlush, SecondTime_WritesNothing) {
   EXPECT_EQ(transfers(faults), Lines{});
 }
 
+// Q-fork-5
 TEST(ForkFlush, BlocksThatTouch_AreWrittenOneByOneInAscendingOrder) {
   OpenFork fork(kSmall);
   write_at(fork, 8192, marker_bytes(8192));
@@ -639,6 +649,7 @@ TEST(ForkFlush, BlockOverTwoExtents_IsWrittenInPiecesAndClean) {
   EXPECT_LOG(log);
 }
 
+// X-fork-6
 TEST(ForkFlush, BlockOverThreeExtents_IsWrittenInPiecesAndClean) {
   OpenFork fork(
       {.block_size = 2048, .transfer_unit = 8192, .logical_size = 8192, .extents = {{10, 1}, {20, 2}, {30, 1}}});
@@ -672,6 +683,7 @@ class ForkWithPartialLastBlock : public ::testing::Test {
   OpenFork fork_{{.logical_size = 4096 + 1000, .extents = {{2, 2}}}};
 };
 
+// Q-fork-8
 TEST_F(ForkWithPartialLastBlock, Flush_WritesUpToTheLastSectorAndForgetsTheItem) {
   write_at(fork_, 4096 + 10, marker_bytes(20));
   LogCapture log;
@@ -706,6 +718,7 @@ TEST_F(ForkWithPartialLastBlock, SecondFlush_FindsNothingToDo) {
   EXPECT_LOG(log);
 }
 
+// Q-fork-8
 TEST_F(ForkWithPartialLastBlock, WriteToTheForgottenItem_DoesNotCountItAgain) {
   write_at(fork_, 4096, marker_bytes(10));
   LogCapture log;
@@ -720,6 +733,7 @@ ForkShape two_items() {
   return {.logical_size = 2 * kMiB, .extents = {{2, 512}}};
 }
 
+// Q-fork-8
 TEST(ForkFlush, OfAnItemThatWasForgotten_CountsBelowZeroAndWarns) {
   OpenFork fork(two_items());
   write_at(fork, 0, marker_bytes(4096));
@@ -735,6 +749,7 @@ TEST(ForkFlush, OfAnItemThatWasForgotten_CountsBelowZeroAndWarns) {
 }
 
 // The count that such a flush of a range leaves would become 0, and the write would never reach the device.
+// X-fork-13
 TEST(ForkWrite, WithACountBelowZero_IsCountedAndFlushed) {
   OpenFork fork(two_items());
   write_at(fork, 0, marker_bytes(4096));
@@ -751,6 +766,7 @@ TEST(ForkWrite, WithACountBelowZero_IsCountedAndFlushed) {
   EXPECT_LOG(log);
 }
 
+// X-fork-13
 TEST(ForkFlushInternal, OfAnItemThatWasForgotten_LeavesTheOthersToTheNextFlush) {
   OpenFork fork(two_items());
   write_at(fork, kMiB, marker_bytes(4096));
@@ -765,6 +781,7 @@ TEST(ForkFlushInternal, OfAnItemThatWasForgotten_LeavesTheOthersToTheNextFlush) 
   EXPECT_LOG(log);
 }
 
+// X-fork-13
 TEST(ForkFlush, ThatFailsBehindAnItemThatWasForgotten_LeavesTheOthersToTheNextOne) {
   OpenFork fork(two_items());
   write_at(fork, 0, marker_bytes(4096));
@@ -781,6 +798,7 @@ TEST(ForkFlush, ThatFailsBehindAnItemThatWasForgotten_LeavesTheOthersToTheNextOn
   EXPECT_EQ(transfers(faults), Lines{"write 1056768 4096"});
 }
 
+// X-fork-6
 TEST(ForkFlush, LastBlockCutAtASector_StaysModified) {
   OpenFork fork({.logical_size = 4096 + 512, .extents = {{2, 2}}});
   write_at(fork, 4096, fork.changed_bytes(4096, 512));
@@ -868,6 +886,7 @@ struct UnitFault {
 
 class ForkFlushUnits : public ::testing::TestWithParam<UnitFault> {};
 
+// X-fork-2
 TEST_P(ForkFlushUnits, UnitsThatCannotBeCountedByShifts_AreRefusedWithoutAWrite) {
   OpenFork fork(kSmall);
   write_at(fork, 0, marker_bytes(4096));
@@ -896,6 +915,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "Modification bitmap block size (2097152) is larger than a cache item.\n"}),
     [](const auto& suite) { return std::string(suite.param.name); });
 
+// Q-fork-10
 TEST(ForkFlush, UnitThatIsNoPowerOfTwo_CanBeWrittenButNotFlushed) {
   OpenFork fork({.transfer_unit = 1536, .logical_size = 16384, .extents = {{2, 4}}});
   write_at(fork, 100, marker_bytes(3000));
@@ -1022,6 +1042,7 @@ TEST(ForkFlushInternal, Range_WritesItsBlocksOnly) {
   EXPECT_LOG(log);
 }
 
+// X-fork-6
 TEST(ForkFlushInternal, RangeThatBeginsWithinABlock_WritesTheRestOfIt) {
   OpenFork fork(kSmall);
   write_at(fork, 0, marker_bytes(8192));
@@ -1116,6 +1137,7 @@ TEST_F(ForkProcessWrite, ItemFarOutside_IsAnInternalError) {
   EXPECT_LOG(log, "CRITICAL kvfs_fork_process_write_io Item index (1) out of bounds (maximum value: 0).\n");
 }
 
+// X-fork-3
 TEST_F(ForkProcessWrite, ItemBehindTheLast_CountsAsMissing) {
   LogCapture log;
   fork_.priv()->items_length = 1;
@@ -1148,12 +1170,14 @@ void expect_flushed(const ForkShape& shape, const Lines& writes, const Lines& lo
   }
 }
 
+// X-fork-5
 TEST(ForkFlush, ExtentsOfWholeSectors_AreWrittenWhateverTheBlockSize) {
   expect_flushed(blocks_of_odd_size(6144, {{2, 2}, {6, 2}}),
                  {"write 3072 2048", "write 5120 1024", "write 9216 1024", "write 10240 2048"});
 }
 
 // The bytes behind the logical end, up to the end of its sector, are still the fork's.
+// X-fork-5
 TEST(ForkFlush, LogicalEndInASectorOfItsBlock_IsWrittenWhateverTheBlockSize) {
   expect_flushed(blocks_of_odd_size(3072 - 10, {{2, 2}}), {"write 3072 2048", "write 5120 1024"},
                  {"WARNING kvfs_fork_flush Dirty items is non-0 (1) after successful full flush.\n"});
@@ -1175,19 +1199,23 @@ void expect_refused(const ForkShape& shape, const std::string& piece, std::uint6
              "ERROR kvfs_fork_flush_internal Error while writing fork to disk.\n");
 }
 
+// X-fork-5
 TEST(ForkFlush, ExtentThatBeginsWithinASector_IsRefusedWithoutAWrite) {
   expect_refused(blocks_of_odd_size(3072, {{1, 2}}), "3072 bytes at device offset 1536");
 }
 
+// X-fork-5
 TEST(ForkFlush, ExtentThatEndsWithinASector_IsRefusedWithoutAWrite) {
   // The sector at byte 4096 holds the end of the first extent and the beginning of another file's block.
   expect_refused(blocks_of_odd_size(3072, {{2, 1}, {6, 1}}), "1536 bytes at device offset 3072");
 }
 
+// X-fork-5
 TEST(ForkFlush, LaterExtentThatBeginsWithinASector_IsRefusedBeforeTheFirstWrite) {
   expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680", 3072);
 }
 
+// X-fork-5
 TEST(ForkFlush, LogicalEndInASectorThatEndsInAnotherBlock_IsRefusedWithoutAWrite) {
   expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072", 4599);
 }
@@ -1198,6 +1226,7 @@ ForkShape half_sectors() {
   return {.block_size = 256, .transfer_unit = 512, .logical_size = 2 * kAlignedExtent, .extents = {{200, 8}, {217, 8}}};
 }
 
+// X-fork-5
 TEST(ForkFlush, ExtentThatBeginsWithinASectorWithoutModifiedBlocks_DoesNotMatter) {
   OpenFork fork(half_sectors());
   write_at(fork, kAlignedExtent - 512, marker_bytes(512));
@@ -1208,6 +1237,7 @@ TEST(ForkFlush, ExtentThatBeginsWithinASectorWithoutModifiedBlocks_DoesNotMatter
   EXPECT_LOG(log);
 }
 
+// X-fork-5
 TEST(ForkFlush, ExtentThatBeginsWithinASectorWithItsLastBlockModified_IsRefusedWithoutAWrite) {
   OpenFork fork(half_sectors());
   write_at(fork, 0, marker_bytes(512));
@@ -1218,6 +1248,7 @@ TEST(ForkFlush, ExtentThatBeginsWithinASectorWithItsLastBlockModified_IsRefusedW
 }
 
 // Of an extent that ends within a sector only the last block reaches into that.
+// X-fork-5
 TEST(ForkFlush, ExtentThatEndsWithinASectorWithAnotherBlockModified_IsWritten) {
   OpenFork fork(blocks_of_odd_size(4600, {{2, 3}}));
   write_at(fork, 0, marker_bytes(2048));
@@ -1229,6 +1260,7 @@ TEST(ForkFlush, ExtentThatEndsWithinASectorWithAnotherBlockModified_IsWritten) {
 }
 
 // Items without modified blocks are passed over, and so is everything behind the piece.
+// X-fork-5
 TEST(ForkFlush, ExtentThatBeginsWithinASectorBetweenModifiedItems_DoesNotMatter) {
   OpenFork fork({.block_size = 256,
                  .transfer_unit = 512,
@@ -1300,32 +1332,27 @@ class ForkFaults : public ::testing::TestWithParam<Call> {};
 
 TEST_P(ForkFaults, EachCallFailingInTurn_LeavesNoLockNoLeakAndAForkThatWorks) {
   const Call call = GetParam();
-  for (unsigned long n = 1;; ++n) {
-    SCOPED_TRACE(n);
+  const unsigned long failures = fail_each(each(call), [&](FailingRun& run) {
     OpenFork fork(kThreeExtents);
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail(call, n);
-    const kvfs_result result = use_fork(fork.get());
-    if (faults.delivered() == 0) {
+    const kvfs_result result = run.operate([&] { return use_fork(fork.get()); });
+    if (!run.failed()) {
       EXPECT_EQ(result, kvfs_ok);
-      EXPECT_GT(n, 1u);
-      break;
+      return;
     }
     // Of malloc alone a use can do without: a fill takes a smaller pattern then.
     EXPECT_EQ(result == kvfs_ok, call == Call::kMalloc);
-    EXPECT_EQ(log.empty(), result == kvfs_ok);
-    EXPECT_EQ(faults.locks_held(), 0);
+    EXPECT_EQ(run.log().empty(), result == kvfs_ok);
     EXPECT_TRUE(fork.counts_hold());
     EXPECT_EQ(use_fork(fork.get()), kvfs_ok);
     const ByteVector text(kText.begin(), kText.end());
     EXPECT_EQ(fork.read_image(fork.device_offset(kMiB - 10), text.size()), text);
     EXPECT_EQ(fork.read_image(fork.device_offset(100), 50), ByteVector(50, 0x5A));
     fork.close();
-    EXPECT_EQ(faults.locks_held(), 0);
-    EXPECT_EQ(faults.locks_alive(), -2);  // those of the fork, which was opened before
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-  }
+    EXPECT_EQ(run.faults().locks_held(), 0);
+    EXPECT_EQ(run.faults().locks_alive(), -2);  // those of the fork, which was opened before
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+  });
+  EXPECT_GT(failures, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, ForkFaults,

@@ -25,38 +25,14 @@ constexpr std::uint32_t kSomeItems = 64;  // IDs below are looked at
 
 // ---- Operations ----------------------------------------------------------------------------------------------------
 
-// A volume that may refuse to be opened.
-class HostileVolume : public TestDevice {
- public:
-  explicit HostileVolume(const Volume& volume) : TestDevice(volume) {
-    result_ = kvfs_volume_create(TestDevice::get(), 0, &volume_);
-  }
-  ~HostileVolume() {
-    if (volume_ != nullptr) {
-      kvfs_volume_destroy(&volume_);
-    }
-  }
-  HostileVolume(const HostileVolume&) = delete;
-  HostileVolume& operator=(const HostileVolume&) = delete;
-
-  [[nodiscard]] kvfs_result result() const { return result_; }
-  [[nodiscard]] kvfs_volume* get() const { return volume_; }
-  [[nodiscard]] kvfs_catalog* catalog() const { return volume_->catalog; }
-  [[nodiscard]] kvfs_btree* tree() const { return *volume_->catalog->btree; }
-
- private:
-  kvfs_volume* volume_ = nullptr;
-  kvfs_result result_ = kvfs_ok;
-};
-
 struct Operation {
   const char* name;
-  std::function<kvfs_result(HostileVolume&)> run;
+  std::function<kvfs_result(OpenVolume&)> run;
   bool writes = false;  // to the device at once
 };
 
 // The item with an ID, with its folder as its parent; without a locator when it is not found.
-kvfs_result find_item(HostileVolume& volume, std::uint32_t cnid, Searched* item) {
+kvfs_result find_item(OpenVolume& volume, std::uint32_t cnid, Searched* item) {
   kvfs_result result = kvfs_catalog_search_by_cnid(volume.catalog(), cnid, true, item->out());
   if (result != kvfs_ok || item->out()->found == 0) {
     item->release();
@@ -74,7 +50,7 @@ kvfs_result find_item(HostileVolume& volume, std::uint32_t cnid, Searched* item)
 }
 
 // Does something with each of the first items, as long as there is no failure.
-kvfs_result for_each_item(HostileVolume& volume, const std::function<kvfs_result(Searched&)>& operate) {
+kvfs_result for_each_item(OpenVolume& volume, const std::function<kvfs_result(Searched&)>& operate) {
   for (std::uint32_t cnid = kRootFolderId; cnid < kSomeItems; ++cnid) {
     Searched item;
     kvfs_result result = find_item(volume, cnid, &item);
@@ -88,7 +64,7 @@ kvfs_result for_each_item(HostileVolume& volume, const std::function<kvfs_result
   return kvfs_ok;
 }
 
-kvfs_result read_sizes(HostileVolume& volume) {
+kvfs_result read_sizes(OpenVolume& volume) {
   return for_each_item(volume, [&](Searched& item) {
     const kvfs_btree_record_locator* const record = item.locator()->btree_locator;
     HFSPlusCatalogFile file = {};
@@ -100,7 +76,7 @@ kvfs_result read_sizes(HostileVolume& volume) {
   });
 }
 
-kvfs_result list_all(HostileVolume& volume) {
+kvfs_result list_all(OpenVolume& volume) {
   Searched item;
   kvfs_result result = kvfs_catalog_search_by_cnid(volume.catalog(), kRootFolderId, false, item.out());
   for (int i = 0; i < 10000 && result == kvfs_ok && item.locator() != nullptr; ++i) {
@@ -112,7 +88,7 @@ kvfs_result list_all(HostileVolume& volume) {
   return result;
 }
 
-kvfs_result rename_all(HostileVolume& volume) {
+kvfs_result rename_all(OpenVolume& volume) {
   return for_each_item(volume, [&](Searched& item) {
     const std::vector<kvfs_be16> name(200, kvfs_be16::of(u'n'));
     return kvfs_catalog_rename_record(volume.catalog(), &item.out()->locator, kvfs_be32::of(kRootFolderId), name.data(),
@@ -120,7 +96,7 @@ kvfs_result rename_all(HostileVolume& volume) {
   });
 }
 
-kvfs_result delete_all(HostileVolume& volume) {
+kvfs_result delete_all(OpenVolume& volume) {
   return for_each_item(volume, [&](Searched& item) {
     int can_delete = 0;
     (void)kvfs_catalog_can_delete_file(volume.catalog(), item.locator(), &can_delete);
@@ -128,19 +104,19 @@ kvfs_result delete_all(HostileVolume& volume) {
   });
 }
 
-kvfs_result make_symlinks(HostileVolume& volume) {
+kvfs_result make_symlinks(OpenVolume& volume) {
   return for_each_item(volume, [&](Searched& item) {
     const std::vector<kvfs_be16> target(30, kvfs_be16::of(u't'));
     return kvfs_catalog_mksymlink(item.locator(), target.data(), target.size(), volume.get());
   });
 }
 
-kvfs_result set_label(HostileVolume& volume) {
+kvfs_result set_label(OpenVolume& volume) {
   const std::vector<kvfs_be16> label(100, kvfs_be16::of(u'L'));
   return kvfs_volume_set_label(volume.get(), label.data(), label.size());
 }
 
-kvfs_result use_blocks(HostileVolume& volume) {
+kvfs_result use_blocks(OpenVolume& volume) {
   kvfs_allocation_location found = {};
   kvfs_result result = FindContiguousUnallocated(volume.get(), 5, 0, &found);
   if (result == kvfs_ok) {
@@ -157,8 +133,8 @@ std::vector<Operation> operations() {
       {"delete", delete_all},
       {"make symbolic links", make_symlinks, true},
       {"set the label", set_label},
-      {"expand", [](HostileVolume& volume) { return kvfs_btree_expand(volume.tree(), volume.get()); }},
-      {"shrink", [](HostileVolume& volume) { return kvfs_fork_shrink(volume.tree()->fork, volume.get(), 1); }},
+      {"expand", [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); }},
+      {"shrink", [](OpenVolume& volume) { return kvfs_fork_shrink(volume.catalog_tree()->fork, volume.get(), 1); }},
       {"use blocks", use_blocks},
   };
 }
@@ -268,7 +244,7 @@ void expect_clean_end(const Volume& image, const Operation& operation) {
   FaultInjector faults;
   faults.refuse_allocations_above(kMemory);
   {
-    HostileVolume volume(image);
+    OpenVolume volume(image, {.may_fail = true});
     const kvfs_result result = volume.get() == nullptr ? volume.result() : operation.run(volume);
     EXPECT_TRUE(result == kvfs_ok || !log.empty()) << "failed in silence with " << result;
     EXPECT_EQ(faults.locks_held(), 0);

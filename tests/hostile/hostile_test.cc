@@ -63,6 +63,7 @@ ToolRun timed(const char* what, const Run& run) {
   return result;
 }
 
+// X-btree-4, X-btree-17, X-fork-1
 TEST_P(Hostile, Volume_EndsWithinItsLimitsAndIsLeftAlone) {
   const Volume before = GetParam().volume();
   const ScratchFile image(before);

@@ -11,10 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "catalog.h"
 #include "fault_injection.h"
-#include "label_volume.h"
 #include "log_capture.h"
+#include "open_volume.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {
@@ -38,18 +37,17 @@ struct Outcome {
   std::size_t lost = 0;  // files that are not found any more by their ID
 };
 
-bool finds(const LabelVolume& volume, std::uint32_t cnid) {
+bool finds(const OpenVolume& volume, std::uint32_t cnid) {
   kvfs_catalog_search_result result;
   kvfs_catalog_search_result_init(&result);
-  const bool found =
-      kvfs_catalog_search_by_cnid(volume.get()->catalog, cnid, true, &result) == kvfs_ok && result.found != 0;
+  const bool found = kvfs_catalog_search_by_cnid(volume.catalog(), cnid, true, &result) == kvfs_ok && result.found != 0;
   kvfs_catalog_search_result_release(&result);
   return found;
 }
 
 Outcome outcome_of(const Volume& image, std::uint32_t files, const Name& old_label, const Name& new_label) {
   const LogCapture silence;
-  const LabelVolume volume(image);
+  const OpenVolume volume(image, {.skip_allocation_file = 1, .may_fail = true});
   if (volume.result() != kvfs_ok) {
     return {};
   }
@@ -106,10 +104,10 @@ Recording record_set(const Shape& shape, std::uint32_t files) {
   recording.before = build_volume(description);
   recording.files = files;
   recording.new_label = Name(shape.label_length, u'L');
-  const LabelVolume volume(recording.before);
+  const OpenVolume volume(recording.before, kWithoutAllocationFile);
   const FaultInjector device;
-  EXPECT_EQ(volume.set(recording.new_label), kvfs_ok);
-  EXPECT_EQ(volume.flush(), kvfs_ok);
+  EXPECT_EQ(volume.set_label(recording.new_label), kvfs_ok);
+  EXPECT_EQ(kvfs_fork_flush(volume.catalog_fork()), kvfs_ok);
   recording.writes = device.writes();
   return recording;
 }

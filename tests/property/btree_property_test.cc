@@ -5,9 +5,7 @@
 //   KVFS_PROPERTY_OPERATIONS  operations on each tree (default 120)
 //   KVFS_PROPERTY_SEED        seed of the first tree (default 1); each failure says the one of its tree
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -19,16 +17,12 @@
 #include <string>
 #include <vector>
 
-#include "big_endian.h"
-#include "btree.h"
 #include "btree/private.h"
-#include "catalog.h"
-#include "device.h"
 #include "fork/private.h"
 #include "log_capture.h"
+#include "open_volume.h"
 #include "tree_checker.h"
 #include "volume_builder.h"
-#include "volume_checker.h"
 
 namespace kvfs_test {
 namespace {
@@ -124,21 +118,13 @@ class RandomTree {
     for (const auto& [key, data] : dump_records(volume_, Tree::kCatalog)) {
       model_[key] = data;
     }
-    const std::string path = ::testing::TempDir() + "kvfs-property-" + std::to_string(getpid());
-    volume_.write_to(path);
-    fd_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    unlink(path.c_str());
-    EXPECT_EQ(kvfs_device_create(fd_, 0, 512, 0, &device_), kvfs_ok);
+    device_.emplace(volume_);
     volume_.read(kHeaderOffset, &header_, sizeof(header_));
     open();
     look_around();
   }
 
-  ~RandomTree() {
-    close();
-    kvfs_device_destroy(&device_);
-    ::close(fd_);
-  }
+  ~RandomTree() { close(); }
 
   RandomTree(const RandomTree&) = delete;
   RandomTree& operator=(const RandomTree&) = delete;
@@ -214,8 +200,9 @@ class RandomTree {
   // ---- Opening, flushing, looking at the device
 
   void open() {
-    EXPECT_EQ(kvfs_btree_create(device_, nullptr, 1, &header_, kHFSCatalogFileID, kvfs_catalog_compare_keys, &tree_),
-              kvfs_ok);
+    EXPECT_EQ(
+        kvfs_btree_create(device_->get(), nullptr, 1, &header_, kHFSCatalogFileID, kvfs_catalog_compare_keys, &tree_),
+        kvfs_ok);
   }
 
   void close() {
@@ -231,10 +218,8 @@ class RandomTree {
 
   void read_catalog_from_device() {
     const ForkView fork = volume_.fork(Tree::kCatalog);
-    Bytes bytes(static_cast<std::size_t>(volume_.fork_logical_size(SpecialFile::kCatalog)));
-    ASSERT_EQ(pread(fd_, bytes.data(), bytes.size(), static_cast<off_t>(fork.device_offset(0))),
-              static_cast<ssize_t>(bytes.size()));
-    fork.write(volume_, 0, bytes);
+    const auto size = static_cast<std::size_t>(volume_.fork_logical_size(SpecialFile::kCatalog));
+    fork.write(volume_, 0, device_->read(fork.device_offset(0), size));
   }
 
   // Takes up what the device has, which has to be a sound tree with the records of the model.
@@ -647,8 +632,7 @@ class RandomTree {
   Volume volume_;                     // as the device has it
   std::vector<FoundRecord> records_;  // of the volume
   std::vector<Held> held_;
-  int fd_ = -1;
-  kvfs_device* device_ = nullptr;
+  std::optional<TestDevice> device_;
   HFSPlusVolumeHeader header_ = {};
   kvfs_btree* tree_ = nullptr;
   std::size_t splits_ = 0;

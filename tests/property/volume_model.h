@@ -13,11 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "log_capture.h"
 #include "volume_image.h"
 
 namespace kvfs_test {
-
-using Lines = std::vector<std::string>;
 
 // A run of blocks for a fork to grow by; its count is 0 when there is none.
 struct ModelRun {

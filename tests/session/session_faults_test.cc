@@ -125,28 +125,13 @@ std::vector<SessionOperation> operations() {
   };
 }
 
-using SetSessionFault = std::function<void(FaultInjector&, unsigned long)>;
-
-struct SessionFault {
-  const char* name;
-  SetSessionFault set;
-};
-
-std::vector<SessionFault> session_faults() {
-  const auto each_call = [](Call call) {
-    return [call](FaultInjector& faults, unsigned long n) { faults.fail(call, n); };
-  };
+std::vector<FailingCalls> failing_calls() {
   return {
-      {"memory", [](FaultInjector& faults, unsigned long n) { faults.fail_allocation(n); }},
-      {"lock made", each_call(Call::kRwlockInit)},
-      {"read lock", each_call(Call::kRwlockRdlock)},
-      {"write lock", each_call(Call::kRwlockWrlock)},
-      {"unlock", each_call(Call::kRwlockUnlock)},
-      {"flock", each_call(Call::kFlock)},
-      {"read", each_call(Call::kPread64)},
-      {"read short", [](FaultInjector& f, unsigned long n) { f.fail(Call::kPread64, n, Fault::short_by(1)); }},
-      {"write", each_call(Call::kPwrite64)},
-      {"write short", [](FaultInjector& f, unsigned long n) { f.fail(Call::kPwrite64, n, Fault::short_by(1)); }},
+      each_allocation(),         each(Call::kRwlockInit),
+      each(Call::kRwlockRdlock), each(Call::kRwlockWrlock),
+      each(Call::kRwlockUnlock), each(Call::kFlock),
+      each(Call::kPread64),      each(Call::kPread64, Fault::short_by(1)),
+      each(Call::kPwrite64),     each(Call::kPwrite64, Fault::short_by(1)),
   };
 }
 
@@ -174,24 +159,19 @@ TEST_P(SessionFaults, EachFailure_LeavesASessionThatCanGoOn) {
     const TestSession session(image);
     EXPECT_EQ(GetParam().run(session.get()), KVFS_OK);
   }
-  for (const SessionFault& fault : session_faults()) {
-    for (unsigned long n = 1; n < 3000; ++n) {
-      SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n));
+  for (const FailingCalls& failing : failing_calls()) {
+    fail_each(failing, [&](FailingRun& run) {
+      if (::testing::Test::HasFailure()) {
+        return;  // one is enough
+      }
       LogCapture silence;
       const TestSession session(image);
-      FaultInjector faults;
-      fault.set(faults, n);
-      const std::uint64_t result = GetParam().run(session.get());
-      if (faults.delivered() == 0) {
-        break;
+      const std::uint64_t result = run.operate([&] { return GetParam().run(session.get()); });
+      if (run.failed()) {
+        EXPECT_TRUE(result <= KVFS_LIMIT || result == KVFS_SPOILED || result == KVFS_CLOSED) << result;
+        expect_whole(session, result, GetParam().name);
       }
-      EXPECT_EQ(faults.locks_held(), 0);
-      EXPECT_TRUE(result <= KVFS_LIMIT || result == KVFS_SPOILED || result == KVFS_CLOSED) << result;
-      expect_whole(session, result, GetParam().name);
-      if (::testing::Test::HasFailure()) {
-        return;
-      }
-    }
+    });
   }
 }
 
@@ -200,28 +180,20 @@ INSTANTIATE_TEST_SUITE_P(Operations, SessionFaults, ::testing::ValuesIn(operatio
 
 TEST(SessionOpenFaults, EachFailure_LeavesNothingBehind) {
   const MemoryFile file(faults_volume());
-  for (const SessionFault& fault : session_faults()) {
-    for (unsigned long n = 1; n < 3000; ++n) {
-      SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n));
+  for (const FailingCalls& failing : failing_calls()) {
+    fail_each(failing, [&](FailingRun& run) {
       LogCapture silence;
       kvfs_session* session = nullptr;
-      FaultInjector faults;
-      fault.set(faults, n);
-      const std::uint64_t result =
-          kvfs_session_open(file.path().c_str(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session);
-      if (faults.delivered() == 0) {
-        const FaultInjector::Pause pause;
-        EXPECT_EQ(result, KVFS_OK);
-        EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
-        break;
-      }
+      const std::uint64_t result = run.operate(
+          [&] { return kvfs_session_open(file.path().c_str(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session); });
+      EXPECT_TRUE(run.failed() || result == KVFS_OK);
       EXPECT_EQ(result == KVFS_OK, session != nullptr);
       if (session != nullptr) {
         const FaultInjector::Pause pause;
         EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
       }
-      EXPECT_EQ(faults.outstanding_allocations(), 0U) << "result " << result;
-    }
+      EXPECT_EQ(run.faults().outstanding_allocations(), 0U) << "result " << result;
+    });
   }
 }
 

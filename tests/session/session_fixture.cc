@@ -1,33 +1,10 @@
 #include "session_fixture.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 
-#include "fault_injection.h"
-
 namespace kvfs_test {
-
-MemoryFile::MemoryFile(const SparseImage& image) : fd_(memfd_create("image", MFD_CLOEXEC)) {
-  image.write_to(path());
-}
-
-MemoryFile::~MemoryFile() {
-  ::close(fd_);
-}
-
-std::string MemoryFile::path() const {
-  return "/proc/self/fd/" + std::to_string(fd_);
-}
-
-Volume MemoryFile::contents() const {
-  const FaultInjector::Pause pause;
-  return Volume::load(path());
-}
-
-// ---- Sessions ------------------------------------------------------------------------------------------------------
 
 TestSession::TestSession(const SparseImage& image, std::uint32_t flags)
     : file_(image), opened_(kvfs_session_open_descriptor(file_.fd(), flags, &session_)) {}

@@ -11,28 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "fail_each.h"
 #include "kvfs.h"
 #include "volume_checker.h"
-#include "volume_image.h"
 
 namespace kvfs_test {
-
-// A file in memory that holds an image.
-class MemoryFile {
- public:
-  explicit MemoryFile(const SparseImage& image);
-  ~MemoryFile();
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-
-  [[nodiscard]] int fd() const { return fd_; }
-  // Opens the same file once more by this path.
-  [[nodiscard]] std::string path() const;
-  [[nodiscard]] Volume contents() const;
-
- private:
-  int fd_;
-};
 
 // A session, open for changing unless flags say otherwise; null when it could not be opened.
 class TestSession {

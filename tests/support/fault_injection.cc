@@ -542,6 +542,11 @@ FaultInjector& FaultInjector::fail_allocations_from(unsigned long n) {
   return *this;
 }
 
+void FaultInjector::clear_faults() {
+  const Books books;
+  books->plans.clear();
+}
+
 FaultInjector& FaultInjector::refuse_allocations_above(std::size_t bytes) {
   const Books books;
   books->allocation_limit = bytes;

@@ -7,16 +7,7 @@
 //   EXPECT_EQ(faults.count(Call::kPread64), 2u);
 //   EXPECT_EQ(faults.outstanding_allocations(), 0u);        // whatever was allocated in the scope was freed
 //
-// A loop that fails each allocation in turn:
-//
-//   for (unsigned n = 1;; n++) {
-//     FaultInjector faults;
-//     faults.fail_allocation(n);
-//     const kvfs_result result = create(...);
-//     if (faults.delivered() == 0) break;                   // fewer than n allocations: everything was tried
-//     EXPECT_EQ(result, kvfs_no_memory);
-//     EXPECT_EQ(faults.outstanding_allocations(), 0u);
-//   }
+// To let each call of an operation fail in turn there is fail_each() (tests/fixtures/fail_each.h).
 //
 // What counts: calls made while the injector is armed, on the thread that armed it (or on every thread, if asked for),
 // from any code that is linked into the program. That includes the test's own code, so keep the scope tight or use
@@ -147,6 +138,8 @@ class FaultInjector {
   // The n-th of malloc, calloc and realloc taken together.
   FaultInjector& fail_allocation(unsigned long n);
   FaultInjector& fail_allocations_from(unsigned long n);
+  // Forgets the faults; counts, records and books of memory stay.
+  void clear_faults();
   // Allocations of more than `bytes` fail.
   FaultInjector& refuse_allocations_above(std::size_t bytes);
 

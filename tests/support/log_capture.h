@@ -19,6 +19,8 @@
 
 namespace kvfs_test {
 
+using Lines = std::vector<std::string>;
+
 // One message, or the run of messages that share a line because the first left it open.
 struct LogLine {
   std::string level;     // empty for a line without the prefix

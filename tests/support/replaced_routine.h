@@ -6,8 +6,10 @@
 // Declares `real`, the routine as the library has it, and `replacement`, which the test defines: the linker sends every
 // call from another source there. The test program names the routine in CMake too (kvfs_replace_routine), which finds
 // out its name in object files.
+// NOLINTBEGIN(bugprone-macro-parentheses): around a name that is declared the compiler does not want them
 #define KVFS_REPLACED_ROUTINE(routine, real, replacement)         \
   decltype(routine) real asm("__real_" KVFS_SYMBOL_OF_##routine); \
   decltype(routine) replacement asm("__wrap_" KVFS_SYMBOL_OF_##routine)
+// NOLINTEND(bugprone-macro-parentheses)
 
 #endif  // KVFS_TESTS_REPLACED_ROUTINE_H

@@ -10,8 +10,6 @@
 #include <set>
 #include <stdexcept>
 
-#include "big_endian.h"
-
 namespace kvfs_test {
 namespace {
 

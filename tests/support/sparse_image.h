@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "big_endian.h"
+
 namespace kvfs_test {
 
 using Bytes = std::vector<std::uint8_t>;

@@ -61,6 +61,7 @@ TEST(ToolArguments, Usage_TouchesNothing) {
   EXPECT_THAT(traced.calls, IsEmpty());
 }
 
+// Q-tool-2
 TEST(ToolArguments, Usage_NamesTheToolWhateverItWasCalledBy) {
   const ScratchFile place;
   const std::string link = place.path() + "-other-name";
@@ -76,6 +77,7 @@ TEST(ToolArguments, OutputMode_ChoosesTheForm) {
   EXPECT_EQ(run_tool({"--output-mode=raw", image.path()}), printed(kDecomposed));
 }
 
+// Q-tool-1
 TEST(ToolArguments, OptionWithoutItsEqualsSign_IsTheDevice) {
   const TracedRun traced = run_traced({"--output-mode"});
   EXPECT_EQ(traced.run, failed("Error while opening HFS+ volume in read mode.\n"));
@@ -100,6 +102,7 @@ TEST(ToolArguments, EmptyDevice_IsOpenedLikeAnyOther) {
   EXPECT_EQ(run_tool({""}), failed("Error while opening HFS+ volume in read mode.\n"));
 }
 
+// Q-tool-1
 TEST(ToolArguments, OptionBehindTheDevice_IsANewLabel) {
   const ScratchFile image(cafe_volume());
   const TracedRun traced = run_traced({image.path(), "--output-mode=raw"}, "flock:1:errno=5");
@@ -161,6 +164,7 @@ TEST(ToolMountTable, OtherEntries_DoNotMatter) {
       << "a shorter path";
 }
 
+// Q-tool-3
 TEST(ToolMountTable, SameDeviceUnderAnotherPath_IsNotDetected) {
   const ScratchFile image(cafe_volume());
   const std::string link = image.path() + "-link";
@@ -188,6 +192,7 @@ const std::pair<std::string, std::string> kRefusedByBoth = {kRefusing, kRefusing
 const std::string kMissing = "Error while opening HFS+ volume in read mode.\n";
 const std::pair<std::string, std::string> kRefusedByNone = {kMissing, kMissing};
 
+// X-tool-1
 TEST(ToolMountTable, EscapedPath_IsRefusedWhateverTheLibraryDecodes) {
   EXPECT_EQ(refusals("/no such\tdisk\\", "/no\\040such\\011disk\\134"), kRefusedByBoth);
   EXPECT_EQ(refusals("/no\nsuch\\\\", "/no\\012such\\134\\134"), kRefusedByBoth);
@@ -195,6 +200,7 @@ TEST(ToolMountTable, EscapedPath_IsRefusedWhateverTheLibraryDecodes) {
 }
 
 // A device is decoded once: what is left then may look like an escape sequence and is none.
+// X-tool-1
 TEST(ToolMountTable, NameThatLooksEscaped_IsDecodedOnce) {
   EXPECT_EQ(refusals("/no\\040such", "/no\\134040such"), kRefusedByBoth);
   EXPECT_EQ(refusals("/no such", "/no\\134040such"), kRefusedByNone);
@@ -203,11 +209,13 @@ TEST(ToolMountTable, NameThatLooksEscaped_IsDecodedOnce) {
 }
 
 // The one device must not hide the other.
+// X-tool-1
 TEST(ToolMountTable, DevicesThatDifferByAnEscape_AreBothRefused) {
   EXPECT_EQ(refusals("/no such", "/no\\134040such / x rw 0 0\n/no\\040such"), kRefusedByBoth);
   EXPECT_EQ(refusals("/no\\040such", "/no\\040such / x rw 0 0\n/no\\134040such"), kRefusedByBoth);
 }
 
+// X-tool-1
 TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
   EXPECT_EQ(refusals("/no such disk", "/no\\40such disk"), kRefusedByNone);
   EXPECT_EQ(refusals("/no such", "/no\\048such"), kRefusedByNone);
@@ -264,6 +272,7 @@ TEST(ToolDevice, Setting_OpensForWritingAndLocksExclusively) {
 }
 
 // A device that is opened while a standard descriptor is closed must not take its number: messages would go into it.
+// X-tool-2
 TEST(ToolDevice, ClosedStandardDescriptors_NeverLeadIntoTheVolume) {
   const SparseImage zeros(8192);
   for (const std::vector<int>& closed : {std::vector<int>{2}, {1, 2}, {0, 1, 2}}) {
@@ -273,6 +282,7 @@ TEST(ToolDevice, ClosedStandardDescriptors_NeverLeadIntoTheVolume) {
   }
 }
 
+// Q-tool-4
 TEST(ToolDevice, FileThatCannotBeOpened_IsReportedAsAVolume) {
   const ScratchFile file;
   const std::string below_a_file = file.path() + "/volume";
@@ -297,6 +307,7 @@ TEST(ToolDevice, NoPermission_IsReportedAsAVolume) {
             failed("Error while opening HFS+ volume in read/write mode.\n"));
 }
 
+// Q-tool-4
 TEST(ToolDevice, RefusedLock_IsReportedAsADevice) {
   const ScratchFile image(cafe_volume());
   const TracedRun printing = run_traced({image.path()}, "flock:1:errno=11");
@@ -322,6 +333,7 @@ TEST(ToolDevice, RefusedUnlock_IsAWarningAlone) {
           "WARNING kvfs_device_destroy Error while unlocking device on destroy: Input/output error (5) Ignoring...\n"}));
 }
 
+// Q-device-2
 TEST(ToolDevice, NoMemoryForTheDevice_IsSilentButForTheTool) {
   const ScratchFile image(cafe_volume());
   for (const char* const n : {"1", "2"}) {

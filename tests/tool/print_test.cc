@@ -58,6 +58,7 @@ TEST(PrintLabel, HangulJamo_ComposeToASyllable) {
   EXPECT_EQ(print_raw(volume), "\xE1\x84\x92\xE1\x85\xA1\xE1\x86\xAB\n");
 }
 
+// Q-unicode-2
 TEST(PrintLabel, SingleUnitsOfTheTable_ComposeToo) {
   EXPECT_EQ(print_composed(volume_named(u";")), "\xCD\xBE\n");
   EXPECT_EQ(print_raw(volume_named(u";")), ";\n");
@@ -87,6 +88,7 @@ TEST(PrintLabel, CharactersBeyondTheFirstPlane_TakeFourBytes) {
   EXPECT_EQ(print_raw(volume), "\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF\n");
 }
 
+// Q-unicode-5
 TEST(PrintLabel, NulUnit_EndsTheText) {
   for (const bool binary : {false, true}) {
     const Volume volume = volume_named({u'a', u'\0', u'b'}, binary);
@@ -152,6 +154,7 @@ TEST(PrintLabel, LabelThatIsTooLong_IsRefusedInAnOpenLine) {
 
 // ---- Standard output -----------------------------------------------------------------------------------------------
 
+// X-tool-3
 TEST(PrintOutput, FullDevice_IsAFailureWithItsReason) {
   const ScratchFile image(volume_named(u"Untitled"));
   EXPECT_EQ(run_tool({image.path()}, {.out_path = "/dev/full"}),
@@ -248,6 +251,7 @@ TEST(PrintDevice, FragmentedCatalog_CostsTheReadsOfItsOverflowRecords) {
 
 // ---- Other processes -----------------------------------------------------------------------------------------------
 
+// Q-device-1
 TEST(PrintLock, ExclusiveLockOfAnother_IsWaitedFor) {
   const ScratchFile image(volume_named(u"Untitled"));
   HeldLock lock(image.path(), LOCK_EX);
@@ -265,27 +269,26 @@ TEST(PrintLock, SharedLockOfAnother_IsShared) {
 
 // ---- Failing calls -------------------------------------------------------------------------------------------------
 
-// Prints with the n-th of some calls failing, for every n.
-std::vector<ToolRun> fail_each(const ScratchFile& image, const std::string& call, const std::string& what) {
+// Prints with each of some calls failing in turn.
+std::vector<ToolRun> fail_printing(const ScratchFile& image, const FailingCalls& failing) {
   std::vector<ToolRun> runs;
-  for (int n = 1; n < 1000; ++n) {
-    const TracedRun traced =
-        run_traced({image.path()}, std::string(call).append(":").append(std::to_string(n)).append(what));
-    if (traced.balance.empty() || traced.balance.at("delivered") == 0) {
+  fail_each(failing, [&](const std::string& fault) {
+    TracedRun traced = run_traced({image.path()}, fault);
+    if (traced.met_fault()) {
+      EXPECT_EQ(traced.balance.at("allocations"), 0);
+      EXPECT_EQ(traced.balance.at("locks"), 0);
+      runs.push_back(traced.run);
+    } else {
       EXPECT_EQ(traced.run, printed("Untitled\n"));
-      return runs;
     }
-    EXPECT_EQ(traced.balance.at("allocations"), 0) << call << " " << n;
-    EXPECT_EQ(traced.balance.at("locks"), 0) << call << " " << n;
-    runs.push_back(traced.run);
-  }
-  ADD_FAILURE() << "there is no end to " << call;
+    return traced;
+  });
   return runs;
 }
 
 TEST(PrintFaults, EachAllocation_FailsWithAMessageAndWithoutOutput) {
   const ScratchFile image(volume_named(u"Untitled"));
-  const std::vector<ToolRun> runs = fail_each(image, "allocation", "");
+  const std::vector<ToolRun> runs = fail_printing(image, each_allocation());
   EXPECT_GT(runs.size(), 20u);
   for (const ToolRun& run : runs) {
     EXPECT_EQ(run.status, 1);
@@ -301,8 +304,8 @@ TEST(PrintFaults, EachAllocation_FailsWithAMessageAndWithoutOutput) {
 
 TEST(PrintFaults, EachRead_FailsWithAMessageAndWithoutOutput) {
   const ScratchFile image(volume_named(u"Untitled"));
-  for (const char* const what : {":errno=5", ":short=1", ":return=0"}) {
-    const std::vector<ToolRun> runs = fail_each(image, "pread64", what);
+  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+    const std::vector<ToolRun> runs = fail_printing(image, each(Call::kPread64, fault));
     EXPECT_EQ(runs.size(), 6u);
     for (const ToolRun& run : runs) {
       EXPECT_EQ(run.status, 1);
@@ -315,13 +318,12 @@ TEST(PrintFaults, EachRead_FailsWithAMessageAndWithoutOutput) {
 
 TEST(PrintFaults, EachLock_FailsOrIsReported) {
   const ScratchFile image(volume_named(u"Untitled"));
-  for (const char* const call :
-       {"pthread_rwlock_init", "pthread_rwlock_wrlock", "pthread_rwlock_rdlock", "pthread_rwlock_unlock"}) {
-    const std::vector<ToolRun> runs = fail_each(image, call, "");
+  for (const Call call : {Call::kRwlockInit, Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
+    const std::vector<ToolRun> runs = fail_printing(image, each(call));
     EXPECT_THAT(runs, Not(IsEmpty()));
     for (const ToolRun& run : runs) {
-      EXPECT_NE(run.err, "") << call;
-      EXPECT_EQ(run.out, run.status == 0 ? "Untitled\n" : "") << call;
+      EXPECT_NE(run.err, "") << call_name(call);
+      EXPECT_EQ(run.out, run.status == 0 ? "Untitled\n" : "") << call_name(call);
     }
   }
 }

@@ -24,6 +24,7 @@ Volume some_volume() {
   return build_volume(description);
 }
 
+// Q-device-1
 TEST(ToolSetConcurrent, FileLockedByAnotherProcess_IsWaitedFor) {
   for (const int operation : {LOCK_EX, LOCK_SH}) {
     const Volume before = some_volume();

@@ -68,22 +68,21 @@ class ToolSetFaults : public ::testing::Test {
     return run;
   }
 
-  // The same with the first call of this name failing, the second one and so on, until none is left. Nothing may be
-  // left over at the end of any run.
-  std::vector<FaultyRun> run_each(const std::string& call, const std::string& what = "") {
+  // The same with each of some calls failing in turn. Nothing may be left over at the end of any run.
+  std::vector<FaultyRun> run_each(const FailingCalls& failing) {
     std::vector<FaultyRun> runs;
-    for (int n = 1; n < 2000; ++n) {
-      FaultyRun one = run(call + ":" + std::to_string(n) + (what.empty() ? "" : ":" + what));
-      if (one.traced.balance["delivered"] == 0) {
+    fail_each(failing, [&](const std::string& fault) {
+      const FaultyRun one = run(fault);
+      if (one.traced.met_fault()) {
+        EXPECT_EQ(one.traced.balance.at("allocations"), 0) << one.traced.run;
+        EXPECT_EQ(one.traced.balance.at("locks"), 0) << one.traced.run;
+        runs.push_back(one);
+      } else {
         EXPECT_EQ(one.traced.run, printed(""));
-        EXPECT_FALSE(runs.empty()) << call << " is never called";
-        return runs;
       }
-      EXPECT_EQ(one.traced.balance["allocations"], 0) << one.fault << "\n" << one.traced.run;
-      EXPECT_EQ(one.traced.balance["locks"], 0) << one.fault << "\n" << one.traced.run;
-      runs.push_back(std::move(one));
-    }
-    ADD_FAILURE() << "the calls never end";
+      return one.traced;
+    });
+    EXPECT_FALSE(runs.empty()) << failing.name() << " is never called";
     return runs;
   }
 
@@ -125,7 +124,7 @@ const std::string kText = "Error while converting UTF-16 string to UTF-8.\n" + k
 const std::string kFlush = "Error while flushing changes to catalog file.\n";
 
 TEST_F(ToolSetFaults, EachAllocationFailing_FailsBeforeAnythingIsWritten) {
-  const std::vector<FaultyRun> runs = run_each("allocation");
+  const std::vector<FaultyRun> runs = run_each(each_allocation());
   const std::set<std::string> messages = {kDevice, kVolume, kConvert, kAllocate, kChange, kReadBack, kNative, kText};
   expect_all_fail(runs, messages);
   std::set<std::string> seen;
@@ -136,9 +135,10 @@ TEST_F(ToolSetFaults, EachAllocationFailing_FailsBeforeAnythingIsWritten) {
   EXPECT_EQ(seen, messages);
 }
 
+// X-tool-4
 TEST_F(ToolSetFaults, ConverterOutOfMemory_DoesNotEraseTheLabel) {
   bool reached = false;
-  for (const FaultyRun& run : run_each("malloc")) {
+  for (const FaultyRun& run : run_each(each(Call::kMalloc))) {
     if (run.traced.run.err.ends_with(kConvert)) {
       reached = true;
       EXPECT_EQ(
@@ -150,8 +150,9 @@ TEST_F(ToolSetFaults, ConverterOutOfMemory_DoesNotEraseTheLabel) {
 }
 
 TEST_F(ToolSetFaults, EachReadFailing_FailsBeforeAnythingIsWritten) {
-  for (const char* const what : {"errno=5", "short=1", "return=0", "return=-1"}) {
-    const std::vector<FaultyRun> runs = run_each("pread64", what);
+  for (const Fault& what :
+       {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred(), Fault::returning(-1)}) {
+    const std::vector<FaultyRun> runs = run_each(each(Call::kPread64, what));
     expect_all_fail(runs, {kVolume, kChange});
     for (const FaultyRun& run : runs) {
       EXPECT_FALSE(run.wrote) << run.fault;
@@ -160,8 +161,9 @@ TEST_F(ToolSetFaults, EachReadFailing_FailsBeforeAnythingIsWritten) {
 }
 
 TEST_F(ToolSetFaults, EachWriteFailing_StopsThere) {
-  for (const char* const what : {"errno=5", "errno=28", "short=1", "short=512", "return=0"}) {
-    const std::vector<FaultyRun> runs = run_each("pwrite64", what);
+  for (const Fault& what : {Fault::error_number(EIO), Fault::error_number(ENOSPC), Fault::short_by(1),
+                            Fault::short_by(512), Fault::nothing_transferred()}) {
+    const std::vector<FaultyRun> runs = run_each(each(Call::kPwrite64, what));
     expect_all_fail(runs, {kFlush});
     const std::size_t all = changed_nodes(before_, complete_).size();
     EXPECT_EQ(runs.size(), all);
@@ -211,15 +213,15 @@ TEST_F(ToolSetFaults, MountTableNotOpened_FailsBeforeTheDeviceIsOpened) {
 }
 
 TEST_F(ToolSetFaults, EachLockThatCannotBeMade_FailsInOpening) {
-  for (const char* const call : {"pthread_rwlockattr_init", "pthread_rwlockattr_setpshared", "pthread_rwlock_init"}) {
+  for (const Call call : {Call::kRwlockattrInit, Call::kRwlockattrSetpshared, Call::kRwlockInit}) {
     // The locks of cache items are made on the way, too.
-    expect_all_fail(run_each(call), {kVolume, kChange, kReadBack});
+    expect_all_fail(run_each(each(call)), {kVolume, kChange, kReadBack});
   }
 }
 
 // What a split reads of the node before the one that it claims is of no consequence when it cannot be read.
 TEST_F(ToolSetFaults, EachReadLockRefused_FailsOrKeepsTheSplitFromLookingAtANode) {
-  std::vector<FaultyRun> runs = run_each("pthread_rwlock_rdlock");
+  std::vector<FaultyRun> runs = run_each(each(Call::kRwlockRdlock));
   const auto tolerated =
       std::partition(runs.begin(), runs.end(), [](const FaultyRun& run) { return run.traced.run.status != 0; });
   EXPECT_EQ(runs.end() - tolerated, 2);
@@ -233,7 +235,7 @@ TEST_F(ToolSetFaults, EachReadLockRefused_FailsOrKeepsTheSplitFromLookingAtANode
 // A locator that cannot be closed for want of its lock is leaked with a message, and freed with its tree; nothing else
 // is done without a lock.
 TEST_F(ToolSetFaults, EachWriteLockRefused_FailsOrOnlyLeaksALocatorForAWhile) {
-  for (const FaultyRun& run : run_each("pthread_rwlock_wrlock")) {
+  for (const FaultyRun& run : run_each(each(Call::kRwlockWrlock))) {
     const std::string& err = run.traced.run.err;
     EXPECT_THAT(err, HasSubstr("ERROR kvfs_rwlock_lock_write Unable to acquire write lock!\n")) << run.fault;
     if (run.traced.run.status == 0) {
@@ -247,13 +249,13 @@ TEST_F(ToolSetFaults, EachWriteLockRefused_FailsOrOnlyLeaksALocatorForAWhile) {
 }
 
 TEST_F(ToolSetFaults, EachUnlockFailing_FailsOrIsReported) {
-  for (const FaultyRun& run : run_each("pthread_rwlock_unlock")) {
+  for (const FaultyRun& run : run_each(each(Call::kRwlockUnlock))) {
     EXPECT_THAT(run.traced.run.err, HasSubstr("ERROR kvfs_rwlock_unlock Unable to unlock rwlock!\n")) << run.fault;
   }
 }
 
 TEST_F(ToolSetFaults, EachLockAttributeNotDestroyed_IsSetNevertheless) {
-  for (const FaultyRun& run : run_each("pthread_rwlockattr_destroy")) {
+  for (const FaultyRun& run : run_each(each(Call::kRwlockattrDestroy))) {
     EXPECT_EQ(run.traced.run.status, 0) << run.fault << "\n" << run.traced.run;
   }
 }
@@ -262,16 +264,16 @@ TEST_F(ToolSetFaults, EachLockAttributeNotDestroyed_IsSetNevertheless) {
 TEST_F(ToolSetFaults, EachLockNotDestroyed_IsReportedAndSetNevertheless) {
   RunOptions options;
   options.environment["ASAN_OPTIONS"] = "detect_leaks=0";  // a sanitizer would make the leak the status
-  for (int n = 1;; ++n) {
-    const FaultyRun one = run("pthread_rwlock_destroy:" + std::to_string(n), options);
-    if (one.traced.balance.at("delivered") == 0) {
-      EXPECT_GT(n, 5);
-      break;
+  const unsigned long failures = fail_each(each(Call::kRwlockDestroy), [&](const std::string& fault) {
+    const FaultyRun one = run(fault, options);
+    if (one.traced.met_fault()) {
+      EXPECT_EQ(one.traced.run.status, 0) << one.traced.run;
+      EXPECT_THAT(one.traced.run.err, HasSubstr("ERROR kvfs_rwlock_destroy "));
+      EXPECT_EQ(one.traced.balance.at("locks"), 1);
     }
-    EXPECT_EQ(one.traced.run.status, 0) << one.traced.run;
-    EXPECT_THAT(one.traced.run.err, HasSubstr("ERROR kvfs_rwlock_destroy ")) << one.fault;
-    EXPECT_EQ(one.traced.balance.at("locks"), 1) << one.fault;
-  }
+    return one.traced;
+  });
+  EXPECT_GE(failures, 5u);
 }
 
 }  // namespace

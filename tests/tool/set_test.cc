@@ -45,6 +45,7 @@ std::string repeated(const std::string& text, std::size_t times) {
 
 // ---- Labels --------------------------------------------------------------------------------------------------------
 
+// X-tool-5
 TEST(ToolSet, OrdinaryLabel_IsSetAndNothingElse) {
   const ScratchFile image(small_volume());
   const Volume after = expect_set(image, "New label");
@@ -97,6 +98,7 @@ TEST(ToolSet, AccentedLetter_IsStoredAsTwoUnits) {
   EXPECT_EQ(run_tool({"--output-mode=raw", image.path()}), printed("e\xCC\x81\n"));
 }
 
+// Q-unicode-1
 TEST(ToolSet, DecomposedText_IsStoredAsGiven) {
   const ScratchFile image(small_volume());
   EXPECT_EQ(read_label(expect_set(image, "e\xCC\x81")), u"\u0065\u0301");
@@ -248,6 +250,7 @@ TEST(ToolSet, FourByteSequenceOutsideItsRange_IsAnInternalErrorAndChangesNothing
 constexpr char kNotReadBack[] = "Error while reading the changed volume label back.\n";
 
 // The converter lets a last character beyond U+10FFFF through, as two units that no converter takes back.
+// X-tool-5
 TEST(ToolSet, CharacterJustBeyondUnicodeAtTheEnd_IsRefusedAndChangesNothing) {
   const ScratchFile image(small_volume());
   for (const char* const label : {"\xF4\x90\x80\x80", "long before \xF4\x90\x80\x80", "\xF4\xBF\xBF\xBF"}) {
@@ -270,6 +273,7 @@ Volume volume_with_private_name_in_the_first_leaf() {
 
 // When the new thread record splits the leaf before the private folder, whose name orders before the thread's empty
 // one, the index leads past the thread: nothing would find the root folder any more.
+// X-tool-5
 TEST(ToolSet, SplitThatLetsALeafBeginWithAPrivateName_IsRefusedAndChangesNothing) {
   const ScratchFile image(volume_with_private_name_in_the_first_leaf());
   expect_refused(image, std::string(50, 'L'), kNotReadBack);
@@ -280,6 +284,7 @@ TEST(ToolSet, SplitThatLetsALeafBeginWithAPrivateName_IsRefusedAndChangesNothing
 
 // When the new folder record splits that leaf there, the old thread is not found again. A second one, with the new
 // label, would stand behind it, where this tool finds it and other systems do not.
+// X-tool-6
 TEST(ToolSet, SecondThreadOfTheRootFolder_IsRefusedAndChangesNothing) {
   const ScratchFile image(volume_with_private_name_in_the_first_leaf());
   expect_refused(
@@ -322,6 +327,7 @@ TEST(ToolSet, FileThatCannotBeWritten_IsRefused) {
   EXPECT_EQ(run_tool({"/nowhere/at all", "new"}), failed("Error while opening HFS+ volume in read/write mode.\n"));
 }
 
+// Q-tool-4
 TEST(ToolSet, NoVolume_IsReportedInReadWriteMode) {
   const ScratchFile image(SparseImage(65536));
   expect_refused(image, "new",
@@ -330,6 +336,7 @@ TEST(ToolSet, NoVolume_IsReportedInReadWriteMode) {
                  "Error while opening volume in read/write mode.\n");
 }
 
+// Q-tool-5
 TEST(ToolSet, VolumeHeaders_AreNotWritten) {
   const Volume before = small_volume();
   const ScratchFile image(before);
@@ -639,6 +646,7 @@ TEST(ToolSetFull, RootThatIsALeaf_CannotBeSplit) {
   (void)expect_set(image, "short");
 }
 
+// Q-btree-13
 TEST(ToolSetFull, RootThatIsAnIndexNode_CannotBeSplit) {
   VolumeDescription description;
   description.block_size = 512;
@@ -656,6 +664,7 @@ TEST(ToolSetFull, RootThatIsAnIndexNode_CannotBeSplit) {
   EXPECT_TRUE(image.volume() == before);
 }
 
+// Q-btree-17
 TEST(ToolSetFull, NoFreeNode_FailsAndChangesNothing) {
   VolumeDescription description;
   (void)description.add_files(kRootFolderId, 100);
@@ -673,6 +682,7 @@ TEST(ToolSetFull, NoFreeNode_FailsAndChangesNothing) {
 }
 
 // The byte behind the header node's map record, an offset, stands for nodes 2,048 to 2,055 and calls most of them free.
+// X-btree-12
 TEST(ToolSetFull, NodeInUseBehindAFullMapRecord_IsNotOverwritten) {
   VolumeDescription description;
   description.block_size = 512;
@@ -705,6 +715,7 @@ TEST(ToolSetFull, LabelTooLargeForANode_FailsAndChangesNothing) {
 
 // A node that has lost its last record cannot be searched any more, so that a label cannot be changed where that
 // happens on the way.
+// X-btree-2
 TEST(ToolSetFull, RootFolderAloneInItsLeaf_FailsAndChangesNothing) {
   VolumeDescription description;
   (void)description.add_files(kRootFolderId, 100);
@@ -719,6 +730,7 @@ TEST(ToolSetFull, RootFolderAloneInItsLeaf_FailsAndChangesNothing) {
 
 // The root node loses its record and gets another one, whose place is over the bytes of the old one: of that the
 // engine warns.
+// X-btree-2
 TEST(ToolSetFull, RootNodeOfOneIndexRecord_IsMaintained) {
   VolumeDescription description;
   description.catalog.height = 2;

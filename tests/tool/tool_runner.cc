@@ -257,6 +257,19 @@ std::vector<std::string> TracedRun::calls_of(const std::string& name) const {
   return found;
 }
 
+bool TracedRun::met_fault() const {
+  const auto delivered = balance.find("delivered");
+  EXPECT_TRUE(delivered != balance.end()) << "nothing was traced: " << run;
+  return delivered != balance.end() && delivered->second != 0;
+}
+
+unsigned long fail_each(const FailingCalls& failing, const std::function<TracedRun(const std::string& fault)>& run) {
+  return count_failures([&](unsigned long n) {
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__, failing.text(n));
+    return run(failing.text(n)).met_fault();
+  });
+}
+
 TracedRun run_traced(const std::vector<std::string>& arguments, const std::string& faults, RunOptions options) {
   const ScratchFile trace;
   options.environment["KVFS_TRACE"] = trace.path();

@@ -10,11 +10,13 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "fail_each.h"
 #include "sparse_image.h"
 #include "volume_image.h"
 
@@ -98,10 +100,16 @@ struct TracedRun {
 
   // Calls that begin with this text.
   [[nodiscard]] std::vector<std::string> calls_of(const std::string& name) const;
+  // Whether a call was there to fail.
+  [[nodiscard]] bool met_fault() const;
 };
 
 TracedRun run_traced(const std::vector<std::string>& arguments, const std::string& faults = "",
                      RunOptions options = {});
+
+// Lets each call of the tool fail in turn: `run` gets one fault after the other, runs the tool with it and hands on
+// what came of that, until one is not met. Returns how many were.
+unsigned long fail_each(const FailingCalls& failing, const std::function<TracedRun(const std::string& fault)>& run);
 
 // The lock of another user of a file: one that this process takes.
 class HeldLock {

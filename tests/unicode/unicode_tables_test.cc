@@ -114,6 +114,7 @@ TEST(UnicodeTables, DecomposeChar_EveryUnit_IsFullyDecomposed) {
   }
 }
 
+// Q-unicode-1
 TEST(UnicodeTables, DecomposeChar_CharactersOfTheOldForm_KeepIt) {
   EXPECT_EQ(decomposed_by_library(0x0386), u"\u0391\u030D");
   EXPECT_EQ(decomposed_by_library(0x0310), u"\u0306\u0307");
@@ -147,6 +148,7 @@ TEST(UnicodeTables, Compose_EveryRow_ComesBackExceptNinetyNine) {
   EXPECT_EQ(hidden, Name(std::begin(kHidden), std::end(kHidden)));
 }
 
+// Q-unicode-3
 TEST(UnicodeTables, Compose_HiddenRows_GiveTheShorterCharacterAndTheRest) {
   EXPECT_EQ(composed_by_library(u"A\u0308\u0304"), u"\u00C4\u0304");
   EXPECT_EQ(composed_by_library(u"a\u0302\u0300"), u"\u00E2\u0340");
@@ -179,6 +181,7 @@ TEST(UnicodeTables, ComposeChar_EverySingleUnit_StandsForItselfExceptSeventeen) 
   EXPECT_EQ(changed, 17u);
 }
 
+// Q-unicode-2
 TEST(UnicodeTables, Compose_SingleUnits_TurnIntoTheCharactersThatDecomposeToThem) {
   EXPECT_EQ(composed_by_library(u";"), u"\u037E");
   EXPECT_EQ(composed_by_library(u"\u00C6"), u"\u04D4");
@@ -187,6 +190,7 @@ TEST(UnicodeTables, Compose_SingleUnits_TurnIntoTheCharactersThatDecomposeToThem
 }
 
 // Rows that begin with U+00C6 and go on with a mark lead the search past the row of U+00C6 alone.
+// Q-unicode-3
 TEST(UnicodeTables, Compose_TextSortsBehindALongerRow_MissesTheShorterOne) {
   EXPECT_EQ(composed_by_library(u"\u00C6a"), u"\u04D4a");
   EXPECT_EQ(composed_by_library(u"\u00C6\u03BA"), u"\u00C6\u03BA");

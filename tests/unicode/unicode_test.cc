@@ -152,6 +152,7 @@ TEST(UnistrToUtf8, EverySingleUnit_ConvertsUnlessItIsASurrogate) {
   }
 }
 
+// Q-unicode-9
 TEST(UnistrToUtf8, BufferThatTheTextFills_ReceivesTheTerminatorBehindIt) {
   EXPECT_EQ(to_utf8_buffer(u"\u20AC\u00E9", 5), success("\xE2\x82\xAC\xC3\xA9"));
   EXPECT_EQ(to_utf8_buffer(u"\U0001F600a", 5), success(bytes({0xF0, 0x9F, 0x98, 0x80}) + "a"));
@@ -217,11 +218,13 @@ TEST(UnistrToUtf8, ForeignOrder_SwapsUnits) {
 }
 
 // Sized as it lies: three bytes for U+6100, of which one is used.
+// Q-unicode-7
 TEST(UnistrToUtf8, ForeignOrderInACallersBuffer_NeedsTheCapacityOfTheUnitsAsTheyLie) {
   EXPECT_EQ(to_utf8_buffer(foreign(u"a"), 2, kForeignOrder), failure(kvfs_overflow));
   EXPECT_EQ(to_utf8_buffer(foreign(u"a"), 3, kForeignOrder), success("a"));
 }
 
+// X-unicode-1
 TEST(UnistrToUtf8, ForeignOrderThatNeedsMoreThanWasSized_FailsInsteadOfOverrunning) {
   LogCapture log;
   EXPECT_EQ(to_utf8(foreign(u"\u4100"), kForeignOrder), failure(kvfs_inconsistent));
@@ -250,6 +253,7 @@ TEST(UnistrToUtf8, ForeignSurrogateWithoutPartner_IsRefusedWithoutALogOrALeak) {
   EXPECT_LOG(log);
 }
 
+// Q-unicode-7
 TEST(UnistrToUtf8, ForeignUnitThatLiesLikeASurrogate_IsRefusedBySizing) {
   EXPECT_EQ(to_utf8(foreign(u"\u00D8"), kForeignOrder), failure(kvfs_invalid));
 }
@@ -265,6 +269,7 @@ TEST(UnistrToUtf8, UnknownOrder_IsRefusedAtTheFirstUnit) {
   }
 }
 
+// Q-unicode-8
 TEST(UnistrToUtf8, UnknownOrderAndNothingToConvert_Succeeds) {
   LogCapture log;
   EXPECT_EQ(to_utf8(u"", 3), success(""));
@@ -394,6 +399,7 @@ TEST(Utf8ToUnistr, ByteAboveF4WhereAContinuationBelongs_IsRefusedWithoutALog) {
   EXPECT_LOG(log);
 }
 
+// Q-unicode-11
 TEST(Utf8ToUnistr, ZeroByteInsideTheLength_EndsAsAWrongLength) {
   LogCapture log;
   EXPECT_EQ(to_utf16(std::string_view("\0", 1)), wrong_length());
@@ -411,6 +417,7 @@ TEST(Utf8ToUnistr, ZeroByteAndABufferThatTheTextFills_IsNotOverrun) {
   EXPECT_LOG(log, length_text(2, 3), length_text(0, 1));
 }
 
+// Q-unicode-11
 TEST(Utf8ToUnistr, FourBytesBelowU10000_EndAsAWrongLength) {
   LogCapture log;
   EXPECT_EQ(to_utf16(bytes({0xF0, 0x80, 0x80, 0x80})), wrong_length());
@@ -419,6 +426,7 @@ TEST(Utf8ToUnistr, FourBytesBelowU10000_EndAsAWrongLength) {
   EXPECT_LOG(log, length_text(2, 1), length_text(2, 1), length_text(5, 2));
 }
 
+// Q-unicode-11
 TEST(Utf8ToUnistr, FourBytesAboveU10FFFF_PassAsTheLastCharacterOnly) {
   LogCapture log;
   EXPECT_EQ(to_utf16("\xF4\x90\x80\x80"), success({0xDC00, 0xDC00}));
@@ -629,6 +637,7 @@ TEST(Utf8ToUnistr, AllocatedResult_NeedsNoLength) {
   std::free(outs);
 }
 
+// Q-unicode-10
 TEST(Utf8ToUnistr, NoMemory_IsLoggedAndGivesAnEmptySuccess) {
   LogCapture log;
   std::uint16_t* outs = nullptr;
@@ -724,6 +733,7 @@ TEST(Decompose, Hangul_GivesTwoOrThreeJamo) {
   EXPECT_EQ(decompose(u"\uD7A3\uD7A4", 4), (Filled{0, 4, u"\u1112\u1175\u11C2\uD7A4"}));
 }
 
+// Q-unicode-5
 TEST(Decompose, ZeroUnit_IsCopiedLikeAnyOther) {
   EXPECT_EQ(decompose(std::u16string_view(u"\0\u00E9\0", 3), 5), (Filled{0, 4, Name(u"\0e\u0301\0\0", 5)}));
 }
@@ -796,6 +806,7 @@ TEST(Compose, HangulNeighboursOfTheRanges_StandForThemselves) {
 }
 
 // Kept although it stands for no trailing consonant.
+// Q-unicode-4
 TEST(Compose, HangulFollowedByU11A7_AbsorbsIt) {
   EXPECT_EQ(compose(u"\u1100\u1161\u11A7", 1), (Filled{0, 1, u"\uAC00"}));
   EXPECT_EQ(compose(u"\u1100\u1161\u11A7\u11A8", 1), (Filled{0, 1, u"\uAC01"}));
@@ -804,6 +815,7 @@ TEST(Compose, HangulFollowedByU11A7_AbsorbsIt) {
   EXPECT_EQ(compose(u"\u11A7", 1), (Filled{0, 1, u"\u11A7"}));
 }
 
+// Q-unicode-5
 TEST(Compose, ZeroUnit_EndsTheName) {
   EXPECT_EQ(compose(std::u16string_view(u"a\0b", 3), 3), (Filled{0, 1, Name(u"a\0\u2592", 3)}));
   EXPECT_EQ(compose(std::u16string_view(u"e\0\u0301", 3), 2), (Filled{0, 1, Name(u"e\0", 2)}));
@@ -883,6 +895,7 @@ TEST(FastCompare, PrecomposedLatinLetters_DoNotFold) {
   EXPECT_EQ(compare_both_ways(u"\u00C0", u"\u00E0", Order::kFolded), -1);
 }
 
+// Q-unicode-13
 TEST(FastCompare, IgnorableUnits_AreSkippedWithFoldingOnly) {
   EXPECT_EQ(compare_both_ways(u"a", u"a\u200C", Order::kFolded), 0);
   EXPECT_EQ(compare_both_ways(u"ab", u"\u202Aa\u206F\uFEFFb", Order::kFolded), 0);
@@ -891,6 +904,7 @@ TEST(FastCompare, IgnorableUnits_AreSkippedWithFoldingOnly) {
   EXPECT_EQ(compare_both_ways(u"a", u"a\u200C", Order::kBinary), -1);
 }
 
+// Q-unicode-13
 TEST(FastCompare, Prefix_SortsFirst) {
   for (const Order order : {Order::kFolded, Order::kBinary}) {
     EXPECT_EQ(compare_both_ways(u"", u"a", order), -1);
@@ -900,6 +914,7 @@ TEST(FastCompare, Prefix_SortsFirst) {
   }
 }
 
+// Q-unicode-6
 TEST(FastCompare, ZeroUnit_SortsLastWithFolding) {
   const std::u16string_view zero(u"\0", 1);
   EXPECT_EQ(compare_both_ways(zero, u"\uFFFE", Order::kFolded), 1);
@@ -909,6 +924,7 @@ TEST(FastCompare, ZeroUnit_SortsLastWithFolding) {
   EXPECT_EQ(compare_both_ways(std::u16string_view(u"\0a", 2), std::u16string_view(u"\0b", 2), Order::kFolded), -1);
 }
 
+// Q-unicode-6
 TEST(FastCompare, PairOfZeroUnits_EndsTheBinaryComparison) {
   EXPECT_EQ(compare_both_ways(std::u16string_view(u"a\0b", 3), std::u16string_view(u"a\0c", 3), Order::kBinary), 0);
   EXPECT_EQ(compare_both_ways(std::u16string_view(u"a\0b", 3), u"a", Order::kBinary), 0) << "the end counts as zero";
@@ -1027,6 +1043,7 @@ TEST(WindowsToHfsplus, ZeroUnit_EndsTheName) {
   EXPECT_EQ(to_stored(std::u16string_view(u"a\0\u00E9", 3), 3), (Filled{0, 1, Name(u"a\0\u2592", 3)}));
 }
 
+// Q-unicode-12
 TEST(WindowsToHfsplus, DestinationTooSmall_CutsADecompositionInTheMiddle) {
   EXPECT_EQ(to_stored(u"a\u1EA6", 3), (Filled{1, 3, u"aA\u0302"}));
   EXPECT_EQ(to_stored(u"ab", 1), (Filled{1, 1, u"a"}));

@@ -17,8 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "fault_injection.h"
-#include "log_capture.h"
+#include "fail_each.h"
 
 namespace kvfs_test {
 namespace {
@@ -139,25 +138,23 @@ TEST(DeviceCreate, WhileItLives_OthersMeetItsLock) {
   EXPECT_EQ(flock(file.other(), LOCK_EX | LOCK_NB), 0);
 }
 
+// Q-device-2
 TEST(DeviceCreate, NoMemory_FailsSilentlyBeforeTheFileIsLocked) {
   const ImageFile file(512);
-  for (unsigned long n = 1;; ++n) {
-    LogCapture log;
-    FaultInjector faults;
-    faults.fail_allocation(n);
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
     kvfs_device* device = nullptr;
-    const kvfs_result result = kvfs_device_create(file.fd(), 1, 512, 0, &device);
-    if (faults.delivered() == 0) {
-      EXPECT_EQ(n, 3u);  // the public and the private part
+    const kvfs_result result = run.operate([&] { return kvfs_device_create(file.fd(), 1, 512, 0, &device); });
+    if (!run.failed()) {
       kvfs_device_destroy(&device);
-      break;
+      return;
     }
     EXPECT_EQ(result, kvfs_no_memory);
     EXPECT_EQ(device, nullptr);
-    EXPECT_EQ(faults.count(Call::kFlock), 0u);
-    EXPECT_EQ(faults.outstanding_allocations(), 0u);
-    EXPECT_LOG(log);
-  }
+    EXPECT_EQ(run.faults().count(Call::kFlock), 0u);
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0u);
+    EXPECT_LOG(run.log());
+  });
+  EXPECT_EQ(failures, 2u);  // the public and the private part
 }
 
 TEST(DeviceCreate, SharedLockRefused_IsReported) {
@@ -283,6 +280,7 @@ TEST_F(Device, Transfers_DoNotMoveTheFilePosition) {
   EXPECT_EQ(lseek(file_.fd(), 0, SEEK_CUR), 77);
 }
 
+// Q-device-4
 TEST_F(Device, ReadBeyondSignedOffsets_IsRefusedBeforeAnyTransfer) {
   LogCapture log;
   FaultInjector faults;
@@ -306,6 +304,7 @@ TEST_F(Device, ReadAtTheLastSignedOffset_IsAttempted) {
   EXPECT_EQ(faults.reads()[0].offset, 0x7FFFFFFFFFFFFE00u);
 }
 
+// Q-device-4
 TEST_F(Device, OffsetThatWraps_KeepsItsLow64Bits) {
   FaultInjector faults;
   void* buffer = nullptr;
@@ -391,6 +390,7 @@ TEST_F(Device, ReadThatReturnsAnOddNegativeValue_WarnsFirst) {
                  error_text(EAGAIN) + "\n");
 }
 
+// Q-device-3
 TEST_F(Device, ReadPastTheEnd_IsReportedAsPartialAndNotRetried) {
   LogCapture log;
   FaultInjector faults;
@@ -495,6 +495,7 @@ TEST_F(Device, WriteThatReturnsAnOddNegativeValue_WarnsFirst) {
                  error_text(EPERM) + "\n");
 }
 
+// Q-device-3
 TEST_F(Device, ShortWrite_IsReportedAsPartialAndNotRetried) {
   LogCapture log;
   FaultInjector faults;
@@ -505,6 +506,7 @@ TEST_F(Device, ShortWrite_IsReportedAsPartialAndNotRetried) {
   EXPECT_LOG(log, "ERROR kvfs_device_write_disk_sectors Partial write of buffer contents: 412/512 bytes written\n");
 }
 
+// Q-device-5
 TEST(DeviceWrite, DescriptorOpenedForReading_IsRefusedByTheSystem) {
   const ImageFile file(4096, O_RDONLY);
   kvfs_device* device = nullptr;
@@ -519,6 +521,7 @@ TEST(DeviceWrite, DescriptorOpenedForReading_IsRefusedByTheSystem) {
   kvfs_device_destroy(&device);
 }
 
+// Q-device-5
 TEST(DeviceWrite, ReadOnlyDeviceOverAWritableDescriptor_IsNotConsulted) {
   const ImageFile file(4096);
   kvfs_device* device = nullptr;

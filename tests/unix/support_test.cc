@@ -69,6 +69,7 @@ TEST_F(Log, LevelText_IsPrintedAsGiven) {
   EXPECT_EQ(log.raw(), "[NOTICE: f, line -3] text\n");
 }
 
+// Q-log-1
 TEST_F(Log, FormatWithoutLineFeed_LetsTheNextMessageContinueTheLine) {
   LogCapture log;
   kvfs_log("volume", 1, "first", "ERROR", "Invalid volume label length: %hu", static_cast<unsigned short>(300));
@@ -87,6 +88,7 @@ TEST_F(Log, SeveralMessagesWithoutLineFeed_ShareOneLine) {
   EXPECT_EQ(log.raw(), "[ERROR: first, line 1] abc\n");
 }
 
+// Q-log-1
 TEST_F(Log, LineFeedFromAnArgument_LeavesTheLineOpenAllTheSame) {
   LogCapture log;
   kvfs_log("volume", 1, "first", "ERROR", "text%s", "\n");

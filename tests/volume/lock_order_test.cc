@@ -9,12 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "bitmap.h"
 #include "btree.h"
-#include "catalog.h"
-#include "fork.h"
 #include "item_fixture.h"
-#include "log_capture.h"
 
 namespace kvfs_test {
 namespace {
@@ -164,7 +160,7 @@ TEST_P(LockOrder, OfEachOperation_IsKept) {
   FaultInjector calls;
   GetParam().run(volume);
   EXPECT_LOG(log);
-  const LockRanks ranks = volume.locks();
+  const LockRanks ranks = locks_of(volume);
   EXPECT_EQ(order_violations(calls.lock_calls(), ranks), std::vector<std::string>());
   EXPECT_EQ(count_unknown(calls.lock_calls(), ranks), 0u);
   EXPECT_GT(calls.lock_calls().size(), 0u);

@@ -13,10 +13,10 @@
 
 #include "fault_injection.h"
 #include "label_change.h"
-#include "label_volume.h"
 #include "log_capture.h"
+#include "open_volume.h"
+#include "stored_names.h"
 #include "volume_builder.h"
-#include "volume_checker.h"
 
 namespace kvfs_test {
 namespace {
@@ -45,15 +45,15 @@ bool covers(const std::vector<Extent>& extents, std::uint64_t block_size, const 
 bool set_and_flush(const Volume& volume, const Name& label, FaultInjector& faults, std::string& findings) {
   std::optional<FaultInjector::Pause> pause(std::in_place);
   const std::vector<kvfs_be16> units = stored_units(label);
-  std::optional<LabelVolume> open;
+  std::optional<OpenVolume> open;
   pause.reset();
-  open.emplace(volume);
+  open.emplace(volume, Opening{.skip_allocation_file = 1, .may_fail = true});
   kvfs_result result = open->result();
   if (result == kvfs_ok) {
     result = kvfs_volume_set_label(open->get(), units.data(), units.size());
     findings += faults.writes().empty() ? "" : "written before the flush\n";
     if (result == kvfs_ok) {
-      result = open->flush();
+      result = kvfs_fork_flush(open->catalog_fork());
     }
   }
   findings += faults.locks_held() == 0 ? "" : "a lock is still held\n";
@@ -150,9 +150,9 @@ std::vector<std::string> fields_of_node(const Volume& volume, std::uint32_t node
 
 // The nodes that a set touches: those of the label and all that it would claim or link anew.
 std::set<std::uint32_t> touched_nodes(const Volume& volume, const Name& label) {
-  const LabelVolume open(volume);
-  EXPECT_EQ(open.set(label), kvfs_ok);
-  const Volume after = open.flushed();
+  const OpenVolume open(volume, kWithoutAllocationFile);
+  EXPECT_EQ(open.set_label(label), kvfs_ok);
+  const Volume after = open.flushed_catalog();
   EXPECT_EQ(faults_of_change(volume, after, label), "");
   std::set<std::uint32_t> nodes = changed_nodes(volume, after);
   nodes.merge(nodes_of_label(volume));

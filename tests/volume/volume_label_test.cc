@@ -8,18 +8,11 @@
 #include <string>
 
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
 #include "label_change.h"
-#include "label_volume.h"
-#include "log_capture.h"
 #include "replaced_routine.h"
 #include "support.h"
-#include "volume.h"
 #include "volume/private.h"
-#include "volume_builder.h"
-#include "volume_checker.h"
 
 // The linker sends the volume's calls of the catalog here, so that they can be made to give what they never give.
 static bool g_search_gives_nothing = false;
@@ -56,17 +49,17 @@ Volume small_volume() {
 
 // Sets a label and expects all places that hold it to agree, and nothing else to have changed.
 void expect_set(const Volume& before, const Name& label) {
-  const LabelVolume volume(before);
+  const OpenVolume volume(before, kWithoutAllocationFile);
   LogCapture log;
-  ASSERT_EQ(volume.set(label), kvfs_ok);
+  ASSERT_EQ(volume.set_label(label), kvfs_ok);
   EXPECT_LOG(log);
   EXPECT_EQ(volume.label(), label);
   EXPECT_EQ(volume.get()->catalog->priv->open_locators, nullptr);
-  EXPECT_EQ(volume.tree()->priv->open_locators, nullptr);
+  EXPECT_EQ(volume.catalog_tree()->priv->open_locators, nullptr);
   EXPECT_TRUE(volume.contents() == before) << "written before the flush";
-  const Volume after = volume.flushed();
+  const Volume after = volume.flushed_catalog();
   EXPECT_EQ(faults_of_change(before, after, label), "");
-  const LabelVolume reopened(after);
+  const OpenVolume reopened(after, kWithoutAllocationFile);
   EXPECT_EQ(reopened.label(), label);
 }
 
@@ -95,41 +88,42 @@ TEST(VolumeSetLabel, NameThatBeginsWithANul_IsStoredAsGiven) {
 }
 
 // A label may be a part of the one that the volume holds in memory: the two then overlap.
+// X-volume-2
 TEST(VolumeSetLabel, PartOfTheLabelInMemory_IsSet) {
   VolumeDescription description = small_description();
   description.label = u"Old and long label";
   const Volume before = build_volume(description);
-  const LabelVolume volume(before);
+  const OpenVolume volume(before, kWithoutAllocationFile);
   ASSERT_EQ(kvfs_volume_set_label(volume.get(), volume.get()->label + 4, *volume.get()->label_length - 4), kvfs_ok);
   EXPECT_EQ(volume.label(), u"and long label");
   ASSERT_EQ(kvfs_volume_set_label(volume.get(), volume.get()->label, *volume.get()->label_length), kvfs_ok);
   EXPECT_EQ(volume.label(), u"and long label");
-  EXPECT_EQ(faults_of_change(before, volume.flushed(), u"and long label"), "");
+  EXPECT_EQ(faults_of_change(before, volume.flushed_catalog(), u"and long label"), "");
 }
 
 TEST(VolumeSetLabel, SameNameAgain_LeavesTheVolumeAsItIs) {
   const Volume before = small_volume();
-  const LabelVolume volume(before);
-  ASSERT_EQ(volume.set(u"Untitled"), kvfs_ok);
+  const OpenVolume volume(before, kWithoutAllocationFile);
+  ASSERT_EQ(volume.set_label(u"Untitled"), kvfs_ok);
   EXPECT_EQ(volume.label(), u"Untitled");
-  EXPECT_TRUE(volume.flushed() == before);
+  EXPECT_TRUE(volume.flushed_catalog() == before);
 }
 
 TEST(VolumeSetLabel, SeveralNamesInTurn_LeaveTheLastOne) {
   const Volume before = small_volume();
-  const LabelVolume volume(before);
+  const OpenVolume volume(before, kWithoutAllocationFile);
   for (const Name& label : {Name(u"one"), Name(255, u'2'), Name(), Name(u"ONE"), Name(u"last")}) {
-    ASSERT_EQ(volume.set(label), kvfs_ok);
+    ASSERT_EQ(volume.set_label(label), kvfs_ok);
     EXPECT_EQ(volume.label(), label);
   }
-  EXPECT_EQ(faults_of_change(before, volume.flushed(), u"last"), "");
+  EXPECT_EQ(faults_of_change(before, volume.flushed_catalog(), u"last"), "");
 }
 
 TEST(VolumeSetLabel, LongLabelThenShort_LeavesTheOldUnitsUncounted) {
   VolumeDescription description = small_description();
   description.label = Name(255, u'o');
-  const LabelVolume volume(build_volume(description));
-  ASSERT_EQ(volume.set(u"n"), kvfs_ok);
+  const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
+  ASSERT_EQ(volume.set_label(u"n"), kvfs_ok);
   EXPECT_EQ(*volume.get()->label_length, 1u);
   EXPECT_EQ(volume.label(), u"n");
 }
@@ -140,31 +134,32 @@ TEST(VolumeSetLabel, Flush_WritesEachChangedNodeOnceInOrder) {
   VolumeDescription description = small_description();
   (void)description.add_files(kRootFolderId, 500);
   const Volume before = build_volume(description);
-  const LabelVolume volume(before);
-  ASSERT_EQ(volume.set(u"Backup"), kvfs_ok);
+  const OpenVolume volume(before, kWithoutAllocationFile);
+  ASSERT_EQ(volume.set_label(u"Backup"), kvfs_ok);
   FaultInjector faults;
-  ASSERT_EQ(volume.flush(), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_flush(volume.catalog_fork()), kvfs_ok);
   EXPECT_EQ(nodes_of_label(before).size(), 3u);
   EXPECT_EQ(writes_of(faults), transfers_of_nodes(before, nodes_of_label(before)));
   faults.clear_records();
-  ASSERT_EQ(volume.flush(), kvfs_ok);
+  ASSERT_EQ(kvfs_fork_flush(volume.catalog_fork()), kvfs_ok);
   EXPECT_TRUE(faults.writes().empty());
 }
 
 TEST(VolumeSetLabel, WithoutAFlush_WritesNothing) {
   const Volume before = small_volume();
-  const LabelVolume volume(before);
+  const OpenVolume volume(before, kWithoutAllocationFile);
   FaultInjector faults;
-  ASSERT_EQ(volume.set(u"Backup"), kvfs_ok);
+  ASSERT_EQ(volume.set_label(u"Backup"), kvfs_ok);
   EXPECT_TRUE(faults.writes().empty());
   EXPECT_TRUE(volume.contents() == before);
 }
 
 // ---- Refusals ------------------------------------------------------------------------------------------------------
 
+// Q-catalog-12
 TEST(VolumeSetLabel, 256Units_AreRefusedBeforeTheCatalogIsTouched) {
   const Volume before = small_volume();
-  const LabelVolume volume(before);
+  const OpenVolume volume(before, kWithoutAllocationFile);
   for (const std::size_t length : {std::size_t{256}, std::size_t{65536 + 3}, SIZE_MAX}) {
     const std::vector<kvfs_be16> units(256, kvfs_be16::of(u'x'));
     LogCapture log;
@@ -176,45 +171,45 @@ TEST(VolumeSetLabel, 256Units_AreRefusedBeforeTheCatalogIsTouched) {
     EXPECT_LOG(log, "ERROR kvfs_volume_set_label Label length (" + std::to_string(length) + ") too large.\n");
   }
   EXPECT_EQ(volume.label(), u"Untitled");
-  EXPECT_TRUE(volume.flushed() == before);
+  EXPECT_TRUE(volume.flushed_catalog() == before);
 }
 
 // Expects a set to fail and the label in memory to stay.
-void expect_failure(const LabelVolume& volume, kvfs_result expected, const std::vector<std::string>& log_lines) {
+void expect_failure(const OpenVolume& volume, kvfs_result expected, const std::vector<std::string>& log_lines) {
   const Name before = volume.label();
   LogCapture log;
-  EXPECT_EQ(volume.set(u"Backup"), expected);
+  EXPECT_EQ(volume.set_label(u"Backup"), expected);
   EXPECT_TRUE(log.matches(log_lines));
   EXPECT_EQ(volume.label(), before);
   EXPECT_EQ(volume.get()->catalog->priv->open_locators, nullptr);
-  EXPECT_EQ(volume.tree()->priv->open_locators, nullptr);
+  EXPECT_EQ(volume.catalog_tree()->priv->open_locators, nullptr);
 }
 
 // Deletes a record of the catalog behind the volume's back.
-void delete_record(const LabelVolume& volume, std::uint32_t parent, const Name& name) {
+void delete_record(const OpenVolume& volume, std::uint32_t parent, const Name& name) {
   const HFSPlusCatalogKey key = stored_key(parent, name);
   Searched found;
   ASSERT_EQ(kvfs_catalog_search_node(volume.get()->catalog, &key, found.out()), kvfs_ok);
   ASSERT_EQ(found.out()->found, 1u);
-  ASSERT_EQ(kvfs_btree_delete_record(volume.tree(), found.locator()->btree_locator, 0), kvfs_ok);
+  ASSERT_EQ(kvfs_btree_delete_record(volume.catalog_tree(), found.locator()->btree_locator, 0), kvfs_ok);
 }
 
 TEST(VolumeSetLabel, RootFolderMissing_IsReported) {
-  const LabelVolume volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   delete_record(volume, kRootParentId, u"Untitled");
   expect_failure(volume, kvfs_inconsistent,
                  {"ERROR kvfs_volume_set_label Could not find catalog record of root directory.\n"});
 }
 
 TEST(VolumeSetLabel, ThreadOfTheRootFolderMissing_IsReported) {
-  const LabelVolume volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   delete_record(volume, kRootFolderId, u"");
   expect_failure(volume, kvfs_inconsistent,
                  {"ERROR kvfs_volume_set_label Could not find catalog record of root directory.\n"});
 }
 
 TEST(VolumeSetLabel, SearchThatGivesNoLocator_IsAnInternalError) {
-  const LabelVolume volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   g_search_gives_nothing = true;
   expect_failure(volume, kvfs_internal,
                  {"CRITICAL kvfs_volume_set_label Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no "
@@ -225,16 +220,16 @@ TEST(VolumeSetLabel, SearchThatGivesNoLocator_IsAnInternalError) {
 TEST(VolumeSetLabel, RecordThatCannotBeRenamed_IsReported) {
   Volume before = small_volume();
   before.set_field(before.find_by_cnid(kRootFolderId).value().path() + ".recordType", 9);
-  expect_failure(LabelVolume(before), kvfs_invalid,
+  expect_failure(OpenVolume(before, kWithoutAllocationFile), kvfs_invalid,
                  {"ERROR kvfs_catalog_rename_record Invalid record type (0x9) in record data!\n",
                   "ERROR kvfs_volume_set_label Error while renaming record.\n"});
 }
 
 TEST(VolumeSetLabel, RenameThatLeavesTheLocator_IsWarnedOfAndClosesIt) {
-  const LabelVolume volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   LogCapture log;
   g_rename_keeps_locator = true;
-  EXPECT_EQ(volume.set(u"Backup"), kvfs_ok);
+  EXPECT_EQ(volume.set_label(u"Backup"), kvfs_ok);
   g_rename_keeps_locator = false;
   EXPECT_LOG(log, "WARNING kvfs_volume_set_label 'loc' non-NULL ({*}) on successful return.\n");
   EXPECT_EQ(volume.label(), u"Backup");
@@ -246,7 +241,7 @@ TEST(VolumeSetLabel, RenameThatLeavesTheLocator_IsWarnedOfAndClosesIt) {
 // Opens a volume, sets a label and closes it; only the set takes part in the faults.
 kvfs_result set_alone(const Volume& before, Name* label) {
   std::optional<FaultInjector::Pause> pause(std::in_place);
-  std::optional<LabelVolume> volume(std::in_place, before);
+  std::optional<OpenVolume> volume(std::in_place, before, kWithoutAllocationFile);
   const std::vector<kvfs_be16> units = {kvfs_be16::of(u'n'), kvfs_be16::of(u'e'), kvfs_be16::of(u'w')};
   pause.reset();
   const kvfs_result result = kvfs_volume_set_label(volume->get(), units.data(), units.size());
@@ -268,7 +263,7 @@ std::string context_of(const FailedRun& run) {
 
 TEST(VolumeSetLabel, EachAllocationFailing_IsOutOfMemoryAndKeepsTheLabel) {
   const Volume before = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::allocation(), [&] {
+  const std::vector<FailedRun> runs = fail_each(each_allocation(), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     EXPECT_EQ(label, result == kvfs_ok ? u"new" : u"Untitled");
@@ -292,7 +287,7 @@ bool is_tolerated(const FailedRun& run) {
 
 TEST(VolumeSetLabel, EachWriteLockRefused_FailsOrIsReported) {
   const Volume before = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kRwlockWrlock), [&] {
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockWrlock), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     EXPECT_EQ(label, result == kvfs_ok ? u"new" : u"Untitled");
@@ -311,7 +306,7 @@ TEST(VolumeSetLabel, EachWriteLockRefused_FailsOrIsReported) {
 
 TEST(VolumeSetLabel, EachReadLockRefused_Fails) {
   const Volume before = small_volume();
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kRwlockRdlock), [&] {
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockRdlock), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     EXPECT_EQ(label, result == kvfs_ok ? u"new" : u"Untitled");
@@ -326,7 +321,7 @@ TEST(VolumeSetLabel, EachReadLockRefused_Fails) {
 TEST(VolumeSetLabel, EachUnlockFailing_FailsOrIsReported) {
   const Volume before = small_volume();
   Name last_label;
-  const std::vector<FailedRun> runs = fail_each(FailingCall::of(Call::kRwlockUnlock), [&] {
+  const std::vector<FailedRun> runs = fail_each(each(Call::kRwlockUnlock), [&] {
     Name label;
     const kvfs_result result = set_alone(before, &label);
     if (result != kvfs_ok) {
@@ -346,9 +341,9 @@ TEST(VolumeSetLabel, EachUnlockFailing_FailsOrIsReported) {
 }
 
 TEST(VolumeSetLabel, LabelInMemory_ChangesUnderTheVolumeLockAlone) {
-  const LabelVolume volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   FaultInjector faults;
-  ASSERT_EQ(volume.set(u"new"), kvfs_ok);
+  ASSERT_EQ(volume.set_label(u"new"), kvfs_ok);
   EXPECT_EQ(faults.locks_held(), 0);
   const std::vector<LockCall> calls = faults.lock_calls();
   ASSERT_GE(calls.size(), 2u);
@@ -383,7 +378,7 @@ TEST(VolumeUpdateForkData, EachSpecialFile_ChangesItsOwnSlotInMemoryOnly) {
   const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(&data);
   const std::pair<std::uint32_t, std::size_t> slots[] = {{6, 112}, {3, 192}, {4, 272}, {8, 352}, {7, 432}};
   for (const auto& [cnid, offset] : slots) {
-    const LabelVolume volume(before);
+    const OpenVolume volume(before, kWithoutAllocationFile);
     Bytes expected = header_bytes(volume.get());
     std::copy(bytes, bytes + sizeof(data), expected.begin() + static_cast<std::ptrdiff_t>(offset));
     LogCapture log;
@@ -396,10 +391,11 @@ TEST(VolumeUpdateForkData, EachSpecialFile_ChangesItsOwnSlotInMemoryOnly) {
   }
 }
 
+// Q-log-2, Q-volume-3
 TEST(VolumeUpdateForkData, AnyOtherFile_IsReportedWithoutALineFeedAndChangesNothing) {
   const Volume before = small_volume();
   for (const std::uint32_t cnid : {0U, 2U, 5U, 9U, 0xFFFFFFFFU}) {
-    const LabelVolume volume(before);
+    const OpenVolume volume(before, kWithoutAllocationFile);
     const Bytes expected = header_bytes(volume.get());
     const HFSPlusForkData data = some_fork_data();
     LogCapture log;
@@ -411,8 +407,9 @@ TEST(VolumeUpdateForkData, AnyOtherFile_IsReportedWithoutALineFeedAndChangesNoth
   }
 }
 
+// X-volume-2
 TEST(VolumeUpdateForkData, SlotItself_StaysAsItIs) {
-  const LabelVolume volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   const Bytes expected = header_bytes(volume.get());
   kvfs_volume_update_fork_data(volume.get(), 4, &volume.get()->header->catalogFile);
   EXPECT_EQ(header_bytes(volume.get()), expected);

@@ -12,16 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "bitmap.h"
 #include "btree/private.h"
-#include "catalog.h"
 #include "catalog_fixture.h"
-#include "fault_injection.h"
-#include "log_capture.h"
 #include "support.h"
 #include "unicode_fixture.h"
 #include "volume/private.h"
-#include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {
@@ -33,29 +28,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 constexpr char kSettingUp[] = "ERROR kvfs_volume_create Error while setting up HFS volume.\n";
-
-// A volume that is open while the object lives, or until it is closed: the device stays open then.
-class VolumeInTest : public TestDevice {
- public:
-  explicit VolumeInTest(const SparseImage& image, int skip_allocation_file = 1, std::uint32_t sector_size = 512)
-      : TestDevice(image, sector_size) {
-    EXPECT_EQ(kvfs_volume_create(TestDevice::get(), skip_allocation_file, &volume_), kvfs_ok);
-  }
-  ~VolumeInTest() {
-    if (volume_ != nullptr) {
-      close();
-    }
-  }
-
-  [[nodiscard]] kvfs_volume* get() const { return volume_; }
-  kvfs_volume* operator->() const { return volume_; }
-  [[nodiscard]] bool is_open() const { return volume_ != nullptr; }
-  void close() { kvfs_volume_destroy(&volume_); }
-  [[nodiscard]] Name label() const { return label_of(volume_); }
-
- private:
-  kvfs_volume* volume_ = nullptr;
-};
 
 // Opens and closes a volume. The output must stay untouched on failure.
 kvfs_result open_and_close(kvfs_device* device, int skip_allocation_file = 1) {
@@ -90,8 +62,8 @@ void expect_refused(const SparseImage& image, kvfs_result result, const Lines& m
 
 TEST(VolumeCreate, SoundVolume_FillsBothParts) {
   LogCapture log;
-  const VolumeInTest volume(small_volume());
-  EXPECT_EQ(volume->device, volume.TestDevice::get());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
+  EXPECT_EQ(volume->device, volume.device());
   EXPECT_EQ(volume->header, volume->priv->header);
   EXPECT_EQ(volume->label_length, &volume->priv->label_length);
   EXPECT_EQ(volume->label, volume->priv->label);
@@ -108,7 +80,7 @@ TEST(VolumeCreate, SoundVolume_FillsBothParts) {
 }
 
 TEST(VolumeCreate, RootFolder_IsNotHeldOpen) {
-  const VolumeInTest volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   Searched found;
   ASSERT_EQ(kvfs_catalog_search_by_cnid(volume->catalog, kRootFolderId, true, found.out()), kvfs_ok);
   EXPECT_EQ(found.locator()->btree_locator->priv->reference_count, 1u);
@@ -118,7 +90,7 @@ TEST(VolumeCreate, Hfsx_OpensLikeHfsPlus) {
   VolumeDescription description = small_description();
   description.hfsx = true;
   LogCapture log;
-  const VolumeInTest volume(build_volume(description));
+  const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
   EXPECT_EQ(volume->header->signature.get(), kHFSXSigWord);
   EXPECT_EQ(volume.label(), u"Untitled");
   EXPECT_LOG(log);
@@ -127,14 +99,14 @@ TEST(VolumeCreate, Hfsx_OpensLikeHfsPlus) {
 TEST(VolumeCreate, AllocationFileWanted_IsOpenedToo) {
   LogCapture log;
   {
-    const VolumeInTest volume(small_volume(), 0);
+    const OpenVolume volume(small_volume());
     EXPECT_NE(volume->bitmap, nullptr);
   }
   EXPECT_LOG(log);
 }
 
 TEST(VolumeCreate, AnyNonzeroSkip_LeavesTheAllocationFileUnopened) {
-  EXPECT_EQ(VolumeInTest(small_volume(), -1)->bitmap, nullptr);
+  EXPECT_EQ(OpenVolume(small_volume(), {.skip_allocation_file = -1})->bitmap, nullptr);
 }
 
 TEST(VolumeCreate, Opening_WritesNothing) {
@@ -177,7 +149,7 @@ TEST(VolumeCreate, EverySectorSizeBelowTheBlockSize_GivesTheLabel) {
     description.set_label("Größe");
     description.catalog.node_size = 1024;
     description.extents.node_size = 512;
-    const VolumeInTest volume(build_volume(description), 0, sector_size);
+    const OpenVolume volume(build_volume(description), {.sector_size = sector_size});
     EXPECT_EQ(volume.label(), decomposed("Größe")) << sector_size;
     const std::uint32_t offset = 1024 % sector_size;
     EXPECT_EQ(static_cast<void*>(volume->header), static_cast<void*>(volume->priv->sector_buffer + offset));
@@ -195,7 +167,7 @@ TEST(VolumeCreate, EveryBlockAndNodeSize_GivesTheLabel) {
       (void)description.add_files(kRootFolderId, 40);
       LogCapture log;
       {
-        const VolumeInTest volume(build_volume(description), 0);
+        const OpenVolume volume(build_volume(description));
         EXPECT_EQ(volume.label(), u"Untitled");
       }
       EXPECT_LOG(log);
@@ -222,7 +194,7 @@ TEST(VolumeCreate, ShapesOfTheCatalog_GiveTheLabel) {
     shapes[i](description);
     LogCapture log;
     {
-      const VolumeInTest volume(build_volume(description));
+      const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
       EXPECT_EQ(volume.label(), u"Untitled") << "shape " << i;
     }
     EXPECT_LOG(log);
@@ -239,7 +211,7 @@ void expect_label(const Name& label) {
     description.hfsx = description.case_sensitive = binary;
     LogCapture log;
     {
-      const VolumeInTest volume(build_volume(description));
+      const OpenVolume volume(build_volume(description), kWithoutAllocationFile);
       EXPECT_EQ(*volume->label_length, label.size());
       EXPECT_EQ(volume.label(), label);
     }
@@ -294,16 +266,18 @@ Volume volume_with_too_long_label(bool with_full_key) {
   return build_volume(description);
 }
 
+// Q-log-2
 TEST(VolumeLabel, LengthOf256_IsRefusedInAnOpenLine) {
   expect_refused(volume_with_too_long_label(true), kvfs_inconsistent,
                  {"ERROR kvfs_volume_setup Invalid volume label length: 256Error while setting up HFS volume.\n"});
 }
 
 TEST(VolumeLabel, LengthOf255InAKeyOfTheSameMaking_IsAccepted) {
-  const VolumeInTest volume(volume_with_too_long_label(false));
+  const OpenVolume volume(volume_with_too_long_label(false), kWithoutAllocationFile);
   EXPECT_EQ(*volume->label_length, 255u);
 }
 
+// X-volume-1, X-catalog-1
 TEST(VolumeLabel, LengthBeyondItsKey_IsInconsistent) {
   Volume image = small_volume();
   image.set_field(image.find_entry(kRootParentId, u"Untitled")->path() + ".key.nodeName.length", 256);
@@ -321,7 +295,7 @@ TEST(VolumeLabel, RootThreadThatIsAFolderRecord_GivesTheEmptyNameOfItsKey) {
   Volume image = small_volume();
   image.set_field(image.find_thread(kRootFolderId)->path() + ".recordType", kHFSPlusFolderRecord);
   LogCapture log;
-  const VolumeInTest volume(image);
+  const OpenVolume volume(image, kWithoutAllocationFile);
   EXPECT_EQ(*volume->label_length, 0u);
   EXPECT_LOG(log);
 }
@@ -333,6 +307,7 @@ TEST(VolumeCreate, Zeros_AreNoVolume) {
                  {"ERROR kvfs_volume_setup Invalid signature word for HFS+ volume: 0x0\n", kSettingUp});
 }
 
+// Q-volume-1
 TEST(VolumeCreate, OtherSignature_IsPrintedInDecimal) {
   for (const auto& [value, text] :
        {std::pair{0x4244, "16964"}, {0x482C, "18476"}, {0xFFFF, "65535"}, {0x2B48, "11080"}}) {
@@ -367,6 +342,7 @@ TEST(VolumeCreate, HeaderInSeveralSectors_IsReportedInThePlural) {
       "ERROR kvfs_volume_setup Error while reading volume header disk sectors.\n", kSettingUp);
 }
 
+// X-device-1
 TEST(VolumeCreate, SectorSizeZero_IsRefused) {
   const TestDevice device(small_volume(), 0);
   LogCapture log;
@@ -412,7 +388,7 @@ TEST(VolumeCreate, DamagedAllocationFile_IsRefusedOnlyWhenItIsWanted) {
                   "ERROR kvfs_bitmap_create Error while creating kvfs_fork for allocation file.\n",
                   "ERROR kvfs_volume_setup Unable to load allocation file.\n", kSettingUp},
                  0);
-  EXPECT_EQ(VolumeInTest(image, 1).label(), u"Untitled");
+  EXPECT_EQ(OpenVolume(image, kWithoutAllocationFile).label(), u"Untitled");
 }
 
 TEST(VolumeCreate, NoThreadOfTheRoot_MeansNoRootDirectory) {
@@ -453,7 +429,7 @@ TEST(VolumeCreate, IndexThatLeadsNowhere_IsAFailureOfTheLookUp) {
 
 class VolumeFaults : public ::testing::TestWithParam<int> {
  protected:
-  std::vector<FailedRun> fail(const FailingCall& failing) {
+  std::vector<FailedRun> fail(const FailingCalls& failing) {
     std::vector<FailedRun> runs = fail_each(failing, [this] { return open_and_close(device_.get(), GetParam()); });
     EXPECT_THAT(runs, Not(IsEmpty()));
     for (const FailedRun& run : runs) {
@@ -468,7 +444,7 @@ class VolumeFaults : public ::testing::TestWithParam<int> {
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutAllocationFile, VolumeFaults, ::testing::Values(0, 1));
 
 TEST_P(VolumeFaults, EachAllocationFailing_IsOutOfMemory) {
-  const std::vector<FailedRun> runs = fail(FailingCall::allocation());
+  const std::vector<FailedRun> runs = fail(each_allocation());
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
     EXPECT_EQ(run.log.back(),
@@ -489,7 +465,7 @@ TEST_P(VolumeFaults, EachAllocationFailing_IsOutOfMemory) {
 
 TEST_P(VolumeFaults, EachReadFailing_IsAnInputError) {
   for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
-    const std::vector<FailedRun> runs = fail(FailingCall::of(Call::kPread64, fault));
+    const std::vector<FailedRun> runs = fail(each(Call::kPread64, fault));
     EXPECT_EQ(runs.size(), 6u) << "header, two trees twice, one leaf";
     for (const FailedRun& run : runs) {
       EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;
@@ -500,7 +476,7 @@ TEST_P(VolumeFaults, EachReadFailing_IsAnInputError) {
 
 TEST_P(VolumeFaults, EachLockNotCreated_IsReported) {
   for (const Call call : {Call::kRwlockInit, Call::kRwlockattrInit, Call::kRwlockattrSetpshared}) {
-    const std::vector<FailedRun> runs = fail(FailingCall::of(call));
+    const std::vector<FailedRun> runs = fail(each(call));
     for (const FailedRun& run : runs) {
       // A fork reports every failure of its own opening as a lack of memory.
       EXPECT_THAT(run.result, AnyOf(kvfs_no_memory, kvfs_failed)) << call_name(call) << " " << run.n;
@@ -515,7 +491,7 @@ TEST_P(VolumeFaults, EachLockNotCreated_IsReported) {
 
 TEST_P(VolumeFaults, EachLockNotTakenOrReleased_LeavesNothingBehind) {
   for (const Call call : {Call::kRwlockWrlock, Call::kRwlockRdlock, Call::kRwlockUnlock}) {
-    for (const FailedRun& run : fail(FailingCall::of(call))) {
+    for (const FailedRun& run : fail(each(call))) {
       // A release that fails while something is given back is only reported.
       EXPECT_THAT(run.result, AnyOf(kvfs_failed, kvfs_ok)) << call_name(call) << " " << run.n;
       if (run.result != kvfs_ok) {
@@ -526,7 +502,7 @@ TEST_P(VolumeFaults, EachLockNotTakenOrReleased_LeavesNothingBehind) {
 }
 
 TEST_P(VolumeFaults, EachLockNotDestroyed_IsReportedAndTheRestIsFreed) {
-  const std::vector<FailedRun> runs = fail(FailingCall::of(Call::kRwlockDestroy));
+  const std::vector<FailedRun> runs = fail(each(Call::kRwlockDestroy));
   for (const FailedRun& run : runs) {
     EXPECT_EQ(run.result, kvfs_ok) << "lock " << run.n;
   }
@@ -584,7 +560,7 @@ TEST(VolumeDestroy, ClosesEverythingAndLeavesTheDeviceOpen) {
 }
 
 TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
-  VolumeInTest volume(small_volume());
+  OpenVolume volume(small_volume(), kWithoutAllocationFile);
   kvfs_catalog_search_result found;
   kvfs_catalog_search_result_init(&found);
   ASSERT_EQ(kvfs_catalog_search_by_cnid(volume->catalog, kAlpha, true, &found), kvfs_ok);
@@ -593,9 +569,10 @@ TEST(VolumeDestroy, LocatorsLeftOpen_AreClosedByTheCatalog) {
   EXPECT_LOG(log, "WARNING kvfs_catalog_destroy Cleaned up 1 leaked catalog record locators on destroy.\n");
 }
 
+// Q-fork-9
 TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
   const Volume image = small_volume();
-  VolumeInTest volume(image);
+  OpenVolume volume(image, kWithoutAllocationFile);
   kvfs_volume_add_file_count(volume.get(), 5);
   volume.close();
   EXPECT_TRUE(image == volume.contents());
@@ -606,7 +583,7 @@ TEST(VolumeDestroy, ChangesInMemory_AreNotWritten) {
 TEST(VolumeFlush, WritesTheSectorsOfTheHeaderOnce) {
   for (const std::uint32_t sector_size : {128u, 256u, 512u, 1024u, 2048u, 4096u}) {
     const Volume image = small_volume();
-    VolumeInTest volume(image, 1, sector_size);
+    OpenVolume volume(image, {.skip_allocation_file = 1, .sector_size = sector_size});
     kvfs_volume_set_next_allocation(volume.get(), 0xABCDEF01);
     LogCapture log;
     {
@@ -627,13 +604,13 @@ TEST(VolumeFlush, WritesTheSectorsOfTheHeaderOnce) {
 
 TEST(VolumeFlush, NothingChanged_WritesWhatWasRead) {
   const Volume image = small_volume();
-  const VolumeInTest volume(image);
+  const OpenVolume volume(image, kWithoutAllocationFile);
   EXPECT_EQ(kvfs_volume_flush(volume.get()), kvfs_ok);
   EXPECT_TRUE(image == volume.contents());
 }
 
 TEST(VolumeFlush, FailingWrite_PassesTheFailureOn) {
-  const VolumeInTest volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   LogCapture log;
   {
     FaultInjector faults;
@@ -647,7 +624,7 @@ TEST(VolumeFlush, FailingWrite_PassesTheFailureOn) {
 }
 
 TEST(VolumeFlush, ShortWrite_IsAFailure) {
-  const VolumeInTest volume(small_volume());
+  const OpenVolume volume(small_volume(), kWithoutAllocationFile);
   LogCapture log;
   {
     FaultInjector faults;
@@ -700,7 +677,7 @@ TEST_P(VolumeCounter, Change_TouchesItsFieldInMemoryAlone) {
   const CounterCase& counter = GetParam();
   Volume image = small_volume();
   image.set_field(counter.field, counter.before);
-  const VolumeInTest volume(image);
+  const OpenVolume volume(image, kWithoutAllocationFile);
   LogCapture log;
   {
     FaultInjector faults;
