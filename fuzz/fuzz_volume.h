@@ -32,6 +32,7 @@ class FuzzDevice {
   unsigned damage(Input* input);
 
   [[nodiscard]] kvfs_device* device() const { return device_; }
+  [[nodiscard]] int fd() const { return fd_; }
   [[nodiscard]] std::vector<std::uint8_t> bytes() const;
 
  private:

@@ -383,16 +383,17 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 //   name       one name, spelled as said above
 //
 // Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), a name with a NUL in it, as private
-// folders have, what lies in a private folder, a folder that would lie in itself, or a text that is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
+// folders have, what lies in a private folder, a folder that would lie in itself, or a text that is no name;
+// KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
 uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder_id, const char* name) KVFS_CHECKED;
 
 // Deletes a file with both of its forks, a symbolic link or an empty folder. Its blocks become free with the flush.
 // Attributes that the attributes file keeps for the item stay there, unreachable.
 //
-// Returns KVFS_OK; KVFS_NOT_EMPTY; KVFS_INVALID for the root folder, without the allocation file, for private folders and
-// for a file that hard links stand for; KVFS_LIMIT for a hard link or folder link, whose target would have to be counted;
-// KVFS_INCONSISTENT, with nothing changed, for a file whose blocks lie outside the volume or are free already; or as
-// said above.
+// Returns KVFS_OK; KVFS_NOT_EMPTY; KVFS_INVALID for the root folder, without the allocation file, for private folders
+// and for a file that hard links stand for; KVFS_LIMIT for a hard link or folder link, whose target would have to be
+// counted; KVFS_INCONSISTENT, with nothing changed, for a file whose blocks lie outside the volume or are free already;
+// or as said above.
 uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 
 // Makes a symbolic link.

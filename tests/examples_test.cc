@@ -302,6 +302,39 @@ TEST_F(Examples, EveryProgram_ReportsAMissingVolume) {
   }
 }
 
+// ---- In C ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Examples, InC_ReadWhatIsThere) {
+  const std::string size = std::to_string(volume().get_field("totalBlocks") * 4096);
+  const std::string free_size = std::to_string(volume().get_field("freeBlocks") * 4096);
+  EXPECT_EQ(run("c/volume_info", {}), printed("label         Caf\u00E9\nsize          " + size + "\nfree          " +
+                                              free_size + "\nfiles         5\nfolders       4\n"));
+  EXPECT_EQ(run("c/list_folder", {"docs"}), printed("file            18        0  blank\n"
+                                                    "file            17     5000  data\n"
+                                                    "hard link       24        0  link\n"
+                                                    "folder          19        0  sub\n"));
+  EXPECT_EQ(run("c/read_file", {"docs/data"}), printed(std::string(5000, '\0')));
+  EXPECT_EQ(run("c/read_file", {"docs/link"}), printed(std::string(1234, '\0')));
+}
+
+TEST_F(Examples, InC_ChangeWhatIsThere) {
+  EXPECT_EQ(run("c/set_label", {"R\u00E9sum\u00E9"}), printed(""));
+  EXPECT_EQ(run("c/change_items", {"rename", "docs/data", "empty", "moved"}), printed(""));
+  EXPECT_EQ(run("c/change_items", {"link", "docs", "l", "../empty/moved"}), printed(""));
+  EXPECT_EQ(run("c/change_items", {"delete", "docs/blank"}), printed(""));
+  EXPECT_EQ(findings(), "");
+  EXPECT_EQ(to_utf8(read_label(volume())), "Re\u0301sume\u0301");
+  EXPECT_EQ(run("c/list_folder", {"empty"}), printed("file            17     5000  moved\n"));
+}
+
+TEST_F(Examples, InC_SayWhatHasFailed) {
+  expect_refused("c/read_file", {"docs/none"}, "cannot read the file: there is no such item\n");
+  expect_refused("c/list_folder", {"docs/data"}, "cannot list the folder: the item is no folder\n");
+  expect_refused("c/change_items", {"delete", "docs"}, "cannot change the volume: the folder is not empty\n");
+  expect_refused("c/change_items", {"rename", "docs", "docs", "x"},
+                 "cannot change the volume: an argument is not acceptable\n");
+}
+
 // ---- The guide -----------------------------------------------------------------------------------------------------
 
 std::string content_of(const std::filesystem::path& path) {
@@ -314,7 +347,7 @@ std::filesystem::path source_dir() {
   return KVFS_SOURCE_DIR;
 }
 
-// A piece of C++ in the guide, with the file that it says it comes from.
+// A piece of C++ or C in the guide, with the file that it says it comes from.
 struct Quotation {
   std::string file;
   std::string code;
@@ -333,7 +366,7 @@ std::vector<Quotation> quotations() {
   std::string last;
   std::string line;
   while (std::getline(lines, line)) {
-    if (line == "```cpp") {
+    if (line == "```cpp" || (line == "```c" && !example_named_in(last).empty())) {
       Quotation quotation = {example_named_in(last), ""};
       while (std::getline(lines, line) && line != "```") {
         quotation.code += line + "\n";
@@ -360,9 +393,9 @@ TEST(LibraryGuide, EveryExample_IsShown) {
     shown.insert(quotation.file);
   }
   std::size_t examples = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(source_dir() / "examples")) {
-    if (entry.path().extension() == ".cc") {
-      EXPECT_EQ(shown.count("examples/" + entry.path().filename().string()), 1u) << entry.path();
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(source_dir() / "examples")) {
+    if (entry.path().extension() == ".cc" || entry.path().extension() == ".c") {
+      EXPECT_EQ(shown.count(entry.path().lexically_relative(source_dir()).string()), 1u) << entry.path();
       ++examples;
     }
   }

@@ -1,7 +1,8 @@
 // Walking over the items of a folder, and listings.
 //
-// A folder's items follow its thread record, in the order of their names. A listing holds no locators between two calls,
-// so that it is in nobody's way: it takes a few records at a time and goes on behind the last key that it has given.
+// A folder's items follow its thread record, in the order of their names. A listing holds no locators between two
+// calls, so that it is in nobody's way: it takes a few records at a time and goes on behind the last key that it has
+// given.
 
 #include <cstdlib>
 #include <cstring>

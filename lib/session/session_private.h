@@ -70,8 +70,8 @@ struct kvfs_session {
   std::uint32_t freed_count;
 };
 
-// Does work in the session's turn: `work` gives a kvfs_result. What was done stays done when giving the turn back fails,
-// but is a failure.
+// Does work in the session's turn: `work` gives a kvfs_result. When giving the turn back fails, what was done stays
+// done, but is a failure.
 template <typename Work>
 kvfs_result kvfs_session_take_turn(kvfs_session* session, Work work) {
   kvfs_write_guard turn(session->lock);
@@ -167,8 +167,8 @@ kvfs_result kvfs_session_find_folder(kvfs_session* session, std::uint32_t id, kv
 kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id, const kvfs_be16* units,
                                   std::size_t length, kvfs_session_found* item);
 
-// Finds an item by its folder and a name that was given; its record is checked. A name as it was given serves as well as the
-// decomposed one. Returns as above.
+// Finds an item by its folder and a name that was given; its record is checked. A name as it was given serves as well
+// as the decomposed one. Returns as above.
 kvfs_result kvfs_session_find_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
                                    kvfs_session_found* item);
 

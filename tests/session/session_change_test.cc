@@ -90,8 +90,8 @@ TEST_F(SessionChanges, MoveOfAFolder_CountsItInAndOut) {
   EXPECT_EQ(TestSession(session().contents()).item("empty/moved").kind, KVFS_FOLDER);
 }
 
-// The record of a folder stands behind those of its items where it lies in a folder with a higher ID, and moves when one
-// of them leaves.
+// The record of a folder stands behind those of its items where it lies in a folder with a higher ID, and moves when
+// one of them leaves.
 TEST_F(SessionChanges, FolderBehindItsItems_IsCountedAllTheSame) {
   EXPECT_EQ(session().rename("docs", "empty", "docs"), KVFS_OK);
   EXPECT_EQ(session().rename("empty/docs/data", "/", "data"), KVFS_OK);
