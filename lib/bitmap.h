@@ -99,7 +99,7 @@ struct kvfs_allocation_location {
 //                 block of a search for 0 blocks is the one that it starts from. Unchanged on failure
 //
 // Returns kvfs_ok, found or not (Q-bitmap-8); kvfs_invalid when the volume was opened without its allocation file; or
-// the failure of the fork.
+// the failure of the fork, as on a volume without blocks and, from some blocks on, when none are wanted (Q-bitmap-10).
 kvfs_result FindContiguousUnallocated(kvfs_volume* volume, std::uint32_t wanted, std::uint32_t hint,
                                       kvfs_allocation_location* out_location);
 
@@ -122,7 +122,7 @@ kvfs_result FindWriteLocation(std::uint32_t cnid, std::uint8_t fork_type, const 
 //   fork_data       on-disk order; changed
 //   offset, length  bytes: the extents are to reach offset + length
 //   out_location    receives the run added, or the extent that reaches there already; its block count is 0 when nothing
-//                   was added, for want of a run too. Unchanged on failure
+//                   was added, for want of a run too, which leaves the next extent empty. Unchanged on failure
 //
 // Returns kvfs_ok, added or not; kvfs_invalid without fork data or allocation file; kvfs_unsupported_extents when eight
 // extents do not suffice; or the failure of the search.

@@ -30,7 +30,8 @@ struct kvfs_btree_record_locator_private;
 
 // Compares a key inside a node with a search key: negative, 0 or positive as the node's key orders before, equal to or
 // after the search key. Both begin with their length in two bytes, and that many bytes follow; in an empty tree the
-// records of the header node are handed in for keys, and the bytes may then lie behind that node. `compare_type` is the
+// records of the header node are handed in for keys, and the bytes may then lie behind that node. Of a catalog key that
+// claims to leave its node a copy is handed in that ends with the node, or with the longest name; `compare_type` is the
 // keyCompareType of the tree's header record. kvfs_key_malformed, a negative value too, says that the node's key
 // contradicts itself; the engine then ends its search with kvfs_inconsistent.
 using kvfs_btree_compare_keys = int (*)(const void* node_key, const void* search_key, std::uint8_t compare_type);

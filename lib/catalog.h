@@ -76,7 +76,7 @@ int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t
 // Converts a stored name to UTF-8 with "/" for every "\" (Q-catalog-9).
 //
 //   units, count  the text, big-endian, of any length; a zero unit ends it early
-//   buffer, size  receive the text and a NUL; bytes
+//   buffer, size  receive the text and a NUL; bytes, that of the NUL among them (X-catalog-8)
 //
 // Returns the bytes of text, without the NUL; 0 on failure, and the buffer then holds anything.
 std::size_t kvfs_catalog_widechar_to_utf8(const kvfs_be16* units, std::size_t count, char* buffer, std::size_t size);
@@ -238,8 +238,8 @@ kvfs_result kvfs_catalog_decrement_valence(kvfs_catalog* catalog, const void* ch
 //
 //   out_empty  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record, or the key of the one behind the
-// thread, is too short; kvfs_internal; or the failure of a search.
+// Returns kvfs_ok; kvfs_invalid for a null argument; kvfs_inconsistent when the record, or the key of the one behind
+// the thread, is too short; kvfs_internal; or the failure of a search.
 kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_catalog_record_locator* folder,
                                             int* out_empty);
 
@@ -247,7 +247,7 @@ kvfs_result kvfs_catalog_is_directory_empty(kvfs_catalog* catalog, const kvfs_ca
 //
 //   out_can_delete  receives 1 or 0; unchanged on failure
 //
-// Returns kvfs_ok; kvfs_invalid without a locator; kvfs_inconsistent when the record has no room for its type; or the
+// Returns kvfs_ok; kvfs_invalid for a null argument; kvfs_inconsistent when the record has no room for its type; or the
 // failure of looking into the folder.
 kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
                                          int* out_can_delete);
@@ -264,7 +264,7 @@ kvfs_result kvfs_catalog_can_delete_file(kvfs_catalog* catalog, const kvfs_catal
 //
 //   volume  opened with its allocation file, unless the file has no blocks to free
 //
-// Returns kvfs_ok; kvfs_invalid without a locator or for another kind of record; kvfs_inconsistent when the record is
+// Returns kvfs_ok; kvfs_invalid for a null argument or another kind of record; kvfs_inconsistent when the record is
 // too short; or the failure of the B-tree or of the search for the thread. What was done before a failure stays done.
 kvfs_result kvfs_catalog_delete(kvfs_catalog* catalog, kvfs_volume* volume, kvfs_catalog_record_locator* locator);
 
@@ -278,7 +278,8 @@ inline constexpr int kvfs_symbolic_link = 2;  // holds the path of another item
 // Tells what kind of file a whole file record, on-disk order, describes.
 int kvfs_catalog_file_link_kind(const HFSPlusCatalogFile* record);
 
-// Reads the size of a file, following a hard link: of the data fork or, when that is empty, of the resource fork.
+// Reads the size of a file, following a hard link: of the data fork or, when that is empty, of the resource fork. A
+// link whose file is missing has the size of the record in its place (Q-catalog-24).
 //
 //   record  whole file record, on-disk order. That of a link's target may be cut behind the size that counts
 //

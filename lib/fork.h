@@ -5,10 +5,11 @@
 // validity and modification are tracked, and bytes transferred, in blocks of one transfer unit.
 //
 // Invariants:
-// - a block is read from the device at most once, before the first access to it, while the fork keeps its size; a write
-//   does not make it valid, so that a block must be mapped or read before all of it is overwritten;
-// - a fork that changes its size forgets the blocks behind the end, those across it included, which are read again. One
-//   across the end that was modified keeps its bytes before it and has zeros behind it;
+// - a block is read from the device at most once, before the first access to it, while the fork does not shrink; a
+//   write does not make it valid, so that a block must be mapped or read before all of it is overwritten;
+// - a fork that shrinks forgets the blocks behind its end, those across it included, which are read again. One across
+//   the end that was modified keeps its bytes before it and has zeros behind it;
+// - a fork that grows keeps what it has read: a block across its old end has zeros behind that;
 // - an item's dirty_blocks counts the set bits of its modification bitmap, and the fork's dirty_items counts the items
 //   with dirty blocks;
 // - references count the mappings that were not given back. Each block of a range that is mapped or read adds one, each
@@ -108,9 +109,9 @@ kvfs_result kvfs_fork_read(kvfs_fork* fork, std::uint64_t offset, void* buffer, 
 //   out_bytes_written  may be null; receives `length` on success and 0 on failure
 //
 // Locks: items_lock and dirty_lock, both for writing.
-// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit does not fit a
-// cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a lock. After a failure bytes
-// copied so far stay in the cache, marked modified.
+// Returns kvfs_ok; kvfs_invalid when the range leaves the fork; kvfs_inconsistent when the transfer unit is 0 or a
+// block to be read does not fit a cache item; kvfs_no_memory; kvfs_internal; or the failure of reading a block or of a
+// lock. After a failure bytes copied so far stay in the cache, marked modified.
 kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* buffer, std::size_t length,
                             std::size_t* out_bytes_written);
 
@@ -148,11 +149,12 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 //
 //   out_location  receives the blocks that were added
 //
-// Returns kvfs_ok; kvfs_internal for another file or when the array of cache items cannot be that large; kvfs_invalid
-// without an allocation file; kvfs_unsupported_extents when a ninth extent would be needed; kvfs_inconsistent when the
-// logical size ends before the last extent; kvfs_limit for the allocation file in use, without a free run of that size,
-// or when a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of the allocation file or the
-// lock. On failure the fork and its fork data are as they were, unless only the release of the lock has failed.
+// Returns kvfs_ok; kvfs_internal for another file, without a free run of that size, or when the array of cache items
+// cannot be that large; kvfs_invalid without an allocation file; kvfs_unsupported_extents when a ninth extent would be
+// needed; kvfs_inconsistent when the logical size ends before the last extent, or blocks have no bytes; kvfs_limit for
+// the allocation file in use, or when a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of
+// the allocation file or the lock. On failure the fork and its fork data are as they were, unless only the release of
+// the lock has failed.
 kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location);
 
 // Takes blocks off the end of a fork, after writing their modified bytes to the device. Mappings of the part that goes
@@ -160,10 +162,11 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
 //
 //   blocks  allocation blocks to take off
 //
-// Returns kvfs_ok; kvfs_invalid without an allocation file; kvfs_limit for the allocation file in use; kvfs_internal
-// for another file, for more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the
-// failure of the flush, the allocation file or the lock. On failure the fork data is as it was, unless only the release
-// of the lock has failed; blocks that were freed stay free.
+// Returns kvfs_ok; kvfs_invalid without an allocation file, or when blocks are modified and none are to go or the fork
+// data's logical size ends before them; kvfs_limit for the allocation file in use; kvfs_internal for another file, for
+// more blocks than the fork has, or when not all of them could be freed; kvfs_no_memory; or the failure of the flush,
+// the allocation file or the lock. On failure the fork data is as it was, unless only the release of the lock has
+// failed; blocks that were freed stay free.
 kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t blocks);
 
 // Records an allocated run in the eight extents of a fork data, on-disk order: in the descriptor that `location` names,

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "result.h"
 
@@ -41,19 +42,40 @@ void kvfs_log_warning(const char* function, int line, const char* format, ...)
 void kvfs_log_critical(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
 
-// Reports an error as the routine named, for helpers that report on behalf of the routine that calls them.
-#define KVFS_ERROR_AS(function, ...) kvfs_log_error((function), __LINE__, __VA_ARGS__)
-// Warns as the routine named.
-#define KVFS_WARNING_AS(function, ...) kvfs_log_warning((function), __LINE__, __VA_ARGS__)
-// Reports what cannot happen as the routine named.
-#define KVFS_CRITICAL_AS(function, ...) kvfs_log_critical((function), __LINE__, __VA_ARGS__)
+// The name of a routine that exists, for messages: what a misspelt or a removed one is called does not compile.
+#define KVFS_NAME_OF(routine) (static_cast<void>(sizeof(kvfs_checked_routine<decltype(routine)>)), #routine)
 
-// Reports an error as the enclosing routine, with a printf format and its arguments.
-#define KVFS_ERROR(...) KVFS_ERROR_AS(__func__, __VA_ARGS__)
-// Warns as the enclosing routine.
-#define KVFS_WARNING(...) KVFS_WARNING_AS(__func__, __VA_ARGS__)
-// Reports what cannot happen as the enclosing routine.
-#define KVFS_CRITICAL(...) KVFS_CRITICAL_AS(__func__, __VA_ARGS__)
+template <typename Routine>
+struct kvfs_checked_routine {
+  static_assert(std::is_function_v<Routine>, "messages speak for routines");
+};
+
+// Who speaks in a message? As a rule the routine that it stands in:
+//   KVFS_ERROR(format, ...), KVFS_WARNING(...), KVFS_CRITICAL(...).
+// In a helper the routine that it helps: KVFS_ERROR_AS(routine, format, ...) and so on, with the routine's own name.
+// In one that helps several of them, whose name it was given: KVFS_ERROR_BY(speaker, format, ...) and so on; the name
+// comes from __func__ or KVFS_NAME_OF.
+
+// Reports an error in the name of a speaker.
+#define KVFS_ERROR_BY(speaker, ...) kvfs_log_error((speaker), __LINE__, __VA_ARGS__)
+// Warns in the name of a speaker.
+#define KVFS_WARNING_BY(speaker, ...) kvfs_log_warning((speaker), __LINE__, __VA_ARGS__)
+// Reports what cannot happen in the name of a speaker.
+#define KVFS_CRITICAL_BY(speaker, ...) kvfs_log_critical((speaker), __LINE__, __VA_ARGS__)
+
+// Reports an error in the name of a routine.
+#define KVFS_ERROR_AS(routine, ...) KVFS_ERROR_BY(KVFS_NAME_OF(routine), __VA_ARGS__)
+// Warns in the name of a routine.
+#define KVFS_WARNING_AS(routine, ...) KVFS_WARNING_BY(KVFS_NAME_OF(routine), __VA_ARGS__)
+// Reports what cannot happen in the name of a routine.
+#define KVFS_CRITICAL_AS(routine, ...) KVFS_CRITICAL_BY(KVFS_NAME_OF(routine), __VA_ARGS__)
+
+// Reports an error in the name of the enclosing routine.
+#define KVFS_ERROR(...) KVFS_ERROR_BY(__func__, __VA_ARGS__)
+// Warns in the name of the enclosing routine.
+#define KVFS_WARNING(...) KVFS_WARNING_BY(__func__, __VA_ARGS__)
+// Reports what cannot happen in the name of the enclosing routine.
+#define KVFS_CRITICAL(...) KVFS_CRITICAL_BY(__func__, __VA_ARGS__)
 
 // A number as its message's "%llu" wants it: printf has no portable conversion for the fixed-width types.
 constexpr unsigned long long to_ull(std::uint64_t value) {

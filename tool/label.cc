@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/owned.h"
 #include "btree.h"
 #include "catalog.h"
 #include "fork.h"
 #include "format.h"
-#include "owned.h"
 #include "support.h"
 #include "unicode.h"
 #include "volume.h"
@@ -22,7 +22,7 @@ static kvfs_result convert_stored_label(const kvfs_volume* volume, std::uint16_t
   const std::size_t length = *volume->label_length;
   if (output_mode == kOutputComposed) {
     if (kvfs_unicode_compose(volume->label, length, native, length, native_length) != 0) {
-      KVFS_ERROR_AS("kvfslabel_print_label", "Overflow while composing volume label string.\n");
+      KVFS_ERROR_AS(kvfslabel_print_label, "Overflow while composing volume label string.\n");
       return kvfs_overflow;
     }
     return kvfs_ok;

@@ -1,10 +1,10 @@
 // Which blocks are in use, and freeing them.
 
-#include "arithmetic.h"
+#include "base/arithmetic.h"
 #include "bitmap.h"
-#include "bitmap_private.h"
+#include "bitmap/private.h"
 #include "fork.h"
-#include "session_private.h"
+#include "session/private.h"
 #include "volume.h"
 
 static constexpr std::uint32_t kBitsInByte = 8;
@@ -44,7 +44,8 @@ kvfs_result kvfs_session_visit_blocks(kvfs_session* session, kvfs_block_run run,
   return kvfs_ok;
 }
 
-// Counts the blocks in use of a piece; the context is the sum.
+// Counts the blocks in use of a piece; the context is the sum. Its type is that of a visit, which may change the bytes.
+// NOLINTNEXTLINE(readability-non-const-parameter)
 static bool count_used(void* context, unsigned char* bytes, std::uint32_t first_block, std::uint32_t count) {
   std::uint32_t* const used = static_cast<std::uint32_t*>(context);
   const std::uint32_t base = first_block / kBitsInByte;

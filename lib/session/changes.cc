@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "btree.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "fork.h"
-#include "session_private.h"
+#include "session/private.h"
 #include "volume.h"
 
 static kvfs_btree* catalog_tree(const kvfs_session* session) {
@@ -91,7 +91,7 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
     return result;
   }
   if (!thread.found()) {
-    KVFS_ERROR_AS("kvfs_session_find_removable", "Item %lu has no thread.\n", to_ul(id));
+    KVFS_ERROR_AS(kvfs_session_find_removable, "Item %lu has no thread.\n", to_ul(id));
     return kvfs_inconsistent;
   }
   const std::uint32_t nodes[2] = {*item.record()->node, *thread.record()->node};
@@ -103,7 +103,7 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
       return result;
     }
     if (records <= leaving) {
-      KVFS_ERROR_AS("kvfs_session_find_removable", "Without item %lu node %lu would have no records.\n", to_ul(id),
+      KVFS_ERROR_AS(kvfs_session_find_removable, "Without item %lu node %lu would have no records.\n", to_ul(id),
                     to_ul(node));
       return kvfs_limit;
     }

@@ -4,7 +4,7 @@
 
 #include "btree.h"
 #include "fork.h"
-#include "session_private.h"
+#include "session/private.h"
 #include "volume.h"
 
 // Bits of the volume header's attributes.

@@ -1,11 +1,11 @@
 // Bringing changes to the device, in an order that a loss of power cannot make worse: see kvfs_session_flush.
 
+#include "base/system.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "extents.h"
 #include "fork.h"
-#include "session_private.h"
-#include "system_private.h"
+#include "session/private.h"
 #include "volume.h"
 
 // One part of a volume, as it is in memory.

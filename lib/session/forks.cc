@@ -3,16 +3,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "arithmetic.h"
+#include "base/arithmetic.h"
+#include "base/owned.h"
 #include "device.h"
 #include "extents.h"
 #include "fork.h"
-#include "fork_private.h"
-#include "owned.h"
-#include "session_private.h"
+#include "fork/private.h"
+#include "session/private.h"
 #include "volume.h"
-
-static const char kOpenFunction[] = "kvfs_session_open_fork";
 
 // ---- Extents -------------------------------------------------------------------------------------------------------
 
@@ -30,7 +28,7 @@ static kvfs_result append_extents(kvfs_fork_private* priv, const HFSPlusExtentDe
   const std::uint64_t size = (std::uint64_t{priv->fork_extents_count} + count) * sizeof(HFSPlusExtentDescriptor);
   void* const grown = size > SIZE_MAX ? nullptr : std::realloc(priv->fork_extents, static_cast<std::size_t>(size));
   if (grown == nullptr) {
-    KVFS_ERROR_AS(kOpenFunction, "Error while allocating %llu bytes for extents.\n", to_ull(size));
+    KVFS_ERROR_AS(kvfs_session_open_fork, "Error while allocating %llu bytes for extents.\n", to_ull(size));
     return kvfs_no_memory;
   }
   priv->fork_extents = static_cast<HFSPlusExtentDescriptor*>(grown);
@@ -65,7 +63,7 @@ static kvfs_result append_overflow_extents(kvfs_session* session, kvfs_fork_priv
     kvfs_result result = kvfs_extents_get_next_extent_record(session->volume->extents, kHFSResourceForkType, priv->cnid,
                                                              found, &exists, &record);
     if (result == kvfs_ok && (exists == 0 || blocks_in(record) == 0 || blocks_in(record) > total - found)) {
-      KVFS_ERROR_AS(kOpenFunction, "Extents of the resource fork of file %lu end at block %lu of %lu.\n",
+      KVFS_ERROR_AS(kvfs_session_open_fork, "Extents of the resource fork of file %lu end at block %lu of %lu.\n",
                     to_ul(priv->cnid), to_ul(found), to_ul(total));
       result = kvfs_inconsistent;
     }
@@ -118,13 +116,13 @@ static kvfs_result divide_long_extents(kvfs_fork_private* priv, std::uint32_t bl
     return kvfs_ok;
   }
   if (pieces > kMostExtents) {
-    KVFS_ERROR_AS(kOpenFunction, "File %lu has extents of too many blocks.\n", to_ul(priv->cnid));
+    KVFS_ERROR_AS(kvfs_session_open_fork, "File %lu has extents of too many blocks.\n", to_ul(priv->cnid));
     return kvfs_limit;
   }
   const std::size_t size = static_cast<std::size_t>(pieces) * sizeof(HFSPlusExtentDescriptor);
   HFSPlusExtentDescriptor* const divided = static_cast<HFSPlusExtentDescriptor*>(std::malloc(size));
   if (divided == nullptr) {
-    KVFS_ERROR_AS(kOpenFunction, "Error while allocating %zu bytes for extents.\n", size);
+    KVFS_ERROR_AS(kvfs_session_open_fork, "Error while allocating %zu bytes for extents.\n", size);
     return kvfs_no_memory;
   }
   HFSPlusExtentDescriptor* next = divided;
@@ -143,8 +141,8 @@ static kvfs_result check_size(kvfs_session* session, std::uint32_t id, const HFS
   const HFSPlusVolumeHeader* const header = session->volume->header;
   const std::uint64_t allocated = std::uint64_t{header->blockSize.get()} * data.totalBlocks.get();
   if (data.logicalSize.get() > allocated || data.totalBlocks.get() > header->totalBlocks.get()) {
-    KVFS_ERROR_AS(kOpenFunction, "File %lu of %llu bytes and %lu blocks is larger than its space.\n", to_ul(id),
-                  to_ull(data.logicalSize.get()), to_ul(data.totalBlocks.get()));
+    KVFS_ERROR_AS(kvfs_session_open_fork, "File %lu of %llu bytes and %lu blocks is larger than its space.\n",
+                  to_ul(id), to_ull(data.logicalSize.get()), to_ul(data.totalBlocks.get()));
     return kvfs_inconsistent;
   }
   return kvfs_ok;

@@ -1,124 +1,16 @@
-// Walking over the items of a folder, and listings.
+// Listings.
 //
-// A folder's items follow its thread record, in the order of their names. A listing holds no locators between two
-// calls, so that it is in nobody's way: it takes a few records at a time and goes on behind the last key that it has
-// given.
+// A listing holds no locators between two calls, so that it is in nobody's way: it takes a few records at a time and
+// goes on behind the last key that it has given.
 
 #include <cstdlib>
 #include <cstring>
 
-#include "arithmetic.h"
+#include "base/arithmetic.h"
+#include "base/owned.h"
 #include "btree.h"
-#include "fork.h"
-#include "owned.h"
-#include "session_private.h"
+#include "session/private.h"
 #include "volume.h"
-
-// ---- Walks ---------------------------------------------------------------------------------------------------------
-
-// Records that a catalog of this size has at most, with which a walk must get along even where nodes form a ring.
-static std::uint64_t most_records(kvfs_session* session) {
-  constexpr std::uint64_t kSmallestRecord = kHFSPlusCatalogKeyNameOffset + kHFSPlusCatalogThreadNameOffset;
-  return *(*session->volume->catalog->btree)->fork->logical_size / kSmallestRecord;
-}
-
-static bool is_in_folder(const kvfs_btree_record_locator* record, std::uint32_t folder_id) {
-  return record->key_length >= kHFSPlusCatalogKeyParentEnd &&
-         kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get() == folder_id;
-}
-
-// Replaces the record by the one behind it, whatever that is.
-static kvfs_result step_to_next(kvfs_session_walk* walk) {
-  if (walk->steps == 0) {
-    KVFS_ERROR_AS("kvfs_session_step", "Folder %lu has more items than the catalog has room for.\n",
-                  to_ul(walk->folder_id));
-    return kvfs_inconsistent;
-  }
-  --walk->steps;
-  kvfs_catalog_record_locator* next = nullptr;
-  const kvfs_result result = kvfs_catalog_get_next_record(walk->session->volume->catalog, walk->record, &next);
-  kvfs_catalog_record_locator_close(&walk->record);
-  walk->record = next;
-  return result;
-}
-
-// Ends the walk where the record is no item of the folder any more.
-static kvfs_result check_record(kvfs_session_walk* walk) {
-  if (walk->record == nullptr) {
-    return kvfs_ok;
-  }
-  if (!is_in_folder(walk->record->btree_locator, walk->folder_id)) {
-    kvfs_catalog_record_locator_close(&walk->record);
-    return kvfs_ok;
-  }
-  return kvfs_session_check_item(walk->record->btree_locator);
-}
-
-kvfs_result kvfs_session_step(kvfs_session_walk* walk) {
-  const kvfs_result result = step_to_next(walk);
-  return result == kvfs_ok ? check_record(walk) : result;
-}
-
-// Begins on the first record behind a key; `found` tells whether one with the key was there.
-static kvfs_result begin_behind(const HFSPlusCatalogKey* key, kvfs_session_walk* walk, bool* found) {
-  kvfs_session_found place;
-  kvfs_result result = kvfs_catalog_search_node(walk->session->volume->catalog, key, place.out());
-  if (result != kvfs_ok) {
-    return result;
-  }
-  *found = place.found();
-  const bool is_behind = !place.found() && place.out()->after == 0;
-  walk->record = place.take();
-  if (walk->record != nullptr && !is_behind) {
-    result = step_to_next(walk);
-  }
-  return result == kvfs_ok ? check_record(walk) : result;
-}
-
-static kvfs_result begin_at_first(kvfs_session_walk* walk) {
-  HFSPlusCatalogKey thread;
-  kvfs_session_make_key(walk->folder_id, nullptr, 0, &thread);
-  bool ignored = false;
-  return begin_behind(&thread, walk, &ignored);
-}
-
-static bool is_key(const kvfs_btree_record_locator* record, const HFSPlusCatalogKey* key) {
-  const std::size_t size = key->keyLength.get() + sizeof(key->keyLength);
-  return record->key_length >= size && std::memcmp(record->key, key, size) == 0;
-}
-
-// Begins at the first item and passes all of them up to the one with exactly a key.
-static kvfs_result pass_items(const HFSPlusCatalogKey* key, kvfs_session_walk* walk) {
-  kvfs_session_end_walk(walk);
-  kvfs_result result = begin_at_first(walk);
-  while (result == kvfs_ok && walk->record != nullptr && !is_key(walk->record->btree_locator, key)) {
-    result = kvfs_session_step(walk);
-  }
-  return result == kvfs_ok && walk->record != nullptr ? kvfs_session_step(walk) : result;
-}
-
-kvfs_result kvfs_session_begin_walk(kvfs_session* session, std::uint32_t folder_id, const HFSPlusCatalogKey* behind,
-                                    bool is_there, kvfs_session_walk* walk) {
-  *walk = {session, folder_id, nullptr, most_records(session)};
-  if (behind == nullptr) {
-    return begin_at_first(walk);
-  }
-  // Names with NUL units in them are not told from each other by the order, so that a search may end before or behind.
-  if (kvfs_session_has_nul(behind->nodeName.unicode, behind->nodeName.length.get())) {
-    return pass_items(behind, walk);
-  }
-  bool found = false;
-  const kvfs_result result = begin_behind(behind, walk, &found);
-  return result == kvfs_ok && !found && is_there ? pass_items(behind, walk) : result;
-}
-
-void kvfs_session_end_walk(kvfs_session_walk* walk) {
-  if (walk->record != nullptr) {
-    kvfs_catalog_record_locator_close(&walk->record);
-  }
-}
-
-// ---- Listings ------------------------------------------------------------------------------------------------------
 
 // An item as it is stored. Both kinds of records begin a file record's bytes.
 struct listed_record {
@@ -191,7 +83,7 @@ static kvfs_result give_next(kvfs_listing* listing, kvfs_item* out_item) {
     return result;
   }
   if (listing->left == 0) {
-    KVFS_ERROR_AS("kvfs_listing_next", "Folder %lu has more items than the catalog has room for.\n",
+    KVFS_ERROR_BY("kvfs_listing_next", "Folder %lu has more items than the catalog has room for.\n",
                   to_ul(listing->folder_id));
     return kvfs_inconsistent;
   }
@@ -214,13 +106,13 @@ static kvfs_result open_listing(kvfs_session* session, std::uint32_t folder_id, 
   folder.release();
   kvfs_listing* const listing = kvfs_allocate_zeroed<kvfs_listing>().release();
   if (listing == nullptr) {
-    KVFS_ERROR_AS("kvfs_listing_open", "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
+    KVFS_ERROR_BY("kvfs_listing_open", "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
     return kvfs_no_memory;
   }
   listing->session = session;
   listing->folder_id = folder_id;
   listing->epoch = session->epoch;
-  listing->left = most_records(session);
+  listing->left = kvfs_session_most_records(session);
   kvfs_session_hold(session);
   *out_listing = listing;
   return kvfs_ok;

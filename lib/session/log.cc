@@ -1,10 +1,11 @@
 // The log of a program that wants it for itself.
 
+#include "base/log.h"
+
 #include <cstdio>
 
+#include "base/owned.h"
 #include "kvfs.h"
-#include "log_private.h"
-#include "owned.h"
 
 // Null while the log goes to standard error.
 static kvfs_log_handler g_handler = nullptr;
@@ -32,6 +33,8 @@ static void deliver(const char* level, const char* function, int line, const cha
   char usual[kUsualSize];
   va_list again;
   va_copy(again, arguments);
+  // The analyzer does not know that a parameter of this type is initialized.
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
   const int printed = std::vsnprintf(usual, sizeof(usual), format, arguments);
   const std::size_t length = printed < 0 ? 0 : static_cast<std::size_t>(printed);
   const kvfs_owned<unsigned char> longer =

@@ -2,14 +2,13 @@
 
 #include <cstring>
 
+#include "base/system.h"
 #include "bitmap.h"
 #include "btree.h"
-#include "session_private.h"
-#include "system_private.h"
+#include "catalog/key.h"
+#include "session/private.h"
 #include "unicode.h"
 #include "volume.h"
-
-static const char kLinkFunction[] = "kvfs_session_make_link";
 
 // ---- What is looked at before --------------------------------------------------------------------------------------
 
@@ -58,13 +57,13 @@ static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
   constexpr std::uint32_t kFirstId = 16;
   *id = session->volume->header->nextCatalogID.get();
   if (*id < kFirstId || *id == UINT32_MAX) {
-    KVFS_ERROR_AS(kLinkFunction, "The next catalog node ID cannot be %lu.\n", to_ul(*id));
+    KVFS_ERROR_BY("kvfs_session_make_link", "The next catalog node ID cannot be %lu.\n", to_ul(*id));
     return kvfs_inconsistent;
   }
   kvfs_session_found thread;
   const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, *id, false, thread.out());
   if (result == kvfs_ok && thread.found()) {
-    KVFS_ERROR_AS(kLinkFunction, "The next catalog node ID, %lu, is in use.\n", to_ul(*id));
+    KVFS_ERROR_BY("kvfs_session_make_link", "The next catalog node ID, %lu, is in use.\n", to_ul(*id));
     return kvfs_inconsistent;
   }
   return result;
@@ -104,7 +103,7 @@ static kvfs_result insert_thread(kvfs_session* session, std::uint32_t id, const 
   thread.nodeName.length.set(static_cast<std::uint16_t>(place.name.length));
   std::memcpy(thread.nodeName.unicode, place.name.units, name_size);
   HFSPlusCatalogKey key;
-  kvfs_session_make_key(id, nullptr, 0, &key);
+  kvfs::catalog::make_thread_key(&key, kvfs_be32::of(id));
   return insert(session, key, &thread, kHFSPlusCatalogThreadNameOffset + name_size);
 }
 
@@ -112,7 +111,8 @@ static kvfs_result insert_file(kvfs_session* session, std::uint32_t id, const kv
   HFSPlusCatalogFile file;
   describe_file(id, &file);
   HFSPlusCatalogKey key;
-  kvfs_session_make_key(place.folder_id, place.name.units, place.name.length, &key);
+  kvfs::catalog::make_key(&key, kvfs_be32::of(place.folder_id), place.name.units,
+                          static_cast<std::uint32_t>(place.name.length));
   kvfs_result result = insert(session, key, &file, sizeof(file));
   if (result == kvfs_ok) {
     result = insert_thread(session, id, place);

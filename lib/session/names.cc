@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "session_private.h"
+#include "session/private.h"
 #include "unicode.h"
 
 // "%uXXXX" stands for one unit.
@@ -37,7 +37,7 @@ static bool is_spelled_unit(const char* text, std::size_t size, std::uint16_t* u
 
 static kvfs_result append_units(const std::uint16_t* units, std::size_t count, kvfs_be16* name, std::size_t* length) {
   if (count > kHFSPlusMaxNameLength - *length) {
-    KVFS_ERROR_AS("kvfs_session_read_name", "Name has more than %hu units.\n", kHFSPlusMaxNameLength);
+    KVFS_ERROR_AS(kvfs_session_read_name, "Name has more than %hu units.\n", kHFSPlusMaxNameLength);
     return kvfs_invalid;
   }
   for (std::size_t i = 0; i < count; ++i) {
@@ -61,13 +61,13 @@ static kvfs_result append_text(const char* text, std::size_t size, kvfs_session_
   std::uint16_t* out = units;
   std::size_t count = kHFSPlusMaxNameLength;
   if (kvfs_unicode_utf8_to_unistr(text, size, &out, &count) != kvfs_ok || !is_proper(units, count)) {
-    KVFS_ERROR_AS("kvfs_session_read_name", "Text of %zu bytes is too long or no UTF-8.\n", size);
+    KVFS_ERROR_AS(kvfs_session_read_name, "Text of %zu bytes is too long or no UTF-8.\n", size);
     return kvfs_invalid;
   }
   std::uint16_t decomposed[kHFSPlusMaxNameLength];
   std::size_t decomposed_count = 0;
   if (kvfs_unicode_decompose(units, count, decomposed, kHFSPlusMaxNameLength, &decomposed_count) != 0) {
-    KVFS_ERROR_AS("kvfs_session_read_name", "Text of %zu bytes is too long when it is decomposed.\n", size);
+    KVFS_ERROR_AS(kvfs_session_read_name, "Text of %zu bytes is too long when it is decomposed.\n", size);
     return kvfs_invalid;
   }
   kvfs_result result = append_units(decomposed, decomposed_count, name->units, &name->length);

@@ -1,6 +1,6 @@
 // Giving items other names and folders.
 
-#include "session_private.h"
+#include "session/private.h"
 #include "volume.h"
 
 static kvfs_result move_item(kvfs_session* session, kvfs_session_found* item, const kvfs_session_place& place) {

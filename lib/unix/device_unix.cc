@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "owned.h"
+#include "base/owned.h"
 #include "support.h"
 
 struct kvfs_device_private {
@@ -35,9 +35,9 @@ static bool is_beyond_signed_offset(std::uint64_t offset) {
   return offset > static_cast<std::uint64_t>(INT64_MAX);
 }
 
-static kvfs_result check_size(const char* function, std::uint64_t size) {
+static kvfs_result check_size(const char* speaker, std::uint64_t size) {
   if (size > kMaximumTransferSize) {
-    KVFS_ERROR_AS(function, "Invalid parameter: Resulting buffer would be larger than addressable space (%llu).\n",
+    KVFS_ERROR_BY(speaker, "Invalid parameter: Resulting buffer would be larger than addressable space (%llu).\n",
                   to_ull(size));
     return kvfs_invalid;
   }
@@ -82,21 +82,22 @@ void kvfs_device_destroy(kvfs_device** device) {
 
 // Reads into `buffer`, which is the caller's own or was allocated for this read.
 static kvfs_result read_at(const kvfs_device* device, transfer range, void* buffer, bool self_allocated) {
-  static const char* const kFunction = "kvfs_device_read_disk_sectors";
   const ssize_t count =
       pread64(device->priv->fd, buffer, static_cast<std::size_t>(range.size), static_cast<off64_t>(range.offset));
   const int error = errno;
   if (count < 0) {
     if (count != -1) {
-      KVFS_WARNING_AS(kFunction, "Unexpected return value from '%s': %zd\n", "pread", count);
+      KVFS_WARNING_AS(kvfs_device_read_disk_sectors, "Unexpected return value from '%s': %zd\n", "pread", count);
     }
-    KVFS_ERROR_AS(kFunction, "Error while reading %llu bytes from device offset %llu into %s buffer %p: %s (%d)\n",
+    KVFS_ERROR_AS(kvfs_device_read_disk_sectors,
+                  "Error while reading %llu bytes from device offset %llu into %s buffer %p: %s (%d)\n",
                   to_ull(range.size), to_ull(range.offset), self_allocated ? "self-allocated" : "caller-provided",
                   buffer, std::strerror(error), error);
     return kvfs_io_error;
   }
   if (static_cast<std::uint64_t>(count) != range.size) {  // Q-device-3
-    KVFS_ERROR_AS(kFunction, "Partial read into buffer: %zd/%llu bytes read\n", count, to_ull(range.size));
+    KVFS_ERROR_AS(kvfs_device_read_disk_sectors, "Partial read into buffer: %zd/%llu bytes read\n", count,
+                  to_ull(range.size));
     return kvfs_io_error;
   }
   return kvfs_ok;

@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "log_private.h"
-#include "owned.h"
+#include "base/log.h"
+#include "base/owned.h"
 
 // ---- Log -----------------------------------------------------------------------------------------------------------
 
@@ -69,26 +69,26 @@ struct kvfs_rwlock {
 
 // Initialises a lock for the threads of this process, with messages in the name of the lock's creation.
 static kvfs_result initialize(pthread_rwlock_t* lock) {
-  static const char* const kFunction = "kvfs_rwlock_create";
   pthread_rwlockattr_t attributes;
   const int initialized = pthread_rwlockattr_init(&attributes);
   if (initialized != 0) {
-    KVFS_ERROR_AS(kFunction, "Error while initializing pthread_rwlockattr: %s (%d)\n", std::strerror(initialized),
-                  initialized);
+    KVFS_ERROR_AS(kvfs_rwlock_create, "Error while initializing pthread_rwlockattr: %s (%d)\n",
+                  std::strerror(initialized), initialized);
     return kvfs_no_memory;
   }
   kvfs_result result = kvfs_ok;
   const int shared = pthread_rwlockattr_setpshared(&attributes, PTHREAD_PROCESS_PRIVATE);
   if (shared != 0) {
-    KVFS_ERROR_AS(kFunction, "Error while setting pshared property: %s (%d)\n", std::strerror(shared), shared);
+    KVFS_ERROR_AS(kvfs_rwlock_create, "Error while setting pshared property: %s (%d)\n", std::strerror(shared), shared);
     result = kvfs_failed;
   }
   const int created = result == kvfs_ok ? pthread_rwlock_init(lock, &attributes) : 0;
   if (created != 0) {
-    KVFS_ERROR_AS(kFunction, "Error while initializing pthread_rwlock: %s (%d)\n", std::strerror(created), created);
+    KVFS_ERROR_AS(kvfs_rwlock_create, "Error while initializing pthread_rwlock: %s (%d)\n", std::strerror(created),
+                  created);
     result = kvfs_no_memory;
   }
-  (void)pthread_rwlockattr_destroy(&attributes);  // X-lock-2: nothing depends on it any more
+  (void)pthread_rwlockattr_destroy(&attributes);  // Q-lock-2: nothing depends on it any more
   return result;
 }
 

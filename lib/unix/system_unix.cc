@@ -1,5 +1,7 @@
 // Files, their locks and the time on POSIX systems.
 
+#include "base/system.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -9,7 +11,6 @@
 #include <ctime>
 
 #include "support.h"
-#include "system_private.h"
 
 kvfs_result kvfs_system_open(const char* path, bool writable, int* out_fd) {
   const int fd = open64(path, (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);

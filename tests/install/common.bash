@@ -7,7 +7,7 @@ trap 'rm -rf "$work"' EXIT
 tool=(sbin/kvfslabel share/man/man8/kvfslabel.8 share/bash-completion/completions/kvfslabel
   share/zsh/site-functions/_kvfslabel share/fish/vendor_completions.d/kvfslabel.fish)
 headers=()
-for header in bitmap btree catalog device extents fork format kvfs result support unicode volume; do
+for header in bitmap btree catalog device extents fork format kvfs result support unicode volume volume_header; do
   headers+=("include/kvfs/$header.h")
 done
 

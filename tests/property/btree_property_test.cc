@@ -21,10 +21,10 @@
 
 #include "big_endian.h"
 #include "btree.h"
-#include "btree_private.h"
+#include "btree/private.h"
 #include "catalog.h"
 #include "device.h"
-#include "fork_private.h"
+#include "fork/private.h"
 #include "log_capture.h"
 #include "tree_checker.h"
 #include "volume_builder.h"

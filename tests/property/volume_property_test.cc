@@ -146,7 +146,7 @@ class ChangingVolume {
   void write_startup(std::uint32_t first);
   [[nodiscard]] bool is_usable(const ModelRun& run) const;
   static kvfs_result failure_with(const ModelRun& run);
-  [[nodiscard]] Lines messages_with(const ModelRun& run, std::uint32_t clump) const;
+  [[nodiscard]] Lines messages_with(const ModelRun& run) const;
 
   Random random_;
   bool sound_files_;
@@ -410,17 +410,17 @@ bool ChangingVolume::is_usable(const ModelRun& run) const {
 
 // What an expansion gives that finds no run, or one that it cannot use.
 kvfs_result ChangingVolume::failure_with(const ModelRun& run) {
-  return run.count == 0 ? kvfs_limit : run.index < 8 ? kvfs_failed : kvfs_unsupported_extents;
+  return run.index >= 8 ? kvfs_unsupported_extents : run.count == 0 ? kvfs_internal : kvfs_failed;
 }
 
-Lines ChangingVolume::messages_with(const ModelRun& run, std::uint32_t clump) const {
-  if (run.count == 0) {
-    return {"ERROR kvfs_fork_expand No free run of " + std::to_string(clump) + " bytes to expand the fork by.\n"};
-  }
+Lines ChangingVolume::messages_with(const ModelRun& run) const {
   if (run.index >= 8) {
     return {
         "ERROR UpdateForkExtents Unable to update fork extents beyond the first 8 extents.Error while updating fork "
         "extents.\n"};
+  }
+  if (run.count == 0) {
+    return no_run_messages();
   }
   return {"ERROR AllocateExtentAllocationBlocks Block " + std::to_string(model_.first_used(run)) +
               " is already allocated.\n",
@@ -439,7 +439,7 @@ std::string ChangingVolume::expand_catalog() {
   const kvfs_result result = kvfs_btree_expand(volume_->catalog_tree(), volume_->get());
   if (!usable) {
     EXPECT_EQ(result, failure_with(run));
-    Lines expected = messages_with(run, clump);
+    Lines expected = messages_with(run);
     expected.push_back("ERROR kvfs_btree_expand Error while expanding fork.\n");
     expect_log(log, expected);
     return "fail to expand the catalog";
@@ -476,7 +476,7 @@ std::string ChangingVolume::expand_startup() {
   const kvfs_result result = kvfs_fork_expand(fork, volume_->get(), &added);
   if (!usable) {
     EXPECT_EQ(result, failure_with(run));
-    expect_log(log, messages_with(run, clump));
+    expect_log(log, messages_with(run));
     return "fail to expand the startup file";
   }
   EXPECT_EQ(result, kvfs_ok);
@@ -496,7 +496,10 @@ std::string ChangingVolume::expand_startup() {
 }
 
 std::string ChangingVolume::shrink_startup() {
-  const std::uint32_t blocks = below(random_, model_.startup.total + 1);
+  if (model_.startup.total == 0) {
+    return {};
+  }
+  const std::uint32_t blocks = 1 + below(random_, model_.startup.total);  // none cannot be flushed: X-fork-10
   const std::uint32_t left = model_.startup.total - blocks;
   Lines expected;
   for (std::uint32_t block = left; block < model_.startup.total && expected.empty(); ++block) {

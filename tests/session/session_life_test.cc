@@ -289,25 +289,25 @@ TEST(SessionLog, Handler_ReceivesEachMessageInsteadOfStandardError) {
   LogCapture log;
   {
     const Handler handler;
-    KVFS_ERROR_AS("first", "%d messages\n", 3);
-    KVFS_WARNING_AS("second", "left open");
-    KVFS_CRITICAL_AS("third", "behind it\n");
+    kvfs_log_error("first", 1, "%d messages\n", 3);
+    kvfs_log_warning("second", 1, "left open");
+    kvfs_log_critical("third", 1, "behind it\n");
     kvfs_log("unit.cc", 7, "fourth", "ERROR", "%s", "a feed of its own\n");
     EXPECT_THAT(handler.messages, ElementsAre("ERROR first 3 messages", "WARNING second left open",
                                               "CRITICAL third behind it", "ERROR fourth a feed of its own"));
   }
-  KVFS_ERROR_AS("fifth", "on standard error\n");
+  kvfs_log_error("fifth", 1, "on standard error\n");
   EXPECT_LOG(log, "ERROR fifth on standard error\n");
 }
 
 TEST(SessionLog, LineLeftOpenOnStandardError_StaysOpenWhileAHandlerIsSet) {
   LogCapture log;
-  KVFS_ERROR_AS("first", "open, ");
+  kvfs_log_error("first", 1, "open, ");
   {
     const Handler handler;
-    KVFS_ERROR_AS("second", "handled\n");
+    kvfs_log_error("second", 1, "handled\n");
   }
-  KVFS_ERROR_AS("third", "and closed\n");
+  kvfs_log_error("third", 1, "and closed\n");
   EXPECT_LOG(log, "ERROR first open, and closed\n");
 }
 
@@ -315,7 +315,7 @@ TEST(SessionLog, MessageOfAnyLength_IsHandedOverWhole) {
   for (const std::size_t length : {0U, 1U, 509U, 510U, 511U, 512U, 513U, 100000U}) {
     const std::string text(length, 'x');
     const Handler handler;
-    KVFS_ERROR_AS("long", "%s\n", text.c_str());
+    kvfs_log_error("long", 1, "%s\n", text.c_str());
     EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + text)) << length;
   }
 }

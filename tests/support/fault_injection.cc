@@ -23,7 +23,7 @@
 
 // The C library's own calls, and our stand-ins for them. The names are the linker's: with --wrap=NAME a reference to
 // NAME becomes one to __wrap_NAME, and __real_NAME means what NAME meant before.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTBEGIN(clang-diagnostic-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 void* __real_malloc(std::size_t size);
 void* __real_calloc(std::size_t count, std::size_t size);
@@ -63,7 +63,7 @@ int __wrap_open64(const char* path, int flags, ...);
 FILE* __wrap_fopen64(const char* path, const char* mode);
 struct mntent* __wrap_getmntent(FILE* stream);
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTEND(clang-diagnostic-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace kvfs_test {
 namespace {
@@ -680,7 +680,7 @@ void trace_calls_to(int fd) {
 using kvfs_test::Call;
 using kvfs_test::Verdict;
 
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTBEGIN(clang-diagnostic-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void* __wrap_malloc(std::size_t size) {
   return kvfs_test::allocate(Call::kMalloc, size, [&] { return __real_malloc(size); });
 }
@@ -804,4 +804,4 @@ struct mntent* __wrap_getmntent(FILE* stream) {
   }
   return entry;
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTEND(clang-diagnostic-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

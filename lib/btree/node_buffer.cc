@@ -1,0 +1,81 @@
+// Nodes in memory of their own: read, changed and written back as a whole.
+
+#include "btree/node_buffer.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "btree.h"
+#include "btree/node.h"
+#include "btree/private.h"
+#include "format.h"
+#include "result.h"
+#include "support.h"
+
+using namespace kvfs::btree;
+
+const unsigned char* kvfs::btree::key_at(const char* speaker, const node_view& node, std::uint32_t offset) {
+  std::uint32_t end = 0;
+  if (!read_key_end(node, offset, &end)) {
+    KVFS_ERROR_BY(speaker, "Invalid node data: Key at offset %lu of node %lu lies outside of the node.\n",
+                  to_ul(offset), to_ul(node.number));
+    return nullptr;
+  }
+  return node.bytes + offset;
+}
+
+kvfs_result kvfs::btree::check_levels_above(const char* speaker, std::uint8_t height, std::uint16_t depth) {
+  if (height >= depth) {
+    return kvfs_ok;  // it is the root
+  }
+  if (height == UINT8_MAX) {
+    KVFS_ERROR_BY(speaker, "B-tree depth too large.\n");  // the height above has to fit a byte
+    return kvfs_inconsistent;
+  }
+  if (depth > kMaximumMaintainedDepth) {
+    KVFS_ERROR_BY(speaker, "B-tree of depth %hu is too deep to be maintained.\n", depth);
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_btree_node_make_record(const void* key, std::uint16_t key_length, const void* data,
+                                        std::uint16_t data_size, unsigned char* destination,
+                                        std::uint16_t record_size) {
+  const std::size_t key_size = key_length + sizeof(kvfs_be16);
+  if (key_size > record_size) {
+    KVFS_CRITICAL("Not enough space for the record key.\n");
+    return kvfs_internal;
+  }
+  std::memcpy(destination, key, key_size);
+  std::size_t cur_offset = key_size;
+  if (key_length % 2 != 0) {
+    if (cur_offset + 1 > record_size) {
+      KVFS_CRITICAL("Not enough space for record key padding.\n");
+      return kvfs_internal;
+    }
+    destination[cur_offset++] = 0;
+  }
+  if (cur_offset + data_size > record_size) {
+    KVFS_CRITICAL("Not enough space for the record data.\n");
+    return kvfs_internal;
+  }
+  if (data_size != 0) {
+    std::memcpy(destination + cur_offset, data, data_size);
+  }
+  cur_offset += data_size;
+  if (data_size % 2 != 0) {
+    if (cur_offset + 1 > record_size) {
+      KVFS_CRITICAL("Not enough space for record data padding.\n");
+      return kvfs_internal;
+    }
+    destination[cur_offset++] = 0;
+  }
+  if (cur_offset != record_size) {
+    KVFS_CRITICAL("Unexpected: Calculation mismatch between cur_offset (%zu) and record_size (%hu).\n", cur_offset,
+                  record_size);
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}

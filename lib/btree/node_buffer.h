@@ -1,0 +1,89 @@
+// Nodes in memory of their own: read, changed and written back as a whole.
+
+#ifndef KVFS_BTREE_NODE_BUFFER_H
+#define KVFS_BTREE_NODE_BUFFER_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "base/owned.h"
+#include "btree.h"
+#include "btree/node.h"
+#include "btree/private.h"
+#include "btree/work.h"
+#include "fork.h"
+#include "format.h"
+#include "result.h"
+
+namespace kvfs::btree {
+
+// A copy of a node that a change works on; `view` leads into it.
+struct node_buffer {
+  kvfs_owned<unsigned char> bytes;
+  node_view view;
+};
+
+inline bool allocate_node(const kvfs_btree* tree, node_buffer* buffer) {
+  buffer->bytes = kvfs_allocate_bytes(tree->nodeSize);
+  buffer->view = {buffer->bytes.get(), tree->nodeSize, 0};
+  return static_cast<bool>(buffer->bytes);
+}
+
+inline kvfs_result read_node(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
+  (void)spend_work(tree, tree->nodeSize / kNodeBytesOfOneUnit);  // the next search ends when that was too much
+  buffer->view.number = node;
+  return kvfs_fork_read(tree->fork, fork_position(tree, node, 0), buffer->view.bytes, tree->nodeSize, nullptr);
+}
+
+inline kvfs_result read_descriptor(kvfs_btree* tree, std::uint32_t node, BTNodeDescriptor* descriptor) {
+  return kvfs_fork_read(tree->fork, fork_position(tree, node, 0), descriptor, sizeof(*descriptor), nullptr);
+}
+
+inline kvfs_result write_node(kvfs_btree* tree, const node_buffer& buffer) {
+  return kvfs_fork_write(tree->fork, fork_position(tree, buffer.view.number, 0), buffer.view.bytes, tree->nodeSize,
+                         nullptr);
+}
+
+inline void store_descriptor(const node_buffer& buffer, const BTNodeDescriptor& descriptor) {
+  std::memcpy(buffer.view.bytes, &descriptor, sizeof(descriptor));
+}
+
+inline void store_offset(const node_buffer& buffer, std::uint32_t index, std::uint32_t offset) {
+  kvfs_view_as<kvfs_be16>(buffer.view.bytes + offset_entry_position(buffer.view.size, index))
+      ->set(static_cast<std::uint16_t>(offset));
+}
+
+// An entry of an offset table that is known to hold it.
+inline std::uint16_t offset_at(const node_view& node, std::uint32_t index) {
+  std::uint16_t offset = 0;
+  (void)read_offset(node, index, &offset);
+  return offset;
+}
+
+// Where the offset table of a node with `count` records begins.
+inline std::uint32_t offset_table_start(const node_view& node, std::uint32_t count) {
+  return offset_entry_position(node.size, count);
+}
+
+inline kvfs_result read_header_record(kvfs_btree* tree, BTHeaderRec* header) {
+  return kvfs_fork_read(tree->fork, kBTHeaderRecordOffset, header, sizeof(*header), nullptr);
+}
+
+inline kvfs_result write_header_record(kvfs_btree* tree, const BTHeaderRec& header) {
+  return kvfs_fork_write(tree->fork, kBTHeaderRecordOffset, &header, sizeof(header), nullptr);
+}
+
+// The key at an offset of a node; null, with a message, when it leaves the node.
+const unsigned char* key_at(const char* speaker, const node_view& node, std::uint32_t offset);
+
+// Whether the index above a node of some height can be maintained. To be asked before the first change: a change that
+// ends half-way has to be discarded.
+kvfs_result check_levels_above(const char* speaker, std::uint8_t height, std::uint16_t depth);
+
+inline std::uint8_t height_above(std::uint8_t height) {
+  return static_cast<std::uint8_t>(height + 1);
+}
+
+}  // namespace kvfs::btree
+
+#endif  // KVFS_BTREE_NODE_BUFFER_H

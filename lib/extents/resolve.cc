@@ -1,0 +1,132 @@
+// Collecting all extents of a fork, those in the extents overflow file included.
+//
+// Extents are looked for only as long as they do not lead back to where they were found: X-fork-1.
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/owned.h"
+#include "extents.h"
+#include "fork/private.h"
+#include "format.h"
+#include "result.h"
+#include "support.h"
+
+// Counts the leading descriptors in use and adds their blocks to `found`, reporting for the resolution of extents. The
+// sum has 32 bits, as a fork's block count has.
+static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::uint32_t total, std::uint32_t* found,
+                                      std::uint32_t* used) {
+  for (*used = 0; *used < kHFSPlusExtentDensity; ++*used) {
+    const HFSPlusExtentDescriptor& extent = record.extents[*used];
+    const std::uint32_t count = extent.blockCount.get();
+    if (count == 0) {
+      if (extent.startBlock.get() != 0) {
+        KVFS_ERROR_AS(kvfs_fork_resolve_extents, "Found zero-sized extent with non-0 start block.\n");
+        return kvfs_inconsistent;
+      }
+      if (*found != total) {
+        KVFS_ERROR_AS(kvfs_fork_resolve_extents, "Last extent ends before the end of the fork.\n");
+        return kvfs_inconsistent;
+      }
+      return kvfs_ok;
+    }
+    *found += count;
+  }
+  return kvfs_ok;
+}
+
+// Appends the descriptors in use to an owned array.
+static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32_t used,
+                                  kvfs_owned<HFSPlusExtentDescriptor>* array, std::uint32_t* count) {
+  // realloc copies a large array by moving its pages, so that many overflow records do not cost quadratic copying.
+  const std::uint64_t size = (std::uint64_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
+  HFSPlusExtentDescriptor* const old = array->release();
+  void* const grown =
+      size > SIZE_MAX ? nullptr : std::realloc(old, static_cast<std::size_t>(size == 0 ? sizeof(*old) : size));
+  if (grown == nullptr) {
+    array->reset(old);
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents,
+                  "Error while allocating %zu bytes of memory for expanded fork_extents array.",  // Q-log-2
+                  static_cast<std::size_t>(size));
+    return kvfs_no_memory;
+  }
+  array->reset(static_cast<HFSPlusExtentDescriptor*>(grown));
+  std::memcpy(array->get() + *count, record.extents, used * sizeof(HFSPlusExtentDescriptor));
+  *count += used;
+  return kvfs_ok;
+}
+
+namespace {
+
+// The records that were looked up. A sum of blocks that has wrapped can lead back to one of them, and from there round
+// and round. Comparing with one start block, exchanged at each power of two, finds that with constant memory.
+struct overflow_lookups {
+  std::uint32_t count;
+  std::uint32_t checkpoint;  // a start block that was looked up
+};
+
+}  // namespace
+
+// Reads the overflow record that goes on behind the blocks found so far.
+static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cnid, std::uint32_t found,
+                                        overflow_lookups* lookups, HFSPlusExtentRecord* record) {
+  if (lookups->count != 0 && found == lookups->checkpoint) {
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents, "Overflow extents of CNID %lu form a ring.\n", to_ul(cnid));
+    return kvfs_inconsistent;
+  }
+  if (std::has_single_bit(++lookups->count)) {
+    lookups->checkpoint = found;
+  }
+  int exists = 0;
+  const kvfs_result result =
+      kvfs_extents_get_next_extent_record(extents, kHFSDataForkType, cnid, found, &exists, record);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents,
+                  "Error while searching for overflow extents record for CNID %lu starting with block %lu.\n",
+                  to_ul(cnid), to_ul(found));
+    return result;
+  }
+  if (exists == 0) {
+    KVFS_ERROR_AS(kvfs_fork_resolve_extents, "No overflow extent found for CNID %lu starting with block %lu.\n",
+                  to_ul(cnid), to_ul(found));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::uint32_t cnid,
+                                      const HFSPlusForkData* fork_data, HFSPlusExtentDescriptor** out_array,
+                                      std::uint32_t* out_count) {
+  const std::uint32_t total = fork_data->totalBlocks.get();
+  HFSPlusExtentRecord record = fork_data->extents;
+  kvfs_owned<HFSPlusExtentDescriptor> array;
+  std::uint32_t count = 0;
+  std::uint32_t found = 0;  // blocks
+  overflow_lookups lookups = {0, 0};
+  for (;;) {
+    std::uint32_t used = 0;
+    kvfs_result result = scan_extent_record(record, total, &found, &used);
+    if (result == kvfs_ok) {
+      result = append_extents(record, used, &array, &count);
+    }
+    if (result != kvfs_ok) {
+      return result;
+    }
+    if (found == total || (extents == nullptr && partial != 0)) {
+      *out_array = array.release();
+      *out_count = count;
+      return kvfs_ok;
+    }
+    if (extents == nullptr) {
+      KVFS_CRITICAL("No kvfs_extents reference and we are not reading extents partially.\n");
+      return kvfs_internal;
+    }
+    result = next_overflow_record(extents, cnid, found, &lookups, &record);
+    if (result != kvfs_ok) {
+      return result;
+    }
+  }
+}
