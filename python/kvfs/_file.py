@@ -5,14 +5,14 @@ from __future__ import annotations
 import io
 import os
 from ctypes import byref, c_char, c_size_t, c_uint64, c_void_p
-from typing import TYPE_CHECKING, List, Optional
+from typing import TYPE_CHECKING, List
 
 from . import _library
 from ._errors import InvalidError, Result
 from ._session import Session
 
 if TYPE_CHECKING:
-    from _typeshed import WriteableBuffer
+    from _typeshed import ReadableBuffer, WriteableBuffer
 
     from ._volume import Volume
 
@@ -36,16 +36,14 @@ class File(io.RawIOBase):
     def __init__(self, volume: Volume, session: Session, item_id: int, fork: int, name: str) -> None:
         """Not to be called: see `Volume.open`."""
         super().__init__()
-        self._stream: Optional[int] = None
+        self._stream = c_void_p()
         self._position = 0
         self._volume = volume  # kept alive
         self._session = session
         self.name = name
-        handle = c_void_p()
         session.tidy()
         with session.turn:
-            _library.call(_library.stream_open, session.handle, item_id, fork, byref(handle), path=name)
-            self._stream = handle.value
+            _library.call(_library.stream_open, session.handle, item_id, fork, byref(self._stream), path=name)
 
     def readable(self) -> bool:
         """Always true."""
@@ -77,6 +75,14 @@ class File(io.RawIOBase):
                 _library.stream_read, self._stream, offset, byref(first_byte), size, byref(count), path=self.name
             )
         return count.value
+
+    def write(self, data: ReadableBuffer) -> int:
+        """Always refused: this library does not change the content of files."""
+        raise io.UnsupportedOperation("not writable")
+
+    def read(self, size: int = -1) -> bytes:
+        """Reads at most `size` bytes, or everything to the end; fewer only at the end of the fork."""
+        return self.readall() if size < 0 else super().read(size) or b""
 
     def readall(self) -> bytes:
         """Reads everything from the position to the end of the fork."""
@@ -116,10 +122,9 @@ class File(io.RawIOBase):
 
     def close(self) -> None:
         """Closes the fork."""
-        stream, self._stream = self._stream, None
-        if stream is not None:
-            self._session.close_handle(_library.stream_close, stream)
-        super().close()
+        if not self.closed:
+            super().close()
+            self._session.close_handle(_library.stream_close, self._stream)
 
     def _check_open(self) -> None:
         if self.closed:

@@ -30,6 +30,7 @@ FLUSH_DEVICE = 1
 
 _LOG_LEVELS = {"ERROR": logging.ERROR, "WARNING": logging.WARNING, "CRITICAL": logging.CRITICAL}
 _logger = logging.getLogger("kvfs")
+_logger.addHandler(logging.NullHandler())  # it is for programs to ask for
 
 
 class FactsRecord(ctypes.Structure):
@@ -222,7 +223,7 @@ def call(function: Any, *arguments: Any, path: Optional[str] = None) -> None:
         conclude(result, path)
 
 
-def open_session(device: Any, flags: int, path: str) -> int:
+def open_session(device: Any, flags: int, path: str) -> c_void_p:
     """Opens a session on a descriptor or on the encoded path of a device. Returns its handle."""
     session = c_void_p()
     function = session_open_descriptor if isinstance(device, int) else session_open
@@ -230,12 +231,14 @@ def open_session(device: Any, flags: int, path: str) -> int:
     result = function(device, flags, byref(session))
     if result or log.lines:
         conclude(result, path, ctypes.get_errno() if result == Result.IO_ERROR else 0)
-    assert session.value is not None
-    return session.value
+    return session
 
 
-def close(function: Any, handle: int) -> None:
-    """Closes a handle for good. What could fail is its lock; then it stays open, and nothing better can be done."""
-    function(byref(c_void_p(handle)))
+def close(function: Any, handle: c_void_p) -> None:
+    """Closes a handle and makes it null, in one step; of a null handle it does nothing.
+
+    What could fail is its lock; then it stays open, and nothing better can be done.
+    """
+    function(byref(handle))
     if log.lines:
         conclude(Result.OK)

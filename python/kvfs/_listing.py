@@ -20,26 +20,25 @@ class Listing(Iterator[Item]):
     It closes itself at its end, with its last reference, and at the end of a `with` block. It keeps its volume alive.
     """
 
-    __slots__ = ("_handle", "_record", "_record_reference", "_session", "_shown", "_turn", "_volume")
+    __slots__ = ("_handle", "_is_open", "_record", "_record_reference", "_session", "_shown", "_turn", "_volume")
 
     def __init__(self, volume: Volume, session: Session, folder_id: int, shown: str) -> None:
         """Not to be called: see `Volume.listdir`."""
-        self._handle: Optional[int] = None
+        self._handle = c_void_p()
+        self._is_open = True
         self._volume = volume
         self._session = session
         self._turn = session.turn
         self._shown = shown
         self._record = _library.new_item_record()
         self._record_reference = byref(self._record)
-        handle = c_void_p()
         session.tidy()
         with session.turn:
-            _library.call(_library.listing_open, session.handle, folder_id, byref(handle), path=shown)
-            self._handle = handle.value
+            _library.call(_library.listing_open, session.handle, folder_id, byref(self._handle), path=shown)
 
     def __next__(self) -> Item:
         with self._turn:
-            if self._handle is None:
+            if not self._is_open:
                 raise StopIteration
             result = _library.listing_next(self._handle, self._record_reference)
             if result or _library.log.lines:
@@ -51,9 +50,9 @@ class Listing(Iterator[Item]):
 
     def close(self) -> None:
         """Ends the listing."""
-        handle, self._handle = self._handle, None
-        if handle is not None:
-            self._session.close_handle(_library.listing_close, handle)
+        if self._is_open:
+            self._is_open = False
+            self._session.close_handle(_library.listing_close, self._handle)
 
     def __enter__(self) -> Listing:
         return self

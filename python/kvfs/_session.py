@@ -4,7 +4,8 @@ from __future__ import annotations
 
 import collections
 import threading
-from typing import Any, Deque, Optional, Tuple
+from ctypes import c_void_p
+from typing import Any, Deque, Tuple
 
 from . import _library
 from ._errors import ClosedError, Result
@@ -20,34 +21,40 @@ class Session:
     middle of a turn it is only put aside.
     """
 
-    def __init__(self, handle: int) -> None:
+    def __init__(self, handle: c_void_p) -> None:
         self.turn = threading.RLock()  # entered and left in one step each, so that no signal comes in between
-        self._handle: Optional[int] = handle
-        self._put_aside: Deque[Tuple[Any, int]] = collections.deque()
+        self._handle = handle  # null once it is closed
+        self._put_aside: Deque[Tuple[Any, c_void_p]] = collections.deque()
 
     @property
     def is_open(self) -> bool:
         """Whether the session is open."""
-        return self._handle is not None
+        return self._handle.value is not None
 
     @property
-    def handle(self) -> int:
+    def handle(self) -> c_void_p:
         """The handle of the session, in a turn."""
-        if self._handle is None:
+        if not self.is_open:
             raise ClosedError(Result.CLOSED, _library.text_of(Result.CLOSED))
         return self._handle
 
-    def close_handle(self, function: Any, handle: int) -> None:
-        """Closes a handle of a listing or stream, now or with the next one that is opened or closed."""
+    def close_handle(self, function: Any, handle: c_void_p) -> None:
+        """Closes a handle of a listing or stream, now or with the next one that is opened or closed.
+
+        It may be closed already: then it is null.
+        """
         self._put_aside.append((function, handle))
         self.tidy()
 
     def tidy(self) -> None:
         """Closes the handles that were put aside, unless somebody has the turn."""
-        if self._put_aside and not self._in_turn() and self.turn.acquire(blocking=False):
-            try:
+        if not self._put_aside or self._in_turn():
+            return
+        try:
+            if self.turn.acquire(blocking=False):
                 self._close_put_aside()
-            finally:
+        finally:
+            if self._in_turn():  # a signal may have come right after the turn was had
                 self.turn.release()
 
     def close(self) -> None:
@@ -56,9 +63,7 @@ class Session:
             raise RuntimeError("a volume cannot be closed in the middle of another call on it")
         with self.turn:
             self._close_put_aside()
-            handle, self._handle = self._handle, None
-            if handle is not None:
-                _library.close(_library.session_close, handle)
+            _library.close(_library.session_close, self._handle)
 
     def _in_turn(self) -> bool:
         is_owned: bool = self.turn._is_owned()  # type: ignore[attr-defined]

@@ -227,7 +227,7 @@ class Volume:
             raise IsAFolderError(error.result, "the item is a folder", error.path, error.log) from None
 
     def readlink(self, path: ItemOrPath) -> str:
-        """The target of a symbolic link. Bytes that are no UTF-8 are kept as `os.fsdecode` does."""
+        """The target of a symbolic link. Bytes that are no UTF-8 become lone surrogates, as `os.fsdecode` makes them."""
         item = self._find(path)
         size = _library.TARGET_SIZE
         length = c_size_t()
@@ -300,11 +300,10 @@ class Volume:
         """Makes a symbolic link at a path. Returns it.
 
         Args:
-            target: a path for whoever follows the link: 1 to 255 bytes without a backslash. It is written at once.
+            target: a path for whoever follows the link: 1 to 255 bytes of UTF-8 without a backslash. It is written at once.
             path: of the link.
         """
-        value = os.fspath(target)
-        encoded = to_text(value if isinstance(value, bytes) else value.encode(errors="surrogateescape"))
+        encoded = to_path(target)
         folder_path, name = split(to_path(path))
         shown = to_shown(os.fspath(path))
         if not name:
