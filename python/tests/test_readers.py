@@ -5,6 +5,7 @@ import lzma
 import os
 import pathlib
 import re
+import shutil
 
 import kvfs
 from support import VolumeTest, known_volumes, need_program, run
@@ -20,6 +21,7 @@ class Readers(VolumeTest):
     def assert_same_as_7z(self) -> int:
         """Every regular file that 7z extracts is there with the same bytes. Returns how many were compared."""
         folder = self.folder / "extracted"
+        shutil.rmtree(folder, ignore_errors=True)
         run("7z", "x", "-y", "-thfs", f"-o{folder}", self.image, ok=False)
         count = 0
         with kvfs.open(self.image) as volume:
@@ -36,7 +38,7 @@ class Readers(VolumeTest):
 
     def assert_same_as_fls(self) -> int:
         """Every item that fls lists is there, files with the bytes that icat gives. Returns how many were compared."""
-        listed = run("fls", "-r", "-p", "-f", "hfs", self.image)
+        listed = run("fls", "-r", "-p", "-f", "hfs", self.image, ok=False)
         if "Error finding thread node" in listed.stderr:
             return 0  # to fls the reference of a hard link is an ID, which it is not on every system
         ids = [int(found) for found in re.findall(r"^\S+ (\d+):", listed.stdout, re.MULTILINE)]

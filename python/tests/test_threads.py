@@ -152,6 +152,10 @@ class Signals(VolumeTest):
         def handler(*_: object) -> None:
             raise Interrupted
 
+        # What a signal interrupts in a destructor is told and ignored.
+        told = sys.unraisablehook
+        self.addCleanup(setattr, sys, "unraisablehook", told)
+        sys.unraisablehook = lambda unraisable: None
         volume = self.open()
         interrupted = 0
         self.interrupt(handler, 0.002)
