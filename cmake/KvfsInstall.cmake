@@ -3,6 +3,7 @@
 #   tool         the tool, its man page, shell completions
 #   library      the shared library
 #   development  headers, static library, their man page, pkg-config file, CMake package
+#   python       the Python package, where KVFS_PYTHON_DIR says
 
 include(CMakePackageConfigHelpers)
 
@@ -23,7 +24,7 @@ install(
   FILE_SET HEADERS
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvfs
     COMPONENT development)
-if(TARGET kvfs_shared)
+if(BUILD_SHARED_LIBS)
   install(
     TARGETS kvfs_shared
     EXPORT kvfs
@@ -44,3 +45,26 @@ install(EXPORT kvfs NAMESPACE kvfs:: DESTINATION ${package_folder} FILE kvfs-tar
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/kvfs-config-version.cmake" COMPATIBILITY SameMajorVersion)
 install(FILES cmake/kvfs-config.cmake "${PROJECT_BINARY_DIR}/kvfs-config-version.cmake" DESTINATION ${package_folder}
         COMPONENT development)
+
+# The name and version beside the package are what Python's own tools look for.
+set(KVFS_PYTHON_DIR
+    ""
+    CACHE STRING "Folder below the prefix where Python looks for packages; the Python package is not installed without")
+if(KVFS_PYTHON_DIR AND BUILD_SHARED_LIBS)
+  install(
+    DIRECTORY python/kvfs
+    DESTINATION ${KVFS_PYTHON_DIR}
+    COMPONENT python
+    FILES_MATCHING
+    PATTERN "*.py"
+    PATTERN "py.typed"
+    PATTERN "__pycache__" EXCLUDE)
+  file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/METADATA" CONTENT "Metadata-Version: 2.1
+Name: kvfs
+Version: @PROJECT_VERSION@
+Summary: Reads and changes HFS Plus volumes that are not mounted
+Requires-Python: >=3.9
+")
+  install(FILES "${PROJECT_BINARY_DIR}/METADATA" DESTINATION ${KVFS_PYTHON_DIR}/kvfs-${PROJECT_VERSION}.dist-info
+          COMPONENT python)
+endif()

@@ -3,6 +3,7 @@
 #   tool         kvfslabel
 #   library      libkvfs1
 #   development  libkvfs-dev
+#   python       python3-kvfs
 #
 # The packages are laid out for CMAKE_INSTALL_PREFIX, which is also written into the pkg-config file. The preset
 # `package` gives what Debian expects.
@@ -20,8 +21,11 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 
 set(CPACK_COMPONENTS_ALL tool)
-if(TARGET kvfs_shared)
+if(BUILD_SHARED_LIBS)
   list(APPEND CPACK_COMPONENTS_ALL library development)
+  if(KVFS_PYTHON_DIR)
+    list(APPEND CPACK_COMPONENTS_ALL python)
+  endif()
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -60,6 +64,19 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 libkvfs reads HFS Plus and HFSX volumes that are not mounted, and changes
 their catalogs and files. This package has its headers, the static library,
 a pkg-config file and a CMake package.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kvfs)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "python3 (>= 3.9), libkvfs${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/debian/python3-kvfs/postinst"
+                                              "${PROJECT_SOURCE_DIR}/packaging/debian/python3-kvfs/prerm")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+    "reads and changes HFS Plus volumes (Python package)
+libkvfs reads HFS Plus and HFSX volumes that are not mounted, and changes
+their catalogs and files. This package makes it a Python module.")
 
 # For the scripts of packaging/cpack, which learn of variables that begin with CPACK_ alone.
 set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_SOURCE_DIR}/packaging/cpack/options.cmake")

@@ -1,0 +1,198 @@
+"""Volumes that are used by several threads, closed meanwhile, or used by a handler of a signal."""
+
+import gc
+import itertools
+import os
+import signal
+import sys
+import threading
+import unittest
+from typing import Callable, List
+
+import kvfs
+from support import VolumeTest, pattern
+
+
+def run_together(*works: Callable[[], None]) -> List[BaseException]:
+    """Runs each on a thread of its own. Returns what they have raised."""
+    failures: List[BaseException] = []
+
+    def guarded(work: Callable[[], None]) -> None:
+        try:
+            work()
+        except BaseException as failure:
+            failures.append(failure)
+
+    threads = [threading.Thread(target=guarded, args=(work,)) for work in works]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    return failures
+
+
+class Threads(VolumeTest):
+    def setUp(self) -> None:
+        super().setUp()
+        interval = sys.getswitchinterval()
+        self.addCleanup(sys.setswitchinterval, interval)
+        sys.setswitchinterval(1e-5)
+
+    def test_one_volume_serves_many_threads(self) -> None:
+        volume = self.open()
+        shared = volume.open("/Documents/big")
+        expected = pattern(300000)
+
+        def read() -> None:
+            for _ in range(5):
+                self.assertEqual(volume.open("/Documents/big").read(), expected)
+
+        def read_shared() -> None:
+            piece = bytearray(1000)
+            for offset in range(0, 300000, 9973):
+                count = shared.readinto_at(piece, offset)
+                self.assertEqual(piece[:count], expected[offset : offset + count])
+
+        def list_all() -> None:
+            for _ in range(20):
+                self.assertEqual(len(list(volume.walk())), 12)
+
+        self.assertEqual(run_together(read, read, read_shared, read_shared, list_all, list_all), [])
+
+    def test_changes_of_many_threads_are_whole(self) -> None:
+        self.make("--files", "300", "--folders", "4", "--free-nodes", "64")
+        with kvfs.open(self.image, writable=True) as volume:
+
+            def move(first: int) -> Callable[[], None]:
+                def work() -> None:
+                    for i in range(5 * first, 300, 20):
+                        volume.rename(f"/f{i:06}", f"/d{first:06}/moved{i}")
+
+                return work
+
+            self.assertEqual(run_together(*[move(i) for i in range(4)]), [])
+        self.assert_sound()
+        self.assertEqual(len(list(self.open().listdir("/d000002"))), 15)
+
+    def test_close_ends_what_other_threads_do(self) -> None:
+        for _ in range(10):
+            volume = kvfs.open(self.image)
+            file = volume.open("/Documents/big")
+            began = threading.Barrier(4)
+
+            def read() -> None:
+                began.wait()
+                while True:
+                    file.seek(0)
+                    file.read(5000)
+
+            def list_all() -> None:
+                began.wait()
+                while True:
+                    list(volume.listdir("/Documents"))
+
+            def close() -> None:
+                began.wait()
+                volume.close()
+
+            failures = run_together(read, list_all, list_all, close)
+            self.assertEqual([type(failure) for failure in failures], [kvfs.ClosedError] * 3)
+            file.close()
+
+    def test_file_is_closed_while_others_read_it(self) -> None:
+        volume = self.open()
+        for _ in range(20):
+            file = volume.open("/Documents/big")
+            piece = bytearray(100)
+            began = threading.Barrier(3)
+
+            def read() -> None:
+                began.wait()
+                while True:
+                    file.readinto_at(bytearray(100), 0)
+
+            def close() -> None:
+                began.wait()
+                file.close()
+
+            failures = run_together(read, read, close)
+            self.assertEqual(len(failures), 2)
+            for failure in failures:
+                self.assertIsInstance(failure, ValueError)
+            self.assertEqual(len(piece), 100)
+
+    def test_garbage_is_collected_while_turns_last(self) -> None:
+        volume = self.open()
+        self.addCleanup(gc.set_threshold, *gc.get_threshold())
+        gc.set_threshold(1)
+
+        def work() -> None:
+            for _ in range(30):
+                cycle = [volume.open("/Documents/big"), volume.listdir("/Documents")]
+                cycle.append(cycle)  # type: ignore[arg-type]
+                next(cycle[1])  # type: ignore[call-overload]
+                with self.assertRaises(kvfs.InvalidError):
+                    volume.stat("/" + "x" * 300)  # it reports, within the turn
+
+        self.assertEqual(run_together(work, work, work), [])
+
+
+@unittest.skipUnless(hasattr(signal, "setitimer"), "needs timers")
+class Signals(VolumeTest):
+    def interrupt(self, handler: Callable[..., None], seconds: float) -> None:
+        before = signal.signal(signal.SIGALRM, handler)
+        self.addCleanup(signal.signal, signal.SIGALRM, before)
+        self.addCleanup(signal.setitimer, signal.ITIMER_REAL, 0)
+        signal.setitimer(signal.ITIMER_REAL, seconds, seconds)
+
+    def test_interrupted_calls_leave_the_volume_usable(self) -> None:
+        class Interrupted(Exception):
+            pass
+
+        def handler(*_: object) -> None:
+            raise Interrupted
+
+        # What a signal interrupts in a destructor is told and ignored.
+        told = sys.unraisablehook
+        self.addCleanup(setattr, sys, "unraisablehook", told)
+        sys.unraisablehook = lambda unraisable: None
+        volume = self.open()
+        interrupted = 0
+        self.interrupt(handler, 0.002)
+        while interrupted < 30:
+            try:
+                for _ in itertools.repeat(None):
+                    list(volume.listdir("/Documents"))
+            except Interrupted:
+                interrupted += 1
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        self.assertEqual(run_together(lambda: self.assertEqual(volume.label, "Caf\u00e9")), [])
+        volume.close()
+
+    def test_handler_may_use_the_volume_and_close_files(self) -> None:
+        volume = self.open()
+        handled: List[int] = []
+
+        def handler(*_: object) -> None:
+            with volume.open("/Documents/a.txt") as file:
+                handled.append(len(file.read()))
+
+        self.interrupt(handler, 0.002)
+        while len(handled) < 30:
+            self.assertEqual(len(list(volume.listdir("/Documents"))), 7)
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        self.assertEqual(set(handled), {16})
+
+    def test_volume_is_not_closed_in_the_middle_of_a_call(self) -> None:
+        volume = self.open()
+        with volume._session.turn, self.assertRaises(RuntimeError):
+            volume._session.close()
+        self.assertEqual(volume.label, "Caf\u00e9")
+
+    def test_forked_process_leaves_the_volume_to_its_parent(self) -> None:
+        volume = self.open()
+        child = os.fork()
+        if child == 0:
+            os._exit(0 if volume.label == "Caf\u00e9" else 1)
+        self.assertEqual(os.waitpid(child, 0)[1], 0)
+        self.assertEqual(volume.label, "Caf\u00e9")
