@@ -2,9 +2,9 @@
 //
 // From the top: kvfs_btree_search_node takes the lock, kvfs_btree_search_node_internal maps the header record, and
 // search_from begins at the start node (enter_start_node) and looks at record after record (visit_record). Each is
-// compared (compare_record); the search goes on behind it, or down to a child (visit_index_record, descend). Or it ends:
-// in a leaf, in an index node of the height that is looked for, or behind the last record (finish_in_leaf and so on),
-// where end_search_at opens the result's locator.
+// compared (compare_record); the search goes on behind it, or down to a child (visit_index_record, descend). Or it
+// ends: in a leaf, in an index node of the height that is looked for, or behind the last record (finish_in_leaf and so
+// on), where end_search_at opens the result's locator.
 //
 // A search ends, and soon, whatever the nodes say: see X-btree-2 for empty nodes, X-btree-3 for ways down, X-btree-4
 // and X-btree-5 for keys, X-btree-17 for the searches of an operation together.

@@ -946,6 +946,7 @@ TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
 
 // X-btree-1
 // The key's length and its parent, 0x1FA000E, are the last entries of the offset table.
+// X-btree-1
 TEST(BtreeSearchDamage, CatalogKeyOfWhichTheNodeHasTheParentAlone_IsOrderedByThat) {
   const Bytes data(12);
   TestTree tree({.records = {{catalog_key(10, {}), data}, {catalog_key(20, {}), data}, {catalog_key(40, {}), data}},
