@@ -126,6 +126,11 @@ class File(io.RawIOBase):
             super().close()
             self._session.close_handle(_library.stream_close, self._stream)
 
+    def __del__(self) -> None:
+        session = getattr(self, "_session", None)  # it may not have been made whole
+        if session is not None and not self.closed:
+            session.put_aside(_library.stream_close, self._stream)
+
     def _check_open(self) -> None:
         if self.closed:
             raise ValueError("I/O operation on closed file")

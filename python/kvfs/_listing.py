@@ -25,9 +25,9 @@ class Listing(Iterator[Item]):
     def __init__(self, volume: Volume, session: Session, folder_id: int, shown: str) -> None:
         """Not to be called: see `Volume.listdir`."""
         self._handle = c_void_p()
-        self._is_open = True
         self._volume = volume
         self._session = session
+        self._is_open = True
         self._turn = session.turn
         self._shown = shown
         self._record = _library.new_item_record()
@@ -66,4 +66,5 @@ class Listing(Iterator[Item]):
         self.close()
 
     def __del__(self) -> None:
-        self.close()
+        if getattr(self, "_is_open", False):  # it may not have been made whole
+            self._session.put_aside(_library.listing_close, self._handle)

@@ -17,8 +17,9 @@ class Session:
     The library has its functions of one session take turns, but for closing a handle, while which nobody else may use
     it. So each use of a handle is `with session.turn:`, and looks the handle up in there.
 
-    A handle may be closed at any point of any thread, because the garbage collector and signals do not choose: in the
-    middle of a turn it is only put aside.
+    The garbage collector does not choose when it drops a listing or a file, nor does a signal when its handler closes
+    one: from the former a handle is only put aside, and so it is in the middle of a turn. Turns are had with `with`
+    alone, which a signal cannot leave half done as it can anything written out.
     """
 
     def __init__(self, handle: c_void_p) -> None:
@@ -39,23 +40,22 @@ class Session:
         return self._handle
 
     def close_handle(self, function: Any, handle: c_void_p) -> None:
-        """Closes a handle of a listing or stream, now or with the next one that is opened or closed.
+        """Closes a handle of a listing or stream; in the middle of a turn it is put aside."""
+        self.put_aside(function, handle)
+        self.tidy()
+
+    def put_aside(self, function: Any, handle: c_void_p) -> None:
+        """Has a handle closed with the next one that is opened or closed, without waiting for anybody.
 
         It may be closed already: then it is null.
         """
         self._put_aside.append((function, handle))
-        self.tidy()
 
     def tidy(self) -> None:
-        """Closes the handles that were put aside, unless somebody has the turn."""
-        if not self._put_aside or self._in_turn():
-            return
-        try:
-            if self.turn.acquire(blocking=False):
+        """Closes the handles that were put aside, unless this thread is in a turn."""
+        if self._put_aside and not self._in_turn():
+            with self.turn:
                 self._close_put_aside()
-        finally:
-            if self._in_turn():  # a signal may have come right after the turn was had
-                self.turn.release()
 
     def close(self) -> None:
         """Closes the session."""
