@@ -33,8 +33,7 @@ static void deliver(const char* level, const char* function, int line, const cha
   char usual[kUsualSize];
   va_list again;
   va_copy(again, arguments);
-  // The analyzer does not know that a parameter of this type is initialized.
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+  // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the analyzer does not know that a parameter is initialized
   const int printed = std::vsnprintf(usual, sizeof(usual), format, arguments);
   const std::size_t length = printed < 0 ? 0 : static_cast<std::size_t>(printed);
   const kvfs_owned<unsigned char> longer =
@@ -42,6 +41,7 @@ static void deliver(const char* level, const char* function, int line, const cha
   if (longer) {
     char* const text = static_cast<char*>(static_cast<void*>(longer.get()));
     (void)std::vsnprintf(text, length + 1, format, again);  // it has just told its length
+    // NOLINTEND(clang-analyzer-valist.Uninitialized)
     hand_over(level, function, line, text, length + 1, length);
   } else {
     if (printed < 0) {
