@@ -15,6 +15,9 @@ void kvfs_system_close(int fd);
 // Takes the lock on a whole file if nobody else holds it; `out_taken` tells. Returns kvfs_ok or kvfs_failed.
 kvfs_result kvfs_system_try_lock(int fd, bool exclusive, bool* out_taken);
 
+// Gives the lock on a file back.
+void kvfs_system_unlock(int fd);
+
 // Waits until what was written has reached the device. Returns kvfs_ok or kvfs_io_error.
 kvfs_result kvfs_system_sync(int fd);
 

@@ -10,7 +10,7 @@
 static constexpr std::uint32_t kBitsInByte = 8;
 
 // Bytes of the allocation file that are looked at together.
-static constexpr std::uint32_t kPieceSize = 4096;
+static constexpr std::uint32_t kPieceSize = kSessionPieceBlocks / kBitsInByte;
 
 static unsigned char mask_of(std::uint32_t block) {
   return static_cast<unsigned char>(0x80U >> (block % kBitsInByte));

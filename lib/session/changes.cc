@@ -66,8 +66,13 @@ kvfs_result kvfs_session_check_catalog(kvfs_session* session) {
 static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, bool* is_private) {
   kvfs_session_found folder;
   const kvfs_result result = kvfs_session_find_folder(session, item->key()->parentID.get(), &folder);
+  if (result == kvfs_not_found || result == kvfs_not_a_folder) {
+    KVFS_ERROR_AS(kvfs_session_find_removable, "Folder %lu, which holds item %lu, is missing.\n",
+                  to_ul(item->key()->parentID.get()), to_ul(kvfs_session_id_of(item->record()->data)));
+    return kvfs_inconsistent;
+  }
   if (result != kvfs_ok) {
-    return result == kvfs_not_found || result == kvfs_not_a_folder ? kvfs_inconsistent : result;
+    return result;
   }
   const HFSUniStr255& name = folder.key()->nodeName;
   *is_private = kvfs_session_has_nul(name.unicode, name.length.get());
@@ -82,17 +87,13 @@ kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, s
   return result;
 }
 
-// Whether the nodes of an item's record and of its thread keep other records without them. No search and no walk gets
-// past a node without any.
+// Whether the nodes of an item's record and of its thread, which has led to it, keep other records without them. No
+// search and no walk gets past a node without any.
 static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& item, std::uint32_t id) {
   kvfs_session_found thread;
   kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
   if (result != kvfs_ok) {
     return result;
-  }
-  if (!thread.found()) {
-    KVFS_ERROR_AS(kvfs_session_find_removable, "Item %lu has no thread.\n", to_ul(id));
-    return kvfs_inconsistent;
   }
   const std::uint32_t nodes[2] = {*item.record()->node, *thread.record()->node};
   const std::uint16_t leaving = nodes[0] == nodes[1] ? 2 : 1;
@@ -111,8 +112,22 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
   return kvfs_ok;
 }
 
+// Records are written back whole, and never with bytes behind those that are known.
+static kvfs_result check_record_size(const kvfs_session_found& item) {
+  const std::size_t size = item.file() != nullptr ? sizeof(HFSPlusCatalogFile) : sizeof(HFSPlusCatalogFolder);
+  if (item.record()->data_size != size) {
+    KVFS_ERROR_AS(kvfs_session_begin_change, "Record of item %lu has %zu bytes, and not %zu.\n",
+                  to_ul(kvfs_session_id_of(item.record()->data)), std::size_t{item.record()->data_size}, size);
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
 kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
   kvfs_result result = kvfs_session_find_item(session, id, item);
+  if (result == kvfs_ok) {
+    result = check_record_size(*item);
+  }
   if (result != kvfs_ok) {
     return result;
   }
@@ -154,22 +169,26 @@ static kvfs_result read_new_name(const char* text, kvfs_session_name* name) {
 // Whether a folder is the item or lies in it, at any depth, where the item would vanish together with its place.
 static kvfs_result check_not_inside(kvfs_session* session, std::uint32_t id, std::uint32_t folder_id) {
   constexpr std::uint32_t kDeepest = 10000;  // a damaged catalog may lead in a circle
-  for (std::uint32_t depth = 0; depth < kDeepest && folder_id != kHFSRootFolderID; ++depth) {
-    if (folder_id == id) {
+  std::uint32_t outer = folder_id;
+  for (std::uint32_t depth = 0; outer != kHFSRootFolderID; ++depth) {
+    if (outer == id) {
       return kvfs_invalid;
     }
     kvfs_session_found folder;
-    const kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
+    const kvfs_result result = kvfs_session_find_folder(session, outer, &folder);
+    if (result == kvfs_not_found || result == kvfs_not_a_folder || depth == kDeepest) {
+      KVFS_ERROR_AS(kvfs_session_find_place, "Folder %lu does not lie below the root folder.\n", to_ul(folder_id));
+      return kvfs_inconsistent;
+    }
     if (result != kvfs_ok) {
       return result;
     }
-    folder_id = folder.key()->parentID.get();
+    outer = folder.key()->parentID.get();
   }
-  return folder_id == kHFSRootFolderID ? kvfs_ok : kvfs_inconsistent;
+  return kvfs_ok;
 }
 
-// Whether a place is free; an item's own is, so that the case of its name can be changed.
-static kvfs_result check_free(kvfs_session* session, std::uint32_t id, const kvfs_session_place& place) {
+kvfs_result kvfs_session_check_free(kvfs_session* session, std::uint32_t id, const kvfs_session_place& place) {
   kvfs_session_found other;
   const kvfs_result result =
       kvfs_session_find_key(session, place.folder_id, place.name.units, place.name.length, &other);
@@ -197,14 +216,17 @@ kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std
   }
   folder.release();
   result = check_not_inside(session, id, folder_id);
-  return result == kvfs_ok ? check_free(session, id, *place) : result;
+  return result == kvfs_ok ? kvfs_session_check_free(session, id, *place) : result;
 }
 
 // ---- Valences ------------------------------------------------------------------------------------------------------
 
 kvfs_result kvfs_session_get_valence(kvfs_session* session, std::uint32_t folder_id, kvfs_session_valence* valence) {
   kvfs_session_found folder;
-  const kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
+  kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
+  if (result == kvfs_ok) {
+    result = check_record_size(folder);
+  }
   if (result == kvfs_ok) {
     *valence = {folder_id, folder.folder()->valence.get()};
   }

@@ -78,7 +78,7 @@ static kvfs_result collect_fork(kvfs_session* session, const HFSPlusCatalogFile*
     const HFSPlusExtentDescriptor& extent = priv->fork_extents[i];
     const kvfs_block_run run = {extent.startBlock.get(), extent.blockCount.get()};
     result = check_run(session, file->fileID.get(), run);
-    if (result == kvfs_ok && run.count != 0) {
+    if (result == kvfs_ok) {
       result = add_freed(session, run);
     }
   }
@@ -172,7 +172,7 @@ static kvfs_result remove_item(kvfs_session* session, kvfs_session_found* item) 
     HFSPlusCatalogFile file = *item->file();
     file.dataFork = {};
     file.resourceFork = {};
-    result = kvfs_btree_record_locator_write_data(item->locator()->btree_locator, &file, item->record()->data_size);
+    result = kvfs_btree_record_locator_write_data(item->locator()->btree_locator, &file, sizeof(file));
   }
   if (result == kvfs_ok) {
     result = kvfs_session_expect_removal(session, *item);

@@ -42,10 +42,9 @@ static void describe_header(const HFSPlusVolumeHeader& header, kvfs_volume_facts
   facts->is_locked = flag((attributes & (kHardwareLockBit | kSoftwareLockBit)) != 0);
 }
 
+// Every change is one of the catalog. A change of anything else is one of the header too, which is written last.
 static bool has_changes(const kvfs_session* session) {
-  const kvfs_session_changes& changes = session->changes;
-  return changes.catalog || changes.extents || changes.allocation || changes.ids || changes.header ||
-         session->freed_count != 0;
+  return session->changes.catalog || session->changes.header;
 }
 
 static kvfs_result give_facts(kvfs_session* session, kvfs_volume_facts* out_facts) {

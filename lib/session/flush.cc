@@ -1,5 +1,6 @@
 // Bringing changes to the device, in an order that a loss of power cannot make worse: see kvfs_session_flush.
 
+#include "base/arithmetic.h"
 #include "base/system.h"
 #include "bitmap.h"
 #include "btree.h"
@@ -36,18 +37,22 @@ static kvfs_result flush_changed(kvfs_session* session, bool* changed, flush_par
   return result;
 }
 
-// Frees the blocks of deleted files in memory.
+// Frees the blocks of deleted files in memory. What is cleared before a failure is counted, for no other flush will.
 static kvfs_result free_blocks(kvfs_session* session) {
   while (session->freed_count != 0) {
+    kvfs_block_run* const run = &session->freed[session->freed_count - 1];
+    const std::uint32_t to_end_of_piece = kSessionPieceBlocks - run->first % kSessionPieceBlocks;
+    const kvfs_block_run part = {run->first, kvfs_min(run->count, to_end_of_piece)};
     std::uint32_t cleared = 0;
     session->changes.allocation = true;
     session->changes.header = true;
-    const kvfs_result result = kvfs_session_clear_run(session, session->freed[session->freed_count - 1], &cleared);
+    const kvfs_result result = kvfs_session_clear_run(session, part, &cleared);
     if (result != kvfs_ok) {
       return result;
     }
     kvfs_volume_add_free_blocks(session->volume, cleared);
-    --session->freed_count;
+    *run = {run->first + part.count, run->count - part.count};
+    session->freed_count -= run->count == 0 ? 1 : 0;
   }
   return kvfs_ok;
 }

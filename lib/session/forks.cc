@@ -148,6 +148,20 @@ static kvfs_result check_size(kvfs_session* session, std::uint32_t id, const HFS
   return kvfs_ok;
 }
 
+// The resolution of extents adds in 32 bits, and leaves what the eight of a resource fork come to to its callers.
+static kvfs_result check_extents(const kvfs_fork_private* priv, const HFSPlusForkData& data) {
+  std::uint64_t blocks = 0;
+  for (std::uint32_t i = 0; i < priv->fork_extents_count; ++i) {
+    blocks += priv->fork_extents[i].blockCount.get();
+  }
+  if (blocks != data.totalBlocks.get()) {
+    KVFS_ERROR_AS(kvfs_session_open_fork, "Extents of file %lu have %llu blocks, and their fork %lu.\n",
+                  to_ul(priv->cnid), to_ull(blocks), to_ul(data.totalBlocks.get()));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
 // Makes the private part of a fork, with all extents. A fork without a size has no slots for cache items.
 static kvfs_result find_extents(kvfs_session* session, std::uint32_t id, std::uint8_t fork_type, HFSPlusForkData* data,
                                 kvfs_fork_private** out_priv) {
@@ -163,6 +177,9 @@ static kvfs_result find_extents(kvfs_session* session, std::uint32_t id, std::ui
   (*out_priv)->logical_size = size.get();
   if (!is_data) {
     result = append_overflow_extents(session, *out_priv, *data);
+  }
+  if (result == kvfs_ok) {
+    result = check_extents(*out_priv, *data);
   }
   if (result == kvfs_ok) {
     result = divide_long_extents(*out_priv, session->volume->header->blockSize.get());

@@ -4,8 +4,11 @@
 
 #include "btree.h"
 #include "catalog/key.h"
+#include "catalog/lookup.h"
 #include "session/private.h"
 #include "volume.h"
+
+using kvfs::catalog::make_target_key;
 
 // ---- Searches ------------------------------------------------------------------------------------------------------
 
@@ -30,12 +33,11 @@ static bool has_name(const kvfs_btree_record_locator* record, const kvfs_be16* u
 }
 
 // Looks at all items of a folder: the order of the catalog does not lead to names with NUL units in them.
-static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
-                                   kvfs_session_found* item) {
+static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_id, const kvfs_be16* units,
+                                   std::size_t length, kvfs_session_found* item) {
   kvfs_session_walk walk;
   kvfs_result result = kvfs_session_begin_walk(session, folder_id, nullptr, false, &walk);
-  while (result == kvfs_ok && walk.record != nullptr &&
-         !has_name(walk.record->btree_locator, name.units, name.length)) {
+  while (result == kvfs_ok && walk.record != nullptr && !has_name(walk.record->btree_locator, units, length)) {
     result = kvfs_session_step(&walk);
   }
   if (result == kvfs_ok) {
@@ -52,26 +54,30 @@ static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_i
 // Looks for the item of a thread whose name the order of the catalog does not lead to.
 static kvfs_result find_by_thread(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
   kvfs_session_found thread;
-  const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
-  if (result != kvfs_ok || !thread.found() || thread.record()->data_size < kHFSPlusCatalogThreadNameOffset) {
-    return kvfs_result_keep(result, kvfs_not_found);
+  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
+  HFSPlusCatalogKey key;
+  if (result == kvfs_ok) {
+    result =
+        thread.found() ? make_target_key(KVFS_NAME_OF(kvfs_session_find_item), thread.locator(), &key) : kvfs_not_found;
   }
-  const HFSPlusCatalogThread* const data = kvfs_view_as<HFSPlusCatalogThread>(thread.record()->data);
-  const std::size_t length = data->nodeName.length.get();
-  const std::size_t room = (thread.record()->data_size - kHFSPlusCatalogThreadNameOffset) / sizeof(kvfs_be16);
-  if (length > kHFSPlusMaxNameLength || length > room || !kvfs_session_has_nul(data->nodeName.unicode, length)) {
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const HFSUniStr255& name = key.nodeName;
+  if (!kvfs_session_has_nul(name.unicode, name.length.get())) {
     return kvfs_not_found;
   }
-  const std::uint32_t folder_id = data->parentID.get();
-  kvfs_session_name name;
-  name.length = length;
-  std::memcpy(name.units, data->nodeName.unicode, length * sizeof(kvfs_be16));
   thread.release();
-  return find_by_walking(session, folder_id, name, item);
+  return find_by_walking(session, key.parentID.get(), name.unicode, name.length.get(), item);
 }
 
 static kvfs_result check_id(const kvfs_session_found& item, std::uint32_t id) {
   const kvfs_result checked = kvfs_session_check_item(item.record());
+  // A search that finds no thread in its place ends there; an item there would lie in itself.
+  if (checked == kvfs_ok && item.key()->parentID.get() == id) {
+    KVFS_ERROR_AS(kvfs_session_find_item, "The thread of item %lu is no thread.\n", to_ul(id));
+    return kvfs_inconsistent;
+  }
   if (checked == kvfs_ok && kvfs_session_id_of(item.record()->data) != id) {
     KVFS_ERROR_AS(kvfs_session_find_item, "The thread of item %lu leads to item %lu.\n", to_ul(id),
                   to_ul(kvfs_session_id_of(item.record()->data)));
@@ -97,7 +103,7 @@ kvfs_result kvfs_session_find_folder(kvfs_session* session, std::uint32_t id, kv
 kvfs_result kvfs_session_find_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
                                    kvfs_session_found* item) {
   if (kvfs_session_has_nul(name.units, name.length)) {
-    return find_by_walking(session, folder_id, name, item);
+    return find_by_walking(session, folder_id, name.units, name.length, item);
   }
   const kvfs_result result = kvfs_session_find_key(session, folder_id, name.units, name.length, item);
   const bool is_plain =

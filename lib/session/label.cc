@@ -51,10 +51,17 @@ static kvfs_result set_label(kvfs_session* session, const char* label) {
   if (result != kvfs_ok) {
     return result;
   }
-  kvfs_session_name name;
-  result = kvfs_session_read_text(label, std::strlen(label), &name);
+  kvfs_session_place place;
+  place.folder_id = kHFSRootParentID;
+  const kvfs_session_name& name = place.name;
+  result = kvfs_session_read_text(label, std::strlen(label), &place.name);
   if (result != kvfs_ok || name.length == 0) {
     return kvfs_invalid;
+  }
+  // The root folder should be alone there, but finding its new place taken would be too late once it is renamed.
+  result = kvfs_session_check_free(session, kHFSRootFolderID, place);
+  if (result != kvfs_ok) {
+    return result;
   }
   return kvfs_session_end_change(session, kvfs_volume_set_label(session->volume, name.units, name.length), 0);
 }

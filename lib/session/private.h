@@ -220,6 +220,9 @@ kvfs_result kvfs_session_read_fork(kvfs_session_fork* fork, std::uint64_t offset
 
 // ---- Blocks; in the session's turn ---------------------------------------------------------------------------------
 
+// Blocks whose bits are in one piece.
+inline constexpr std::uint32_t kSessionPieceBlocks = 32768;
+
 // Calls `visit` with the bytes of the allocation file that hold a run of blocks, piece by piece. A true answer writes
 // the piece back.
 using kvfs_session_visit_bits = bool (*)(void* context, unsigned char* bytes, std::uint32_t first_block,
@@ -230,7 +233,8 @@ kvfs_result kvfs_session_visit_blocks(kvfs_session* session, kvfs_block_run run,
 // Whether all blocks of a run are in use. Returns kvfs_ok or a failure.
 kvfs_result kvfs_session_run_in_use(kvfs_session* session, kvfs_block_run run, bool* in_use);
 
-// Clears the bits of a run in the cache of the allocation file and counts those that were set.
+// Clears the bits of a run in the cache of the allocation file and counts those that were set. Those of a run in one
+// piece are cleared together, or none.
 kvfs_result kvfs_session_clear_run(kvfs_session* session, kvfs_block_run run, std::uint32_t* cleared);
 
 // ---- Changes; in the session's turn --------------------------------------------------------------------------------
@@ -270,6 +274,10 @@ struct kvfs_session_place {
 // failure.
 kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std::uint32_t folder_id, const char* name,
                                     kvfs_session_place* place);
+
+// Whether a place is free for an item: its own is, so that the case of its name can be changed. Returns kvfs_ok,
+// kvfs_exists or a failure.
+kvfs_result kvfs_session_check_free(kvfs_session* session, std::uint32_t id, const kvfs_session_place& place);
 
 // How many items a folder counts. After a change the count must have become what it should: changing it cannot fail,
 // whatever fails in it (Q-catalog-10).

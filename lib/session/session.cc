@@ -21,17 +21,23 @@ static kvfs_result open_volume(kvfs_session* session) {
 // Opens what a session consists of. What was opened before a failure stays in the session.
 static kvfs_result open_parts(kvfs_session* session) {
   const bool writable = (session->flags & KVFS_OPEN_WRITE) != 0;
+  bool taken = false;
   kvfs_result result = kvfs_rwlock_create(&session->lock);
   if (result == kvfs_ok && (session->flags & KVFS_OPEN_NO_WAIT) != 0) {
     // The device asks once more for what this open file has then, and need not wait.
-    bool taken = false;
     result = kvfs_system_try_lock(session->fd, writable, &taken);
     result = kvfs_result_keep(result, taken ? kvfs_ok : kvfs_busy);
   }
   if (result == kvfs_ok) {
     result = kvfs_device_create(session->fd, writable ? 0 : 1, kSessionSectorSize, 0, &session->device);
   }
-  return result == kvfs_ok ? open_volume(session) : result;
+  if (result == kvfs_ok) {
+    return open_volume(session);
+  }
+  if (taken) {
+    kvfs_system_unlock(session->fd);  // later on the device does that
+  }
+  return result;
 }
 
 static void close_parts(kvfs_session* session) {

@@ -58,11 +58,7 @@ static kvfs_result follow_hard_link(kvfs_session* session, kvfs_session_found* i
   kvfs_session_found target;
   kvfs_result result = find_by_reference(session, item->file(), &target);
   if (result == kvfs_not_found) {
-    result = kvfs_catalog_follow_hard_link(session->volume->catalog, item->file(), target.out());
-    result = result == kvfs_inconsistent || (result == kvfs_ok && !target.found()) ? kvfs_not_found : result;
-  }
-  if (result == kvfs_ok) {
-    result = kvfs_session_check_item(target.record());
+    result = kvfs_session_find_item(session, item->file()->permissions.special.get(), &target);
   }
   if (result != kvfs_ok) {
     return result;

@@ -13,9 +13,10 @@ std::uint64_t kvfs_session_most_records(kvfs_session* session) {
   return *(*session->volume->catalog->btree)->fork->logical_size / kSmallestRecord;
 }
 
-static bool is_in_folder(const kvfs_btree_record_locator* record, std::uint32_t folder_id) {
+// Whether a record is beyond a folder. Of one whose key does not say it is not known what is behind it.
+static bool is_elsewhere(const kvfs_btree_record_locator* record, std::uint32_t folder_id) {
   return record->key_length >= kHFSPlusCatalogKeyParentEnd &&
-         kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get() == folder_id;
+         kvfs_view_as<HFSPlusCatalogKey>(record->key)->parentID.get() != folder_id;
 }
 
 // Replaces the record by the one behind it, whatever that is.
@@ -38,7 +39,7 @@ static kvfs_result check_record(kvfs_session_walk* walk) {
   if (walk->record == nullptr) {
     return kvfs_ok;
   }
-  if (!is_in_folder(walk->record->btree_locator, walk->folder_id)) {
+  if (is_elsewhere(walk->record->btree_locator, walk->folder_id)) {
     kvfs_catalog_record_locator_close(&walk->record);
     return kvfs_ok;
   }
@@ -60,7 +61,7 @@ static kvfs_result begin_behind(const HFSPlusCatalogKey* key, kvfs_session_walk*
   *found = place.found();
   const bool is_behind = !place.found() && place.out()->after == 0;
   walk->record = place.take();
-  if (walk->record != nullptr && !is_behind) {
+  if (!is_behind) {
     result = step_to_next(walk);
   }
   return result == kvfs_ok ? check_record(walk) : result;
@@ -73,9 +74,12 @@ static kvfs_result begin_at_first(kvfs_session_walk* walk) {
   return begin_behind(&thread, walk, &ignored);
 }
 
+// Whether an item of the folder that a key names has that key. Keys may have more bytes than their names.
 static bool is_key(const kvfs_btree_record_locator* record, const HFSPlusCatalogKey* key) {
-  const std::size_t size = key->keyLength.get() + sizeof(key->keyLength);
-  return record->key_length >= size && std::memcmp(record->key, key, size) == 0;
+  const HFSUniStr255& name = kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName;
+  const std::uint16_t length = key->nodeName.length.get();
+  return name.length.get() == length &&
+         std::memcmp(name.unicode, key->nodeName.unicode, length * sizeof(kvfs_be16)) == 0;
 }
 
 // Begins at the first item and passes all of them up to the one with exactly a key.

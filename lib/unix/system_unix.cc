@@ -38,6 +38,10 @@ kvfs_result kvfs_system_try_lock(int fd, bool exclusive, bool* out_taken) {
   return kvfs_failed;
 }
 
+void kvfs_system_unlock(int fd) {
+  (void)flock(fd, LOCK_UN);  // it cannot fail on a file that was locked
+}
+
 kvfs_result kvfs_system_sync(int fd) {
   if (fsync(fd) != 0) {
     const int error = errno;

@@ -273,6 +273,7 @@ TEST_F(SessionChanges, LinkThatCannotBe_IsRefusedAndChangesNothing) {
   EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "", nullptr), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "a\\b", nullptr), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "\xFF", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", "\xF4\x90\x80\x80", nullptr), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_make_link(s, KVFS_ROOT_ID, "l", (longest + "t").c_str(), nullptr), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_make_link(s, 99, "l", "t", nullptr), KVFS_NOT_FOUND);
   EXPECT_EQ(kvfs_session_make_link(s, session().id("docs/data"), "l", "t", nullptr), KVFS_NOT_A_FOLDER);

@@ -1,7 +1,11 @@
 // Every failing allocation, lock and transfer of every function, one at a time: nothing is left behind, no failure is
 // taken for a success that it is not, and after a discard the session is as good as new.
 
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -14,6 +18,8 @@
 
 namespace kvfs_test {
 namespace {
+
+using ::testing::HasSubstr;
 
 // Behind the folder 16: the file 17 with both forks, one of them in the overflow file, 18 "other" with overflow extents
 // as well, and small ones.
@@ -32,6 +38,7 @@ Volume faults_volume() {
   (void)description.add_symlink(kFolder, u"soft", "target");
   (void)description.add_hard_link(kFolder, u"hard", description.add_inode(600));
   (void)description.add_files(kFolder, 15);
+  (void)description.add_folder(kRootFolderId, u"empty");
   description.spare_blocks = 200;
   return build_volume(description);
 }
@@ -46,6 +53,12 @@ kvfs_item* item_to_fill() {
   static kvfs_item item;
   item.struct_size = sizeof(item);
   return &item;
+}
+
+std::uint32_t id_of(kvfs_session* session, const char* path) {
+  const FaultInjector::Pause pause;
+  EXPECT_EQ(kvfs_session_find(session, KVFS_ROOT_ID, path, item_to_fill()), KVFS_OK);
+  return item_to_fill()->id;
 }
 
 std::uint64_t list(kvfs_session* session) {
@@ -119,6 +132,7 @@ std::vector<SessionOperation> operations() {
       {"set_label", [](kvfs_session* s) { return kvfs_session_set_label(s, "Another"); }, true},
       {"rename", [](kvfs_session* s) { return kvfs_session_rename(s, kFile, KVFS_ROOT_ID, "elsewhere"); }, true},
       {"delete", [](kvfs_session* s) { return kvfs_session_delete(s, kFile); }, true},
+      {"delete_folder", [](kvfs_session* s) { return kvfs_session_delete(s, id_of(s, "empty")); }, true},
       {"make_link", [](kvfs_session* s) { return kvfs_session_make_link(s, kFolder, "link", "target", nullptr); },
        true},
       {"flush", flush_after_changes, true},
@@ -132,6 +146,7 @@ std::vector<FailingCalls> failing_calls() {
       each(Call::kRwlockUnlock), each(Call::kFlock),
       each(Call::kPread64),      each(Call::kPread64, Fault::short_by(1)),
       each(Call::kPwrite64),     each(Call::kPwrite64, Fault::short_by(1)),
+      each(Call::kFsync),
   };
 }
 
@@ -195,6 +210,70 @@ TEST(SessionOpenFaults, EachFailure_LeavesNothingBehind) {
       EXPECT_EQ(run.faults().outstanding_allocations(), 0U) << "result " << result;
     });
   }
+}
+
+// The lock that an opening has taken goes with its failure: the descriptor stays with the caller.
+TEST(SessionOpenFaults, EachFailureOnADescriptor_LeavesItUnlocked) {
+  const MemoryFile file(faults_volume());
+  const int other = open(file.path().c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(other, 0);
+  for (const FailingCalls& failing : failing_calls()) {
+    fail_each(failing, [&](FailingRun& run) {
+      LogCapture silence;
+      kvfs_session* session = nullptr;
+      (void)run.operate(
+          [&] { return kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session); });
+      const FaultInjector::Pause pause;
+      EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+      EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+      EXPECT_EQ(flock(other, LOCK_UN), 0);
+    });
+  }
+  close(other);
+}
+
+// Where names are compared unit by unit, a listing goes on by walking from the first item.
+TEST(SessionListingFaults, FailureWhileGoingOn_IsMadeUpForByTheNextCall) {
+  constexpr std::size_t kItems = 40;
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  for (std::size_t i = 0; i < kItems; ++i) {
+    (void)description.add_file(folder, {u'\0', static_cast<char16_t>(0x4E00 + i)});
+  }
+  LogCapture silence;
+  const TestSession session(build_volume(description));
+  const unsigned long failures = fail_each(each(Call::kRwlockRdlock), [&](FailingRun& run) {
+    kvfs_listing* listing = nullptr;
+    ASSERT_EQ(kvfs_listing_open(session.get(), folder, &listing), KVFS_OK);
+    std::size_t count = 0;
+    for (; count < 32; ++count) {
+      ASSERT_EQ(kvfs_listing_next(listing, item_to_fill()), KVFS_OK);
+    }
+    const std::uint64_t result = run.operate([&] { return kvfs_listing_next(listing, item_to_fill()); });
+    count += result == KVFS_OK ? 1 : 0;
+    while (kvfs_listing_next(listing, item_to_fill()) == KVFS_OK) {
+      ++count;
+    }
+    EXPECT_EQ(count, kItems);
+    EXPECT_EQ(kvfs_listing_close(&listing), KVFS_OK);
+  });
+  EXPECT_GT(failures, 32U);
+}
+
+TEST(SessionForkFaults, LongExtentWithoutMemory_IsNotOpened) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", std::uint64_t{5} << 30);
+  const TestSession session(build_volume(description));
+  std::string messages;
+  fail_each(each_allocation(), [&](FailingRun& run) {
+    kvfs_stream* stream = nullptr;
+    const std::uint64_t result =
+        run.operate([&] { return kvfs_stream_open(session.get(), file, KVFS_DATA_FORK, &stream); });
+    EXPECT_EQ(result, run.failed() ? KVFS_NO_MEMORY : KVFS_OK);
+    EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+    messages += without_line_numbers(run.log().raw());
+  });
+  EXPECT_THAT(messages, HasSubstr("ERROR kvfs_session_open_fork Error while allocating 24 bytes for extents.\n"));
 }
 
 TEST(SessionCloseFaults, LockThatCannotBeTaken_LeavesTheHandleOpen) {

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "fault_injection.h"
 #include "log_capture.h"
 #include "session_fixture.h"
 #include "support.h"
@@ -318,6 +319,26 @@ TEST(SessionLog, MessageOfAnyLength_IsHandedOverWhole) {
     kvfs_log_error("long", 1, "%s\n", text.c_str());
     EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + text)) << length;
   }
+}
+
+TEST(SessionLog, MessageWithoutText_IsEmpty) {
+  const Handler handler;
+  kvfs_log_error("empty", 1, "%s", "");
+  kvfs_log_error("feed", 1, "\n");
+  const wchar_t no_text[] = {0xD800, 0};
+  kvfs_log_error("unprintable", 1, "behind %ls", no_text);
+  EXPECT_THAT(handler.messages, ElementsAre("ERROR empty ", "ERROR feed ", "ERROR unprintable "));
+}
+
+TEST(SessionLog, MessageLongerThanMemoryAllows_IsCut) {
+  const Handler handler;
+  const std::string text(2000, 'x');
+  {
+    FaultInjector faults;
+    faults.fail_allocation(1);
+    kvfs_log_error("long", 1, "%s\n", text.c_str());
+  }
+  EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + std::string(511, 'x')));
 }
 
 TEST(SessionLog, FailureOfASession_ComesWithItsRoutine) {

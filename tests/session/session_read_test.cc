@@ -204,6 +204,8 @@ TEST(SessionNames, EachSpelledName_LeadsBackToItsItem) {
       {u"%u002F", "%u0025u002F"},
       {u"%u002f", "%u002f"},
       {u"%u00", "%u00"},
+      {u"%u00\u00DF0", "%u00\u00DF0"},
+      {u"\uE000\uFFFD", "\uE000\uFFFD"},
       {u"%/", "%%u002F"},
       {u"%u002/", "%u002%u002F"},
       {Name(u"x\xD800y"), "x%uD800y"},
@@ -242,6 +244,30 @@ TEST(SessionNames, StoredNameThatIsNotDecomposed_IsFoundByItsText) {
   EXPECT_STREQ(session.item("\u00E9").name, "\u00E9");
   EXPECT_EQ(session.id("\u00E9"), plain);
   EXPECT_EQ(session.find("e\u0301"), KVFS_NOT_FOUND);
+}
+
+// Decomposed, this name has as many units as before.
+TEST(SessionNames, StoredNameOfOneOtherUnit_IsFoundByItsText) {
+  VolumeDescription description;
+  const std::uint32_t plain = description.add_file(kRootFolderId, u"\u0374");
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.id("\u0374"), plain);
+  EXPECT_EQ(session.find("\u02B9"), KVFS_NOT_FOUND);
+}
+
+TEST(SessionNames, MoreThan255Units_AreInvalid) {
+  const TestSession session(build_volume({}));
+  std::string spelled;
+  for (int i = 0; i < 255; ++i) {
+    spelled += "%u0061";
+  }
+  LogCapture log;
+  EXPECT_EQ(session.find(spelled), KVFS_NOT_FOUND);
+  EXPECT_EQ(session.find(spelled + "%u0061%u0061"), KVFS_INVALID);
+  EXPECT_EQ(session.find(spelled + "text"), KVFS_INVALID);
+  EXPECT_EQ(session.find("text" + spelled), KVFS_INVALID);
+  const std::string message = "ERROR kvfs_session_read_name Name has more than 255 units.\n";
+  EXPECT_LOG(log, message, message, message);
 }
 
 TEST(SessionNames, BothFormsOfAName_AreToldApartByTheSpelling) {
@@ -544,6 +570,7 @@ TEST(SessionBlocks, AllocationFile_CanBeAsked) {
   int in_use = -1;
   LogCapture silence;
   EXPECT_EQ(kvfs_session_block_in_use(session.get(), blocks, &in_use), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_block_in_use(session.get(), UINT32_MAX, &in_use), KVFS_INVALID);
   EXPECT_EQ(in_use, -1);
 }
 

@@ -40,6 +40,7 @@ int __real_pthread_rwlock_unlock(pthread_rwlock_t* lock);
 ssize_t __real_pread64(int fd, void* buffer, std::size_t size, off64_t offset);
 ssize_t __real_pwrite64(int fd, const void* buffer, std::size_t size, off64_t offset);
 int __real_flock(int fd, int operation);
+int __real_fsync(int fd);
 int __real_open64(const char* path, int flags, ...);
 FILE* __real_fopen64(const char* path, const char* mode);
 struct mntent* __real_getmntent(FILE* stream);
@@ -59,6 +60,7 @@ int __wrap_pthread_rwlock_unlock(pthread_rwlock_t* lock);
 ssize_t __wrap_pread64(int fd, void* buffer, std::size_t size, off64_t offset);
 ssize_t __wrap_pwrite64(int fd, const void* buffer, std::size_t size, off64_t offset);
 int __wrap_flock(int fd, int operation);
+int __wrap_fsync(int fd);
 int __wrap_open64(const char* path, int flags, ...);
 FILE* __wrap_fopen64(const char* path, const char* mode);
 struct mntent* __wrap_getmntent(FILE* stream);
@@ -84,6 +86,7 @@ constexpr std::array<const char*, kCallCount> kCallNames = {
     "pread64",
     "pwrite64",
     "flock",
+    "fsync",
     "open64",
     "fopen64",
     "getmntent",
@@ -765,6 +768,10 @@ int __wrap_flock(int fd, int operation) {
     kvfs_test::record_file_call({Call::kFlock, {}, fd, operation});
   }
   return result;
+}
+
+int __wrap_fsync(int fd) {
+  return kvfs_test::file_call(kvfs_test::judge(Call::kFsync), [&] { return __real_fsync(fd); });
 }
 
 int __wrap_open64(const char* path, int flags, ...) {

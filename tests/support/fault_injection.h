@@ -44,11 +44,12 @@ enum class Call {
   kPread64,
   kPwrite64,
   kFlock,
+  kFsync,
   kOpen64,
   kFopen64,
   kGetmntent,
 };
-inline constexpr std::size_t kCallCount = 18;
+inline constexpr std::size_t kCallCount = 19;
 
 // The C library's name of the call, as in "pread64", and back.
 const char* call_name(Call call);

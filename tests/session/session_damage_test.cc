@@ -1,0 +1,525 @@
+// Sessions on volumes that contradict themselves: what each function answers and says, and that nothing is changed
+// where it is refused.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "fault_injection.h"
+#include "log_capture.h"
+#include "session_fixture.h"
+#include "volume_builder.h"
+
+namespace kvfs_test {
+namespace {
+
+using ::testing::ElementsAre;
+
+std::string field_of(const Volume& image, std::uint32_t id, const char* field) {
+  return image.find_by_cnid(id)->path() + field;
+}
+
+// What opening and closing a fork gives.
+std::uint64_t open_fork(const TestSession& session, std::uint32_t id, std::uint32_t fork = KVFS_DATA_FORK) {
+  kvfs_stream* stream = nullptr;
+  const std::uint64_t result = kvfs_stream_open(session.get(), id, fork, &stream);
+  EXPECT_EQ(result == KVFS_OK, stream != nullptr);
+  EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+  return result;
+}
+
+std::uint64_t find_id(const TestSession& session, std::uint32_t id) {
+  kvfs_item item = {};
+  item.struct_size = sizeof(item);
+  return kvfs_session_find_id(session.get(), id, &item);
+}
+
+// The names in a folder, and the result that ends them.
+std::uint64_t list(const TestSession& session, std::uint32_t folder, std::vector<std::string>& names) {
+  kvfs_listing* listing = nullptr;
+  kvfs_item item = {};
+  item.struct_size = sizeof(item);
+  std::uint64_t result = kvfs_listing_open(session.get(), folder, &listing);
+  while (result == KVFS_OK && (result = kvfs_listing_next(listing, &item)) == KVFS_OK) {
+    names.emplace_back(item.name);
+  }
+  EXPECT_EQ(kvfs_listing_close(&listing), KVFS_OK);
+  return result;
+}
+
+// ---- Records and keys ----------------------------------------------------------------------------------------------
+
+struct RecordDamage {
+  const char* name;
+  std::function<void(Volume& image, const RecordPlace& place)> make;
+};
+
+std::vector<RecordDamage> record_damages() {
+  return {
+      {"FileTypeOnAFolder", [](Volume& image, const RecordPlace& p) { image.set_field(p.path() + ".recordType", 2); }},
+      {"UnknownType", [](Volume& image, const RecordPlace& p) { image.set_field(p.path() + ".recordType", 9); }},
+      {"NoData",
+       [](Volume& image, const RecordPlace& p) {
+         const std::string next = ".offset[" + std::to_string(p.index + 1) + "]";
+         image.set_field("catalog.node[" + std::to_string(p.node) + "]" + next,
+                         p.offset_in_node + (p.data_fork_offset - p.fork_offset));
+       }},
+      {"KeyWithoutParent",
+       [](Volume& image, const RecordPlace& p) { image.set_field(p.path() + ".key.keyLength", 2); }},
+      // What was the length of the name, 1, reads as the type of a folder record then.
+      {"KeyWithoutName", [](Volume& image, const RecordPlace& p) { image.set_field(p.path() + ".key.keyLength", 4); }},
+      {"NameBehindItsKey",
+       [](Volume& image, const RecordPlace& p) { image.set_field(p.path() + ".key.nodeName.length", 2); }},
+      {"NameThatIsTooLong",
+       [](Volume& image, const RecordPlace& p) { image.set_field(p.path() + ".key.nodeName.length", 256); }},
+  };
+}
+
+class SessionDamagedRecord : public ::testing::TestWithParam<RecordDamage> {};
+
+TEST_P(SessionDamagedRecord, IsInconsistentBehindTheItemsBeforeIt) {
+  VolumeDescription description;
+  description.key_compare_type = 0xCF;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  (void)description.add_file(folder, u"a");
+  const std::uint32_t last = description.add_folder(folder, u"z");
+  Volume image = build_volume(description);
+  const RecordPlace place = *image.find_by_cnid(last);
+  GetParam().make(image, place);
+  const TestSession session(image);
+  std::vector<std::string> names;
+  LogCapture log;
+  EXPECT_EQ(list(session, folder, names), KVFS_INCONSISTENT);
+  EXPECT_THAT(names, ElementsAre("a"));
+  const std::string message = "ERROR kvfs_session_check_item Record " + std::to_string(place.index) + " of node " +
+                              std::to_string(place.node) + " is no whole file or folder.\n";
+  EXPECT_LOG(log, message, message);  // of the first batch, which ends before it, and of the second
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, SessionDamagedRecord, ::testing::ValuesIn(record_damages()),
+                         [](const auto& suite) { return std::string(suite.param.name); });
+
+TEST(SessionDamage, ItemOfAThreadThatIsNoItem_IsInconsistent) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  Volume image = build_volume(description);
+  const RecordPlace place = *image.find_by_cnid(folder);
+  image.set_field(place.path() + ".recordType", 2);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(find_id(session, folder), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_check_item Record " + std::to_string(place.index) + " of node " +
+                      std::to_string(place.node) + " is no whole file or folder.\n");
+}
+
+TEST(SessionDamage, ThreadWithoutItsItem_IsNotFound) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  description.item(file).with_record = false;
+  const TestSession session(build_volume(description));
+  LogCapture log;
+  EXPECT_EQ(find_id(session, file), KVFS_NOT_FOUND);
+  EXPECT_EQ(session.find("f"), KVFS_NOT_FOUND);
+  EXPECT_LOG(log);
+}
+
+TEST(SessionDamage, ItemWithoutItsThread_IsFoundByItsPathAlone) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 10);
+  (void)description.add_files(kRootFolderId, 5);
+  description.item(file).with_thread = false;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(session.id("f"), file);
+  EXPECT_EQ(find_id(session, file), KVFS_NOT_FOUND);
+  EXPECT_EQ(open_fork(session, file), KVFS_NOT_FOUND);
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "g"), KVFS_NOT_FOUND);
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_NOT_FOUND);
+  EXPECT_LOG(log);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// The names of these items are compared unit by unit, so that only walking leads to them.
+TEST(SessionDamage, KeyLongerThanAnyKey_IsPassedByTheListing) {
+  VolumeDescription description;
+  constexpr std::uint32_t kItems = 70;
+  constexpr std::uint32_t kOdd = 31;  // the last one of the listing's first batch
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  for (std::uint32_t i = 0; i < kItems; ++i) {
+    Name name(2, u'\0');
+    name.back() = static_cast<char16_t>(0x4E00 + i);
+    if (i == kOdd) {
+      continue;
+    }
+    (void)description.add_file(folder, name);
+  }
+  const Volume sound = build_volume(description);
+  // A record of the same name with 100 bytes behind it in its key.
+  Record record = dump_records(sound, Tree::kCatalog)[0];
+  for (const Record& other : dump_records(sound, Tree::kCatalog)) {
+    const Name name = name_of_key(other.first);
+    record = name.size() == 2 && name.back() == 0x4E00 + kOdd - 1 ? other : record;
+  }
+  record.first[record.first.size() - 1] = static_cast<std::uint8_t>(kOdd);
+  record.first.resize(700);
+  record.first[0] = (700 - 2) >> 8;
+  record.first[1] = (700 - 2) & 0xFF;
+  description.extra_catalog_records.push_back(record);
+  const TestSession session(build_volume(description));
+  LogCapture silence;
+  EXPECT_EQ(session.names("d").size(), kItems);
+}
+
+// ---- Threads and folders that lead astray --------------------------------------------------------------------------
+
+TEST(SessionDamage, FolderWithoutAThread_KeepsItsItemsWhereTheyAre) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t file = description.add_file(folder, u"f");
+  const std::uint32_t in_file = description.add_file(file, u"in a file");
+  (void)description.add_files(kRootFolderId, 5);
+  description.item(folder).with_thread = false;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "g"), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), in_file), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_find_removable Folder 16, which holds item 17, is missing.\n",
+             "ERROR kvfs_session_find_removable Folder 17, which holds item 18, is missing.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionDamage, FoldersThatLieInEachOther_TakeNoNewItems) {
+  VolumeDescription description;
+  const std::uint32_t one = description.add_folder(kRootFolderId, u"one");
+  const std::uint32_t two = description.add_folder(one, u"two");
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  (void)description.add_files(kRootFolderId, 5);
+  description.item(one).parent = two;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, two, "g"), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_find_place Folder 17 does not lie below the root folder.\n");
+  EXPECT_EQ(kvfs_session_rename(session.get(), one, one, "g"), KVFS_INVALID);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// A folder record where its thread should be has the folder for its own parent.
+TEST(SessionDamage, FolderInThePlaceOfItsThread_IsNotMoved) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  description.item(folder).with_thread = false;
+  description.extra_catalog_records.emplace_back(thread_key(folder), sound.record_data(*sound.find_by_cnid(folder)));
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_rename(session.get(), folder, KVFS_ROOT_ID, "g"), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), folder), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_find_item The thread of item 16 is no thread.\n",
+             "ERROR kvfs_session_find_item The thread of item 16 is no thread.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// The parent of the root folder should hold nothing else.
+TEST(SessionDamage, LabelThatIsTakenBesideTheRootFolder_IsRefusedAndChangesNothing) {
+  VolumeDescription description;
+  (void)description.add_file(kRootParentId, u"Taken");
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "taken"), KVFS_EXISTS);
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "Free"), KVFS_OK);
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "FREE"), KVFS_OK);
+  EXPECT_EQ(session.label(), "FREE");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+}
+
+TEST(SessionDamage, RingOfNodes_EndsASearchByWalking) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  (void)description.add_files(folder, 200);
+  Volume image = build_volume(description);
+  const std::vector<std::uint32_t> leaves = image.leaf_nodes(Tree::kCatalog);
+  ASSERT_GT(leaves.size(), 3U);
+  image.set_field("catalog.node[" + std::to_string(leaves[2]) + "].fLink", leaves[1]);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(session.find("d/%u0000"), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_step Folder 16 has more items than the catalog has room for.\n");
+}
+
+// ---- Hard links ----------------------------------------------------------------------------------------------------
+
+TEST(SessionDamage, HardLinkToAFolder_HasNoForks) {
+  VolumeDescription description;
+  const std::uint32_t link = description.add_hard_link(kRootFolderId, u"link", KVFS_ROOT_ID);
+  const TestSession session(build_volume(description));
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, link), KVFS_NOT_A_FILE);
+  EXPECT_LOG(log);
+}
+
+TEST(SessionDamage, HardLinkToADamagedFile_IsInconsistentAndNotMissing) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  const std::uint32_t link = description.add_hard_link(kRootFolderId, u"link", file);
+  Volume image = build_volume(description);
+  image.set_field(image.find_thread(file)->path() + ".nodeName.length", 300);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(open_fork(session, link), KVFS_INCONSISTENT);
+}
+
+TEST(SessionDamage, FilesThatOnlyLookLikeLinks_AreFiles) {
+  constexpr std::uint32_t kFolderLink = 0x66647270;
+  constexpr std::uint32_t kFolderLinkCreator = 0x4D414353;
+  VolumeDescription description;
+  description.item(description.add_file(kRootFolderId, u"type")).file_type = kFolderLink;
+  const std::uint32_t no_chain = description.add_file(kRootFolderId, u"no chain");
+  description.item(no_chain).file_type = kFolderLink;
+  description.item(no_chain).creator = kFolderLinkCreator;
+  description.item(description.add_file(kRootFolderId, u"soft")).mode = 0120777;
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.item("type").kind, KVFS_FILE);
+  EXPECT_EQ(session.item("no chain").kind, KVFS_FILE);
+  EXPECT_EQ(session.item("soft").kind, KVFS_SYMBOLIC_LINK) << "by its mode, as other systems make them";
+}
+
+// ---- Forks ---------------------------------------------------------------------------------------------------------
+
+// A resource fork of 12 extents of one block each: the first overflow record has four of them.
+constexpr std::uint32_t kFragmented = kFirstUserId;
+
+Volume volume_with_fragments() {
+  VolumeDescription description;
+  description.block_size = 512;
+  (void)description.add_file(kRootFolderId, u"f");
+  description.item(kFragmented).data = {512 * 3, {}, 3, 1, 0};
+  description.item(kFragmented).resource = {512 * 12, {}, 12, 1, 0};
+  (void)description.add_files(kRootFolderId, 5);
+  return build_volume(description);
+}
+
+TEST(SessionDamage, OverflowExtentsThatDoNotMakeUpAResourceFork_AreInconsistent) {
+  const Volume sound = volume_with_fragments();
+  const std::string record = sound.find_record(Tree::kExtents, extents_key(0xFF, kFragmented, 8))->path();
+  Volume missing = sound;
+  missing.set_field(record + ".key.startBlock", 9);
+  Volume empty = sound;
+  empty.set_field(record + ".extents[0].blockCount", 0);
+  empty.set_field(record + ".extents[0].startBlock", 0);
+  for (const char* extent : {".extents[1]", ".extents[2]", ".extents[3]"}) {
+    empty.set_field(record + extent + ".blockCount", 0);
+  }
+  Volume too_many = sound;
+  too_many.set_field(record + ".extents[3].blockCount", 2);
+  for (const Volume& image : {missing, empty, too_many}) {
+    const TestSession session(image);
+    LogCapture log;
+    EXPECT_EQ(open_fork(session, kFragmented, KVFS_RESOURCE_FORK), KVFS_INCONSISTENT);
+    EXPECT_LOG(log, "ERROR kvfs_session_open_fork Extents of the resource fork of file 16 end at block 8 of 12.\n");
+    LogCapture again;
+    EXPECT_EQ(kvfs_session_delete(session.get(), kFragmented), KVFS_INCONSISTENT);
+    EXPECT_LOG(again, "ERROR kvfs_session_open_fork Extents of the resource fork of file 16 end at block 8 of 12.\n");
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  }
+}
+
+TEST(SessionDamage, GapInTheExtentsOfAnOverflowRecord_IsInconsistent) {
+  Volume image = volume_with_fragments();
+  const std::string record = image.find_record(Tree::kExtents, extents_key(0xFF, kFragmented, 8))->path();
+  image.set_field(record + ".extents[1].blockCount", 0);
+  image.set_field(record + ".extents[1].startBlock", 0);
+  image.set_field(record + ".extents[2].blockCount", 2);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, kFragmented, KVFS_RESOURCE_FORK), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_fork_resolve_extents Last extent ends before the end of the fork.\n");
+}
+
+// Deleting such a file would free blocks that it does not count.
+TEST(SessionDamage, ExtentsOfMoreBlocksThanTheirFork_AreInconsistent) {
+  Volume image = volume_with_fragments();
+  image.set_field(field_of(image, kFragmented, ".resourceFork.totalBlocks"), 6);
+  image.set_field(field_of(image, kFragmented, ".resourceFork.logicalSize"), 512 * 6);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, kFragmented, KVFS_RESOURCE_FORK), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), kFragmented), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_open_fork Extents of file 16 have 8 blocks, and their fork 6.\n",
+             "ERROR kvfs_session_open_fork Extents of file 16 have 8 blocks, and their fork 6.\n");
+}
+
+TEST(SessionDamage, ExtentsWhoseSumWraps_AreInconsistent) {
+  Volume image = volume_with_fragments();
+  image.set_field(field_of(image, kFragmented, ".dataFork.extents[1].blockCount"), 0xFFFFFFFF);
+  image.set_field(field_of(image, kFragmented, ".dataFork.extents[2].blockCount"), 3);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, kFragmented), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_open_fork Extents of file 16 have 4294967299 blocks, and their fork 3.\n");
+}
+
+// The volume with 64 KiB at the beginning of each block; no special file has two blocks.
+Volume with_blocks_of_16_mib(const Volume& volume) {
+  constexpr std::uint64_t kSmall = std::uint64_t{1} << 16;
+  constexpr std::uint64_t kLarge = std::uint64_t{1} << 24;
+  const std::uint64_t blocks = volume.get_field("totalBlocks");
+  SparseImage image(blocks * kLarge);
+  for (std::uint64_t block = 0; block < blocks; ++block) {
+    image.write(block * kLarge, volume.read(block * kSmall, kSmall));
+  }
+  Volume large(image);
+  large.set_field("blockSize", kLarge);
+  return large;
+}
+
+TEST(SessionDamage, ExtentOfTooManyPieces_IsBeyondTheLimit) {
+  VolumeDescription description;
+  description.block_size = 65536;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  Volume image = with_blocks_of_16_mib(build_volume(description));
+  image.set_field("totalBlocks", 0xFFFFFFFF);
+  for (const char* field : {".dataFork.totalBlocks", ".dataFork.extents[0].blockCount"}) {
+    image.set_field(field_of(image, file, field), 0xF0000000);
+  }
+  const TestSession session(image, KVFS_OPEN_NO_ALLOCATION);
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, file), KVFS_LIMIT);
+  EXPECT_LOG(log, "ERROR kvfs_session_open_fork File 16 has extents of too many blocks.\n");
+}
+
+TEST(SessionDamage, RunThatEndsBehindTheVolume_IsNotFreed) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 8000);
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  const std::uint32_t last = static_cast<std::uint32_t>(image.get_field("totalBlocks")) - 1;
+  image.set_field(field_of(image, file, ".dataFork.extents[0].startBlock"), last);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_delete Blocks " + std::to_string(last) +
+                      " and 2 behind it cannot be those of file 16.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// A record may have bytes behind those that are known. They do not matter to readers, but would not survive a change.
+TEST(SessionDamage, LongRecords_AreReadAndNotChanged) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 10);
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t inner = description.add_file(folder, u"inner");
+  (void)description.add_files(folder, 5);
+  const Volume sound = build_volume(description);
+  for (const std::uint32_t id : {file, folder}) {
+    Bytes record = sound.record_data(*sound.find_by_cnid(id));
+    record.resize(600, 0xAB);
+    description.item(id).record = record;
+  }
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(session.id("d/inner"), inner);
+  EXPECT_EQ(session.read(file).size(), 10U);
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), inner), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_rename(session.get(), inner, KVFS_ROOT_ID, "outer"), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), folder, "link", "target", nullptr), KVFS_INCONSISTENT);
+  const std::string message = "ERROR kvfs_session_begin_change Record of item 17 has 600 bytes, and not 88.\n";
+  EXPECT_LOG(log, "ERROR kvfs_session_begin_change Record of item 16 has 600 bytes, and not 248.\n", message, message,
+             message);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionDamage, LinkTarget_IsReadUpTo64KiB) {
+  VolumeDescription description;
+  constexpr std::size_t kLongest = 65536;
+  const std::uint32_t empty = description.add_symlink(kRootFolderId, u"empty", "");
+  const std::uint32_t longest = description.add_symlink(kRootFolderId, u"longest", "");
+  const std::uint32_t longer = description.add_symlink(kRootFolderId, u"longer", "");
+  description.item(longest).data = {kLongest, Bytes(kLongest, 'x'), 1, 1, 0};
+  description.item(longer).data = {kLongest + 1, Bytes(kLongest + 1, 'x'), 1, 1, 0};
+  const TestSession session(build_volume(description));
+  std::string target(kLongest + 1, '?');
+  std::size_t length = 7;
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_read_link(session.get(), empty, target.data(), 1, &length), KVFS_OK);
+  EXPECT_EQ(length, 0U);
+  EXPECT_EQ(kvfs_session_read_link(session.get(), longest, nullptr, 0, &length), KVFS_OVERFLOW);
+  EXPECT_EQ(length, kLongest);
+  EXPECT_EQ(kvfs_session_read_link(session.get(), longest, target.data(), target.size(), &length), KVFS_OK);
+  EXPECT_EQ(target, std::string(kLongest, 'x') + '\0');
+  EXPECT_EQ(kvfs_session_read_link(session.get(), longer, target.data(), target.size(), &length), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_read_link Target of symbolic link is too long (65537 bytes).\n");
+}
+
+// ---- Counts --------------------------------------------------------------------------------------------------------
+
+TEST(SessionDamage, CatalogThatCountsFewerRecordsThanItLoses_IsNotWritten) {
+  VolumeDescription description;
+  const std::uint32_t first = description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  image.set_field("catalog.header.leafRecords", 1);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_delete(session.get(), first), KVFS_OK);
+  EXPECT_EQ(session.flush(), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_check_catalog Changed catalog has 4294967295 records, and had 1.\n");
+  EXPECT_EQ(session.flush(), KVFS_SPOILED);
+  EXPECT_TRUE(session.contents() == image);
+  EXPECT_EQ(kvfs_session_discard(session.get()), KVFS_OK);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+}
+
+TEST(SessionDamage, NextIDThatCannotBe_IsInconsistent) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  for (const std::uint32_t next : {15U, 0xFFFFFFFFU}) {
+    Volume image = sound;
+    image.set_field("nextCatalogID", next);
+    const TestSession session(image);
+    LogCapture log;
+    EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+    EXPECT_LOG(log, "ERROR kvfs_session_make_link The next catalog node ID cannot be " + std::to_string(next) + ".\n");
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  }
+}
+
+TEST(SessionFacts, EachBitOfTheAttributes_IsTold) {
+  struct {
+    std::uint32_t attributes;
+    int journaled, dirty, locked;
+  } const cases[] = {{0x100, 0, 0, 0}, {0, 0, 1, 0},      {0x900, 0, 1, 0}, {0x800, 0, 1, 0},
+                     {0x180, 0, 0, 1}, {0x8100, 0, 0, 1}, {0x2100, 1, 0, 0}};
+  for (const auto& c : cases) {
+    VolumeDescription description;
+    description.attributes = c.attributes;
+    const kvfs_volume_facts facts = TestSession(build_volume(description)).facts();
+    EXPECT_EQ(facts.attributes, c.attributes);
+    EXPECT_EQ(facts.is_journaled, c.journaled) << c.attributes;
+    EXPECT_EQ(facts.is_dirty, c.dirty) << c.attributes;
+    EXPECT_EQ(facts.is_locked, c.locked) << c.attributes;
+  }
+}
+
+}  // namespace
+}  // namespace kvfs_test
