@@ -431,6 +431,19 @@ TEST(ExpandFork, WithoutAFreeRun_IsAnInternalErrorAndChangesNothing) {
   }
 }
 
+// A run that begins at block 0, which a damaged allocation file calls free, is one nevertheless.
+TEST(ExpandFork, BlocksFromTheFirstOnAlone_AreARun) {
+  Volume image = startup_volume({});
+  for (std::uint32_t block = 0; block < kBlocks; ++block) {
+    image.set_block_used(block, block >= 8);
+  }
+  OpenVolume volume(image);
+  kvfs_allocation_location added = kUntouched;
+  EXPECT_EQ(kvfs_fork_expand(volume.fork(kStartup), volume.get(), &added), kvfs_ok);
+  EXPECT_EQ(added.start_block, 0u);
+  EXPECT_EQ(added.block_count, 4u);
+}
+
 // Q-fork-12
 TEST(ExpandFork, WithEightExtentsAndNoFreeRun_IsRefusedForItsExtents) {
   Volume image = startup_volume({.extents = kEightExtents});

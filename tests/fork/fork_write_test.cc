@@ -1199,6 +1199,19 @@ void expect_refused(const ForkShape& shape, const std::string& piece, std::uint6
              "ERROR kvfs_fork_flush_internal Error while writing fork to disk.\n");
 }
 
+// The modified block lies behind an item that was only read, and one that is not in the cache.
+// X-fork-5
+TEST(ForkFlush, BlockFarBehindABeginningWithinASector_IsRefusedWithoutAWrite) {
+  OpenFork fork(blocks_of_odd_size(3 << 20, {{1, 2048}}));
+  unsigned char byte = 0;
+  ASSERT_EQ(kvfs_fork_read(fork.get(), 0, &byte, 1, nullptr), kvfs_ok);
+  write_at(fork, 5 << 19, marker_bytes(1));
+  LogCapture silence;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_inconsistent);
+  EXPECT_EQ(transfers(faults), Lines{});
+}
+
 // X-fork-5
 TEST(ForkFlush, ExtentThatBeginsWithinASector_IsRefusedWithoutAWrite) {
   expect_refused(blocks_of_odd_size(3072, {{1, 2}}), "3072 bytes at device offset 1536");

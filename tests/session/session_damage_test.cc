@@ -183,14 +183,20 @@ TEST(SessionDamage, FolderWithoutAThread_KeepsItsItemsWhereTheyAre) {
   const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
   const std::uint32_t file = description.add_file(folder, u"f");
   const std::uint32_t in_file = description.add_file(file, u"in a file");
+  const std::uint32_t in_folder = description.add_folder(folder, u"in a folder");
+  const std::uint32_t folder_in_file = description.add_folder(file, u"folder in a file");
   (void)description.add_files(kRootFolderId, 5);
   description.item(folder).with_thread = false;
   const Volume image = build_volume(description);
   const TestSession session(image);
   LogCapture log;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), in_folder, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), folder_in_file, "l", "t", nullptr), KVFS_INCONSISTENT);
   EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "g"), KVFS_INCONSISTENT);
   EXPECT_EQ(kvfs_session_delete(session.get(), in_file), KVFS_INCONSISTENT);
-  EXPECT_LOG(log, "ERROR kvfs_session_find_removable Folder 16, which holds item 17, is missing.\n",
+  EXPECT_LOG(log, "ERROR kvfs_session_find_place Folder 19 does not lie below the root folder.\n",
+             "ERROR kvfs_session_find_place Folder 20 does not lie below the root folder.\n",
+             "ERROR kvfs_session_find_removable Folder 16, which holds item 17, is missing.\n",
              "ERROR kvfs_session_find_removable Folder 17, which holds item 18, is missing.\n");
   EXPECT_EQ(session.flush(), KVFS_OK);
   EXPECT_TRUE(session.contents() == image);

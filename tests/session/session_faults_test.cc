@@ -260,6 +260,18 @@ TEST(SessionListingFaults, FailureWhileGoingOn_IsMadeUpForByTheNextCall) {
   EXPECT_GT(failures, 32U);
 }
 
+TEST(SessionFindFaults, ThreadWithoutItsItem_IsNotFoundOrTheFailure) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  description.item(file).with_record = false;
+  LogCapture silence;
+  const TestSession session(build_volume(description));
+  fail_each(each(Call::kRwlockRdlock), [&](FailingRun& run) {
+    const std::uint64_t result = run.operate([&] { return kvfs_session_find_id(session.get(), file, item_to_fill()); });
+    EXPECT_EQ(result, run.failed() ? KVFS_FAILED : KVFS_NOT_FOUND);
+  });
+}
+
 TEST(SessionForkFaults, LongExtentWithoutMemory_IsNotOpened) {
   VolumeDescription description;
   const std::uint32_t file = description.add_file(kRootFolderId, u"f", std::uint64_t{5} << 30);

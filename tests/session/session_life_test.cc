@@ -133,6 +133,10 @@ TEST(SessionHandles, StreamOfADeletedFile_SaysThatThereIsNoSuchItem) {
   EXPECT_EQ(size, 5000U);
   ASSERT_EQ(kvfs_session_delete(session.get(), file), KVFS_OK);
   EXPECT_EQ(kvfs_stream_size(stream, &size), KVFS_NOT_FOUND);
+  char byte = 0;
+  std::size_t count = 7;
+  EXPECT_EQ(kvfs_stream_read(stream, 0, &byte, 1, &count), KVFS_NOT_FOUND);
+  EXPECT_EQ(count, 7U);
   ASSERT_EQ(kvfs_session_discard(session.get()), KVFS_OK);
   EXPECT_EQ(kvfs_stream_size(stream, &size), KVFS_OK);
   EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
