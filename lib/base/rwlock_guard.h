@@ -68,6 +68,12 @@ struct kvfs_lock_messages {
 #define KVFS_LOCK_MESSAGES_AS(routine, locking, level, unlocking) \
   KVFS_LOCK_MESSAGES_BY(KVFS_NAME_OF(routine), locking, level, unlocking, nullptr)
 
+// Says that a lock was refused.
+void kvfs_report_refused_lock(const kvfs_lock_messages& messages);
+
+// Gives a lock back behind some work, and says so if that fails. Returns the first failure.
+kvfs_result kvfs_release_lock(kvfs_rwlock_guard* guard, const kvfs_lock_messages& messages, kvfs_result result);
+
 // Takes a lock, does some work and gives the lock back: kvfs_with_read_lock, kvfs_with_write_lock. The work is called
 // without an argument and returns a kvfs_result; where the lock is refused it is not called.
 //
@@ -76,16 +82,11 @@ template <typename Guard, typename Work>
 kvfs_result kvfs_with_lock(kvfs_rwlock* lock, const kvfs_lock_messages& messages, const Work& work) {
   Guard guard(lock);
   if (guard.result() != kvfs_ok) {
-    void (*const report)(const char*, int, const char*, ...) = kvfs_log_error;  // the compiler checks no text here
-    report(messages.speaker, messages.line, messages.locking, messages.object);
+    kvfs_report_refused_lock(messages);
     return guard.result();
   }
   const kvfs_result result = work();
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    messages.report_unlocking(messages.speaker, messages.line, messages.unlocking, messages.object);
-  }
-  return kvfs_result_keep(result, unlocked);
+  return kvfs_release_lock(&guard, messages, result);
 }
 template <typename Work>
 kvfs_result kvfs_with_read_lock(kvfs_rwlock* lock, const kvfs_lock_messages& messages, const Work& work) {

@@ -135,8 +135,8 @@ kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocati
   if (result != kvfs_ok) {
     return result;
   }
-  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
-                                                         "Unexpected - Error while unlocking items lock!\n");
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
+                                                                    "Unexpected - Error while unlocking items lock!\n");
   result = kvfs_with_write_lock(fork->priv->items_lock, messages,
                                 [&] { return expand_by_run(fork, volume, clump / fork->block_size, run); });
   if (result == kvfs_ok) {

@@ -99,7 +99,7 @@ kvfs_result kvfs_fork_shrink(kvfs_fork* fork, kvfs_volume* volume, std::uint32_t
         to_ul(fork->priv->cnid));
     return kvfs_internal;
   }
-  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
-                                                         "Unexpected - Error while unlocking items lock!\n");
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while locking items lock.\n", critical,
+                                                                    "Unexpected - Error while unlocking items lock!\n");
   return kvfs_with_write_lock(fork->priv->items_lock, messages, [&] { return shrink_locked(fork, volume, blocks); });
 }

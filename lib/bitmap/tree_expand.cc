@@ -262,7 +262,7 @@ kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume) {
   if (tree->priv->tree_kind != kHFSCatalogFileID) {  // Q-btree-22
     return kvfs_ok;
   }
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
                          "Error while releasing write lock for open locators list. Will probably crash now...\n");
   return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {

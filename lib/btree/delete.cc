@@ -229,7 +229,7 @@ kvfs_result kvfs_btree_delete_record_internal(kvfs_btree* tree, kvfs_btree_recor
 }
 
 kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator* locator, std::uint32_t flag) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
                          "Error while releasing write lock for open locators list. Will probably crash now...\n");
   return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {

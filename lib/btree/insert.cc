@@ -164,7 +164,7 @@ kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key,
 
 kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const void* data, std::uint16_t data_size,
                                      const kvfs_btree_search_result* hint, kvfs_btree_record_locator** out_locator) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
                          "Error while releasing write lock for open locators list. Will probably crash now...\n");
   kvfs_btree_record_locator* locator = nullptr;

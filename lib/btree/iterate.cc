@@ -158,7 +158,7 @@ kvfs_result kvfs_btree_get_next_record_internal(kvfs_btree* tree, const kvfs_btr
 
 kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
                                        kvfs_btree_record_locator** out_locator) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while acquiring open locators list lock in write mode.\n", error,
                          "Error while releasing open locators list read-mode lock.\n");  // for writing: Q-btree-25
   kvfs_btree_record_locator* next = nullptr;

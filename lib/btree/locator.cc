@@ -234,7 +234,7 @@ void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool
 }
 
 void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while locking B-tree open locators list.\n", warning,
                          "Error while unlocking B-tree open locators list lock. Ignoring...\n");
   (void)kvfs_with_write_lock((*locator)->priv->tree->priv->open_locators_lock, messages, [&] {
@@ -279,7 +279,7 @@ kvfs_result kvfs_btree_record_locator_write_data(kvfs_btree_record_locator* loca
         data_size, std::size_t{locator->data_size});
     return kvfs_invalid;
   }
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while locking open locators list.\n", error, "Error while unlocking rwlock.\n");
   return kvfs_with_read_lock(locator->priv->tree->priv->open_locators_lock, messages,
                              [&] { return write_record_data(locator, data, data_size); });

@@ -430,7 +430,7 @@ kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, s
 }
 
 kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while acquiring open locators list lock in write mode.\n", error,
                          "Error while releasing open locators list read-mode lock.\n");  // for writing: Q-btree-25
   kvfs_btree_search_result found = {};

@@ -46,7 +46,7 @@ static void release_leaked_locators(kvfs_btree_private* priv) {
 
 void kvfs_btree_destroy(kvfs_btree** tree) {
   kvfs_btree_private* const priv = (*tree)->priv;
-  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
       "Error while acquiring open locators list lock! Leaking open locators on kvfs_btree destruction...\n", error,
       "Error while unlocking B-tree open locators list lock.\n");
   (void)kvfs_with_write_lock(priv->open_locators_lock, messages, [&] {

@@ -81,7 +81,7 @@ static void close_leaked_locators(kvfs_catalog_private* priv) {
 
 void kvfs_catalog_destroy(kvfs_catalog** catalog) {
   kvfs_catalog_private* const priv = (*catalog)->priv;
-  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
       "Error while acquiring open locators list lock! Leaking open locators on kvfs_catalog destruction...\n", warning,
       "Error while unlocking catalog open locators list lock. Ignoring...\n");
   (void)kvfs_with_write_lock(priv->open_locators_lock, messages, [&] {

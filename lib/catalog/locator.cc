@@ -99,7 +99,7 @@ kvfs_result kvfs_catalog_record_locator_open(kvfs_catalog* catalog, kvfs_btree_r
 
 kvfs_result kvfs_catalog_record_locator_set_parent_locator(kvfs_catalog_record_locator* locator,
                                                            kvfs_catalog_record_locator* parent) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while acquiring write lock for catalog open locators list.\n", error,
                          "Error while releasing lock for open locators list.\n");
   return kvfs_with_write_lock(locator->priv->catalog->priv->open_locators_lock, messages, [&] {
@@ -130,7 +130,7 @@ kvfs_result kvfs_catalog_record_locator_close_internal(kvfs_catalog_record_locat
 }
 
 void kvfs_catalog_record_locator_close(kvfs_catalog_record_locator** locator) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while locking catalog open locators list.\n", warning,
                          "Error while unlocking catalog open locators list lock. Ignoring...\n");
   (void)kvfs_with_write_lock((*locator)->priv->catalog->priv->open_locators_lock, messages,

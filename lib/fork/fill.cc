@@ -83,7 +83,7 @@ static kvfs_result make_range_valid(kvfs_fork* fork, std::uint64_t offset, std::
 }
 
 kvfs_result kvfs_fork_read_into_cache(kvfs_fork* fork, std::uint64_t offset, std::uint64_t length) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Unable to lock items lock.\n", critical, "Unexpected - Unable to unlock items lock!\n");
   return kvfs_with_write_lock(fork->priv->items_lock, messages, [&] { return make_range_valid(fork, offset, length); });
 }

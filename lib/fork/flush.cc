@@ -163,7 +163,7 @@ static kvfs_result flush_item(flush_piece* piece, kvfs_fork_cache_item* item, st
   if (checked != kvfs_ok) {
     return checked;
   }
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES_AS(kvfs_fork_process_write_io, "Error while write-locking item's item lock.\n", critical,
                             "Unexpected - Error while unlocking item's item lock.\n");
   return kvfs_with_write_lock(item->item_lock, messages, [&] {
@@ -321,14 +321,14 @@ kvfs_result kvfs_fork_flush_internal(kvfs_fork* fork, std::uint64_t offset, std:
   if (prepared != kvfs_ok) {
     return prepared;
   }
-  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while write-locking dirty lock.\n", critical,
-                                                         "Unexpected - Error while unlocking dirty lock!\n");
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while write-locking dirty lock.\n", critical,
+                                                                    "Unexpected - Error while unlocking dirty lock!\n");
   return kvfs_with_write_lock(fork->priv->dirty_lock, messages, [&] { return write_range(&flush, offset, length); });
 }
 
 kvfs_result kvfs_fork_flush(kvfs_fork* fork) {
-  const kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while read-locking items lock.\n", critical,
-                                                         "Unexpected - Error while unlocking items lock!\n");
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while read-locking items lock.\n", critical,
+                                                                    "Unexpected - Error while unlocking items lock!\n");
   return kvfs_with_read_lock(fork->priv->items_lock, messages, [&] {
     const kvfs_result result = kvfs_fork_flush_internal(fork, 0, fork->priv->logical_size);
     const std::size_t still_dirty = dirty_items(fork);

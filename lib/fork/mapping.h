@@ -29,8 +29,8 @@ class mapping {
   // Maps a range, where none is mapped; offset and length in bytes. Returns what kvfs_fork_map returns.
   kvfs_result map(kvfs_fork* fork, std::uint64_t offset, std::size_t length);
 
-  // Unmaps what is mapped, if anything is. On failure the range counts as mapped still. Returns kvfs_ok or what
-  // kvfs_fork_unmap returns.
+  // Unmaps what is mapped, if anything is. On failure the range counts as mapped still, unless only a lock could not be
+  // given back behind it. Returns kvfs_ok or what kvfs_fork_unmap returns.
   kvfs_result unmap();
 
   // The mapped bytes; null while nothing is mapped.

@@ -118,7 +118,7 @@ static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, con
 
 // Writes to the items with dirty_lock held; the caller holds items_lock for writing.
 static kvfs_result write_dirty_locked(kvfs_fork* fork, const write_range& range, const unsigned char* bytes) {
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES_AS(kvfs_fork_write, "Error while write-locking dirty lock.\n", critical,
                             "Unexpected - Error while unlocking dirty lock!\n");
   return kvfs_with_write_lock(fork->priv->dirty_lock, messages, [&] { return write_to_items(fork, range, bytes); });
@@ -146,7 +146,7 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
   if (result != kvfs_ok) {
     return result;
   }
-  const kvfs_lock_messages messages =
+  static constexpr kvfs_lock_messages messages =
       KVFS_LOCK_MESSAGES("Error while read-locking items lock.\n", critical,  // taken for writing: Q-fork-14
                          "Unexpected - Error while unlocking items lock!\n");
   result = kvfs_with_write_lock(fork->priv->items_lock, messages, [&] {
