@@ -324,8 +324,8 @@ TEST_F(Examples, InC_FirstSteps_PrintsLabelAndFileAndChangesTheLabel) {
   EXPECT_EQ(run("c/first_steps", {"R\u00E9sum\u00E9", "/README"}), printed("Caf\u00E9\nDear\n"));
   EXPECT_EQ(to_utf8(read_label(volume())), "Re\u0301sume\u0301");
   EXPECT_EQ(findings(), "");
-  expect_refused("c/first_steps", {"Label", "/none"}, "");
-  expect_refused("c/first_steps", {"Label"}, "");
+  expect_refused("c/first_steps", {"Label", "/none"}, "there is no such item\n");
+  expect_refused("c/first_steps", {"Label"}, "an argument is not acceptable\n");
 }
 
 TEST_F(Examples, InC_ChangeWhatIsThere) {
