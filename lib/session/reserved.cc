@@ -112,7 +112,7 @@ static kvfs_result find_alternate_header(kvfs_session* session, std::uint64_t fi
     return result;
   }
   for (*index = 0; *index < kTailSectors; ++*index) {
-    const unsigned char* const sector = tail + *index * kSessionSectorSize;
+    const unsigned char* const sector = tail + std::size_t{*index} * kSessionSectorSize;
     const std::uint16_t signature = kvfs_view_as<HFSPlusVolumeHeader>(sector)->signature.get();
     if (signature == kHFSPlusSigWord || signature == kHFSXSigWord) {
       break;

@@ -312,6 +312,29 @@ TEST(SessionForkFaults, LongExtentWithoutMemory_IsNotOpened) {
   EXPECT_THAT(messages, HasSubstr("ERROR kvfs_session_open_fork Error while allocating 24 bytes for extents.\n"));
 }
 
+// The end of the volume is looked at only when a file has its last blocks, which may hold the alternate header.
+TEST(SessionDeleteFaults, EndOfTheVolumeThatCannotBeRead_LeavesTheVolumeAsItWas) {
+  VolumeDescription description;
+  description.trailing_bytes = 1536;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume elsewhere = build_volume(description);
+  Volume at_the_end = elsewhere;
+  const std::uint32_t last = static_cast<std::uint32_t>(elsewhere.get_field("totalBlocks")) - 1;
+  at_the_end.set_field(elsewhere.find_by_cnid(file)->path() + ".dataFork.extents[0].startBlock", last);
+  at_the_end.set_block_used(last, true);
+  const auto failures = [&](const Volume& image) {
+    return fail_each(each(Call::kPread64), [&](FailingRun& run) {
+      LogCapture silence;
+      const TestSession session(image);
+      const std::uint64_t result = run.operate([&] { return kvfs_session_delete(session.get(), file); });
+      EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
+      EXPECT_TRUE(session.contents() == image);
+    });
+  };
+  EXPECT_EQ(failures(at_the_end), failures(elsewhere) + 1);
+}
+
 TEST(SessionCloseFaults, LockThatCannotBeTaken_LeavesTheHandleOpen) {
   TestSession session(faults_volume());
   kvfs_listing* listing = nullptr;
