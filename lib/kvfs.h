@@ -392,8 +392,8 @@ uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder
 //
 // Returns KVFS_OK; KVFS_NOT_EMPTY; KVFS_INVALID for the root folder, without the allocation file, for private folders
 // and for a file that hard links stand for; KVFS_LIMIT for a hard link or folder link, whose target would have to be
-// counted; KVFS_INCONSISTENT, with nothing changed, for a file whose blocks lie outside the volume or are free already;
-// or as said above.
+// counted; KVFS_INCONSISTENT, with nothing changed, for a file whose blocks lie outside the volume, are free already or
+// belong to the volume itself; or as said above.
 uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 
 // Makes a symbolic link.

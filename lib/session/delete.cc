@@ -16,25 +16,6 @@
 
 // ---- Blocks --------------------------------------------------------------------------------------------------------
 
-static bool overlap(kvfs_block_run a, kvfs_block_run b) {
-  return a.first < std::uint64_t{b.first} + b.count && b.first < std::uint64_t{a.first} + a.count;
-}
-
-// Whether a run reaches into a special file or a volume header, which no file may.
-static bool is_of_volume(const HFSPlusVolumeHeader& header, kvfs_block_run run) {
-  const HFSPlusForkData* const forks[] = {&header.allocationFile, &header.extentsFile, &header.catalogFile,
-                                          &header.attributesFile, &header.startupFile};
-  for (const HFSPlusForkData* fork : forks) {
-    for (const HFSPlusExtentDescriptor& extent : fork->extents.extents) {
-      if (overlap(run, {extent.startBlock.get(), extent.blockCount.get()})) {
-        return true;
-      }
-    }
-  }
-  const std::uint64_t block_size = header.blockSize.get();
-  return run.first * block_size < kVolumeHeaderOffset + kVolumeHeaderSize;
-}
-
 // Notes blocks that the next flush is to free.
 static kvfs_result add_freed(kvfs_session* session, kvfs_block_run run) {
   const std::size_t size = (std::size_t{session->freed_count} + 1) * sizeof(kvfs_block_run);
@@ -52,8 +33,7 @@ static kvfs_result check_run(kvfs_session* session, std::uint32_t id, kvfs_block
   const HFSPlusVolumeHeader& header = *session->volume->header;
   bool in_use = false;
   kvfs_result result = kvfs_ok;
-  if (run.first > header.totalBlocks.get() || run.count > header.totalBlocks.get() - run.first ||
-      is_of_volume(header, run)) {
+  if (run.first > header.totalBlocks.get() || run.count > header.totalBlocks.get() - run.first) {
     result = kvfs_inconsistent;
   } else {
     result = kvfs_session_run_in_use(session, run, &in_use);
@@ -73,14 +53,16 @@ static kvfs_result collect_fork(kvfs_session* session, const HFSPlusCatalogFile*
   if (result != kvfs_ok) {
     return result;
   }
-  const kvfs_fork_private* const priv = fork.fork->priv;
-  for (std::uint32_t i = 0; i < priv->fork_extents_count && result == kvfs_ok; ++i) {
-    const HFSPlusExtentDescriptor& extent = priv->fork_extents[i];
-    const kvfs_block_run run = {extent.startBlock.get(), extent.blockCount.get()};
+  const kvfs_session_extents extents = {fork.fork->priv->fork_extents, fork.fork->priv->fork_extents_count};
+  for (std::uint32_t i = 0; i < extents.count && result == kvfs_ok; ++i) {
+    const kvfs_block_run run = {extents.array[i].startBlock.get(), extents.array[i].blockCount.get()};
     result = check_run(session, file->fileID.get(), run);
     if (result == kvfs_ok) {
       result = add_freed(session, run);
     }
+  }
+  if (result == kvfs_ok) {
+    result = kvfs_session_check_unreserved(session, file->fileID.get(), extents);
   }
   kvfs_session_close_fork(&fork);
   return result;

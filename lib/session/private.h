@@ -237,6 +237,19 @@ kvfs_result kvfs_session_run_in_use(kvfs_session* session, kvfs_block_run run, b
 // piece are cleared together, or none.
 kvfs_result kvfs_session_clear_run(kvfs_session* session, kvfs_block_run run, std::uint32_t* cleared);
 
+// Extents of a fork, in on-disk byte order.
+struct kvfs_session_extents {
+  HFSPlusExtentDescriptor* array;
+  std::uint32_t count;
+};
+
+// Checks that blocks of a file, none of them behind the volume's last one, are not those of a special file or of a
+// volume header. Sorts the file's extents by their first blocks.
+//
+// Returns kvfs_ok; kvfs_inconsistent; or the failure of finding the extents of a special file or of reading the end of
+// the volume.
+kvfs_result kvfs_session_check_unreserved(kvfs_session* session, std::uint32_t id, kvfs_session_extents file);
+
 // ---- Changes; in the session's turn --------------------------------------------------------------------------------
 
 // Whether the session may change anything: kvfs_ok, kvfs_read_only or kvfs_spoiled. Counts the catalog's records when

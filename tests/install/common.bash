@@ -32,8 +32,8 @@ expect() {
     fail "$folder does not hold what it should"
 }
 
-# expect_label COMMAND...: the command prints the label of the volume that `make_sample MAKE_VOLUME` has made.
-make_sample() { "$1" --label Installed "$work/volume" >/dev/null; }
+# expect_label COMMAND...: the command prints the label of the volume that `make_sample MAKE_VOLUME OPTION...` has made.
+make_sample() { "$1" --label Installed "${@:2}" "$work/volume" >/dev/null; }
 expect_label() {
   [[ $("$@" "$work/volume") == Installed ]] || fail "$* does not print the label"
 }

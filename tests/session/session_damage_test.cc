@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -474,6 +475,127 @@ TEST(SessionDamage, LinkTarget_IsReadUpTo64KiB) {
   EXPECT_EQ(target, std::string(kLongest, 'x') + '\0');
   EXPECT_EQ(kvfs_session_read_link(session.get(), longer, target.data(), target.size(), &length), KVFS_INCONSISTENT);
   EXPECT_LOG(log, "ERROR kvfs_session_read_link Target of symbolic link is too long (65537 bytes).\n");
+}
+
+// ---- Blocks that are not the file's --------------------------------------------------------------------------------
+
+constexpr std::uint32_t kClaimant = kFirstUserId;
+
+// Special files of more extents than the volume header has room for, and a file of one block.
+VolumeDescription description_of_fragments() {
+  VolumeDescription description;
+  description.block_size = 512;
+  description.size = 32 << 20;
+  description.catalog.extent_count = 12;
+  description.attributes_tree.extent_count = 12;
+  description.allocation_extent_count = 8;
+  description.startup_blocks = 3;
+  (void)description.add_file(kRootFolderId, u"f", 512);
+  (void)description.add_files(kRootFolderId, 5);
+  return description;
+}
+
+// The volume with the file's block at another place, which is in use.
+Volume with_claim(Volume image, std::uint32_t block) {
+  image.set_field(field_of(image, kClaimant, ".dataFork.extents[0].startBlock"), block);
+  image.set_block_used(block, true);
+  return image;
+}
+
+void expect_not_freed(const Volume& image, const std::string& message) {
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, message);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+std::string of_the_volume(std::uint32_t block) {
+  return "ERROR kvfs_session_delete Block " + std::to_string(block) + " of file 16 belongs to the volume itself.\n";
+}
+
+// X-session-1
+TEST(SessionDamage, BlockOfASpecialFile_IsNotFreed) {
+  const Volume sound = build_volume(description_of_fragments());
+  struct {
+    SpecialFile file;
+    std::size_t extents;
+  } const cases[] = {{SpecialFile::kExtents, 1},
+                     {SpecialFile::kCatalog, 12},
+                     {SpecialFile::kAllocation, 8},
+                     {SpecialFile::kStartup, 1},
+                     {SpecialFile::kAttributes, 12}};
+  for (const auto& c : cases) {
+    const std::vector<Extent> extents = sound.fork(c.file).extents();
+    ASSERT_EQ(extents.size(), c.extents);
+    for (const Extent& extent : extents) {
+      const std::uint32_t block = extent.start_block + extent.block_count - 1;
+      expect_not_freed(with_claim(sound, block), of_the_volume(block));
+    }
+  }
+}
+
+// The runs before and behind those of the special files are the file's.
+TEST(SessionDamage, BlocksBesideThoseOfTheVolume_AreFreed) {
+  VolumeDescription description = description_of_fragments();
+  description.item(kClaimant).data = {512 * 60, {}, 60, 1, 0};
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+// X-session-1
+TEST(SessionDamage, ExtentThatHoldsThoseOfASpecialFile_IsNotFreed) {
+  Volume image = build_volume(description_of_fragments());
+  const std::vector<Extent> extents = image.fork(SpecialFile::kAttributes).extents();
+  const std::uint32_t first = extents[9].start_block - 1;
+  const std::uint32_t count = extents[11].start_block - first;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    image.set_block_used(first + i, true);
+  }
+  image = with_claim(image, first);
+  for (const char* field : {".dataFork.totalBlocks", ".dataFork.extents[0].blockCount"}) {
+    image.set_field(field_of(image, kClaimant, field), count);
+  }
+  expect_not_freed(image, of_the_volume(first + 1));
+}
+
+// X-session-1
+TEST(SessionDamage, SpecialFileWhoseExtentsCannotBeFound_LetsNoFileBeDeleted) {
+  Volume image = build_volume(description_of_fragments());
+  std::uint32_t blocks = 0;
+  for (std::size_t i = 0; i < 8; ++i) {
+    blocks += image.fork(SpecialFile::kAttributes).extents()[i].block_count;
+  }
+  const std::string record = image.find_record(Tree::kExtents, extents_key(0, 8, blocks))->path();
+  image.set_field(record + ".key.startBlock", blocks + 1);
+  expect_not_freed(image, "ERROR kvfs_fork_resolve_extents No overflow extent found for CNID 8 starting with block " +
+                              std::to_string(blocks) + ".\n");
+}
+
+// X-session-1
+TEST(SessionDamage, BlockOfTheAlternateHeader_IsNotFreed) {
+  VolumeDescription description;
+  (void)description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  for (const std::uint32_t block_size : {512U, 4096U}) {
+    for (const std::uint32_t trailing : {0U, 512U, 1024U, 1536U}) {
+      if (trailing >= block_size) {
+        continue;
+      }
+      description.block_size = block_size;
+      description.trailing_bytes = trailing;
+      const Volume sound = build_volume(description);
+      const std::uint32_t end = static_cast<std::uint32_t>(sound.get_field("totalBlocks"));
+      const std::uint32_t first = static_cast<std::uint32_t>((sound.size() - 1024) / block_size);
+      for (std::uint32_t block = first; block < end; ++block) {
+        expect_not_freed(with_claim(sound, block), of_the_volume(block));
+      }
+      const TestSession session(with_claim(sound, std::min(first, end) - 1));
+      EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK) << block_size << ' ' << trailing;
+    }
+  }
 }
 
 // ---- Counts --------------------------------------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "campaign/report.h"
 #include "fault_injection.h"
 #include "log_capture.h"
 #include "session_fixture.h"
@@ -45,6 +46,7 @@ Volume faults_volume() {
 
 struct SessionOperation {
   const char* name;
+  const char* functions;  // as the report has them
   std::function<std::uint64_t(kvfs_session*)> run;
   bool changes = false;
 };
@@ -96,58 +98,86 @@ std::uint64_t flush_after_changes(kvfs_session* session) {
 
 std::vector<SessionOperation> operations() {
   return {
-      {"find", [](kvfs_session* s) { return kvfs_session_find(s, KVFS_ROOT_ID, "d/file", item_to_fill()); }},
-      {"find_id", [](kvfs_session* s) { return kvfs_session_find_id(s, kFile, item_to_fill()); }},
-      {"list", list},
-      {"read_data", [](kvfs_session* s) { return read_file(s, kFile, KVFS_DATA_FORK); }},
-      {"read_resource", [](kvfs_session* s) { return read_file(s, kFile, KVFS_RESOURCE_FORK); }},
-      {"read_hard_link", [](kvfs_session* s) { return read_file(s, kFile + 5, KVFS_DATA_FORK); }},
-      {"read_link",
+      {"find", "kvfs_session_find",
+       [](kvfs_session* s) { return kvfs_session_find(s, KVFS_ROOT_ID, "d/file", item_to_fill()); }},
+      {"find_id", "kvfs_session_find_id",
+       [](kvfs_session* s) { return kvfs_session_find_id(s, kFile, item_to_fill()); }},
+      {"list", "kvfs_listing_open and kvfs_listing_next", list},
+      {"read_data", "kvfs_stream_open and kvfs_stream_read",
+       [](kvfs_session* s) { return read_file(s, kFile, KVFS_DATA_FORK); }},
+      {"read_resource", "kvfs_stream_open and kvfs_stream_read, resource fork",
+       [](kvfs_session* s) { return read_file(s, kFile, KVFS_RESOURCE_FORK); }},
+      {"read_hard_link", "kvfs_stream_open and kvfs_stream_read, hard link",
+       [](kvfs_session* s) { return read_file(s, kFile + 5, KVFS_DATA_FORK); }},
+      {"read_link", "kvfs_session_read_link",
        [](kvfs_session* s) {
          char text[KVFS_TARGET_SIZE];
          return kvfs_session_read_link(s, kFile + 2, text, sizeof(text), nullptr);
        }},
-      {"label",
+      {"label", "kvfs_session_label",
        [](kvfs_session* s) {
          char text[KVFS_LABEL_SIZE];
          return kvfs_session_label(s, KVFS_LABEL_COMPOSED, text, sizeof(text), nullptr);
        }},
-      {"facts",
+      {"facts", "kvfs_session_facts",
        [](kvfs_session* s) {
          kvfs_volume_facts facts;
          facts.struct_size = sizeof(facts);
          return kvfs_session_facts(s, &facts);
        }},
-      {"block_in_use",
+      {"block_in_use", "kvfs_session_block_in_use",
        [](kvfs_session* s) {
          int in_use = 0;
          return kvfs_session_block_in_use(s, 5, &in_use);
        }},
-      {"count_free_blocks",
+      {"count_free_blocks", "kvfs_session_count_free_blocks",
        [](kvfs_session* s) {
          std::uint32_t count = 0;
          return kvfs_session_count_free_blocks(s, &count);
        }},
-      {"discard", [](kvfs_session* s) { return kvfs_session_discard(s); }},
-      {"set_label", [](kvfs_session* s) { return kvfs_session_set_label(s, "Another"); }, true},
-      {"rename", [](kvfs_session* s) { return kvfs_session_rename(s, kFile, KVFS_ROOT_ID, "elsewhere"); }, true},
-      {"delete", [](kvfs_session* s) { return kvfs_session_delete(s, kFile); }, true},
-      {"delete_folder", [](kvfs_session* s) { return kvfs_session_delete(s, id_of(s, "empty")); }, true},
-      {"make_link", [](kvfs_session* s) { return kvfs_session_make_link(s, kFolder, "link", "target", nullptr); },
+      {"discard", "kvfs_session_discard", [](kvfs_session* s) { return kvfs_session_discard(s); }},
+      {"set_label", "kvfs_session_set_label", [](kvfs_session* s) { return kvfs_session_set_label(s, "Another"); },
        true},
-      {"flush", flush_after_changes, true},
+      {"rename", "kvfs_session_rename",
+       [](kvfs_session* s) { return kvfs_session_rename(s, kFile, KVFS_ROOT_ID, "elsewhere"); }, true},
+      {"delete", "kvfs_session_delete", [](kvfs_session* s) { return kvfs_session_delete(s, kFile); }, true},
+      {"delete_folder", "kvfs_session_delete, folder",
+       [](kvfs_session* s) { return kvfs_session_delete(s, id_of(s, "empty")); }, true},
+      {"make_link", "kvfs_session_make_link",
+       [](kvfs_session* s) { return kvfs_session_make_link(s, kFolder, "link", "target", nullptr); }, true},
+      {"flush", "kvfs_session_flush", flush_after_changes, true},
   };
 }
 
-std::vector<FailingCalls> failing_calls() {
+struct Kind {
+  const char* name;
+  FailingCalls failing;
+};
+
+std::vector<Kind> kinds() {
   return {
-      each_allocation(),         each(Call::kRwlockInit),
-      each(Call::kRwlockRdlock), each(Call::kRwlockWrlock),
-      each(Call::kRwlockUnlock), each(Call::kFlock),
-      each(Call::kPread64),      each(Call::kPread64, Fault::short_by(1)),
-      each(Call::kPwrite64),     each(Call::kPwrite64, Fault::short_by(1)),
-      each(Call::kFsync),
+      {"memory", each_allocation()},
+      {"lock made", each(Call::kRwlockInit)},
+      {"read lock", each(Call::kRwlockRdlock)},
+      {"write lock", each(Call::kRwlockWrlock)},
+      {"unlock", each(Call::kRwlockUnlock)},
+      {"flock", each(Call::kFlock)},
+      {"read", each(Call::kPread64)},
+      {"read short", each(Call::kPread64, Fault::short_by(1))},
+      {"write", each(Call::kPwrite64)},
+      {"write short", each(Call::kPwrite64, Fault::short_by(1))},
+      {"sync", each(Call::kFsync)},
   };
+}
+
+// Lets each call of an operation fail, and reports how many did.
+void fail_each_kind(const std::string& functions, const std::function<void(FailingRun&)>& run) {
+  std::vector<FailureCount> counts;
+  for (const Kind& kind : kinds()) {
+    SCOPED_TRACE(kind.name);
+    counts.push_back({kind.name, fail_each(kind.failing, run)});
+  }
+  report_failures(functions, counts);
 }
 
 class SessionFaults : public ::testing::TestWithParam<SessionOperation> {};
@@ -174,20 +204,18 @@ TEST_P(SessionFaults, EachFailure_LeavesASessionThatCanGoOn) {
     const TestSession session(image);
     EXPECT_EQ(GetParam().run(session.get()), KVFS_OK);
   }
-  for (const FailingCalls& failing : failing_calls()) {
-    fail_each(failing, [&](FailingRun& run) {
-      if (::testing::Test::HasFailure()) {
-        return;  // one is enough
-      }
-      LogCapture silence;
-      const TestSession session(image);
-      const std::uint64_t result = run.operate([&] { return GetParam().run(session.get()); });
-      if (run.failed()) {
-        EXPECT_TRUE(result <= KVFS_LIMIT || result == KVFS_SPOILED || result == KVFS_CLOSED) << result;
-        expect_whole(session, result, GetParam().name);
-      }
-    });
-  }
+  fail_each_kind(GetParam().functions, [&](FailingRun& run) {
+    if (::testing::Test::HasFailure()) {
+      return;  // one is enough
+    }
+    LogCapture silence;
+    const TestSession session(image);
+    const std::uint64_t result = run.operate([&] { return GetParam().run(session.get()); });
+    if (run.failed()) {
+      EXPECT_TRUE(result <= KVFS_LIMIT || result == KVFS_SPOILED || result == KVFS_CLOSED) << result;
+      expect_whole(session, result, GetParam().name);
+    }
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, SessionFaults, ::testing::ValuesIn(operations()),
@@ -195,21 +223,19 @@ INSTANTIATE_TEST_SUITE_P(Operations, SessionFaults, ::testing::ValuesIn(operatio
 
 TEST(SessionOpenFaults, EachFailure_LeavesNothingBehind) {
   const MemoryFile file(faults_volume());
-  for (const FailingCalls& failing : failing_calls()) {
-    fail_each(failing, [&](FailingRun& run) {
-      LogCapture silence;
-      kvfs_session* session = nullptr;
-      const std::uint64_t result = run.operate(
-          [&] { return kvfs_session_open(file.path().c_str(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session); });
-      EXPECT_TRUE(run.failed() || result == KVFS_OK);
-      EXPECT_EQ(result == KVFS_OK, session != nullptr);
-      if (session != nullptr) {
-        const FaultInjector::Pause pause;
-        EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
-      }
-      EXPECT_EQ(run.faults().outstanding_allocations(), 0U) << "result " << result;
-    });
-  }
+  fail_each_kind("kvfs_session_open", [&](FailingRun& run) {
+    LogCapture silence;
+    kvfs_session* session = nullptr;
+    const std::uint64_t result = run.operate(
+        [&] { return kvfs_session_open(file.path().c_str(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session); });
+    EXPECT_TRUE(run.failed() || result == KVFS_OK);
+    EXPECT_EQ(result == KVFS_OK, session != nullptr);
+    if (session != nullptr) {
+      const FaultInjector::Pause pause;
+      EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+    }
+    EXPECT_EQ(run.faults().outstanding_allocations(), 0U) << "result " << result;
+  });
 }
 
 // The lock that an opening has taken goes with its failure: the descriptor stays with the caller.
@@ -217,18 +243,16 @@ TEST(SessionOpenFaults, EachFailureOnADescriptor_LeavesItUnlocked) {
   const MemoryFile file(faults_volume());
   const int other = open(file.path().c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_GE(other, 0);
-  for (const FailingCalls& failing : failing_calls()) {
-    fail_each(failing, [&](FailingRun& run) {
-      LogCapture silence;
-      kvfs_session* session = nullptr;
-      (void)run.operate(
-          [&] { return kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session); });
-      const FaultInjector::Pause pause;
-      EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
-      EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
-      EXPECT_EQ(flock(other, LOCK_UN), 0);
-    });
-  }
+  fail_each_kind("kvfs_session_open_descriptor", [&](FailingRun& run) {
+    LogCapture silence;
+    kvfs_session* session = nullptr;
+    (void)run.operate(
+        [&] { return kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &session); });
+    const FaultInjector::Pause pause;
+    EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(flock(other, LOCK_UN), 0);
+  });
   close(other);
 }
 
@@ -286,6 +310,29 @@ TEST(SessionForkFaults, LongExtentWithoutMemory_IsNotOpened) {
     messages += without_line_numbers(run.log().raw());
   });
   EXPECT_THAT(messages, HasSubstr("ERROR kvfs_session_open_fork Error while allocating 24 bytes for extents.\n"));
+}
+
+// The end of the volume is looked at only when a file has its last blocks, which may hold the alternate header.
+TEST(SessionDeleteFaults, EndOfTheVolumeThatCannotBeRead_LeavesTheVolumeAsItWas) {
+  VolumeDescription description;
+  description.trailing_bytes = 1536;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume elsewhere = build_volume(description);
+  Volume at_the_end = elsewhere;
+  const std::uint32_t last = static_cast<std::uint32_t>(elsewhere.get_field("totalBlocks")) - 1;
+  at_the_end.set_field(elsewhere.find_by_cnid(file)->path() + ".dataFork.extents[0].startBlock", last);
+  at_the_end.set_block_used(last, true);
+  const auto failures = [&](const Volume& image) {
+    return fail_each(each(Call::kPread64), [&](FailingRun& run) {
+      LogCapture silence;
+      const TestSession session(image);
+      const std::uint64_t result = run.operate([&] { return kvfs_session_delete(session.get(), file); });
+      EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
+      EXPECT_TRUE(session.contents() == image);
+    });
+  };
+  EXPECT_EQ(failures(at_the_end), failures(elsewhere) + 1);
 }
 
 TEST(SessionCloseFaults, LockThatCannotBeTaken_LeavesTheHandleOpen) {

@@ -23,6 +23,7 @@ struct Options {
   std::uint32_t files = 0;
   std::uint32_t folders = 0;
   std::uint32_t overflow_records = 0;
+  std::optional<std::string> readme;
   std::string path;
   bool help = false;
 };
@@ -99,6 +100,8 @@ const std::vector<Option>& options_table() {
        [](Options& o, const std::string& v) { o.files = to_u32(v); }},
       {"--folders", "N", "so many empty folders in the root folder",
        [](Options& o, const std::string& v) { o.folders = to_u32(v); }},
+      {"--readme", "TEXT", "a file README with this text in the root folder",
+       [](Options& o, const std::string& v) { o.readme = v; }},
       {"--fragments", "N", "extents of the catalog file (1)",
        [](Options& o, const std::string& v) { o.description.catalog.extent_count = to_u32(v); }},
       {"--overflow-records", "N", "so many extents overflow records of one file",
@@ -175,6 +178,10 @@ void make(Options& options) {
   VolumeDescription& description = options.description;
   (void)description.add_folders(kvfs_test::kRootFolderId, options.folders);
   (void)description.add_files(kvfs_test::kRootFolderId, options.files);
+  if (options.readme) {
+    (void)description.add_file_with(kvfs_test::kRootFolderId, u"README",
+                                    {options.readme->begin(), options.readme->end()});
+  }
   if (options.overflow_records != 0) {
     (void)description.add_overflow_records(options.overflow_records);
   }

@@ -317,6 +317,17 @@ TEST_F(Examples, InC_ReadWhatIsThere) {
   EXPECT_EQ(run("c/read_file", {"docs/link"}), printed(std::string(1234, '\0')));
 }
 
+TEST_F(Examples, InC_FirstSteps_PrintsLabelAndFileAndChangesTheLabel) {
+  VolumeDescription description = described();
+  (void)description.add_file_with(kRootFolderId, u"README", {'D', 'e', 'a', 'r'});
+  make(description);
+  EXPECT_EQ(run("c/first_steps", {"R\u00E9sum\u00E9", "/README"}), printed("Caf\u00E9\nDear\n"));
+  EXPECT_EQ(to_utf8(read_label(volume())), "Re\u0301sume\u0301");
+  EXPECT_EQ(findings(), "");
+  expect_refused("c/first_steps", {"Label", "/none"}, "there is no such item\n");
+  expect_refused("c/first_steps", {"Label"}, "an argument is not acceptable\n");
+}
+
 TEST_F(Examples, InC_ChangeWhatIsThere) {
   EXPECT_EQ(run("c/set_label", {"R\u00E9sum\u00E9"}), printed(""));
   EXPECT_EQ(run("c/change_items", {"rename", "docs/data", "empty", "moved"}), printed(""));

@@ -1,0 +1,156 @@
+// Blocks that no file may have: those of the special files and of both volume headers. A damaged volume may let a file
+// share them, and deleting it would have the next file that grows written over them (X-session-1).
+
+#include <cstdlib>
+
+#include "base/arithmetic.h"
+#include "base/owned.h"
+#include "device.h"
+#include "fork/private.h"
+#include "session/private.h"
+#include "volume.h"
+
+// ---- Common blocks -------------------------------------------------------------------------------------------------
+
+static std::uint64_t end_of(const HFSPlusExtentDescriptor& extent) {
+  return std::uint64_t{extent.startBlock.get()} + extent.blockCount.get();
+}
+
+static int compare_starts(const void* a, const void* b) {
+  const std::uint32_t start_a = kvfs_view_as<HFSPlusExtentDescriptor>(a)->startBlock.get();
+  const std::uint32_t start_b = kvfs_view_as<HFSPlusExtentDescriptor>(b)->startBlock.get();
+  return start_a == start_b ? 0 : (start_a < start_b ? -1 : 1);
+}
+
+static void sort(kvfs_session_extents extents) {
+  if (extents.count != 0) {
+    std::qsort(extents.array, extents.count, sizeof(*extents.array), compare_starts);
+  }
+}
+
+// Finds a block that two sorted lists have in common, in one walk over both: an extent shares it with the other list
+// when it begins before the furthest end there. Extents of one list may overlap.
+static bool find_common_block(kvfs_session_extents a, kvfs_session_extents b, std::uint32_t* block) {
+  std::uint64_t end_a = 0;
+  std::uint64_t end_b = 0;
+  for (std::uint32_t i = 0, j = 0; i < a.count || j < b.count;) {
+    const bool is_a = j == b.count || (i < a.count && compare_starts(&a.array[i], &b.array[j]) <= 0);
+    const HFSPlusExtentDescriptor& next = is_a ? a.array[i++] : b.array[j++];
+    std::uint64_t* const end = is_a ? &end_a : &end_b;
+    if (next.startBlock.get() < (is_a ? end_b : end_a)) {
+      *block = next.startBlock.get();
+      return true;
+    }
+    *end = kvfs_max(*end, end_of(next));
+  }
+  return false;
+}
+
+static kvfs_result check_distinct(std::uint32_t id, kvfs_session_extents file, kvfs_session_extents reserved) {
+  std::uint32_t block = 0;
+  if (find_common_block(file, reserved, &block)) {
+    KVFS_ERROR_BY("kvfs_session_delete", "Block %lu of file %lu belongs to the volume itself.\n", to_ul(block),
+                  to_ul(id));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+// ---- What is reserved ----------------------------------------------------------------------------------------------
+
+// Sectors at the end of the blocks that the alternate header may begin in.
+static constexpr std::uint32_t kTailSectors = 2;
+
+// Checks against all extents of a special file. The extents overflow file has none but those in the volume header.
+static kvfs_result check_special_file(kvfs_session* session, std::uint32_t id, kvfs_session_extents file,
+                                      std::uint32_t special_id, const HFSPlusForkData& special) {
+  const bool is_overflow_file = special_id == kHFSExtentsFileID;
+  HFSPlusExtentDescriptor* extents = nullptr;
+  std::uint32_t count = 0;
+  const kvfs_result result =
+      kvfs_fork_resolve_extents(is_overflow_file ? nullptr : session->volume->extents, is_overflow_file ? 1 : 0,
+                                special_id, &special, &extents, &count);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  const kvfs_owned<HFSPlusExtentDescriptor> owned(extents);
+  const kvfs_session_extents reserved = {extents, count};
+  sort(reserved);
+  return check_distinct(id, file, reserved);
+}
+
+static kvfs_result check_special_files(kvfs_session* session, std::uint32_t id, kvfs_session_extents file) {
+  const HFSPlusVolumeHeader& header = *session->volume->header;
+  const struct {
+    std::uint32_t id;
+    const HFSPlusForkData* fork;
+  } special_files[] = {{kHFSExtentsFileID, &header.extentsFile},
+                       {kHFSCatalogFileID, &header.catalogFile},
+                       {kHFSAllocationFileID, &header.allocationFile},
+                       {kHFSStartupFileID, &header.startupFile},
+                       {kHFSAttributesFileID, &header.attributesFile}};
+  for (const auto& special : special_files) {
+    const kvfs_result result = check_special_file(session, id, file, special.id, *special.fork);
+    if (result != kvfs_ok) {
+      return result;
+    }
+  }
+  return kvfs_ok;
+}
+
+static HFSPlusExtentDescriptor make_extent(std::uint64_t first, std::uint64_t end) {
+  return {kvfs_be32::of(static_cast<std::uint32_t>(first)), kvfs_be32::of(static_cast<std::uint32_t>(end - first))};
+}
+
+// Finds where the alternate header lies in the last blocks, if there at all: it begins 1024 bytes before the end of the
+// device, which may be a little behind the last block. So it is looked for in the last two sectors of the blocks.
+static kvfs_result find_alternate_header(kvfs_session* session, std::uint64_t first_sector, std::uint32_t* index) {
+  unsigned char tail[kTailSectors * kSessionSectorSize];
+  void* buffer = tail;
+  const kvfs_result result = kvfs_device_read_disk_sectors(session->device, first_sector, kTailSectors, &buffer);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  for (*index = 0; *index < kTailSectors; ++*index) {
+    const unsigned char* const sector = tail + std::size_t{*index} * kSessionSectorSize;
+    const std::uint16_t signature = kvfs_view_as<HFSPlusVolumeHeader>(sector)->signature.get();
+    if (signature == kHFSPlusSigWord || signature == kHFSXSigWord) {
+      break;
+    }
+  }
+  return kvfs_ok;
+}
+
+// The volume is longer than its header, as the file has blocks behind that.
+static kvfs_result check_alternate_header(kvfs_session* session, std::uint32_t id, kvfs_session_extents file,
+                                          std::uint32_t block_size) {
+  const std::uint64_t end = session->volume->header->totalBlocks.get();
+  const std::uint64_t first_sector = end * block_size / kSessionSectorSize - kTailSectors;
+  HFSPlusExtentDescriptor tail = make_extent(first_sector * kSessionSectorSize / block_size, end);
+  std::uint32_t ignored = 0;
+  if (!find_common_block(file, {&tail, 1}, &ignored)) {
+    return kvfs_ok;
+  }
+  std::uint32_t index = 0;
+  const kvfs_result result = find_alternate_header(session, first_sector, &index);
+  if (result != kvfs_ok || index == kTailSectors) {
+    return result;
+  }
+  tail = make_extent((first_sector + index) * kSessionSectorSize / block_size, end);
+  return check_distinct(id, file, {&tail, 1});
+}
+
+kvfs_result kvfs_session_check_unreserved(kvfs_session* session, std::uint32_t id, kvfs_session_extents file) {
+  if (file.count == 0) {
+    return kvfs_ok;
+  }
+  sort(file);
+  const std::uint32_t block_size = kvfs_max(session->volume->header->blockSize.get(), 1U);
+  HFSPlusExtentDescriptor head =
+      make_extent(0, kvfs_divide_rounding_up(kVolumeHeaderOffset + kVolumeHeaderSize, block_size));
+  kvfs_result result = check_distinct(id, file, {&head, 1});
+  if (result == kvfs_ok) {
+    result = check_special_files(session, id, file);
+  }
+  return result == kvfs_ok ? check_alternate_header(session, id, file, block_size) : result;
+}
