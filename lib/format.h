@@ -166,6 +166,19 @@ static_assert(offsetof(HFSPlusVolumeHeader, finderInfo) == 80 && offsetof(HFSPlu
 static_assert(offsetof(HFSPlusVolumeHeader, extentsFile) == 192 && offsetof(HFSPlusVolumeHeader, catalogFile) == 272);
 static_assert(offsetof(HFSPlusVolumeHeader, attributesFile) == 352);
 
+// Bit of a journal's flags: it lies on the volume, and not on another device.
+inline constexpr std::uint32_t kJournalOnVolume = 0x1;
+
+// Where the journal of a volume lies; the volume header names the block that begins with this.
+struct JournalInfoBlock {
+  kvfs_be32 flags;               // kJournalOnVolume; 0x2 on another device; 0x4 yet to be made
+  kvfs_be32 deviceSignature[8];  // names the other device
+  kvfs_be64 offset;              // of the journal, in bytes from the beginning of the volume or device
+  kvfs_be64 size;                // of the journal in bytes
+  kvfs_be32 reserved[32];
+};
+KVFS_CHECK_LAYOUT(JournalInfoBlock, 180, reserved, 52);
+
 // ---- Catalog node IDs ----------------------------------------------------------------------------------------------
 
 // A catalog node ID names a file or folder for as long as it exists. Those below 16 are set aside; 5 stands for blocks

@@ -19,8 +19,8 @@
 // Handles are opened and closed in pairs. Closing takes the address of the handle, makes it null and does nothing when
 // it is null already. Listings and streams may outlive their session: they answer KVFS_CLOSED until they are closed.
 //
-// Null pointers where something is needed, unknown flags and structures of a wrong size are refused with KVFS_INVALID
-// before anything is done. A function that fails leaves what its out-parameters lead to unchanged unless it says
+// Null pointers where something is needed, unknown flags and structures of a wrong size, that is a smaller one than the
+// structure here has or one above 64 KiB, are refused with KVFS_INVALID before anything is done. A function that fails leaves what its out-parameters lead to unchanged unless it says
 // otherwise; what a change did before it failed is told below. Failures are logged: see kvfs_set_log_handler.
 //
 // Threads: any function may be called at any time on any thread; only opening and closing a handle are for one thread
@@ -124,11 +124,15 @@ typedef struct kvfs_session kvfs_session;
 //   out_session  receives the session, to be closed with kvfs_session_close
 //
 // Returns KVFS_OK; KVFS_IO_ERROR, with the system's errno, when the file cannot be opened; KVFS_BUSY; KVFS_FAILED when
-// there is no HFS Plus volume; KVFS_INCONSISTENT when it is damaged; or the failure of what was read.
+// there is no HFS Plus volume, and when a signal was handled while this waited for the file lock (unless its handler was
+// set with SA_RESTART); KVFS_INCONSISTENT when it is damaged; or the failure of what was read.
 uint64_t kvfs_session_open(const char* path, uint32_t flags, kvfs_session** out_session) KVFS_CHECKED;
 
 // The same on a file descriptor, which must stay open as long as the session and is never closed by it. The file lock
 // belongs to the open file behind the descriptor: it goes when the session is closed.
+//
+// Returns as above, and KVFS_INVALID for a descriptor that is not open for reading or, with KVFS_OPEN_WRITE, for reading
+// and writing. One for appending is not: its writes would not go where they belong.
 uint64_t kvfs_session_open_descriptor(int descriptor, uint32_t flags, kvfs_session** out_session) KVFS_CHECKED;
 
 // Closes a session and gives its file lock back. Changes that were not flushed are lost.
@@ -228,8 +232,9 @@ uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_cou
 // a single "%" included; the spelling is undone exactly where it is read, so that any unit may be written that way.
 //
 // Names come as they are stored, decomposed. Names that are looked up or given may be composed or not: they are
-// decomposed, but for what is spelled %uXXXX. A stored name that is not decomposed, as some programs write them, is
-// found too, by its text as it stands, unless the folder also has the decomposed one.
+// decomposed, but for what is spelled %uXXXX. Some programs store names that are not decomposed. Units that would be
+// come spelled, such as %u00E9, so that each name leads to its own item and is kept when it is given again. Such a name
+// is found by its text as it stands, too, unless the folder also has the decomposed one.
 
 // The ID of the root folder.
 #define KVFS_ROOT_ID UINT32_C(2)
@@ -296,7 +301,8 @@ uint64_t kvfs_session_find_id(kvfs_session* session, uint32_t id, kvfs_item* out
 // A walk over the items of a folder, in the order of the catalog.
 typedef struct kvfs_listing kvfs_listing;
 
-// Begins a listing. Directly under the root folder are also the private folders, whose names begin with %u0000.
+// Begins a listing. Directly under the root folder are also the private folders, with what links stand for. The name of
+// that for hard links begins with %u0000; that for folder links is ".HFS+ Private Directory Data" and a carriage return.
 //
 // Returns KVFS_OK; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; KVFS_NO_MEMORY; or the failure of a search.
 uint64_t kvfs_listing_open(kvfs_session* session, uint32_t folder_id, kvfs_listing** out_listing) KVFS_CHECKED;
@@ -382,18 +388,18 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 //   folder_id  of the folder that will hold the item
 //   name       one name, spelled as said above
 //
-// Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), a name with a NUL in it, as private
-// folders have, what lies in a private folder, a folder that would lie in itself, or a text that is no name;
-// KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
+// Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), for a private folder and its name, for
+// any item and name with a NUL in it, for what lies or would lie in a private folder, for a folder that would lie in
+// itself, or for a text that is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
 uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder_id, const char* name) KVFS_CHECKED;
 
 // Deletes a file with both of its forks, a symbolic link or an empty folder. Its blocks become free with the flush.
 // Attributes that the attributes file keeps for the item stay there, unreachable.
 //
-// Returns KVFS_OK; KVFS_NOT_EMPTY; KVFS_INVALID for the root folder, without the allocation file, for private folders
-// and for a file that hard links stand for; KVFS_LIMIT for a hard link or folder link, whose target would have to be
-// counted; KVFS_INCONSISTENT, with nothing changed, for a file whose blocks lie outside the volume, are free already or
-// belong to the volume itself; or as said above.
+// Returns KVFS_OK; KVFS_NOT_EMPTY; KVFS_INVALID for the root folder, without the allocation file, for a private folder
+// and what lies in one, which links stand for, and for any item with a NUL in its name; KVFS_LIMIT for a hard link or
+// folder link, whose target would have to be counted; KVFS_INCONSISTENT, with nothing changed, for a file whose blocks
+// lie outside the volume, are free already or belong to the volume itself, as the journal's do; or as said above.
 uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 
 // Makes a symbolic link.
@@ -403,7 +409,9 @@ uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 //   target     a path for whoever follows the link: 1 to 255 bytes without a backslash
 //   out_id     receives the ID of the link; may be null
 //
-// Returns KVFS_OK; KVFS_EXISTS; KVFS_NO_SPACE; KVFS_INVALID also without the allocation file; or as said above.
+// Returns KVFS_OK; KVFS_EXISTS; KVFS_NO_SPACE; KVFS_INVALID also without the allocation file and for a private folder;
+// KVFS_INCONSISTENT, with nothing changed, when the block that is free next belongs to the volume itself or the next ID
+// cannot be given; or as said above.
 uint64_t kvfs_session_make_link(kvfs_session* session, uint32_t folder_id, const char* name, const char* target,
                                 uint32_t* out_id) KVFS_CHECKED;
 
@@ -436,7 +444,8 @@ uint64_t kvfs_session_flush(kvfs_session* session, uint32_t flags) KVFS_CHECKED;
 
 // Forgets the changes since the last flush by opening the volume again, from what is on the device.
 //
-// Returns KVFS_OK, or the failure of opening: the session then answers KVFS_CLOSED to all but this and its closing.
+// Returns KVFS_OK; KVFS_CLOSED once the session was closed; or the failure of opening: the session then answers
+// KVFS_CLOSED to all but this and its closing.
 uint64_t kvfs_session_discard(kvfs_session* session) KVFS_CHECKED;
 
 #if defined(__GNUC__)

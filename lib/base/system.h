@@ -12,6 +12,10 @@
 kvfs_result kvfs_system_open(const char* path, bool writable, int* out_fd);
 void kvfs_system_close(int fd);
 
+// Whether a file that somebody else has opened can be read, and written at any place if so wanted: what is written to a
+// file that is open for appending goes to its end. Returns kvfs_ok or, with a message, kvfs_invalid.
+kvfs_result kvfs_system_check_mode(int fd, bool writable);
+
 // Takes the lock on a whole file if nobody else holds it; `out_taken` tells. Returns kvfs_ok or kvfs_failed.
 kvfs_result kvfs_system_try_lock(int fd, bool exclusive, bool* out_taken);
 

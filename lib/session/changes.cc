@@ -57,13 +57,35 @@ kvfs_result kvfs_session_check_catalog(kvfs_session* session) {
                to_ul(session->changes.records_before));
     return kvfs_inconsistent;
   }
-  return result == kvfs_not_found ? kvfs_inconsistent : result;
+  return result == kvfs_not_found || result == kvfs_not_a_folder ? kvfs_inconsistent : result;
+}
+
+// ---- Private folders -----------------------------------------------------------------------------------------------
+
+// Whether the name of an item is that of one of the two folders that hold what links stand for. The one for files has
+// NULs in its name. So may other items have, and the order of the catalog does not lead to them: they are left alone as
+// well.
+static bool is_private(std::uint32_t parent_id, const kvfs_be16* units, std::size_t length) {
+  static constexpr char16_t kFolderOfFolders[] = u".HFS+ Private Directory Data\r";
+  constexpr std::size_t kLength = sizeof(kFolderOfFolders) / sizeof(kFolderOfFolders[0]) - 1;
+  if (kvfs_session_has_nul(units, length)) {
+    return true;
+  }
+  std::size_t same = 0;
+  while (same < kLength && same < length && units[same].get() == kFolderOfFolders[same]) {
+    ++same;
+  }
+  return parent_id == kHFSRootFolderID && same == kLength && length == kLength;
+}
+
+static bool is_private(const HFSPlusCatalogKey& key) {
+  return is_private(key.parentID.get(), key.nodeName.unicode, key.nodeName.length.get());
 }
 
 // ---- Items that are to leave their place ---------------------------------------------------------------------------
 
 // Links an item's locator with that of its folder, which a search by ID does not do. The root folder lies in none.
-static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, bool* is_private) {
+static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, bool* lies_in_private) {
   kvfs_session_found folder;
   const kvfs_result result = kvfs_session_find_folder(session, item->key()->parentID.get(), &folder);
   if (result == kvfs_not_found || result == kvfs_not_a_folder) {
@@ -74,8 +96,7 @@ static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, 
   if (result != kvfs_ok) {
     return result;
   }
-  const HFSUniStr255& name = folder.key()->nodeName;
-  *is_private = kvfs_session_has_nul(name.unicode, name.length.get());
+  *lies_in_private = is_private(*folder.key());
   return kvfs_catalog_record_locator_set_parent_locator(item->locator(), folder.locator());
 }
 
@@ -131,13 +152,12 @@ kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id,
   if (result != kvfs_ok) {
     return result;
   }
-  const HFSUniStr255& name = item->key()->nodeName;
-  if (id == kHFSRootFolderID || kvfs_session_has_nul(name.unicode, name.length.get())) {
+  if (id == kHFSRootFolderID || is_private(*item->key())) {
     return kvfs_invalid;
   }
-  bool is_private = false;
-  result = link_folder(session, item, &is_private);
-  if (result == kvfs_ok && is_private) {
+  bool lies_in_private = false;
+  result = link_folder(session, item, &lies_in_private);
+  if (result == kvfs_ok && lies_in_private) {
     return kvfs_invalid;
   }
   return result == kvfs_ok ? check_nodes(session, *item, id) : result;
@@ -159,10 +179,11 @@ kvfs_result kvfs_session_expect_removal(kvfs_session* session, const kvfs_sessio
 
 // ---- Places where items are to come --------------------------------------------------------------------------------
 
-static kvfs_result read_new_name(const char* text, kvfs_session_name* name) {
+static kvfs_result read_new_name(const char* text, kvfs_session_place* place) {
+  kvfs_session_name* const name = &place->name;
   const kvfs_result result = kvfs_session_read_name(text, std::strlen(text), name);
   const bool is_name = result == kvfs_ok && name->length != 0 && std::strchr(text, '/') == nullptr &&
-                       !kvfs_session_has_nul(name->units, name->length);
+                       !is_private(place->folder_id, name->units, name->length);
   return is_name ? kvfs_ok : kvfs_invalid;
 }
 
@@ -201,7 +222,7 @@ kvfs_result kvfs_session_check_free(kvfs_session* session, std::uint32_t id, con
 kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std::uint32_t folder_id, const char* name,
                                     kvfs_session_place* place) {
   place->folder_id = folder_id;
-  kvfs_result result = read_new_name(name, &place->name);
+  kvfs_result result = read_new_name(name, place);
   if (result != kvfs_ok) {
     return result;
   }
@@ -210,8 +231,7 @@ kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std
   if (result != kvfs_ok) {
     return result;
   }
-  const HFSUniStr255& folder_name = folder.key()->nodeName;
-  if (folder_id != kHFSRootFolderID && kvfs_session_has_nul(folder_name.unicode, folder_name.length.get())) {
+  if (folder_id != kHFSRootFolderID && is_private(*folder.key())) {
     return kvfs_invalid;
   }
   folder.release();

@@ -62,7 +62,7 @@ static kvfs_result collect_fork(kvfs_session* session, const HFSPlusCatalogFile*
     }
   }
   if (result == kvfs_ok) {
-    result = kvfs_session_check_unreserved(session, file->fileID.get(), extents);
+    result = kvfs_session_check_unreserved(session, {"kvfs_session_delete", file->fileID.get(), extents});
   }
   kvfs_session_close_fork(&fork);
   return result;

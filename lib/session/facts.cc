@@ -11,7 +11,6 @@
 static constexpr std::uint32_t kHardwareLockBit = 0x80;
 static constexpr std::uint32_t kUnmountedBit = 0x100;
 static constexpr std::uint32_t kInconsistentBit = 0x800;
-static constexpr std::uint32_t kJournaledBit = 0x2000;
 static constexpr std::uint32_t kSoftwareLockBit = 0x8000;
 
 static std::uint8_t flag(bool is_set) {
@@ -37,7 +36,7 @@ static void describe_header(const HFSPlusVolumeHeader& header, kvfs_volume_facts
   facts->is_hfsx = flag(header.signature.get() == kHFSXSigWord);
   const std::uint32_t attributes = header.attributes.get();
   facts->attributes = attributes;
-  facts->is_journaled = flag((attributes & kJournaledBit) != 0);
+  facts->is_journaled = flag((attributes & kSessionJournaledBit) != 0);
   facts->is_dirty = flag((attributes & kUnmountedBit) == 0 || (attributes & kInconsistentBit) != 0);
   facts->is_locked = flag((attributes & (kHardwareLockBit | kSoftwareLockBit)) != 0);
 }
@@ -67,7 +66,7 @@ static kvfs_result give_facts(kvfs_session* session, kvfs_volume_facts* out_fact
 }
 
 uint64_t kvfs_session_facts(kvfs_session* session, kvfs_volume_facts* facts) {
-  if (session == nullptr || facts == nullptr || facts->struct_size < sizeof(kvfs_volume_facts)) {
+  if (session == nullptr || facts == nullptr || !kvfs_session_can_fill(facts->struct_size, sizeof(*facts))) {
     return kvfs_invalid;
   }
   return kvfs_session_take_turn(session, [=] { return give_facts(session, facts); });

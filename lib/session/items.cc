@@ -158,14 +158,15 @@ static kvfs_result find_path(kvfs_session* session, std::uint32_t folder_id, con
 }
 
 uint64_t kvfs_session_find(kvfs_session* session, uint32_t folder_id, const char* path, kvfs_item* out_item) {
-  if (session == nullptr || path == nullptr || out_item == nullptr || out_item->struct_size < sizeof(kvfs_item)) {
+  if (session == nullptr || path == nullptr || out_item == nullptr ||
+      !kvfs_session_can_fill(out_item->struct_size, sizeof(*out_item))) {
     return kvfs_invalid;
   }
   return kvfs_session_take_turn(session, [=] { return find_path(session, folder_id, path, out_item); });
 }
 
 uint64_t kvfs_session_find_id(kvfs_session* session, uint32_t id, kvfs_item* out_item) {
-  if (session == nullptr || out_item == nullptr || out_item->struct_size < sizeof(kvfs_item)) {
+  if (session == nullptr || out_item == nullptr || !kvfs_session_can_fill(out_item->struct_size, sizeof(*out_item))) {
     return kvfs_invalid;
   }
   return kvfs_session_take_turn(session, [=] { return find_id(session, id, out_item); });

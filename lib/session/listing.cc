@@ -126,7 +126,7 @@ uint64_t kvfs_listing_open(kvfs_session* session, uint32_t folder_id, kvfs_listi
 }
 
 uint64_t kvfs_listing_next(kvfs_listing* listing, kvfs_item* out_item) {
-  if (listing == nullptr || out_item == nullptr || out_item->struct_size < sizeof(kvfs_item)) {
+  if (listing == nullptr || out_item == nullptr || !kvfs_session_can_fill(out_item->struct_size, sizeof(*out_item))) {
     return kvfs_invalid;
   }
   return kvfs_session_take_turn(listing->session, [=] { return give_next(listing, out_item); });

@@ -43,15 +43,6 @@ static kvfs_result read_target(const char* text, link_target* target) {
   return kvfs_ok;
 }
 
-// Whether a block is free for the target, which would be missed only when the file is there already.
-static kvfs_result check_space(kvfs_volume* volume) {
-  const HFSPlusForkData none = {};
-  kvfs_allocation_location location = {};
-  const kvfs_result result =
-      FindWriteLocation(0, kHFSDataForkType, &none, volume, 0, volume->header->blockSize.get(), &location);
-  return result == kvfs_ok && location.block_count == 0 ? kvfs_no_space : result;
-}
-
 // The ID for a new item. A volume may give one that is taken: its header is not written at once by every system.
 static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
   constexpr std::uint32_t kFirstId = 16;
@@ -67,6 +58,24 @@ static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
     return kvfs_inconsistent;
   }
   return result;
+}
+
+// Whether a block is free for the target, which would be missed only when the file is there already, and written to
+// before anything could tell that it is in use after all.
+static kvfs_result check_space(kvfs_session* session, std::uint32_t id) {
+  kvfs_volume* const volume = session->volume;
+  const HFSPlusForkData none = {};
+  kvfs_allocation_location location = {};
+  const kvfs_result result =
+      FindWriteLocation(id, kHFSDataForkType, &none, volume, 0, volume->header->blockSize.get(), &location);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  if (location.block_count == 0) {
+    return kvfs_no_space;
+  }
+  HFSPlusExtentDescriptor target = {kvfs_be32::of(location.start_block), kvfs_be32::of(1)};
+  return kvfs_session_check_unreserved(session, {"kvfs_session_make_link", id, {&target, 1}});
 }
 
 // ---- Making the file -----------------------------------------------------------------------------------------------
@@ -167,10 +176,10 @@ static kvfs_result make_link(kvfs_session* session, std::uint32_t folder_id, con
   kvfs_session_place place;
   result = kvfs_session_find_place(session, 0, folder_id, name, &place);
   if (result == kvfs_ok) {
-    result = check_space(session->volume);
+    result = next_id(session, &id);
   }
   if (result == kvfs_ok) {
-    result = next_id(session, &id);
+    result = check_space(session, id);
   }
   if (result == kvfs_ok) {
     result = make_file_and_link(session, id, place, target);

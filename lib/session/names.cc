@@ -142,14 +142,20 @@ static bool reads_as_spelled(const kvfs_be16* units, std::size_t length, std::si
   return is_spelled_unit(text, kSpelledUnitSize, &ignored);
 }
 
+// Whether a unit stays the same when the name is read, which decomposes it.
+static bool is_decomposed(std::uint16_t unit) {
+  std::uint16_t units[kUnicodeMaxDecomposedUnits];
+  return unit < 0x80 || (kvfs_unicode_decompose_char(unit, units) == 1 && units[0] == unit);
+}
+
 // Units from an index on that stand for themselves as one character; 0 for one that has to be spelled.
 static std::size_t units_of_character(const kvfs_be16* units, std::size_t length, std::size_t index) {
   const std::uint16_t unit = units[index].get();
   if (is_high_surrogate(unit)) {
     return is_low_surrogate(unit_at(units, length, index + 1)) ? 2 : 0;
   }
-  const bool is_spelled =
-      unit == 0 || unit == '/' || is_low_surrogate(unit) || (unit == '%' && reads_as_spelled(units, length, index));
+  const bool is_spelled = unit == 0 || unit == '/' || is_low_surrogate(unit) || !is_decomposed(unit) ||
+                          (unit == '%' && reads_as_spelled(units, length, index));
   return is_spelled ? 0 : 1;
 }
 

@@ -38,6 +38,9 @@ inline constexpr kvfs_result kvfs_end = static_cast<kvfs_result>(KVFS_END);
 // Sectors of all devices that sessions make. Any volume is made of whole ones.
 inline constexpr std::uint32_t kSessionSectorSize = 512;
 
+// Bit of the volume header's attributes: there is a journal.
+inline constexpr std::uint32_t kSessionJournaledBit = 0x2000;
+
 // A run of allocation blocks.
 struct kvfs_block_run {
   std::uint32_t first;
@@ -113,8 +116,17 @@ bool kvfs_session_has_nul(const kvfs_be16* units, std::size_t length);
 kvfs_result kvfs_session_copy_text(const char* text, std::size_t length, char* buffer, std::size_t size,
                                    std::size_t* out_length);
 
+// Bytes of the largest structure that any version of the interface may come to have.
+inline constexpr std::uint32_t kSessionLargestStruct = 65536;
+
+// Whether a structure of `struct_size` bytes can be filled: it has at least the fields that this library knows, and no
+// more bytes than a structure could have. What says more was never set.
+constexpr bool kvfs_session_can_fill(std::uint32_t struct_size, std::size_t known_size) {
+  return struct_size >= known_size && struct_size <= kSessionLargestStruct;
+}
+
 // Gives a structure to a caller whose own has `struct_size` bytes, of which the first four say so and stay. The caller
-// has checked that they are no fewer than the first version of the structure has.
+// has checked that it can be filled.
 void kvfs_session_copy_struct(const void* from, std::size_t size, void* to, std::uint32_t struct_size);
 
 // A date of the volume in seconds since 1970.
@@ -243,12 +255,19 @@ struct kvfs_session_extents {
   std::uint32_t count;
 };
 
-// Checks that blocks of a file, none of them behind the volume's last one, are not those of a special file or of a
-// volume header. Sorts the file's extents by their first blocks.
+// Blocks that a file has or is to have, none of them behind the volume's last one.
+struct kvfs_session_claim {
+  const char* speaker;  // in messages
+  std::uint32_t id;     // of the file
+  kvfs_session_extents extents;
+};
+
+// Checks that the blocks of a file are not those of a special file, of a volume header or of the journal. Sorts the
+// file's extents by their first blocks.
 //
-// Returns kvfs_ok; kvfs_inconsistent; or the failure of finding the extents of a special file or of reading the end of
-// the volume.
-kvfs_result kvfs_session_check_unreserved(kvfs_session* session, std::uint32_t id, kvfs_session_extents file);
+// Returns kvfs_ok; kvfs_inconsistent; or the failure of finding the extents of a special file, of reading where the
+// journal lies or of reading the end of the volume.
+kvfs_result kvfs_session_check_unreserved(kvfs_session* session, const kvfs_session_claim& claim);
 
 // ---- Changes; in the session's turn --------------------------------------------------------------------------------
 

@@ -98,7 +98,8 @@ uint64_t kvfs_session_open_descriptor(int descriptor, uint32_t flags, kvfs_sessi
   if (descriptor < 0 || out_session == nullptr || (flags & ~kOpenFlags) != 0) {
     return kvfs_invalid;
   }
-  return open_on(descriptor, false, flags, out_session);
+  const kvfs_result result = kvfs_system_check_mode(descriptor, (flags & KVFS_OPEN_WRITE) != 0);
+  return result == kvfs_ok ? open_on(descriptor, false, flags, out_session) : result;
 }
 
 // ---- Handles -------------------------------------------------------------------------------------------------------
@@ -142,13 +143,9 @@ uint64_t kvfs_session_close(kvfs_session** session) {
 
 // ---- Giving changes up ---------------------------------------------------------------------------------------------
 
-uint64_t kvfs_session_discard(kvfs_session* session) {
-  if (session == nullptr) {
-    return kvfs_invalid;
-  }
-  kvfs_write_guard turn(session->lock);
-  if (turn.result() != kvfs_ok) {
-    return turn.result();
+static kvfs_result discard(kvfs_session* session) {
+  if (session->device == nullptr) {
+    return kvfs_closed;
   }
   if (session->volume != nullptr) {
     kvfs_volume_destroy(&session->volume);
@@ -160,6 +157,18 @@ uint64_t kvfs_session_discard(kvfs_session* session) {
   session->private_folder_id = 0;
   session->spoiled = false;
   ++session->epoch;
-  const kvfs_result result = open_volume(session);
+  return open_volume(session);
+}
+
+// The one call that does something without a volume: an earlier one may have failed to open it again.
+uint64_t kvfs_session_discard(kvfs_session* session) {
+  if (session == nullptr) {
+    return kvfs_invalid;
+  }
+  kvfs_write_guard turn(session->lock);
+  if (turn.result() != kvfs_ok) {
+    return turn.result();
+  }
+  const kvfs_result result = discard(session);
   return kvfs_result_keep(result, turn.release());
 }

@@ -28,6 +28,23 @@ void kvfs_system_close(int fd) {
   (void)close(fd);  // what was written has been reported on by the writes
 }
 
+kvfs_result kvfs_system_check_mode(int fd, bool writable) {
+  const int mode = fcntl(fd, F_GETFL);
+  if (mode == -1) {
+    const int error = errno;
+    KVFS_ERROR("Error while looking at file descriptor %d: %s (%d)\n", fd, std::strerror(error), error);
+    return kvfs_invalid;
+  }
+  const int access = mode & O_ACCMODE;
+  const bool fits = writable ? access == O_RDWR && (mode & O_APPEND) == 0 : access != O_WRONLY;
+  if (!fits) {
+    KVFS_ERROR("File descriptor %d is not open for %s.\n", fd,
+               writable ? "reading and writing at any place" : "reading");
+    return kvfs_invalid;
+  }
+  return kvfs_ok;
+}
+
 kvfs_result kvfs_system_try_lock(int fd, bool exclusive, bool* out_taken) {
   *out_taken = flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0;
   const int error = errno;

@@ -204,6 +204,51 @@ TEST(SessionDelete, WhatMustStay_IsRefusedAndChangesNothing) {
   EXPECT_TRUE(session.contents() == image);
 }
 
+// The folder with the folders that folder links stand for has a name without a NUL.
+TEST(SessionChange, PrivateFolderOfFolderLinks_StaysAsItIs) {
+  const Name name = u".HFS+ Private Directory Data\r";
+  VolumeDescription description;
+  const std::uint32_t private_folder = description.add_folder(kRootFolderId, name);
+  const std::uint32_t target = description.add_folder(private_folder, u"dir_77");
+  const std::uint32_t inside = description.add_file(target, u"inside");
+  const std::uint32_t other = description.add_file(target, u"other");
+  (void)description.add_directory_hard_link(kRootFolderId, u"link", target);
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t elsewhere = description.add_folder(folder, name);
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  for (const std::uint32_t id : {private_folder, target}) {
+    EXPECT_EQ(kvfs_session_delete(session.get(), id), KVFS_INVALID);
+    EXPECT_EQ(kvfs_session_rename(session.get(), id, folder, "n"), KVFS_INVALID);
+  }
+  EXPECT_EQ(kvfs_session_rename(session.get(), other, private_folder, "n"), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), private_folder, "l", "t", nullptr), KVFS_INVALID);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+  EXPECT_EQ(kvfs_session_delete(session.get(), inside), KVFS_OK) << "what a link shows is its folder's";
+  EXPECT_EQ(kvfs_session_delete(session.get(), elsewhere), KVFS_OK) << "only that of the root folder is private";
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+// An empty one is refused for what it is, and not only for what it holds.
+TEST(SessionChange, EmptyPrivateFolderOfFolderLinks_StaysAsItIs) {
+  VolumeDescription description;
+  const std::uint32_t private_folder = description.add_folder(kRootFolderId, u".HFS+ Private Directory Data\r");
+  (void)description.add_files(kRootFolderId, 5);
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(kvfs_session_delete(session.get(), private_folder), KVFS_INVALID);
+}
+
+// It could not be given another name again.
+TEST_F(SessionChanges, NameOfAPrivateFolder_IsGivenToNoItem) {
+  const char* const name = ".HFS+ Private Directory Data\r";
+  EXPECT_EQ(session().rename("empty", "/", name), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(session().get(), KVFS_ROOT_ID, name, "t", nullptr), KVFS_INVALID);
+  EXPECT_EQ(session().rename("empty", "docs", name), KVFS_OK);
+  EXPECT_EQ(session().remove(std::string("docs/") + name), KVFS_OK);
+}
+
 // Every item of a large folder but those that a node needs.
 TEST(SessionDelete, ManyItems_LeaveASoundVolume) {
   VolumeDescription description;

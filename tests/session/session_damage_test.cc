@@ -598,6 +598,180 @@ TEST(SessionDamage, BlockOfTheAlternateHeader_IsNotFreed) {
   }
 }
 
+// What is found in the last sectors may be a file's own data.
+TEST(SessionDamage, DataThatBeginsLikeAnAlternateHeader_IsFreed) {
+  VolumeDescription description;
+  description.trailing_bytes = 1536;
+  (void)description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  const std::uint32_t last = static_cast<std::uint32_t>(sound.get_field("totalBlocks")) - 1;
+  const std::uint64_t data = (last + std::uint64_t{1}) * description.block_size - 512;
+  for (const char* field : {"createDate", "blockSize"}) {
+    Volume image = with_claim(sound, last);
+    image.write(data, image.read(kHeaderOffset, 512));
+    expect_not_freed(image, of_the_volume(last));
+    const std::uint64_t in_header = image.device_offset_of_field(field) - kHeaderOffset;
+    image.set32(data + in_header, image.get32(data + in_header) + 1);
+    const TestSession session(image);
+    EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK) << field;
+  }
+}
+
+// ---- The journal ---------------------------------------------------------------------------------------------------
+
+// The flags that say where a journal lies.
+constexpr std::uint32_t kOnTheVolume = 1;
+constexpr std::uint32_t kElsewhere = 2;
+
+// The volume of fragments with a journal: a file has the block that tells where it lies, and others it itself.
+class SessionJournal : public ::testing::Test {
+ protected:
+  SessionJournal() {
+    VolumeDescription description = description_of_fragments();
+    info_ = description.add_file(kRootFolderId, u".journal_info_block", 512);
+    journal_ = description.add_file(kRootFolderId, u".journal", 512 * 20);
+    image_ = build_volume(description);
+    info_block_ = block_of(info_);
+    journal_block_ = block_of(journal_);
+    image_.set_field("attributes", 0x2100);
+    image_.set_field("journalInfoBlock", info_block_);
+    set_place(kOnTheVolume, journal_block_ * std::uint64_t{512}, 20 * 512);
+  }
+
+  // What the block says: flags and bytes.
+  void set_place(std::uint32_t flags, std::uint64_t offset, std::uint64_t size) {
+    const std::uint64_t info = std::uint64_t{info_block_} * 512;
+    image_.set32(info, flags);
+    image_.set64(info + 36, offset);
+    image_.set64(info + 44, size);
+  }
+
+  // Whether the file of one block can be deleted when it has this one.
+  [[nodiscard]] bool is_freed(std::uint32_t block) const {
+    const TestSession session(with_claim(image_, block));
+    LogCapture silence;
+    return kvfs_session_delete(session.get(), kClaimant) == KVFS_OK;
+  }
+
+  Volume image_;
+  std::uint32_t info_ = 0;
+  std::uint32_t info_block_ = 0;
+  std::uint32_t journal_ = 0;
+  std::uint32_t journal_block_ = 0;
+
+ private:
+  [[nodiscard]] std::uint32_t block_of(std::uint32_t id) const {
+    return static_cast<std::uint32_t>(image_.get_field(field_of(image_, id, ".dataFork.extents[0].startBlock")));
+  }
+};
+
+// X-session-1
+TEST_F(SessionJournal, ItsBlocks_AreNotFreed) {
+  for (const std::uint32_t block : {info_block_, journal_block_, journal_block_ + 19}) {
+    expect_not_freed(with_claim(image_, block), of_the_volume(block));
+  }
+  EXPECT_TRUE(is_freed(info_block_ + 1000));
+  const TestSession session(image_);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), info_), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), journal_), KVFS_INCONSISTENT);
+}
+
+TEST_F(SessionJournal, VolumeWithoutOne_LetsItsFilesBeDeleted) {
+  image_.set_field("attributes", 0x100);
+  const TestSession session(image_);
+  EXPECT_EQ(kvfs_session_delete(session.get(), info_), KVFS_OK);
+  EXPECT_EQ(kvfs_session_delete(session.get(), journal_), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
+TEST_F(SessionJournal, OnAnotherDevice_HasItsInformationHereAlone) {
+  set_place(kElsewhere, journal_block_ * std::uint64_t{512}, 20 * 512);
+  EXPECT_FALSE(is_freed(info_block_));
+  EXPECT_TRUE(is_freed(journal_block_));
+}
+
+// What is not whole blocks has all that it touches; what lies behind the volume has none there.
+TEST_F(SessionJournal, PlaceOfAnyBytes_IsCutToTheVolume) {
+  const std::uint32_t end = static_cast<std::uint32_t>(image_.get_field("totalBlocks"));
+  const std::uint64_t begin = journal_block_ * std::uint64_t{512};
+  const std::uint32_t behind = journal_block_ + 20;
+  set_place(kOnTheVolume, begin + 511, 2);
+  EXPECT_FALSE(is_freed(journal_block_));
+  EXPECT_FALSE(is_freed(journal_block_ + 1));
+  EXPECT_TRUE(is_freed(journal_block_ + 2));
+  set_place(kOnTheVolume, begin, UINT64_MAX);
+  EXPECT_FALSE(is_freed(behind));
+  EXPECT_FALSE(is_freed(end - 3));
+  set_place(kOnTheVolume, begin, 0);
+  EXPECT_TRUE(is_freed(journal_block_));
+  set_place(kOnTheVolume, UINT64_MAX, UINT64_MAX);
+  EXPECT_TRUE(is_freed(behind));
+  set_place(kOnTheVolume, end * std::uint64_t{512}, 512);
+  EXPECT_TRUE(is_freed(end - 3));
+}
+
+TEST_F(SessionJournal, InformationBehindTheVolume_IsNotLookedFor) {
+  for (const std::uint32_t block : {static_cast<std::uint32_t>(image_.get_field("totalBlocks")), 0xFFFFFFFFU}) {
+    image_.set_field("journalInfoBlock", block);
+    EXPECT_TRUE(is_freed(journal_block_)) << block;
+  }
+}
+
+// ---- Blocks for links ----------------------------------------------------------------------------------------------
+
+// Marks a block of the volume's own as free, with all blocks of its byte (Q-bitmap-6), and has the search begin there.
+Volume with_lost_byte(Volume image, std::uint32_t block) {
+  const std::uint32_t first = block / 8 * 8;
+  for (std::uint32_t i = first; i < first + 8; ++i) {
+    image.set_block_used(i, false);
+  }
+  image.set_field("nextAllocation", block);
+  return image;
+}
+
+void expect_no_link(const Volume& image, std::uint32_t block) {
+  const TestSession session(image);
+  const std::string id = std::to_string(session.facts().next_id);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_make_link Block " + std::to_string(block) + " of file " + id +
+                      " belongs to the volume itself.\n");
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// The target would be written at once.
+// X-session-1
+TEST(SessionDamage, BlockOfTheVolumeThatCountsAsFree_IsGivenToNoLink) {
+  const Volume sound = build_volume(description_of_fragments());
+  std::vector<std::uint32_t> blocks = {2};
+  for (const SpecialFile file : {SpecialFile::kExtents, SpecialFile::kCatalog, SpecialFile::kAllocation,
+                                 SpecialFile::kStartup, SpecialFile::kAttributes}) {
+    blocks.push_back(sound.fork(file).extents().back().start_block);
+  }
+  for (const std::uint32_t block : blocks) {
+    expect_no_link(with_lost_byte(sound, block), block);
+  }
+}
+
+// X-session-1
+TEST(SessionDamage, BlockOfTheAlternateHeaderThatCountsAsFree_IsGivenToNoLink) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  const std::uint32_t last = static_cast<std::uint32_t>(sound.get_field("totalBlocks")) - 1;
+  expect_no_link(with_lost_byte(sound, last), last);
+}
+
+// X-session-1
+TEST_F(SessionJournal, ItsBlocksThatCountAsFree_AreGivenToNoLink) {
+  expect_no_link(with_lost_byte(image_, info_block_), info_block_);
+  expect_no_link(with_lost_byte(image_, journal_block_ + 7), journal_block_ + 7);
+}
+
 // ---- Counts --------------------------------------------------------------------------------------------------------
 
 TEST(SessionDamage, CatalogThatCountsFewerRecordsThanItLoses_IsNotWritten) {
@@ -614,6 +788,25 @@ TEST(SessionDamage, CatalogThatCountsFewerRecordsThanItLoses_IsNotWritten) {
   EXPECT_TRUE(session.contents() == image);
   EXPECT_EQ(kvfs_session_discard(session.get()), KVFS_OK);
   EXPECT_EQ(session.flush(), KVFS_OK);
+}
+
+// The root folder is there when the volume is opened, by its key, but not by its ID.
+TEST(SessionDamage, RootThatIsNoFolder_LetsNoChangeBeWritten) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t file = description.add_file(folder, u"f");
+  (void)description.add_files(folder, 5);
+  const Volume sound = build_volume(description);
+  Bytes record = sound.record_data(*sound.find_by_cnid(file));
+  constexpr std::size_t kLowByteOfTheID = 11;
+  record[kLowByteOfTheID] = KVFS_ROOT_ID;
+  description.root.record = record;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  ASSERT_EQ(kvfs_session_rename(session.get(), file, folder, "g"), KVFS_OK);
+  EXPECT_EQ(session.flush(), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.flush(), KVFS_SPOILED);
+  EXPECT_TRUE(session.contents() == image);
 }
 
 TEST(SessionDamage, NextIDThatCannotBe_IsInconsistent) {

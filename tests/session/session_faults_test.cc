@@ -335,6 +335,28 @@ TEST(SessionDeleteFaults, EndOfTheVolumeThatCannotBeRead_LeavesTheVolumeAsItWas)
   EXPECT_EQ(failures(at_the_end), failures(elsewhere) + 1);
 }
 
+TEST(SessionDeleteFaults, JournalThatCannotBeLookedFor_LeavesTheVolumeAsItWas) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  const std::uint32_t info = description.add_file(kRootFolderId, u".journal_info_block", 4096);
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume without = build_volume(description);
+  Volume journaled = without;
+  journaled.set_field("attributes", 0x2100);
+  const std::string start = without.find_by_cnid(info)->path() + ".dataFork.extents[0].startBlock";
+  journaled.set_field("journalInfoBlock", without.get_field(start));
+  const auto failures = [&](const Volume& image) {
+    return fail_each(each(Call::kPread64), [&](FailingRun& run) {
+      LogCapture silence;
+      const TestSession session(image);
+      const std::uint64_t result = run.operate([&] { return kvfs_session_delete(session.get(), file); });
+      EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
+      EXPECT_TRUE(session.contents() == image);
+    });
+  };
+  EXPECT_EQ(failures(journaled), failures(without) + 1);
+}
+
 TEST(SessionCloseFaults, LockThatCannotBeTaken_LeavesTheHandleOpen) {
   TestSession session(faults_volume());
   kvfs_listing* listing = nullptr;

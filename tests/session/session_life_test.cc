@@ -80,6 +80,50 @@ TEST(SessionOpen, WithoutNoWait_WaitsForTheLock) {
   EXPECT_EQ(kvfs_session_close(&second), KVFS_OK);
 }
 
+// Writes at the end of the file, wherever they belong, would report success and leave the volume as it is.
+TEST(SessionOpen, DescriptorThatCannotDoWhatIsAsked_IsInvalid) {
+  const MemoryFile file(build_volume({}));
+  struct {
+    int mode;
+    std::uint32_t flags;
+    std::uint64_t result;
+    const char* message;
+  } const cases[] = {
+      {O_RDONLY, 0, KVFS_OK, nullptr},
+      {O_RDWR, 0, KVFS_OK, nullptr},
+      {O_RDWR, KVFS_OPEN_WRITE, KVFS_OK, nullptr},
+      {O_RDWR | O_APPEND, 0, KVFS_OK, nullptr},
+      {O_WRONLY, 0, KVFS_INVALID, "reading"},
+      {O_RDONLY, KVFS_OPEN_WRITE, KVFS_INVALID, "reading and writing at any place"},
+      {O_WRONLY, KVFS_OPEN_WRITE, KVFS_INVALID, "reading and writing at any place"},
+      {O_RDWR | O_APPEND, KVFS_OPEN_WRITE, KVFS_INVALID, "reading and writing at any place"},
+  };
+  for (const auto& c : cases) {
+    const int fd = open(file.path().c_str(), c.mode | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    kvfs_session* session = nullptr;
+    LogCapture log;
+    EXPECT_EQ(kvfs_session_open_descriptor(fd, c.flags, &session), c.result) << c.mode << ' ' << c.flags;
+    EXPECT_EQ(session != nullptr, c.result == KVFS_OK);
+    if (c.message != nullptr) {
+      EXPECT_LOG(log, "ERROR kvfs_system_check_mode File descriptor " + std::to_string(fd) + " is not open for " +
+                          c.message + ".\n");
+    }
+    EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+    close(fd);
+  }
+}
+
+TEST(SessionOpen, DescriptorThatIsNotOpen_IsInvalid) {
+  kvfs_session* session = nullptr;
+  LogCapture log;  // has a descriptor of its own
+  const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  close(fd);
+  EXPECT_EQ(kvfs_session_open_descriptor(fd, 0, &session), KVFS_INVALID);
+  EXPECT_LOG(log, "ERROR kvfs_system_check_mode Error while looking at file descriptor " + std::to_string(fd) +
+                      ": Bad file descriptor (9)\n");
+}
+
 TEST(SessionClose, Lock_IsGivenBackAndTheDescriptorStays) {
   const MemoryFile file(build_volume({}));
   kvfs_session* session = nullptr;
@@ -99,10 +143,12 @@ TEST(SessionHandles, ThatOutliveTheirSession_SayThatItIsClosed) {
   const std::uint32_t file = description.add_file(kRootFolderId, u"f", 5000);
   kvfs_listing* listing = nullptr;
   kvfs_stream* stream = nullptr;
+  kvfs_session* closed = nullptr;  // good for as long as its handles
   {
     TestSession session(build_volume(description));
     ASSERT_EQ(kvfs_listing_open(session.get(), KVFS_ROOT_ID, &listing), KVFS_OK);
     ASSERT_EQ(kvfs_stream_open(session.get(), file, KVFS_DATA_FORK, &stream), KVFS_OK);
+    closed = session.get();
     EXPECT_EQ(session.close(), KVFS_OK);
   }
   kvfs_item item = {};
@@ -112,6 +158,9 @@ TEST(SessionHandles, ThatOutliveTheirSession_SayThatItIsClosed) {
   EXPECT_EQ(kvfs_listing_next(listing, &item), KVFS_CLOSED);
   EXPECT_EQ(kvfs_stream_size(stream, &size), KVFS_CLOSED);
   EXPECT_EQ(kvfs_stream_read(stream, 0, &size, 1, &count), KVFS_CLOSED);
+  EXPECT_EQ(kvfs_session_find_id(closed, file, &item), KVFS_CLOSED);
+  EXPECT_EQ(kvfs_session_flush(closed, 0), KVFS_CLOSED);
+  EXPECT_EQ(kvfs_session_discard(closed), KVFS_CLOSED);
   EXPECT_EQ(kvfs_listing_close(&listing), KVFS_OK);
   EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
   EXPECT_EQ(stream, nullptr);
@@ -237,6 +286,46 @@ TEST(SessionArguments, NullPointersAndUnknownValues_AreInvalid) {
   EXPECT_LOG(log);
   EXPECT_EQ(kvfs_listing_close(&listing), KVFS_OK);
   EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+}
+
+// Structures may grow with the interface, but what is no structure's size is none: no memory is written by it.
+TEST(SessionArguments, StructuresOfAnotherSize_AreFilledOrInvalid) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 10);
+  const TestSession test(build_volume(description));
+  kvfs_listing* listing = nullptr;
+  ASSERT_EQ(kvfs_listing_open(test.get(), KVFS_ROOT_ID, &listing), KVFS_OK);
+  std::vector<std::uint64_t> memory(65536 / sizeof(std::uint64_t));
+  kvfs_item* const item = reinterpret_cast<kvfs_item*>(memory.data());
+  kvfs_volume_facts* const facts = reinterpret_cast<kvfs_volume_facts*>(memory.data());
+  const auto with_item = [&](std::uint32_t size) {
+    std::set<std::uint64_t> results;
+    item->struct_size = size;
+    results.insert(kvfs_session_find_id(test.get(), file, item));
+    item->struct_size = size;
+    results.insert(kvfs_session_find(test.get(), KVFS_ROOT_ID, "f", item));
+    item->struct_size = size;
+    results.insert(kvfs_listing_next(listing, item));
+    return results;
+  };
+  const auto with_facts = [&](std::uint32_t size) {
+    facts->struct_size = size;
+    return kvfs_session_facts(test.get(), facts);
+  };
+  constexpr std::uint32_t kItem = sizeof(kvfs_item);
+  constexpr std::uint32_t kFacts = sizeof(kvfs_volume_facts);
+  for (const std::uint32_t size : {0U, 4U, kItem - 1, 65537U, 0x80000000U, UINT32_MAX}) {
+    EXPECT_THAT(with_item(size), ElementsAre(KVFS_INVALID)) << size;
+  }
+  for (const std::uint32_t size : {0U, 4U, kFacts - 1, 65537U, 0x80000000U, UINT32_MAX}) {
+    EXPECT_EQ(with_facts(size), KVFS_INVALID) << size;
+  }
+  EXPECT_THAT(with_item(65536), ElementsAre(KVFS_OK));
+  EXPECT_EQ(item->id, file);
+  EXPECT_EQ(item->struct_size, 65536U);
+  EXPECT_EQ(memory.back(), 0U);
+  EXPECT_EQ(with_facts(65536), KVFS_OK);
+  EXPECT_EQ(kvfs_listing_close(&listing), KVFS_OK);
 }
 
 // ---- Results -------------------------------------------------------------------------------------------------------

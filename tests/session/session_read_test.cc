@@ -243,7 +243,7 @@ TEST(SessionNames, StoredNameThatIsNotDecomposed_IsFoundByItsText) {
   VolumeDescription description;
   const std::uint32_t plain = description.add_file(kRootFolderId, u"\u00E9");
   const TestSession session(build_volume(description));
-  EXPECT_STREQ(session.item("\u00E9").name, "\u00E9");
+  EXPECT_STREQ(session.item("\u00E9").name, "%u00E9");
   EXPECT_EQ(session.id("\u00E9"), plain);
   EXPECT_EQ(session.find("e\u0301"), KVFS_NOT_FOUND);
 }
@@ -279,6 +279,24 @@ TEST(SessionNames, BothFormsOfAName_AreToldApartByTheSpelling) {
   const TestSession session(build_volume(description));
   EXPECT_EQ(session.id("\u00E9"), stored);
   EXPECT_EQ(session.id("%u00E9"), plain);
+}
+
+// What a listing says leads to the item that it is said of, and keeps its name when it is given to another folder.
+TEST(SessionNames, UnitsThatWouldBeDecomposed_AreSpelled) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t plain = description.add_file(folder, u"a\u00E9\uD55Cz");
+  const std::uint32_t stored = description.add_file(folder, u"ae\u0301\u1112\u1161\u11ABz");
+  (void)description.add_files(kRootFolderId, 5);
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.id("d/a%u00E9%uD55Cz"), plain);
+  EXPECT_EQ(session.id("d/a\u00E9\uD55Cz"), stored);
+  for (const std::string& name : session.names("d")) {
+    EXPECT_STREQ(session.item("d/" + name).name, name.c_str());
+  }
+  EXPECT_EQ(session.rename("d/a%u00E9%uD55Cz", "/", "a%u00E9%uD55Cz"), KVFS_OK);
+  EXPECT_EQ(session.item("a%u00E9%uD55Cz").id, plain);
+  EXPECT_EQ(session.flushed_findings(), "");
 }
 
 // ---- Listings ------------------------------------------------------------------------------------------------------
