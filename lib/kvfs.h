@@ -19,9 +19,10 @@
 // Handles are opened and closed in pairs. Closing takes the address of the handle, makes it null and does nothing when
 // it is null already. Listings and streams may outlive their session: they answer KVFS_CLOSED until they are closed.
 //
-// Null pointers where something is needed, unknown flags and structures of a wrong size, that is a smaller one than the
-// structure here has or one above 64 KiB, are refused with KVFS_INVALID before anything is done. A function that fails leaves what its out-parameters lead to unchanged unless it says
-// otherwise; what a change did before it failed is told below. Failures are logged: see kvfs_set_log_handler.
+// Null pointers where something is needed, unknown flags and structures of a wrong size are refused with KVFS_INVALID
+// before anything is done; a size is wrong below that of the structure here, and above 64 KiB. A function that fails
+// leaves what its out-parameters lead to unchanged unless it says otherwise; what a change did before it failed is told
+// below. Failures are logged: see kvfs_set_log_handler.
 //
 // Threads: any function may be called at any time on any thread; only opening and closing a handle are for one thread
 // that nobody races for that handle. Functions of one session, its listings and streams included, take turns under one
@@ -124,15 +125,15 @@ typedef struct kvfs_session kvfs_session;
 //   out_session  receives the session, to be closed with kvfs_session_close
 //
 // Returns KVFS_OK; KVFS_IO_ERROR, with the system's errno, when the file cannot be opened; KVFS_BUSY; KVFS_FAILED when
-// there is no HFS Plus volume, and when a signal was handled while this waited for the file lock (unless its handler was
-// set with SA_RESTART); KVFS_INCONSISTENT when it is damaged; or the failure of what was read.
+// there is no HFS Plus volume; KVFS_INCONSISTENT when it is damaged; or the failure of what was read. A signal that is
+// handled while this waits for the file lock ends it with KVFS_FAILED, unless the handler was set with SA_RESTART.
 uint64_t kvfs_session_open(const char* path, uint32_t flags, kvfs_session** out_session) KVFS_CHECKED;
 
 // The same on a file descriptor, which must stay open as long as the session and is never closed by it. The file lock
 // belongs to the open file behind the descriptor: it goes when the session is closed.
 //
-// Returns as above, and KVFS_INVALID for a descriptor that is not open for reading or, with KVFS_OPEN_WRITE, for reading
-// and writing. One for appending is not: its writes would not go where they belong.
+// Returns as above, and KVFS_INVALID for a descriptor that is not open for reading; with KVFS_OPEN_WRITE also for one
+// that is not open for writing, or is for appending: what it writes would not go where it belongs.
 uint64_t kvfs_session_open_descriptor(int descriptor, uint32_t flags, kvfs_session** out_session) KVFS_CHECKED;
 
 // Closes a session and gives its file lock back. Changes that were not flushed are lost.
@@ -239,7 +240,7 @@ uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_cou
 // The ID of the root folder.
 #define KVFS_ROOT_ID UINT32_C(2)
 
-// Kinds of item.
+// Kinds of item. Later versions may have more.
 #define KVFS_FILE UINT32_C(1)           // also devices and the like: see the mode
 #define KVFS_FOLDER UINT32_C(2)         // holds items
 #define KVFS_SYMBOLIC_LINK UINT32_C(3)  // holds the path of another item
@@ -388,9 +389,9 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 //   folder_id  of the folder that will hold the item
 //   name       one name, spelled as said above
 //
-// Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), for a private folder and its name, for
-// any item and name with a NUL in it, for what lies or would lie in a private folder, for a folder that would lie in
-// itself, or for a text that is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
+// Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), a private folder and its name, items
+// and names with a NUL, what lies or would lie in a private folder, a folder that would lie in itself, or a text that
+// is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
 uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder_id, const char* name) KVFS_CHECKED;
 
 // Deletes a file with both of its forks, a symbolic link or an empty folder. Its blocks become free with the flush.

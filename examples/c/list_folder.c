@@ -6,8 +6,12 @@
 
 #include "example.h"
 
+static const char* kind_of(const kvfs_item* item) {
+  static const char* const kinds[] = {"", "file", "folder", "symlink", "hard link", "folder link"};
+  return item->kind < sizeof(kinds) / sizeof(kinds[0]) ? kinds[item->kind] : "other"; /* of a later library */
+}
+
 static uint64_t list(kvfs_session* session, uint32_t folder_id) {
-  static const char* const kKinds[] = {"", "file", "folder", "symlink", "hard link", "folder link"};
   kvfs_listing* listing = NULL;
   uint64_t result = kvfs_listing_open(session, folder_id, &listing);
   if (result != KVFS_OK) {
@@ -16,7 +20,7 @@ static uint64_t list(kvfs_session* session, uint32_t folder_id) {
   kvfs_item item;
   item.struct_size = sizeof(item);
   while ((result = kvfs_listing_next(listing, &item)) == KVFS_OK) {
-    printf("%-11s %6" PRIu32 " %8" PRIu64 "  %s\n", kKinds[item.kind], item.id, item.data_size, item.name);
+    printf("%-11s %6" PRIu32 " %8" PRIu64 "  %s\n", kind_of(&item), item.id, item.data_size, item.name);
   }
   (void)kvfs_listing_close(&listing);
   return result == KVFS_END ? KVFS_OK : result;

@@ -19,7 +19,7 @@ static uint64_t copy(kvfs_stream* stream, void* buffer) {
     }
     offset += count;
   } while (count != 0);
-  return KVFS_OK;
+  return fflush(stdout) == 0 ? KVFS_OK : KVFS_IO_ERROR;
 }
 
 static uint64_t read_file(kvfs_session* session, const char* path) {

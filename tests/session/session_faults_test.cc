@@ -312,6 +312,17 @@ TEST(SessionForkFaults, LongExtentWithoutMemory_IsNotOpened) {
   EXPECT_THAT(messages, HasSubstr("ERROR kvfs_session_open_fork Error while allocating 24 bytes for extents.\n"));
 }
 
+// Lets each read of a deletion fail, which is to leave the volume as it was. Returns how many there were.
+unsigned long failing_reads_of_deletion(const Volume& image, std::uint32_t file) {
+  return fail_each(each(Call::kPread64), [&](FailingRun& run) {
+    LogCapture silence;
+    const TestSession session(image);
+    const std::uint64_t result = run.operate([&] { return kvfs_session_delete(session.get(), file); });
+    EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  });
+}
+
 // The end of the volume is looked at only when a file has its last blocks, which may hold the alternate header.
 TEST(SessionDeleteFaults, EndOfTheVolumeThatCannotBeRead_LeavesTheVolumeAsItWas) {
   VolumeDescription description;
@@ -323,16 +334,7 @@ TEST(SessionDeleteFaults, EndOfTheVolumeThatCannotBeRead_LeavesTheVolumeAsItWas)
   const std::uint32_t last = static_cast<std::uint32_t>(elsewhere.get_field("totalBlocks")) - 1;
   at_the_end.set_field(elsewhere.find_by_cnid(file)->path() + ".dataFork.extents[0].startBlock", last);
   at_the_end.set_block_used(last, true);
-  const auto failures = [&](const Volume& image) {
-    return fail_each(each(Call::kPread64), [&](FailingRun& run) {
-      LogCapture silence;
-      const TestSession session(image);
-      const std::uint64_t result = run.operate([&] { return kvfs_session_delete(session.get(), file); });
-      EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
-      EXPECT_TRUE(session.contents() == image);
-    });
-  };
-  EXPECT_EQ(failures(at_the_end), failures(elsewhere) + 1);
+  EXPECT_EQ(failing_reads_of_deletion(at_the_end, file), failing_reads_of_deletion(elsewhere, file) + 1);
 }
 
 TEST(SessionDeleteFaults, JournalThatCannotBeLookedFor_LeavesTheVolumeAsItWas) {
@@ -345,16 +347,7 @@ TEST(SessionDeleteFaults, JournalThatCannotBeLookedFor_LeavesTheVolumeAsItWas) {
   journaled.set_field("attributes", 0x2100);
   const std::string start = without.find_by_cnid(info)->path() + ".dataFork.extents[0].startBlock";
   journaled.set_field("journalInfoBlock", without.get_field(start));
-  const auto failures = [&](const Volume& image) {
-    return fail_each(each(Call::kPread64), [&](FailingRun& run) {
-      LogCapture silence;
-      const TestSession session(image);
-      const std::uint64_t result = run.operate([&] { return kvfs_session_delete(session.get(), file); });
-      EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
-      EXPECT_TRUE(session.contents() == image);
-    });
-  };
-  EXPECT_EQ(failures(journaled), failures(without) + 1);
+  EXPECT_EQ(failing_reads_of_deletion(journaled, file), failing_reads_of_deletion(without, file) + 1);
 }
 
 TEST(SessionCloseFaults, LockThatCannotBeTaken_LeavesTheHandleOpen) {

@@ -45,9 +45,9 @@ VolumeDescription described() {
 // A file with a volume, and the programs run on it.
 class Examples : public ::testing::Test {
  protected:
-  ToolRun run(const std::string& program, std::vector<std::string> arguments) const {
+  ToolRun run(const std::string& program, std::vector<std::string> arguments, const RunOptions& options = {}) const {
     arguments.insert(arguments.begin(), file_.path());
-    return run_program(std::string(KVFS_EXAMPLES_BINARY_DIR) + "/" + program, arguments);
+    return run_program(std::string(KVFS_EXAMPLES_BINARY_DIR) + "/" + program, arguments, options);
   }
 
   // Runs a program that is to fail with this message and to leave the volume as it is.
@@ -346,6 +346,22 @@ TEST_F(Examples, InC_SayWhatHasFailed) {
                  "cannot change the volume: an argument is not acceptable\n");
 }
 
+// Bytes that wait in the stream are lost as well as those that are written at once.
+TEST_F(Examples, InC_ReadFileIntoAFullDevice_SaysSo) {
+  for (const char* path : {"docs/data", "docs/link"}) {
+    EXPECT_EQ(run("c/read_file", {path}, {.out_path = "/dev/full"}),
+              failed("cannot read the file: the device failed or could not be opened\n"));
+  }
+}
+
+TEST_F(Examples, InC_Report_TellsInItsOwnWordsWhatTheLibraryReports) {
+  EXPECT_EQ(run("c/report", {}), printed("Caf\u00E9\n"));
+  replace(SparseImage(1 << 20));
+  EXPECT_EQ(run("c/report", {}), failed("report: Invalid signature word for HFS+ volume: 0x0 (kvfs_volume_setup)\n"
+                                        "report: Error while setting up HFS volume. (kvfs_volume_create)\n"
+                                        "cannot open the volume: there is no HFS Plus volume, or a lock failed\n"));
+}
+
 // ---- The guide -----------------------------------------------------------------------------------------------------
 
 std::string content_of(const std::filesystem::path& path) {
@@ -377,7 +393,7 @@ std::vector<Quotation> quotations() {
   std::string last;
   std::string line;
   while (std::getline(lines, line)) {
-    if (line == "```cpp" || (line == "```c" && !example_named_in(last).empty())) {
+    if (line == "```cpp" || line == "```c") {
       Quotation quotation = {example_named_in(last), ""};
       while (std::getline(lines, line) && line != "```") {
         quotation.code += line + "\n";
