@@ -175,7 +175,7 @@ struct JournalInfoBlock {
   kvfs_be32 deviceSignature[8];  // names the other device
   kvfs_be64 offset;              // of the journal, in bytes from the beginning of the volume or device
   kvfs_be64 size;                // of the journal in bytes
-  kvfs_be32 reserved[32];
+  kvfs_be32 reserved[32];        // 0
 };
 KVFS_CHECK_LAYOUT(JournalInfoBlock, 180, reserved, 52);
 

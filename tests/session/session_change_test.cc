@@ -247,6 +247,10 @@ TEST_F(SessionChanges, NameOfAPrivateFolder_IsGivenToNoItem) {
   EXPECT_EQ(kvfs_session_make_link(session().get(), KVFS_ROOT_ID, name, "t", nullptr), KVFS_INVALID);
   EXPECT_EQ(session().rename("empty", "docs", name), KVFS_OK);
   EXPECT_EQ(session().remove(std::string("docs/") + name), KVFS_OK);
+  for (const char* other : {".HFS+ Private", ".HFS+ Private Directory Data", ".HFS+ Private Directory Data\r\r"}) {
+    EXPECT_EQ(session().rename("docs", "/", other), KVFS_OK) << other;
+    EXPECT_EQ(session().rename(other, "/", "docs"), KVFS_OK) << other;
+  }
 }
 
 // Every item of a large folder but those that a node needs.

@@ -604,17 +604,21 @@ TEST(SessionDamage, DataThatBeginsLikeAnAlternateHeader_IsFreed) {
   description.trailing_bytes = 1536;
   (void)description.add_file(kRootFolderId, u"f", 100);
   (void)description.add_files(kRootFolderId, 5);
-  const Volume sound = build_volume(description);
-  const std::uint32_t last = static_cast<std::uint32_t>(sound.get_field("totalBlocks")) - 1;
-  const std::uint64_t data = (last + std::uint64_t{1}) * description.block_size - 512;
-  for (const char* field : {"createDate", "blockSize"}) {
+  for (const bool hfsx : {false, true}) {
+    description.hfsx = hfsx;
+    const Volume sound = build_volume(description);
+    const std::uint32_t last = static_cast<std::uint32_t>(sound.get_field("totalBlocks")) - 1;
+    const std::uint64_t data = (last + std::uint64_t{1}) * description.block_size - 512;
     Volume image = with_claim(sound, last);
     image.write(data, image.read(kHeaderOffset, 512));
     expect_not_freed(image, of_the_volume(last));
-    const std::uint64_t in_header = image.device_offset_of_field(field) - kHeaderOffset;
-    image.set32(data + in_header, image.get32(data + in_header) + 1);
-    const TestSession session(image);
-    EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK) << field;
+    for (const char* field : {"signature", "createDate", "blockSize"}) {
+      Volume other = image;
+      const std::uint64_t place = data + other.device_offset_of_field(field) - kHeaderOffset;
+      other.set8(place, static_cast<std::uint8_t>(other.get8(place) + 1));
+      const TestSession session(other);
+      EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK) << field;
+    }
   }
 }
 
@@ -790,7 +794,7 @@ TEST(SessionDamage, CatalogThatCountsFewerRecordsThanItLoses_IsNotWritten) {
   EXPECT_EQ(session.flush(), KVFS_OK);
 }
 
-// The root folder is there when the volume is opened, by its key, but not by its ID.
+// A volume is opened whatever its thread of the root folder leads to.
 TEST(SessionDamage, RootThatIsNoFolder_LetsNoChangeBeWritten) {
   VolumeDescription description;
   const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
