@@ -38,24 +38,41 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
   return kvfs_ok;
 }
 
-// Appends the descriptors in use to an owned array.
+// Extents for which an array of `count` has room.
+static std::uint64_t room_for(std::uint64_t count) {
+  return std::bit_ceil(count);
+}
+
+bool kvfs_fork_append_extents(HFSPlusExtentDescriptor** array, std::uint32_t* count,
+                              const HFSPlusExtentDescriptor* extents, std::uint32_t added) {
+  const std::uint64_t grown_count = std::uint64_t{*count} + added;
+  const std::uint64_t room = room_for(grown_count);
+  if (*array == nullptr || room != room_for(*count)) {
+    const std::uint64_t size = room * sizeof(HFSPlusExtentDescriptor);
+    void* const grown = size > SIZE_MAX ? nullptr : std::realloc(*array, static_cast<std::size_t>(size));
+    if (grown == nullptr) {
+      return false;
+    }
+    *array = static_cast<HFSPlusExtentDescriptor*>(grown);
+  }
+  std::memcpy(*array + *count, extents, added * sizeof(HFSPlusExtentDescriptor));
+  *count = static_cast<std::uint32_t>(grown_count);
+  return true;
+}
+
+// Appends the descriptors in use to an owned array. What is said when memory is short counts the extents, not the room.
 static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32_t used,
                                   kvfs_owned<HFSPlusExtentDescriptor>* array, std::uint32_t* count) {
-  // realloc copies a large array by moving its pages, so that many overflow records do not cost quadratic copying.
-  const std::uint64_t size = (std::uint64_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
-  HFSPlusExtentDescriptor* const old = array->release();
-  void* const grown =
-      size > SIZE_MAX ? nullptr : std::realloc(old, static_cast<std::size_t>(size == 0 ? sizeof(*old) : size));
-  if (grown == nullptr) {
-    array->reset(old);
+  HFSPlusExtentDescriptor* grown = array->release();
+  const bool appended = kvfs_fork_append_extents(&grown, count, record.extents, used);
+  array->reset(grown);
+  if (!appended) {
+    const std::uint64_t size = (std::uint64_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
     KVFS_ERROR_AS(kvfs_fork_resolve_extents,
                   "Error while allocating %zu bytes of memory for expanded fork_extents array.",  // Q-log-2
                   static_cast<std::size_t>(size));
     return kvfs_no_memory;
   }
-  array->reset(static_cast<HFSPlusExtentDescriptor*>(grown));
-  std::memcpy(array->get() + *count, record.extents, used * sizeof(HFSPlusExtentDescriptor));
-  *count += used;
   return kvfs_ok;
 }
 
