@@ -190,23 +190,25 @@ class Volume:
     def walk(self, path: ItemOrPath = "/") -> Iterator[Tuple[str, Item]]:
         """Lists everything below a folder, one by one: paths that begin with the folder's, and items.
 
-        A folder comes before what it holds. No folder is entered twice, whatever a damaged catalog says.
+        Below a folder that is given as an `Item`, the paths are relative to it and begin with a name: to look one up,
+        put the folder's own path and "/" in front. A folder comes before what it holds. No folder is entered twice,
+        whatever a damaged catalog says.
         """
         start = self._find(path)
-        base = _shown(path) if not isinstance(path, Item) else ""
+        base = "" if isinstance(path, Item) else _shown(path).rstrip("/") + "/"
         entered = {start.id}
-        levels = [(base.rstrip("/"), self.listdir(start))]
+        levels = [(base, self.listdir(start))]
         while levels:
-            prefix, listing = levels[-1]
+            base, listing = levels[-1]
             item = next(listing, None)
             if item is None:
                 levels.pop()
                 continue
-            below = f"{prefix}/{item.name}"
+            below = base + item.name
             yield below, item
             if item.kind == Kind.FOLDER and item.id not in entered:
                 entered.add(item.id)
-                levels.append((below, self.listdir(item)))
+                levels.append((below + "/", self.listdir(item)))
 
     def open(self, path: ItemOrPath, *, fork: Literal["data", "resource"] = "data") -> File:
         """Opens a fork of a file for reading.
