@@ -13,7 +13,7 @@ from ._errors import InvalidError, IsAFolderError, NotAFileError, NotAFolderErro
 from ._file import File
 from ._items import Item, Kind, VolumeFacts, volume_facts
 from ._listing import Listing
-from ._names import PathType, split, to_path, to_shown, to_text
+from ._names import PathType, split, to_path, to_shown, to_stored, to_text
 from ._session import Session
 
 ItemOrPath = Union[PathType, Item]
@@ -263,11 +263,11 @@ class Volume:
             _library.call(_library.session_rename, self._session.handle, item.id, folder.id, name, path=shown)
 
     def move(self, source: ItemOrPath, folder: ItemOrPath) -> None:
-        """Gives an item another folder; it keeps its name. Raises as `rename` does."""
+        """Gives an item another folder; it keeps its name, decomposed or not. Raises as `rename` does."""
         with self._session.turn:
-            item = self._find(source)
+            item = self.item(self._find(source).id)  # an item that was given may have another name by now
             target = self._find(folder)
-            name = to_text(item.name)
+            name = to_stored(item.name)
             _library.call(
                 _library.session_rename, self._session.handle, item.id, target.id, name, path=_shown(source)
             )
