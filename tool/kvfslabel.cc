@@ -136,6 +136,8 @@ static bool check_not_mounted(const char* path) {
     std::fprintf(stderr, "Error while opening /proc/mounts for reading: %s (%d)\n", std::strerror(error), error);
     return false;
   }
+  static char buffer[4096];  // a table is read in fewer pieces than with the stream's own one
+  (void)std::setvbuf(table, buffer, _IOFBF, sizeof(buffer));
   const bool mounted = lists_device(table, path);
   std::fclose(table);
   if (mounted) {

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
@@ -17,17 +16,34 @@
 
 namespace kvfs::btree {
 
-// A copy of a node that a change works on; `view` leads into it.
-struct node_buffer {
-  kvfs_owned<unsigned char> bytes;
-  node_view view;
+// A change of a tree, from its beginning to its end. It is granted its work, and the bytes of nodes that it has done
+// with are kept for its next ones: it takes one node after another, and some C libraries map and unmap memory for each
+// block of that size.
+class tree_change {
+ public:
+  explicit tree_change(kvfs_btree* tree);
+  tree_change(const tree_change&) = delete;
+  tree_change& operator=(const tree_change&) = delete;
+  ~tree_change();
+
+ private:
+  kvfs_btree* tree_;
+  void* spare_nodes_ = nullptr;  // owned; the first of them, which begins with the address of the next one
 };
 
-inline bool allocate_node(const kvfs_btree* tree, node_buffer* buffer) {
-  buffer->bytes = kvfs_allocate_bytes(tree->nodeSize);
-  buffer->view = {buffer->bytes.get(), tree->nodeSize, 0};
-  return static_cast<bool>(buffer->bytes);
-}
+// A copy of a node that a change works on; `view` leads into its bytes, which are owned.
+struct node_buffer {
+  node_buffer() = default;
+  node_buffer(const node_buffer&) = delete;
+  node_buffer& operator=(const node_buffer&) = delete;
+  ~node_buffer();
+
+  kvfs_btree* tree = nullptr;  // null until there are bytes
+  node_view view = {nullptr, 0, 0};
+};
+
+// Gives an empty buffer its bytes; false when memory is short.
+bool allocate_node(kvfs_btree* tree, node_buffer* buffer);
 
 inline kvfs_result read_node(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
   (void)spend_work(tree, tree->nodeSize / kNodeBytesOfOneUnit);  // the next search ends when that was too much

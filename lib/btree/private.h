@@ -19,6 +19,7 @@ struct kvfs_btree_private {
   kvfs_rwlock* open_locators_lock;           // guards all of this and serialises the operations on the tree
   std::uint64_t reserve;                     // work beyond their grants that operations may still do in this tree
   std::uint64_t work_left;                   // for the operation under way, with the reserve
+  void** spare_nodes;                        // the first of those that the change under way keeps; null without one
 };
 
 struct kvfs_btree_record_locator_private {

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/owned.h"
 #include "extents.h"
 #include "fork/private.h"
 #include "format.h"
@@ -38,25 +37,35 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
   return kvfs_ok;
 }
 
-// Appends the descriptors in use to an owned array.
-static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32_t used,
-                                  kvfs_owned<HFSPlusExtentDescriptor>* array, std::uint32_t* count) {
-  // realloc copies a large array by moving its pages, so that many overflow records do not cost quadratic copying.
-  const std::uint64_t size = (std::uint64_t{*count} + used) * sizeof(HFSPlusExtentDescriptor);
-  HFSPlusExtentDescriptor* const old = array->release();
-  void* const grown =
-      size > SIZE_MAX ? nullptr : std::realloc(old, static_cast<std::size_t>(size == 0 ? sizeof(*old) : size));
-  if (grown == nullptr) {
-    array->reset(old);
-    KVFS_ERROR_AS(kvfs_fork_resolve_extents,
-                  "Error while allocating %zu bytes of memory for expanded fork_extents array.",  // Q-log-2
-                  static_cast<std::size_t>(size));
-    return kvfs_no_memory;
+bool kvfs_fork_append_extents(HFSPlusExtentDescriptor** array, std::uint32_t* count,
+                              const HFSPlusExtentDescriptor* extents, std::uint32_t added) {
+  const std::size_t grown_count = std::size_t{*count} + added;
+  if (grown_count > SIZE_MAX / (2 * sizeof(*extents))) {
+    return false;
   }
-  array->reset(static_cast<HFSPlusExtentDescriptor*>(grown));
-  std::memcpy(array->get() + *count, record.extents, used * sizeof(HFSPlusExtentDescriptor));
-  *count += used;
-  return kvfs_ok;
+  const std::size_t room = std::bit_ceil(grown_count);
+  if (*array == nullptr || room != std::bit_ceil(std::size_t{*count})) {
+    void* const grown = std::realloc(*array, room * sizeof(*extents));
+    if (grown == nullptr) {
+      return false;
+    }
+    *array = static_cast<HFSPlusExtentDescriptor*>(grown);
+  }
+  std::memcpy(*array + *count, extents, added * sizeof(*extents));
+  *count = static_cast<std::uint32_t>(grown_count);
+  return true;
+}
+
+// Appends the descriptors in use. What is said when memory is short counts the extents, not the room.
+static kvfs_result append_extents(const HFSPlusExtentRecord& record, std::uint32_t used,
+                                  HFSPlusExtentDescriptor** array, std::uint32_t* count) {
+  if (kvfs_fork_append_extents(array, count, record.extents, used)) {
+    return kvfs_ok;
+  }
+  KVFS_ERROR_AS(kvfs_fork_resolve_extents,
+                "Error while allocating %zu bytes of memory for expanded fork_extents array.",  // Q-log-2
+                static_cast<std::size_t>((std::uint64_t{*count} + used) * sizeof(HFSPlusExtentDescriptor)));
+  return kvfs_no_memory;
 }
 
 namespace {
@@ -97,31 +106,26 @@ static kvfs_result next_overflow_record(kvfs_extents* extents, std::uint32_t cni
   return kvfs_ok;
 }
 
-kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::uint32_t cnid,
-                                      const HFSPlusForkData* fork_data, HFSPlusExtentDescriptor** out_array,
-                                      std::uint32_t* out_count) {
+// Collects the extents in an array that is the caller's to free, whatever the result.
+static kvfs_result collect_extents(kvfs_extents* extents, int partial, std::uint32_t cnid,
+                                   const HFSPlusForkData* fork_data, HFSPlusExtentDescriptor** array,
+                                   std::uint32_t* count) {
   const std::uint32_t total = fork_data->totalBlocks.get();
   HFSPlusExtentRecord record = fork_data->extents;
-  kvfs_owned<HFSPlusExtentDescriptor> array;
-  std::uint32_t count = 0;
   std::uint32_t found = 0;  // blocks
   overflow_lookups lookups = {0, 0};
   for (;;) {
     std::uint32_t used = 0;
     kvfs_result result = scan_extent_record(record, total, &found, &used);
     if (result == kvfs_ok) {
-      result = append_extents(record, used, &array, &count);
+      result = append_extents(record, used, array, count);
     }
-    if (result != kvfs_ok) {
+    if (result != kvfs_ok || found == total || (extents == nullptr && partial != 0)) {
       return result;
     }
-    if (found == total || (extents == nullptr && partial != 0)) {
-      *out_array = array.release();
-      *out_count = count;
-      return kvfs_ok;
-    }
     if (extents == nullptr) {
-      KVFS_CRITICAL("No kvfs_extents reference and we are not reading extents partially.\n");
+      KVFS_CRITICAL_AS(kvfs_fork_resolve_extents,
+                       "No kvfs_extents reference and we are not reading extents partially.\n");
       return kvfs_internal;
     }
     result = next_overflow_record(extents, cnid, found, &lookups, &record);
@@ -129,4 +133,19 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
       return result;
     }
   }
+}
+
+kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::uint32_t cnid,
+                                      const HFSPlusForkData* fork_data, HFSPlusExtentDescriptor** out_array,
+                                      std::uint32_t* out_count) {
+  HFSPlusExtentDescriptor* array = nullptr;
+  std::uint32_t count = 0;
+  const kvfs_result result = collect_extents(extents, partial, cnid, fork_data, &array, &count);
+  if (result != kvfs_ok) {
+    std::free(array);
+    return result;
+  }
+  *out_array = array;
+  *out_count = count;
+  return kvfs_ok;
 }

@@ -78,6 +78,17 @@ kvfs_result kvfs_fork_resolve_extents(kvfs_extents* extents, int partial, std::u
                                       const HFSPlusForkData* fork_data, HFSPlusExtentDescriptor** out_array,
                                       std::uint32_t* out_count);
 
+// Appends extents to an owned array, whose room is that for the next power of two: many of them that come in small
+// numbers are copied a few times, not once for each of them.
+//
+//   array, count  in: an array that was made by this routine, with the number of its extents, or null and 0; out: the
+//                 array, which may have moved, and its new number; both are unchanged on failure
+//   extents       in on-disk byte order; `added` of them
+//
+// Returns false when memory is short.
+bool kvfs_fork_append_extents(HFSPlusExtentDescriptor** array, std::uint32_t* count,
+                              const HFSPlusExtentDescriptor* extents, std::uint32_t added);
+
 // ---- Cache items ---------------------------------------------------------------------------------------------------
 
 // Makes an item in which no block is valid or modified. Returns kvfs_ok, kvfs_no_memory or the failure of the lock.

@@ -25,15 +25,11 @@ static std::uint32_t blocks_in(const HFSPlusExtentRecord& record) {
 // Appends extents to those of a fork.
 static kvfs_result append_extents(kvfs_fork_private* priv, const HFSPlusExtentDescriptor* extents,
                                   std::uint32_t count) {
-  const std::uint64_t size = (std::uint64_t{priv->fork_extents_count} + count) * sizeof(HFSPlusExtentDescriptor);
-  void* const grown = size > SIZE_MAX ? nullptr : std::realloc(priv->fork_extents, static_cast<std::size_t>(size));
-  if (grown == nullptr) {
+  if (!kvfs_fork_append_extents(&priv->fork_extents, &priv->fork_extents_count, extents, count)) {
+    const std::uint64_t size = (std::uint64_t{priv->fork_extents_count} + count) * sizeof(HFSPlusExtentDescriptor);
     KVFS_ERROR_AS(kvfs_session_open_fork, "Error while allocating %llu bytes for extents.\n", to_ull(size));
     return kvfs_no_memory;
   }
-  priv->fork_extents = static_cast<HFSPlusExtentDescriptor*>(grown);
-  std::memcpy(priv->fork_extents + priv->fork_extents_count, extents, count * sizeof(HFSPlusExtentDescriptor));
-  priv->fork_extents_count += count;
   return kvfs_ok;
 }
 

@@ -124,11 +124,11 @@ class File(io.RawIOBase):
         """Closes the fork."""
         if not self.closed:
             super().close()
-            self._session.close_handle(_library.stream_close, self._stream)
+            self._session.put_aside(_library.stream_close, self._stream)
 
     def __del__(self) -> None:
         session = getattr(self, "_session", None)  # it may not have been made whole
-        if session is not None and not self.closed:
+        if session is not None and self._stream:
             session.put_aside(_library.stream_close, self._stream)
 
     def _check_open(self) -> None:

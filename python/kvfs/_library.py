@@ -185,8 +185,10 @@ def _report(_context: object, level: bytes, routine: bytes, line: int, text: byt
     log.lines.append(LogLine(decode(level), decode(routine), line, decode(text)))
 
 
-# It stays for good: another thread may be in the library even when this module goes.
+# It stays for good, with a reference that nobody gives back: the library may report even when this module has gone, as
+# to another thread, or to whatever is finalized later.
 _report_to_library = _log_handler(_report)
+ctypes.pythonapi.Py_IncRef(ctypes.py_object(_report_to_library))
 _set_log_handler(_report_to_library, None)
 
 

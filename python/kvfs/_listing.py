@@ -52,7 +52,7 @@ class Listing(Iterator[Item]):
         """Ends the listing."""
         if self._is_open:
             self._is_open = False
-            self._session.close_handle(_library.listing_close, self._handle)
+            self._session.put_aside(_library.listing_close, self._handle)
 
     def __enter__(self) -> Listing:
         return self
@@ -66,5 +66,6 @@ class Listing(Iterator[Item]):
         self.close()
 
     def __del__(self) -> None:
-        if getattr(self, "_is_open", False):  # it may not have been made whole
-            self._session.put_aside(_library.listing_close, self._handle)
+        session = getattr(self, "_session", None)  # it may not have been made whole
+        if session is not None and self._handle:
+            session.put_aside(_library.listing_close, self._handle)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import struct
 from typing import Tuple, Union
 
 from ._errors import InvalidError, Result
@@ -47,6 +48,12 @@ def to_text(text: Union[str, bytes]) -> bytes:
     if b"\0" in encoded:
         raise InvalidError(Result.INVALID, "the text has a NUL in it (see kvfs.spell)", ascii(text))
     return encoded
+
+
+def to_stored(name: str) -> bytes:
+    """A name for the library that is to be stored unit by unit as it is: it does not decompose what is spelled."""
+    units = unspell(name).encode("utf-16-be", "surrogatepass")
+    return b"".join(b"%%u%04X" % unit for (unit,) in struct.iter_unpack(">H", units))
 
 
 def to_path(path: PathType) -> bytes:

@@ -13,7 +13,7 @@ from ._errors import InvalidError, IsAFolderError, NotAFileError, NotAFolderErro
 from ._file import File
 from ._items import Item, Kind, VolumeFacts, volume_facts
 from ._listing import Listing
-from ._names import PathType, split, to_path, to_shown, to_text
+from ._names import PathType, split, to_path, to_shown, to_stored, to_text
 from ._session import Session
 
 ItemOrPath = Union[PathType, Item]
@@ -30,7 +30,9 @@ def open(
         path: of the device or image file; or a file descriptor, which has to stay open as long as the volume and is not
             closed with it.
         writable: for changing as well. The lock on the device or image file is then exclusive, otherwise shared.
-        wait: for that lock. Otherwise `BusyError` is raised when another program holds it.
+        wait: for that lock. Otherwise `BusyError` is raised when another program holds it. A signal with a handler of
+            Python's, as Ctrl-C has one, ends the waiting with a `KvfsError` whose `result` is `Result.FAILED`; what the
+            handler raises may be ignored, as what is raised in a destructor.
         allocation: with the allocation file. Without, nothing that asks or changes it works.
 
     Raises:
@@ -56,6 +58,9 @@ class Volume:
 
     As a context manager it is closed at the end of the block, as `close` does, or without writing what was changed when
     the block ends with an exception.
+
+    After a fork only one of the processes may go on using it, and `close` there gives the lock on the file back for
+    both. The child does not close what it only drops, or leaves with an exception.
     """
 
     def __init__(self, session: Session, name: str, writable: bool) -> None:
@@ -74,13 +79,10 @@ class Volume:
     def close(self) -> None:
         """Flushes what was changed, down to the device, and closes the volume, also when flushing fails.
 
-        Files and listings that are still open can only be closed then. Closing once more does nothing.
+        What another thread changes is flushed with the rest or raises `ClosedError`. Files and listings that are still
+        open can only be closed then. Closing once more does nothing.
         """
-        try:
-            if self._writable and not self.closed:
-                self.flush()
-        finally:
-            self._session.close()
+        self._session.close(self.flush if self._writable else None)
 
     def __enter__(self) -> Volume:
         return self
@@ -94,13 +96,12 @@ class Volume:
         if exception_type is None:
             self.close()
         else:
-            self._session.close()
+            self._session.drop()
 
     def __del__(self) -> None:
         session = getattr(self, "_session", None)
-        if session is not None and session.is_open:
+        if session is not None and session.is_open and not session.is_inherited:
             warnings.warn(f"unclosed volume {self._name!r}", ResourceWarning, stacklevel=2, source=self)
-            session.close()
 
     def __repr__(self) -> str:
         return f"<kvfs.Volume {self._name!r}{' closed' if self.closed else ''}>"
@@ -190,23 +191,25 @@ class Volume:
     def walk(self, path: ItemOrPath = "/") -> Iterator[Tuple[str, Item]]:
         """Lists everything below a folder, one by one: paths that begin with the folder's, and items.
 
-        A folder comes before what it holds. No folder is entered twice, whatever a damaged catalog says.
+        Below a folder that is given as an `Item`, the paths are relative to it and begin with a name: to look one up,
+        put the folder's own path and "/" in front. A folder comes before what it holds. No folder is entered twice,
+        whatever a damaged catalog says.
         """
         start = self._find(path)
-        base = _shown(path) if not isinstance(path, Item) else ""
+        base = "" if isinstance(path, Item) else _shown(path).rstrip("/") + "/"
         entered = {start.id}
-        levels = [(base.rstrip("/"), self.listdir(start))]
+        levels = [(base, self.listdir(start))]
         while levels:
-            prefix, listing = levels[-1]
+            base, listing = levels[-1]
             item = next(listing, None)
             if item is None:
                 levels.pop()
                 continue
-            below = f"{prefix}/{item.name}"
+            below = base + item.name
             yield below, item
             if item.kind == Kind.FOLDER and item.id not in entered:
                 entered.add(item.id)
-                levels.append((below, self.listdir(item)))
+                levels.append((below + "/", self.listdir(item)))
 
     def open(self, path: ItemOrPath, *, fork: Literal["data", "resource"] = "data") -> File:
         """Opens a fork of a file for reading.
@@ -261,11 +264,11 @@ class Volume:
             _library.call(_library.session_rename, self._session.handle, item.id, folder.id, name, path=shown)
 
     def move(self, source: ItemOrPath, folder: ItemOrPath) -> None:
-        """Gives an item another folder; it keeps its name. Raises as `rename` does."""
+        """Gives an item another folder; it keeps its name, decomposed or not. Raises as `rename` does."""
         with self._session.turn:
-            item = self._find(source)
+            item = self.item(self._find(source).id)  # an item that was given may have another name by now
             target = self._find(folder)
-            name = to_text(item.name)
+            name = to_stored(item.name)
             _library.call(
                 _library.session_rename, self._session.handle, item.id, target.id, name, path=_shown(source)
             )

@@ -26,9 +26,11 @@ import subprocess
 import sys
 import tempfile
 import unittest
-from typing import List, Optional
+from typing import Any, List, Optional
+from unittest import mock
 
 import kvfs
+from kvfs import _library
 
 SOURCE = pathlib.Path(os.environ.get("KVFS_SOURCE_DIR") or pathlib.Path(__file__).parents[2])
 
@@ -87,6 +89,35 @@ def known_volumes() -> List[pathlib.Path]:
 def pattern(size: int) -> bytes:
     """Bytes that tell where they stand."""
     return bytes((i * 31 + i // 251) & 0xFF for i in range(size))
+
+
+class Handles:
+    """Handles of listings and streams that the library has opened and not closed, counted while it is entered."""
+
+    def __enter__(self) -> "Handles":
+        self.count = 0
+        self._patches = [
+            mock.patch.object(_library, f"{kind}_{what}", self._counted(getattr(_library, f"{kind}_{what}")))
+            for kind in ("listing", "stream")
+            for what in ("open", "close")
+        ]
+        for patch in self._patches:
+            patch.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        for patch in self._patches:
+            patch.stop()
+
+    def _counted(self, function: Any) -> Any:
+        def call(*arguments: Any) -> int:
+            handle = arguments[-1]._obj  # of a byref
+            self.count -= handle.value is not None
+            result: int = function(*arguments)
+            self.count += handle.value is not None
+            return result
+
+        return call
 
 
 class VolumeTest(unittest.TestCase):

@@ -1,10 +1,16 @@
 """Changes, and their way to the device."""
 
 import pathlib
+import struct
 import unicodedata
 
 import kvfs
 from support import VolumeTest, need_program, run
+
+
+def spelled(name: str) -> str:
+    """A name with each of its units spelled."""
+    return "".join(f"%u{unit:04X}" for (unit,) in struct.iter_unpack(">H", name.encode("utf-16-be", "surrogatepass")))
 
 
 class Labels(VolumeTest):
@@ -47,6 +53,22 @@ class Changes(VolumeTest):
             volume.move(volume.stat("/Documents/sub"), volume.stat("/"))
         self.assert_sound()
         self.assertTrue(self.open().exists("/empty/either%u002For"))
+
+    def test_move_keeps_a_name_as_it_is_stored(self) -> None:
+        # Some programs do not decompose; what is spelled is stored as it is.
+        for stored in ("caf\u00e9", "cafe\u0301", "a/%u0041\ud800", "\U0001f600", "\ud55c" * 20):
+            with self.subTest(ascii(stored)), self.open(writable=True) as volume:
+                volume.rename("/Documents/a.txt", "/Documents/" + spelled(stored))
+                volume.move("/Documents/" + spelled(stored), "/empty")
+                self.assertEqual([kvfs.unspell(item.name) for item in volume.listdir("/empty")], [stored])
+                volume.discard()
+
+    def test_move_keeps_the_name_that_an_item_has_by_now(self) -> None:
+        volume = self.open(writable=True)
+        item = volume.stat("/Documents/a.txt")
+        volume.rename(item, "/Documents/b.txt")
+        volume.move(item, "/empty")
+        self.assertEqual([item.name for item in volume.listdir("/empty")], ["b.txt"])
 
     def test_refused_renames_change_nothing(self) -> None:
         volume = self.open(writable=True)

@@ -5,9 +5,11 @@ import gc
 import io
 import os
 import shutil
+import weakref
+from typing import Callable
 
 import kvfs
-from support import VolumeTest, pattern
+from support import Handles, VolumeTest, pattern
 
 BIG = pattern(300000)
 
@@ -128,3 +130,52 @@ class Files(VolumeTest):
         volume.remove("/Documents/big")
         with self.assertRaises(kvfs.NotFoundError):
             file.read()
+
+
+class Closing(VolumeTest):
+    def test_handles_are_closed_whoever_goes_first(self) -> None:
+        for forget in (False, True):
+            for closes_volume in (False, True):
+                with self.subTest(forget=forget, closes_volume=closes_volume), Handles() as handles:
+                    volume = kvfs.open(self.image)
+                    file, listing = volume.open("/Documents/big"), volume.listdir("/Documents")
+                    wrapped = io.BufferedReader(volume.open("/Documents/a.txt"))
+                    self.assertEqual(handles.count, 3)
+                    if closes_volume:
+                        volume.close()
+                    if not forget:
+                        file.close()
+                        listing.close()
+                        wrapped.close()
+                    del wrapped, file, listing
+                    if not closes_volume:
+                        volume.close()
+                    del volume
+                    self.assertEqual(handles.count, 0)
+
+    def test_handles_in_garbage_are_closed(self) -> None:
+        # The garbage collector finalizes a cycle in any order, mostly the oldest first.
+        wrap: Callable[[kvfs.File], object]
+        for wrap in (lambda file: file, io.BufferedReader):
+            with self.subTest(wrap), Handles() as handles:
+                volume = kvfs.open(self.image)
+                gone = weakref.ref(volume._session)
+                cycle = [volume.listdir("/Documents"), wrap(volume.open("/Documents/a.txt"))]
+                cycle.append(cycle)
+                volume.close()
+                del volume, cycle
+                self.assertEqual(handles.count, 2)
+                gc.collect()
+                self.assertIsNone(gone())
+                self.assertEqual(handles.count, 0)
+
+    def test_next_one_closes_those_that_are_done_with(self) -> None:
+        volume = self.open()
+        with Handles() as handles:
+            for _ in range(20):
+                volume.open("/Documents/big").close()
+                list(volume.listdir("/Documents"))
+                volume.open("/Documents/big")
+            self.assertLess(handles.count, 3)
+            volume.close()
+            self.assertEqual(handles.count, 0)

@@ -110,6 +110,22 @@ class Sources(unittest.TestCase):
         self.assertTrue(os.environ["KVFS_LIBRARY"])
 
 
+class Ending(unittest.TestCase):
+    def test_library_may_report_when_the_package_is_gone(self) -> None:
+        program = """
+import ctypes, os, sys, weakref
+from kvfs import _library
+
+class Late:
+    def __del__(self, open=_library.session_open, handle=ctypes.byref(ctypes.c_void_p()), write=os.write):
+        write(1, b"result %d" % open(b"/none/image", 0, handle))
+
+sys.late = Late()  # sys goes last
+"""
+        done = run_python("-c", program)
+        self.assertEqual((done.stdout, done.stderr, done.returncode), ("result 4", "", 0))
+
+
 class Installing(unittest.TestCase):
     def test_pip_installs_it_from_the_tree(self) -> None:
         for module in ("pip", "setuptools", "wheel"):

@@ -181,9 +181,18 @@ class Listings(VolumeTest):
         self.assertEqual(len(list(volume.walk())), 12)
         self.assertEqual([path for path, _ in volume.walk("/empty")], [])
 
-    def test_walk_from_an_item_begins_with_its_names(self) -> None:
+    def test_walk_from_an_item_is_relative_to_it(self) -> None:
         volume = self.open()
-        self.assertIn("/sub/re\u0301sume\u0301", [path for path, _ in volume.walk(volume.stat("/Documents"))])
+        paths = [path for path, _ in volume.walk(volume.stat("/Documents"))]
+        self.assertEqual(paths[0], "a.txt")
+        self.assertEqual(paths[-1], "sub/re\u0301sume\u0301")
+        self.assertEqual([f"/Documents/{path}" for path in paths], [path for path, _ in volume.walk("/Documents")])
+
+    def test_walk_from_a_path_keeps_it_as_it_is(self) -> None:
+        volume = self.open()
+        for path, first in (("", "/Documents"), ("/", "/Documents"), ("Documents", "Documents/a.txt")):
+            with self.subTest(path):
+                self.assertEqual(next(volume.walk(path))[0], first)
 
 
 class Links(VolumeTest):

@@ -733,13 +733,12 @@ Use count_use() {
           {delete_error("Error while writing out decremented 'leafRecords' in B-tree header record.")}};
 }
 
+// The node that takes the new index record lies in the buffer of the one that gave the old one: nothing is allocated.
 Uses replacement_uses(const ChangeTree& tree) {
   const Uses search = Uses{locator_allocation({search_error("Error while creating kvfs_btree_record_locator.")})} +
                       search_uses(tree, {4});
   const Uses deletion = Uses{header_map()} + node_uses(4) + Uses{header_unmap()};
   const Uses insertion = {
-      {Use::Kind::kAllocation,
-       {insert_error("Error while allocating node-sized buffer for modified contents (512 bytes).")}},
       {Use::Kind::kRead,
        {insert_error("Error while reading complete node data of node where record should be inserted.")}},
       {Use::Kind::kWriteNode, {insert_error("Error while writing out modified node after inserting record.")}},

@@ -660,11 +660,15 @@ Uses position_uses(const ChangeTree& tree, const std::vector<std::uint32_t>& nod
                 {insert_error("Error while searching for insert location.")});
 }
 
+Use node_read() {
+  return {Use::Kind::kRead,
+          {insert_error("Error while reading complete node data of node where record should be inserted.")}};
+}
+
 Uses take_up_uses() {
   return {{Use::Kind::kAllocation,
            {insert_error("Error while allocating node-sized buffer for modified contents (512 bytes).")}},
-          {Use::Kind::kRead,
-           {insert_error("Error while reading complete node data of node where record should be inserted.")}}};
+          node_read()};
 }
 
 Use node_write() {
@@ -685,6 +689,7 @@ Use new_locator() {
   return locator_allocation({insert_error("Error while creating kvfs_btree_record_locator.")});
 }
 
+// The node that takes the new index record lies in the buffer of the one that gave the old one: nothing is allocated.
 Uses replacement_uses(const ChangeTree& tree) {
   const Lines deleting = {insert_error("Error while deleting file/folder record from B-tree.")};
   const Lines adding = {insert_error("Error while adding index record.")};
@@ -700,7 +705,7 @@ Uses replacement_uses(const ChangeTree& tree) {
   const Uses search = Uses{locator_of_index_search()} + search_uses(tree, {4});
   return within(search, {insert_error("Error while searching for index node to modify.")}) +
          within(deletion, deleting) + within(within(search, searching), adding) +
-         within(within(take_up_uses() + Uses{header_read(), node_write(), header_read(), new_locator()}, inserting),
+         within(within(Uses{node_read(), header_read(), node_write(), header_read(), new_locator()}, inserting),
                 adding);
 }
 

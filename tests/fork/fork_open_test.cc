@@ -277,6 +277,19 @@ TEST(ForkResolveExtents, ManyOverflowRecords_AreAllFound) {
   EXPECT_EQ(overflow.lookups().size(), kRecords);
 }
 
+TEST(ForkResolveExtents, ManyOverflowRecords_MoveTheArrayOnceForEachDoubling) {
+  OverflowFile overflow;
+  const std::vector<BlockRun> eight_ones(8, BlockRun{7, 1});
+  constexpr std::uint32_t kRecords = 127;
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    overflow.add(kHFSCatalogFileID, kEightRunsBlocks + 8 * i, eight_ones);
+  }
+  const HFSPlusForkData data = fork_data(kEightRunsBlocks + 8 * kRecords, kEightRuns);
+  FaultInjector faults;
+  EXPECT_EQ(resolve(data, &overflow, 0).result, kvfs_ok);
+  EXPECT_EQ(faults.count(Call::kRealloc), 8u);  // for 8, 16, 32 and so on up to 1,024 extents
+}
+
 // Q-log-2
 TEST(ForkResolveExtents, EachAllocationFailing_PrintsTheSizeOfTheWholeArrayWithoutLineEnd) {
   OverflowFile overflow;
