@@ -17,7 +17,7 @@ _SPELLED = re.compile("%u([0-9A-F]{4})")
 
 
 def spell(name: str) -> str:
-    """Spells a name of any characters so that it can stand in a path, as the library spells stored names.
+    """Spells a name of any characters so that it can stand in a path.
 
     NUL, "/" and surrogates become "%u" and four hexadecimal digits, and so does a "%" in front of what would read as
     such a spelling. Everything else stands for itself.

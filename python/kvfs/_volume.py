@@ -184,7 +184,7 @@ class Volume:
         """Lists the items of a folder one by one, in the order of the catalog.
 
         Items that come or go in the meantime may be listed or not. Directly under the root folder are also the private
-        folders, whose names begin with "%u0000".
+        folders, with what links stand for: their names begin with "%u0000" and ".HFS+ Private".
         """
         return Listing(self, self._session, self._find(path).id, _shown(path))
 
