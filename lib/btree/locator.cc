@@ -31,23 +31,6 @@ struct tree_locator_block {
 
 static const char kLocatorTag[] = "kvfsbrla";
 
-// Of a block that the address sanitizer watches the end is to be seen.
-#if defined(__SANITIZE_ADDRESS__)
-static constexpr bool kAllocatesExactSizes = true;
-#elif defined(__has_feature)
-static constexpr bool kAllocatesExactSizes = __has_feature(address_sanitizer);
-#else
-static constexpr bool kAllocatesExactSizes = false;
-#endif
-
-// The bytes to allocate for a block. Those of the records of folders and files, which come and go one by one, have the
-// same size: some C libraries map and unmap memory for each block of a size that nothing else has.
-static std::size_t allocation_size_for(std::size_t block_size) {
-  constexpr std::size_t kSmallestOfAFolder = 256;
-  constexpr std::size_t kUsualOfAFile = 448;
-  return block_size > kSmallestOfAFolder && !kAllocatesExactSizes ? kvfs_max(block_size, kUsualOfAFile) : block_size;
-}
-
 static std::size_t record_capacity(const kvfs_btree_record_locator_private* priv) {
   return static_cast<const tree_locator_block*>(priv->allocation)->size - sizeof(tree_locator_block);
 }
@@ -170,7 +153,7 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
 // Allocates a locator with a copy of its record and links it at the head of the list.
 static kvfs_result create_locator(const locator_arguments& arguments, kvfs_btree_record_locator** out_locator) {
   const std::size_t size = sizeof(tree_locator_block) + arguments.record_size;
-  tree_locator_block* const block = static_cast<tree_locator_block*>(std::calloc(1, allocation_size_for(size)));
+  tree_locator_block* const block = static_cast<tree_locator_block*>(std::calloc(1, size));
   if (block == nullptr) {
     KVFS_ERROR_AS(kvfs_btree_record_locator_open,
                   "Error while allocating %zu bytes for kvfs_btree_record_locator allocation.\n", size);
