@@ -40,12 +40,9 @@ static kvfs_result scan_extent_record(const HFSPlusExtentRecord& record, std::ui
 bool kvfs_fork_append_extents(HFSPlusExtentDescriptor** array, std::uint32_t* count,
                               const HFSPlusExtentDescriptor* extents, std::uint32_t added) {
   const std::size_t grown_count = std::size_t{*count} + added;
-  if (grown_count > SIZE_MAX / (2 * sizeof(*extents))) {
-    return false;
-  }
-  const std::size_t room = std::bit_ceil(grown_count);
+  const std::size_t room = std::bit_ceil(grown_count);  // whatever fits into memory has a next power of two
   if (*array == nullptr || room != std::bit_ceil(std::size_t{*count})) {
-    void* const grown = std::realloc(*array, room * sizeof(*extents));
+    void* const grown = room > SIZE_MAX / sizeof(*extents) ? nullptr : std::realloc(*array, room * sizeof(*extents));
     if (grown == nullptr) {
       return false;
     }
