@@ -94,7 +94,7 @@ static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, con
   std::size_t offset_in_item = static_cast<std::size_t>(range.offset % fork->priv->item_size);
   std::size_t remaining = range.length;
   for (std::uint64_t index = range.items.first; index <= range.items.last; ++index) {
-    kvfs_result result = ensure_item("kvfs_fork_write", fork, index);
+    kvfs_result result = ensure_item(KVFS_NAME_OF(kvfs_fork_write), fork, index);
     if (result != kvfs_ok) {
       return result;
     }

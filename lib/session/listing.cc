@@ -83,7 +83,7 @@ static kvfs_result give_next(kvfs_listing* listing, kvfs_item* out_item) {
     return result;
   }
   if (listing->left == 0) {
-    KVFS_ERROR_BY("kvfs_listing_next", "Folder %lu has more items than the catalog has room for.\n",
+    KVFS_ERROR_AS(kvfs_listing_next, "Folder %lu has more items than the catalog has room for.\n",
                   to_ul(listing->folder_id));
     return kvfs_inconsistent;
   }
@@ -106,7 +106,7 @@ static kvfs_result open_listing(kvfs_session* session, std::uint32_t folder_id, 
   folder.release();
   kvfs_listing* const listing = kvfs_allocate_zeroed<kvfs_listing>().release();
   if (listing == nullptr) {
-    KVFS_ERROR_BY("kvfs_listing_open", "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
+    KVFS_ERROR_AS(kvfs_listing_open, "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
     return kvfs_no_memory;
   }
   listing->session = session;

@@ -1,8 +1,7 @@
 // Inside a session: for the rooms of the session unit and their tests.
 //
 // Public functions check their arguments, take the session's turn and leave the work to a routine that runs in that
-// turn. Routines that run in it give a kvfs_result, of which those below are further values. In messages public
-// functions are named by a text: KVFS_NAME_OF does not take functions whose result must be looked at in C.
+// turn. Routines that run in it give a kvfs_result, of which those below are further values.
 
 #ifndef KVFS_SESSION_PRIVATE_H
 #define KVFS_SESSION_PRIVATE_H

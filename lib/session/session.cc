@@ -66,7 +66,7 @@ static void free_session(kvfs_session* session) {
 static kvfs_result open_on(int fd, bool owns_fd, std::uint32_t flags, kvfs_session** out_session) {
   kvfs_session* const session = kvfs_allocate_zeroed<kvfs_session>().release();
   if (session == nullptr) {
-    KVFS_ERROR_BY("kvfs_session_open", "Error while allocating %zu bytes for kvfs_session.\n", sizeof(kvfs_session));
+    KVFS_ERROR_AS(kvfs_session_open, "Error while allocating %zu bytes for kvfs_session.\n", sizeof(kvfs_session));
     if (owns_fd) {
       kvfs_system_close(fd);
     }
