@@ -75,6 +75,8 @@ char kvfs_checked_routine(Result (&routine)(Parameters...));
 // Reports what cannot happen in the name of the enclosing routine.
 #define KVFS_CRITICAL(...) KVFS_CRITICAL_BY(__func__, __VA_ARGS__)
 
+namespace kvfs {
+
 // A number as its message's "%llu" wants it: printf has no portable conversion for the fixed-width types.
 constexpr unsigned long long to_ull(std::uint64_t value) {
   return value;
@@ -84,6 +86,11 @@ constexpr unsigned long long to_ull(std::uint64_t value) {
 constexpr unsigned long to_ul(std::uint32_t value) {
   return value;
 }
+
+}  // namespace kvfs
+
+using kvfs::to_ul;
+using kvfs::to_ull;
 
 // ---- Reader-writer lock --------------------------------------------------------------------------------------------
 

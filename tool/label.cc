@@ -80,11 +80,15 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
 //
 // A label that could not be printed afterwards is not written: X-tool-5.
 
+namespace {
+
 // A text of UTF-16 units in host order.
 struct utf16_text {
   kvfs_owned<std::uint16_t> units;
   std::size_t length;
 };
+
+}  // namespace
 
 static kvfs_result convert_new_label(const char* label, utf16_text* text) {
   std::uint16_t* units = nullptr;

@@ -111,10 +111,14 @@ static kvfs_result visit_overflow(kvfs_session* session, const HFSPlusCatalogFil
                            : result;
 }
 
+namespace {
+
 struct overflow_count {
   std::uint32_t records;
   std::uint16_t fewest_in_node;  // records of the emptiest node that has one of them
 };
+
+}  // namespace
 
 static kvfs_result count_record(kvfs_btree* tree, kvfs_btree_record_locator* record, void* context) {
   overflow_count* const count = static_cast<overflow_count*>(context);

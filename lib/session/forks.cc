@@ -221,10 +221,14 @@ void kvfs_session_close_fork(kvfs_session_fork* fork) {
 // Bytes of one transfer: a single system call reads no more than 2 GiB.
 static constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 24;
 
+namespace {
+
 struct read_context {
   kvfs_device* device;
   unsigned char* destination;  // moves on with the pieces
 };
+
+}  // namespace
 
 // Reads some bytes of one sector.
 static kvfs_result read_in_sector(read_context* read, std::uint64_t offset, std::size_t length) {

@@ -12,11 +12,15 @@
 #include "session/private.h"
 #include "volume.h"
 
+namespace {
+
 // An item as it is stored. Both kinds of records begin a file record's bytes.
 struct listed_record {
   HFSPlusCatalogKey key;
   HFSPlusCatalogFile data;
 };
+
+}  // namespace
 
 // Items that are taken at a time.
 static constexpr std::uint32_t kBatch = 32;

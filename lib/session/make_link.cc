@@ -12,10 +12,14 @@
 
 // ---- What is looked at before --------------------------------------------------------------------------------------
 
+namespace {
+
 struct link_target {
   kvfs_be16 units[KVFS_TARGET_SIZE];
   std::size_t length;
 };
+
+}  // namespace
 
 // Converts the target. It is a path for other systems, so that nothing in it is decomposed; a backslash would become a
 // slash (Q-catalog-9).

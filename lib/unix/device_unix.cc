@@ -16,12 +16,16 @@ struct kvfs_device_private {
   int fd;  // borrowed
 };
 
+namespace {
+
 // A request in bytes. It is refused when the system's interfaces, 32-bit sizes and signed 64-bit offsets, cannot
 // express it.
 struct transfer {
   std::uint64_t offset;
   std::uint64_t size;
 };
+
+}  // namespace
 
 static constexpr std::uint64_t kMaximumTransferSize = 0xFFFFFFFF;
 
