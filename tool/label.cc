@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/owned.h"
 #include "btree.h"
 #include "catalog.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "support.h"
 #include "unicode.h"
 #include "volume.h"

@@ -4,7 +4,6 @@
 
 #include "base/failure.h"
 #include "base/fork_data.h"
-#include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
@@ -12,6 +11,7 @@
 #include "extents.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "fork.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

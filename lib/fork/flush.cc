@@ -12,13 +12,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "device.h"
 #include "fork.h"
 #include "fork/access.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

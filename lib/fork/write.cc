@@ -6,14 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "base/rwlock_guard.h"
 #include "fork.h"
 #include "fork/access.h"
 #include "fork/cache.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

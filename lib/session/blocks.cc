@@ -1,9 +1,9 @@
 // Which blocks are in use, and freeing them.
 
-#include "base/arithmetic.h"
 #include "bitmap.h"
 #include "bitmap/private.h"
 #include "fork.h"
+#include "ground/arithmetic.h"
 #include "session/private.h"
 #include "volume.h"
 

@@ -3,12 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "device.h"
 #include "extents.h"
 #include "fork.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
 

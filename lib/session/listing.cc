@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "btree.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
 

@@ -2,12 +2,12 @@
 
 #include <cstring>
 
-#include "base/system.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "catalog/key.h"
 #include "session/private.h"
 #include "unicode.h"
+#include "unix/system.h"
 #include "volume.h"
 
 // ---- What is looked at before --------------------------------------------------------------------------------------

@@ -2,10 +2,10 @@
 
 #include <cstdlib>
 
-#include "base/owned.h"
-#include "base/system.h"
 #include "device.h"
+#include "ground/owned.h"
 #include "session/private.h"
+#include "unix/system.h"
 #include "volume.h"
 
 static constexpr std::uint32_t kOpenFlags = KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT | KVFS_OPEN_NO_ALLOCATION;

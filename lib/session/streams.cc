@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
 

@@ -7,7 +7,7 @@
 #include <span>
 #include <type_traits>
 
-#include "base/owned.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 #include "unicode.h"

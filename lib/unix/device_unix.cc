@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/owned.h"
+#include "ground/owned.h"
 #include "support.h"
 
 struct kvfs_device_private {
