@@ -167,14 +167,12 @@ kvfs_result kvfs_session_expect_removal(kvfs_session* session, const kvfs_sessio
   constexpr std::int32_t kAllRecords = 0x10000;
   const kvfs_btree_record_locator_private* const record = item.record()->priv;
   kvfs_btree* const tree = catalog_tree(session);
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    return guard.result();
-  }
-  // The one other locator that is open is the folder's.
-  kvfs_btree_shift_locators(tree, record->node, record->index + 1, kAllRecords, record->node, true, 1,
-                            record->record_size);
-  return guard.release();
+  return kvfs_with_write_lock(tree->priv->open_locators_lock, [=] {
+    // The one other locator that is open is the folder's.
+    kvfs_btree_shift_locators(tree, record->node, record->index + 1, kAllRecords, record->node, true, 1,
+                              record->record_size);
+    return kvfs_result{kvfs_ok};
+  });
 }
 
 // ---- Places where items are to come --------------------------------------------------------------------------------

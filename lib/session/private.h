@@ -77,12 +77,7 @@ struct kvfs_session {
 // done, but is a failure.
 template <typename Work>
 kvfs_result kvfs_session_take_turn(kvfs_session* session, Work work) {
-  kvfs_write_guard turn(session->lock);
-  if (turn.result() != kvfs_ok) {
-    return turn.result();
-  }
-  const kvfs_result result = session->volume == nullptr ? kvfs_closed : work();
-  return kvfs_result_keep(result, turn.release());
+  return kvfs_with_write_lock(session->lock, [&] { return session->volume == nullptr ? kvfs_closed : work(); });
 }
 
 // Counts a new listing or stream, and one that is closed. The last one of a closed session frees the session.

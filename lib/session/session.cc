@@ -165,10 +165,5 @@ uint64_t kvfs_session_discard(kvfs_session* session) {
   if (session == nullptr) {
     return kvfs_invalid;
   }
-  kvfs_write_guard turn(session->lock);
-  if (turn.result() != kvfs_ok) {
-    return turn.result();
-  }
-  const kvfs_result result = discard(session);
-  return kvfs_result_keep(result, turn.release());
+  return kvfs_with_write_lock(session->lock, [=] { return discard(session); });
 }
