@@ -139,7 +139,7 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
   if (result != kvfs_ok) {
     return result;
   }
-  if (fork->priv->modificationBitmapBlockSize == 0) {
+  if (transfer_unit(fork) == 0) {
     return check_transfer_unit(__func__, fork);  // too large a unit is refused where a block is read or flushed
   }
   result = read_partial_blocks(fork, &range);
