@@ -41,12 +41,14 @@ void kvfs_log_warning(const char* function, int line, const char* format, ...)
 void kvfs_log_critical(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
 
-// Takes any routine, and nothing else. It is never called, and hence nowhere defined.
-template <typename Result, typename... Parameters>
-char kvfs_checked_routine(Result (&routine)(Parameters...));
+// Can be made of any routine, and of nothing else. None ever is, so that this is nowhere defined.
+struct kvfs_checked_routine {
+  template <typename Result, typename... Parameters>
+  explicit kvfs_checked_routine(Result (&routine)(Parameters...));
+};
 
 // The name of a routine that exists, for messages: what a misspelt or a removed one is called does not compile.
-#define KVFS_NAME_OF(routine) (static_cast<void>(sizeof(kvfs_checked_routine(routine))), #routine)
+#define KVFS_NAME_OF(routine) (static_cast<void>(sizeof(kvfs_checked_routine{routine})), #routine)
 
 // Who speaks in a message? As a rule the routine that it stands in:
 //   KVFS_ERROR(format, ...), KVFS_WARNING(...), KVFS_CRITICAL(...).

@@ -24,6 +24,7 @@ void kvfs_log_to_standard_error(const char* level, const char* function, int lin
   if (__atomic_load_n(&g_at_line_start, __ATOMIC_RELAXED) != 0) {
     std::fprintf(stderr, "[%s: %s, line %d] ", level, function, line);
   }
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not know that a parameter is initialized
   std::vfprintf(stderr, format, arguments);
   // The format decides, not the text that it gave (Q-log-1): callers leave a line open by leaving the feed out there.
   const std::size_t length = std::strlen(format);
