@@ -10,11 +10,15 @@
 #include "fork.h"
 #include "volume_session.h"
 
+namespace {
+
 // A name as the catalog stores it.
 struct stored_name {
   kvfs_be16 units[kHFSPlusMaxNameLength];
   std::size_t length = 0;
 };
+
+}  // namespace
 
 static bool convert_name(const char* text, stored_name* name) {
   kvfs_catalog_utf8_path path = {text};

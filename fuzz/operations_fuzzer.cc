@@ -22,6 +22,8 @@ static constexpr int kMostOperations = 24;
 static constexpr std::uint32_t kMostIDs = 64;
 static constexpr std::size_t kLongestName = 40;
 
+namespace {
+
 // A session with a volume, with the item that was looked up last.
 class Session {
  public:
@@ -233,6 +235,8 @@ class Session {
   OpenVolume volume_;
   kvfs_catalog_search_result item_;
 };
+
+}  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);

@@ -8,6 +8,9 @@
 // it is needed; only nodeSize and maxKeyLength are kept. The list of open locators holds every locator that was not
 // closed.
 //
+// Its source is in lib/btree/. Only opening, which opens the fork, is in lib/extents/, and growing, which lets the fork
+// grow, in lib/bitmap/.
+//
 // Threads: every operation may be called concurrently; a locator's own bytes belong to those who hold it.
 // Locks: one for each tree, over its list of locators. Searching, iterating and changing hold it for writing, which
 // makes them take turns; rewriting a record's data holds it for reading. It is taken before any lock of the fork.

@@ -16,6 +16,9 @@
 //   unmap and read takes one away for each item: callers map one block at a time. The count keeps nothing alive.
 // What of this must stay as it is: Q-fork-4, Q-fork-7 and Q-fork-9 of docs/quirks.md.
 //
+// Its source is in lib/fork/. Only opening, which may have to ask the extents overflow file, is in lib/extents/, and
+// growing and shrinking, which change the allocation file, in lib/bitmap/.
+//
 // Threads: any number may map, unmap, read, write, fill and flush one fork; opening, destroying, growing and shrinking
 // it is for one thread while no other uses it. Who holds a mapping owns the access to its bytes.
 // Locks, in the order in which they are taken: items_lock, dirty_lock, an item's item_lock.

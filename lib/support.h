@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 #include "result.h"
 
@@ -42,13 +41,14 @@ void kvfs_log_warning(const char* function, int line, const char* format, ...)
 void kvfs_log_critical(const char* function, int line, const char* format, ...)
     __attribute__((cold, format(printf, 3, 4)));
 
-// The name of a routine that exists, for messages: what a misspelt or a removed one is called does not compile.
-#define KVFS_NAME_OF(routine) (static_cast<void>(sizeof(kvfs_checked_routine<decltype(routine)>)), #routine)
-
-template <typename Routine>
+// Can be made of any routine, and of nothing else. None ever is, so that this is nowhere defined.
 struct kvfs_checked_routine {
-  static_assert(std::is_function_v<Routine>, "messages speak for routines");
+  template <typename Result, typename... Parameters>
+  explicit kvfs_checked_routine(Result (&routine)(Parameters...));
 };
+
+// The name of a routine that exists, for messages: what a misspelt or a removed one is called does not compile.
+#define KVFS_NAME_OF(routine) (static_cast<void>(sizeof(kvfs_checked_routine{routine})), #routine)
 
 // Who speaks in a message? As a rule the routine that it stands in:
 //   KVFS_ERROR(format, ...), KVFS_WARNING(...), KVFS_CRITICAL(...).
@@ -77,6 +77,8 @@ struct kvfs_checked_routine {
 // Reports what cannot happen in the name of the enclosing routine.
 #define KVFS_CRITICAL(...) KVFS_CRITICAL_BY(__func__, __VA_ARGS__)
 
+namespace kvfs {
+
 // A number as its message's "%llu" wants it: printf has no portable conversion for the fixed-width types.
 constexpr unsigned long long to_ull(std::uint64_t value) {
   return value;
@@ -86,6 +88,11 @@ constexpr unsigned long long to_ull(std::uint64_t value) {
 constexpr unsigned long to_ul(std::uint32_t value) {
   return value;
 }
+
+}  // namespace kvfs
+
+using kvfs::to_ul;
+using kvfs::to_ull;
 
 // ---- Reader-writer lock --------------------------------------------------------------------------------------------
 

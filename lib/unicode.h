@@ -33,7 +33,8 @@ inline constexpr std::int32_t kUnicodeLittleEndian = 2;  // the other way round
 //
 //   units, count  the text; a zero unit ends it early
 //   byte_order    one of the three above. The result is sized from the units as they lie, before this is applied, so
-//                 that a foreign order is converted only if it needs no more bytes than the units as they lie would.
+//                 that an order other than the host's is converted only if it needs no more bytes than the units as
+//                 they lie would.
 //                 Any other value is refused when there is a unit to convert
 //   outs          in: the caller's buffer, or null to have one allocated; out: an allocated buffer, which the caller
 //                 frees with free(). Unchanged on failure
@@ -41,8 +42,8 @@ inline constexpr std::int32_t kUnicodeLittleEndian = 2;  // the other way round
 //                 written; out: bytes of text. Unchanged on failure; what a caller's buffer holds is then undefined
 //
 // Returns kvfs_ok; kvfs_invalid for a surrogate without its partner or an unknown byte order; kvfs_overflow when the
-// text does not fit the caller's buffer, or has more than 2^32 - 1 bytes; kvfs_no_memory; kvfs_inconsistent when a
-// foreign byte order needs more bytes than were sized.
+// text does not fit the caller's buffer, or has more than 2^32 - 1 bytes; kvfs_no_memory; kvfs_inconsistent when an
+// order other than the host's needs more bytes than were sized.
 kvfs_result kvfs_unicode_unistr_to_utf8(const std::uint16_t* units, std::size_t count, std::int32_t byte_order,
                                         char** outs, std::size_t* outs_len);
 

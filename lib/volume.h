@@ -2,7 +2,9 @@
 //
 // Opening reads and checks the volume header, opens the extents overflow file, the catalog and, when asked to, the
 // allocation file, finds the root folder and copies its name, which is the volume's label. The header stays in memory
-// in on-disk byte order, inside the sectors that it was read with; the special files' fork data lie in it.
+// in on-disk byte order, inside the sectors that it was read with; the special files' fork data lie in it. The
+// structure kvfs_volume itself stands in volume_header.h, for those who change the header in memory and need no more of
+// a volume.
 //
 // Threads: opening and closing are for one thread. After that the label fields are the volume's only shared state.
 // Locks: the volume lock, taken for writing while the label fields change; readers of the label take none.

@@ -24,11 +24,15 @@ static constexpr std::uint32_t kSectorSize = 512;
 
 // ---- Arguments -----------------------------------------------------------------------------------------------------
 
+namespace {
+
 // What the command line asks for. Without a device it was not understood.
 struct arguments {
   const char* device;
   const char* new_label;  // null to print the label
 };
+
+}  // namespace
 
 // By the tool's own name, whatever it was called by (Q-tool-2).
 static void kvfslabel_usage() {

@@ -5,32 +5,32 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/owned.h"
 #include "btree.h"
 #include "catalog.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "support.h"
 #include "unicode.h"
 #include "volume.h"
 
 // ---- Printing ------------------------------------------------------------------------------------------------------
 
-// Brings the stored label into host order, composed or as it is. `native` has room for as many units as are stored:
+// Brings the stored label into host order, composed or as it is. `units` has room for as many as are stored:
 // composing never makes a name longer.
-static kvfs_result convert_stored_label(const kvfs_volume* volume, std::uint16_t* native, std::size_t* native_length) {
+static kvfs_result convert_stored_label(const kvfs_volume* volume, std::uint16_t* units, std::size_t* count) {
   const std::size_t length = *volume->label_length;
   if (output_mode == kOutputComposed) {
-    if (kvfs_unicode_compose(volume->label, length, native, length, native_length) != 0) {
+    if (kvfs_unicode_compose(volume->label, length, units, length, count) != 0) {
       KVFS_ERROR_AS(kvfslabel_print_label, "Overflow while composing volume label string.\n");
       return kvfs_overflow;
     }
     return kvfs_ok;
   }
   for (std::size_t i = 0; i < length; ++i) {
-    native[i] = volume->label[i].get();
+    units[i] = volume->label[i].get();
   }
-  *native_length = length;
+  *count = length;
   return kvfs_ok;
 }
 
@@ -54,14 +54,14 @@ static kvfs_result convert_label_to_text(const kvfs_volume* volume, kvfs_owned<c
     std::fputs("Error while allocating memory for native-endian label.\n", stderr);
     return kvfs_no_memory;
   }
-  std::uint16_t* const native = static_cast<std::uint16_t*>(static_cast<void*>(buffer.get()));
-  std::size_t native_length = 0;
-  kvfs_result result = convert_stored_label(volume, native, &native_length);
+  std::uint16_t* const units = static_cast<std::uint16_t*>(static_cast<void*>(buffer.get()));
+  std::size_t count = 0;
+  kvfs_result result = convert_stored_label(volume, units, &count);
   if (result != kvfs_ok) {
     return result;
   }
   char* converted = nullptr;
-  result = kvfs_unicode_unistr_to_utf8(native, native_length, kUnicodeHostOrder, &converted, text_length);
+  result = kvfs_unicode_unistr_to_utf8(units, count, kUnicodeHostOrder, &converted, text_length);
   if (result != kvfs_ok) {
     std::fputs("Error while converting UTF-16 string to UTF-8.\n", stderr);
   }
@@ -80,11 +80,15 @@ kvfs_result kvfslabel_print_label(const kvfs_volume* volume) {
 //
 // A label that could not be printed afterwards is not written: X-tool-5.
 
+namespace {
+
 // A text of UTF-16 units in host order.
 struct utf16_text {
   kvfs_owned<std::uint16_t> units;
   std::size_t length;
 };
+
+}  // namespace
 
 static kvfs_result convert_new_label(const char* label, utf16_text* text) {
   std::uint16_t* units = nullptr;

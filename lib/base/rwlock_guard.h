@@ -88,6 +88,18 @@ kvfs_result kvfs_with_lock(kvfs_rwlock* lock, const kvfs_lock_messages& messages
   const kvfs_result result = work();
   return kvfs_release_lock(&guard, messages, result);
 }
+
+// The same for work whose caller has nothing to say about the lock: what fails is logged where it does.
+template <typename Guard, typename Work>
+kvfs_result kvfs_with_lock(kvfs_rwlock* lock, const Work& work) {
+  Guard guard(lock);
+  if (guard.result() != kvfs_ok) {
+    return guard.result();
+  }
+  const kvfs_result result = work();
+  return kvfs_result_keep(result, guard.release());
+}
+
 template <typename Work>
 kvfs_result kvfs_with_read_lock(kvfs_rwlock* lock, const kvfs_lock_messages& messages, const Work& work) {
   return kvfs_with_lock<kvfs_read_guard>(lock, messages, work);
@@ -95,6 +107,10 @@ kvfs_result kvfs_with_read_lock(kvfs_rwlock* lock, const kvfs_lock_messages& mes
 template <typename Work>
 kvfs_result kvfs_with_write_lock(kvfs_rwlock* lock, const kvfs_lock_messages& messages, const Work& work) {
   return kvfs_with_lock<kvfs_write_guard>(lock, messages, work);
+}
+template <typename Work>
+kvfs_result kvfs_with_write_lock(kvfs_rwlock* lock, const Work& work) {
+  return kvfs_with_lock<kvfs_write_guard>(lock, work);
 }
 
 #endif  // KVFS_BASE_RWLOCK_GUARD_H

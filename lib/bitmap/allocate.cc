@@ -2,10 +2,10 @@
 
 #include <cstdint>
 
-#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "fork.h"
+#include "ground/bits.h"
 #include "result.h"
 #include "support.h"
 #include "volume_header.h"

@@ -2,11 +2,11 @@
 
 #include "bitmap.h"
 
-#include "base/owned.h"
 #include "bitmap/private.h"
 #include "extents.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "bitmap.h"
 #include "extents.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 #include "volume_header.h"

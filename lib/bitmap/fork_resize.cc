@@ -9,13 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "bitmap.h"
 #include "fork.h"
 #include "fork/access.h"
 #include "fork/extent.h"
 #include "fork/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 #include "volume_header.h"

@@ -5,11 +5,11 @@
 
 #include <cstdint>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "fork.h"
 #include "fork/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "volume_header.h"
 

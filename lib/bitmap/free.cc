@@ -2,13 +2,13 @@
 
 #include <cstdint>
 
-#include "base/arithmetic.h"
-#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "bitmap/private.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/arithmetic.h"
+#include "ground/bits.h"
 #include "result.h"
 #include "support.h"
 

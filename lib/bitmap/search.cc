@@ -4,11 +4,11 @@
 
 #include <cstdint>
 
-#include "base/arithmetic.h"
-#include "base/bits.h"
 #include "bitmap.h"
 #include "bitmap/bits.h"
 #include "fork.h"
+#include "ground/arithmetic.h"
+#include "ground/bits.h"
 #include "result.h"
 #include "support.h"
 #include "volume_header.h"

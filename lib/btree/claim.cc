@@ -4,7 +4,6 @@
 
 #include <cstdint>
 
-#include "base/bits.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/node_buffer.h"
@@ -12,6 +11,7 @@
 #include "btree/work.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/bits.h"
 #include "result.h"
 #include "support.h"
 

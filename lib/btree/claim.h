@@ -1,4 +1,5 @@
-// The node bitmap: claiming a free node.
+// Map nodes, which hold the bits of nodes for which the header node has no room: for claiming a free node, and for
+// growing a tree.
 
 #ifndef KVFS_BTREE_CLAIM_H
 #define KVFS_BTREE_CLAIM_H

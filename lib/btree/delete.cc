@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "btree.h"
 #include "btree/index.h"
@@ -13,6 +12,7 @@
 #include "btree/node_buffer.h"
 #include "btree/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

@@ -1,10 +1,11 @@
 // Insertion of a record.
 //
 // From the top: kvfs_btree_insert_record takes the lock; kvfs_btree_insert_record_internal finds the place
-// (insert_place.cc). Where the record does not fit, split_for_insertion chooses a split point (split_point.cc) and has
-// the node split (split.cc), which adds an index record for the new one (index.cc): an insertion one level higher. Then
-// insert_in_place puts the record into its node, and maintain_after_insertion counts it and, where it is the first one
-// of its node, has the node's index record replaced (index.cc): a deletion and an insertion one level higher.
+// (insert_place.cc). Where the record does not fit, split_for_insertion has a split point chosen (split_point.cc) and
+// the node split there (split.cc), which adds an index record for the new one (index.cc): an insertion one level
+// higher. Then insert_in_place puts the record into its node, and maintain_after_insertion counts it and, where it is
+// the first one of its node, has the node's index record replaced (index.cc): a deletion and an insertion one level
+// higher.
 
 #include <cstddef>
 #include <cstdint>
@@ -23,6 +24,58 @@
 #include "support.h"
 
 using namespace kvfs::btree;
+
+// Takes up the half of a split node that the new record belongs to.
+static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, std::uint32_t new_node) {
+  std::uint32_t node = insert->node.view.number;
+  // At the split index itself the record is appended to the node that was split: Q-btree-12.
+  if (insert->index > split_index) {
+    node = new_node;
+    insert->index -= split_index;
+  }
+  const kvfs_result result = read_node(insert->tree, node, &insert->node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading complete node data of claimed node.\n");
+    return result;
+  }
+  take_up_insertion_node(insert);
+  if (!table_has_room(*insert)) {
+    KVFS_CRITICAL_AS(
+        kvfs_btree_insert_record_internal,
+        "Invalid node data in newly claimed node: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
+        insert->descriptor.numRecords.get(), insert->tree->nodeSize);
+    return kvfs_inconsistent;
+  }
+  if (insert->index > insert->count || offset_at(insert->node.view, insert->index) < kBTFirstRecordOffset) {
+    return report_bad_insert_offset(node, insert->index);
+  }
+  if (!fits_in_place(*insert)) {  // X-btree-8
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Record of %lu bytes does not fit node %lu, even after a split.\n",
+                  to_ul(insert->record_size), to_ul(node));
+    return kvfs_internal;
+  }
+  return kvfs_ok;
+}
+
+// Splits the node of a record that does not fit, and takes up the half that the record belongs to.
+static kvfs_result split_for_insertion(insertion* insert) {
+  std::uint16_t split_index = 0;
+  kvfs_result result = choose_split_point(*insert, &split_index);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  std::uint32_t new_node = 0;
+  result = kvfs_btree_split_node(insert->tree, insert->node.view.number, split_index, &new_node);
+  if (result != kvfs_ok) {
+    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while splitting node.\n");
+    return result;
+  }
+  if (new_node == 0) {
+    KVFS_CRITICAL_AS(kvfs_btree_insert_record_internal, "Unexpected: kvfs_btree_split_node returned 0.\n");
+    return kvfs_internal;
+  }
+  return take_up_half(insert, split_index, new_node);
+}
 
 // Makes room in the node buffer and puts the record there.
 static kvfs_result place_record(insertion* insert) {

@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "btree.h"
 #include "fork.h"
 #include "fork/mapping.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 
 namespace kvfs::btree {

@@ -7,11 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

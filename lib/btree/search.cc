@@ -13,13 +13,13 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
 #include "btree/work.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/bits.h"
-#include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/node_buffer.h"
 #include "btree/private.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/bits.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

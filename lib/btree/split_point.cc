@@ -65,8 +65,28 @@ static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, sp
   return kvfs_ok;
 }
 
-// Chooses the split point of a full node.
-static kvfs_result choose_split(const insertion& insert, std::uint16_t* split_index) {
+// The record offsets that a split relies on must be in order.
+static kvfs_result check_split_offsets(const insertion& insert) {
+  const node_view& node = insert.node.view;
+  const std::uint16_t first = offset_at(node, 0);
+  const std::uint16_t offset = offset_at(node, insert.index);
+  const std::uint16_t end = offset_at(node, insert.count);
+  const std::uint32_t table = offset_table_start(node, insert.count);
+  if (first > offset || offset > end || end > table) {
+    KVFS_ERROR_AS(
+        kvfs_btree_insert_record_internal,
+        "Invalid node data: Record offsets are not in order (record 0: %hu, record %hu: %hu, free space: %hu, record offset array: %hu).\n",
+        first, static_cast<unsigned short>(insert.index), offset, end, static_cast<unsigned short>(table));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
+}
+
+kvfs_result kvfs::btree::choose_split_point(const insertion& insert, std::uint16_t* split_index) {
+  const kvfs_result checked = check_split_offsets(insert);
+  if (checked != kvfs_ok) {
+    return checked;
+  }
   const std::int64_t total = std::int64_t{offset_at(insert.node.view, insert.count)} + insert.record_size;
   split_search search = {total, insert.count + total - kBTFirstRecordOffset, -1, 0, 0};
   std::uint32_t low = 0;
@@ -97,76 +117,4 @@ static kvfs_result choose_split(const insertion& insert, std::uint16_t* split_in
   }
   *split_index = static_cast<std::uint16_t>(search.best_index);
   return kvfs_ok;
-}
-
-// The record offsets that a split relies on must be in order.
-static kvfs_result check_split_offsets(const insertion& insert) {
-  const node_view& node = insert.node.view;
-  const std::uint16_t first = offset_at(node, 0);
-  const std::uint16_t offset = offset_at(node, insert.index);
-  const std::uint16_t end = offset_at(node, insert.count);
-  const std::uint32_t table = offset_table_start(node, insert.count);
-  if (first > offset || offset > end || end > table) {
-    KVFS_ERROR_AS(
-        kvfs_btree_insert_record_internal,
-        "Invalid node data: Record offsets are not in order (record 0: %hu, record %hu: %hu, free space: %hu, record offset array: %hu).\n",
-        first, static_cast<unsigned short>(insert.index), offset, end, static_cast<unsigned short>(table));
-    return kvfs_inconsistent;
-  }
-  return kvfs_ok;
-}
-
-// Takes up the half of a split node that the new record belongs to.
-static kvfs_result take_up_half(insertion* insert, std::uint16_t split_index, std::uint32_t new_node) {
-  std::uint32_t node = insert->node.view.number;
-  // At the split index itself the record is appended to the node that was split: Q-btree-12.
-  if (insert->index > split_index) {
-    node = new_node;
-    insert->index -= split_index;
-  }
-  const kvfs_result result = read_node(insert->tree, node, &insert->node);
-  if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading complete node data of claimed node.\n");
-    return result;
-  }
-  take_up_insertion_node(insert);
-  if (!table_has_room(*insert)) {
-    KVFS_CRITICAL_AS(
-        kvfs_btree_insert_record_internal,
-        "Invalid node data in newly claimed node: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
-        insert->descriptor.numRecords.get(), insert->tree->nodeSize);
-    return kvfs_inconsistent;
-  }
-  if (insert->index > insert->count || offset_at(insert->node.view, insert->index) < kBTFirstRecordOffset) {
-    return report_bad_insert_offset(node, insert->index);
-  }
-  if (!fits_in_place(*insert)) {  // X-btree-8
-    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Record of %lu bytes does not fit node %lu, even after a split.\n",
-                  to_ul(insert->record_size), to_ul(node));
-    return kvfs_internal;
-  }
-  return kvfs_ok;
-}
-
-kvfs_result kvfs::btree::split_for_insertion(insertion* insert) {
-  kvfs_result result = check_split_offsets(*insert);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  std::uint16_t split_index = 0;
-  result = choose_split(*insert, &split_index);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  std::uint32_t new_node = 0;
-  result = kvfs_btree_split_node(insert->tree, insert->node.view.number, split_index, &new_node);
-  if (result != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while splitting node.\n");
-    return result;
-  }
-  if (new_node == 0) {
-    KVFS_CRITICAL_AS(kvfs_btree_insert_record_internal, "Unexpected: kvfs_btree_split_node returned 0.\n");
-    return kvfs_internal;
-  }
-  return take_up_half(insert, split_index, new_node);
 }

@@ -3,12 +3,18 @@
 #ifndef KVFS_BTREE_SPLIT_POINT_H
 #define KVFS_BTREE_SPLIT_POINT_H
 
+#include <cstdint>
+
 #include "btree/insert_place.h"
 #include "result.h"
 
 namespace kvfs::btree {
 
-kvfs_result split_for_insertion(insertion* insert);
+// Chooses the record before which a full node is split, so that both halves, with the new record counted in, differ
+// least in size. The node's offsets must be in order. It may also come behind the last record: nothing moves then.
+//
+// Returns kvfs_ok; kvfs_inconsistent where they are not; or kvfs_internal when no split leaves halves that fit.
+kvfs_result choose_split_point(const insertion& insert, std::uint16_t* split_index);
 
 }  // namespace kvfs::btree
 

@@ -2,12 +2,12 @@
 
 #include <cstdint>
 
-#include "base/owned.h"
 #include "base/rwlock_guard.h"
 #include "btree.h"
 #include "btree/private.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "btree.h"
 #include "btree/private.h"
+#include "ground/arithmetic.h"
 
 namespace kvfs::btree {
 

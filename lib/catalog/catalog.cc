@@ -4,12 +4,12 @@
 
 #include <cstdint>
 
-#include "base/owned.h"
 #include "base/rwlock_guard.h"
 #include "btree.h"
 #include "catalog/private.h"
 #include "extents.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -9,10 +9,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "btree.h"
 #include "catalog.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 #include "unicode.h"

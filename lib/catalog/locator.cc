@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/owned.h"
 #include "base/rwlock_guard.h"
 #include "btree.h"
 #include "catalog.h"
 #include "catalog/private.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "base/arithmetic.h"
 #include "catalog.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 #include "unicode.h"

@@ -4,9 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "base/arithmetic.h"
 #include "base/failure.h"
-#include "base/owned.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "catalog.h"
@@ -14,6 +12,8 @@
 #include "catalog/key.h"
 #include "device.h"
 #include "format.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 #include "volume_header.h"

@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "device.h"
 #include "extents.h"
 #include "fork.h"
@@ -13,6 +11,8 @@
 #include "fork/extent.h"
 #include "fork/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -3,11 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/owned.h"
 #include "btree.h"
 #include "extents.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -4,7 +4,6 @@
 
 #include "base/failure.h"
 #include "base/fork_data.h"
-#include "base/owned.h"
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
@@ -12,6 +11,7 @@
 #include "extents.h"
 #include "fork.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 
@@ -48,10 +48,10 @@ static kvfs_result check_header_descriptor(const mapping& map) {
     return kvfs_ok;
   }
   // The count is printed with its bytes the wrong way round, 1024 for 4 records: Q-btree-1.
-  const int swapped = descriptor->numRecords.bytes[0] | descriptor->numRecords.bytes[1] << 8;
+  const int in_little_endian = descriptor->numRecords.bytes[0] | descriptor->numRecords.bytes[1] << 8;
   KVFS_ERROR_AS(kvfs_btree_process,
                 "HFSPlus:%s: Node kind %d, %d records - should be kind 1, 3 records - but it isn't!\n",
-                KVFS_NAME_OF(kvfs_btree_process), static_cast<int>(descriptor->kind), swapped);
+                KVFS_NAME_OF(kvfs_btree_process), static_cast<int>(descriptor->kind), in_little_endian);
   return kvfs_inconsistent;
 }
 

@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "fork.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 
@@ -150,29 +150,23 @@ kvfs_result kvfs_fork_unmap(kvfs_fork* fork, std::uint64_t offset, void** pointe
 // Copies bytes out of an item and takes one reference off it, in the name of kvfs_fork_read.
 static kvfs_result copy_from_item(kvfs_fork_cache_item* item, std::size_t offset_in_item, void* buffer,
                                   std::size_t length) {
-  kvfs_write_guard guard(item->item_lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR_AS(kvfs_fork_read, "Error while write-locking cur_item's item lock.\n");
-    return guard.result();
-  }
-  if (length != 0) {  // a caller of nothing may have no buffer
-    std::memcpy(buffer, item->data + offset_in_item, length);
-  }
-  if (item->references == 0) {
-    KVFS_CRITICAL_AS(
-        kvfs_fork_read,
-        "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
-    if (guard.release() != kvfs_ok) {
-      KVFS_CRITICAL_AS(kvfs_fork_read, "Unexpected - Error while unlocking items lock.\n");  // Q-fork-14
+  kvfs_lock_messages messages =
+      KVFS_LOCK_MESSAGES_AS(kvfs_fork_read, "Error while write-locking cur_item's item lock.\n", critical,
+                            "Unexpected - Error while unlocking cur_item's item lock.\n");
+  return kvfs_with_write_lock(item->item_lock, messages, [&] {
+    if (length != 0) {  // a caller of nothing may have no buffer
+      std::memcpy(buffer, item->data + offset_in_item, length);
     }
-    return kvfs_internal;
-  }
-  --item->references;
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL_AS(kvfs_fork_read, "Unexpected - Error while unlocking cur_item's item lock.\n");
-  }
-  return unlocked;
+    if (item->references == 0) {
+      KVFS_CRITICAL_AS(
+          kvfs_fork_read,
+          "Unexpected - Cache item that we just copied from has no references (should have at least one)!\n");
+      messages.unlocking = "Unexpected - Error while unlocking items lock.\n";  // Q-fork-14
+      return kvfs_result{kvfs_internal};
+    }
+    --item->references;
+    return kvfs_result{kvfs_ok};
+  });
 }
 
 // Copies a range that the cache holds; the caller holds items_lock.

@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "fork.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "fork.h"
 #include "fork/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 
 namespace kvfs::fork {
 

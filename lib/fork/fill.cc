@@ -3,12 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "fork.h"
 #include "fork/cache.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

@@ -12,13 +12,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "base/rwlock_guard.h"
 #include "device.h"
 #include "fork.h"
 #include "fork/access.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 
@@ -54,7 +54,7 @@ static std::uint64_t end_of_piece(const kvfs_fork* fork, std::uint64_t fork_offs
 // Whether a block is modified that has one of the bytes from `first` to `last` of the fork.
 static bool has_modified_block(const kvfs_fork* fork, std::uint64_t first, std::uint64_t last) {
   const std::uint64_t item_size = fork->priv->item_size;
-  const std::uint64_t unit = fork->priv->modificationBitmapBlockSize;
+  const std::uint64_t unit = transfer_unit(fork);
   for (std::uint64_t offset = first; offset <= last;) {
     const kvfs_fork_cache_item* const item = item_at(fork, offset / item_size);
     const bool is_dirty = item != nullptr && item->dirty_blocks != 0;

@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
 #include "device.h"
 #include "fork.h"
 #include "fork/extent.h"
 #include "fork/private.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "result.h"
 #include "support.h"
 

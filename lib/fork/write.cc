@@ -6,14 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "base/rwlock_guard.h"
 #include "fork.h"
 #include "fork/access.h"
 #include "fork/cache.h"
 #include "fork/extent.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 
@@ -94,7 +94,7 @@ static kvfs_result write_to_items(kvfs_fork* fork, const write_range& range, con
   std::size_t offset_in_item = static_cast<std::size_t>(range.offset % fork->priv->item_size);
   std::size_t remaining = range.length;
   for (std::uint64_t index = range.items.first; index <= range.items.last; ++index) {
-    kvfs_result result = ensure_item("kvfs_fork_write", fork, index);
+    kvfs_result result = ensure_item(KVFS_NAME_OF(kvfs_fork_write), fork, index);
     if (result != kvfs_ok) {
       return result;
     }
@@ -139,7 +139,7 @@ kvfs_result kvfs_fork_write(kvfs_fork* fork, std::uint64_t offset, const void* b
   if (result != kvfs_ok) {
     return result;
   }
-  if (fork->priv->modificationBitmapBlockSize == 0) {
+  if (transfer_unit(fork) == 0) {
     return check_transfer_unit(__func__, fork);  // too large a unit is refused where a block is read or flushed
   }
   result = read_partial_blocks(fork, &range);

@@ -1,9 +1,10 @@
 // Which blocks are in use, and freeing them.
 
-#include "base/arithmetic.h"
 #include "bitmap.h"
 #include "bitmap/private.h"
 #include "fork.h"
+#include "ground/arithmetic.h"
+#include "ground/bits.h"
 #include "session/private.h"
 #include "volume.h"
 
@@ -11,10 +12,6 @@ static constexpr std::uint32_t kBitsInByte = 8;
 
 // Bytes of the allocation file that are looked at together.
 static constexpr std::uint32_t kPieceSize = kSessionPieceBlocks / kBitsInByte;
-
-static unsigned char mask_of(std::uint32_t block) {
-  return static_cast<unsigned char>(0x80U >> (block % kBitsInByte));
-}
 
 kvfs_result kvfs_session_visit_blocks(kvfs_session* session, kvfs_block_run run, kvfs_session_visit_bits visit,
                                       void* context) {
@@ -51,7 +48,7 @@ static bool count_used(void* context, unsigned char* bytes, std::uint32_t first_
   const std::uint32_t base = first_block / kBitsInByte;
   for (std::uint32_t i = 0; i < count; ++i) {
     const std::uint32_t block = first_block + i;
-    *used += (bytes[block / kBitsInByte - base] & mask_of(block)) != 0 ? 1 : 0;
+    *used += (bytes[block / kBitsInByte - base] & kvfs_disk_bit(block)) != 0 ? 1 : 0;
   }
   return false;
 }
@@ -63,7 +60,7 @@ static bool clear_used(void* context, unsigned char* bytes, std::uint32_t first_
   for (std::uint32_t i = 0; i < count; ++i) {
     const std::uint32_t block = first_block + i;
     unsigned char& byte = bytes[block / kBitsInByte - base];
-    byte = static_cast<unsigned char>(byte & ~mask_of(block));
+    byte = static_cast<unsigned char>(byte & ~kvfs_disk_bit(block));
   }
   return true;
 }

@@ -1,11 +1,10 @@
 // What all changes have in common: when they are allowed, what they look at before, and what is checked behind them.
 
-#include <cstddef>
 #include <cstring>
 
 #include "btree.h"
+#include "btree/node_buffer.h"
 #include "btree/private.h"
-#include "fork.h"
 #include "session/private.h"
 #include "volume.h"
 
@@ -16,10 +15,9 @@ static kvfs_btree* catalog_tree(const kvfs_session* session) {
 // ---- Beginning and end ---------------------------------------------------------------------------------------------
 
 static kvfs_result count_records(kvfs_session* session, std::uint32_t* count) {
-  kvfs_be32 records = {};
-  const std::uint64_t offset = kBTHeaderRecordOffset + offsetof(BTHeaderRec, leafRecords);
-  const kvfs_result result = kvfs_fork_read(catalog_tree(session)->fork, offset, &records, sizeof(records), nullptr);
-  *count = records.get();
+  BTHeaderRec header = {};
+  const kvfs_result result = kvfs::btree::read_header_record(catalog_tree(session), &header);
+  *count = header.leafRecords.get();
   return result;
 }
 
@@ -101,10 +99,9 @@ static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, 
 }
 
 kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t* count) {
-  kvfs_be16 records = {};
-  const std::uint64_t offset = std::uint64_t{node} * tree->nodeSize + offsetof(BTNodeDescriptor, numRecords);
-  const kvfs_result result = kvfs_fork_read(tree->fork, offset, &records, sizeof(records), nullptr);
-  *count = records.get();
+  BTNodeDescriptor descriptor = {};
+  const kvfs_result result = kvfs::btree::read_descriptor(tree, node, &descriptor);
+  *count = descriptor.numRecords.get();
   return result;
 }
 
@@ -134,7 +131,7 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
 }
 
 // Records are written back whole, and never with bytes behind those that are known.
-static kvfs_result check_record_size(const kvfs_session_found& item) {
+static kvfs_result check_exact_size(const kvfs_session_found& item) {
   const std::size_t size = item.file() != nullptr ? sizeof(HFSPlusCatalogFile) : sizeof(HFSPlusCatalogFolder);
   if (item.record()->data_size != size) {
     KVFS_ERROR_AS(kvfs_session_begin_change, "Record of item %lu has %zu bytes, and not %zu.\n",
@@ -147,7 +144,7 @@ static kvfs_result check_record_size(const kvfs_session_found& item) {
 kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
   kvfs_result result = kvfs_session_find_item(session, id, item);
   if (result == kvfs_ok) {
-    result = check_record_size(*item);
+    result = check_exact_size(*item);
   }
   if (result != kvfs_ok) {
     return result;
@@ -167,14 +164,12 @@ kvfs_result kvfs_session_expect_removal(kvfs_session* session, const kvfs_sessio
   constexpr std::int32_t kAllRecords = 0x10000;
   const kvfs_btree_record_locator_private* const record = item.record()->priv;
   kvfs_btree* const tree = catalog_tree(session);
-  kvfs_write_guard guard(tree->priv->open_locators_lock);
-  if (guard.result() != kvfs_ok) {
-    return guard.result();
-  }
-  // The one other locator that is open is the folder's.
-  kvfs_btree_shift_locators(tree, record->node, record->index + 1, kAllRecords, record->node, true, 1,
-                            record->record_size);
-  return guard.release();
+  return kvfs_with_write_lock(tree->priv->open_locators_lock, [=] {
+    // The one other locator that is open is the folder's.
+    kvfs_btree_shift_locators(tree, record->node, record->index + 1, kAllRecords, record->node, true, 1,
+                              record->record_size);
+    return kvfs_result{kvfs_ok};
+  });
 }
 
 // ---- Places where items are to come --------------------------------------------------------------------------------
@@ -245,7 +240,7 @@ kvfs_result kvfs_session_get_valence(kvfs_session* session, std::uint32_t folder
   kvfs_session_found folder;
   kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
   if (result == kvfs_ok) {
-    result = check_record_size(folder);
+    result = check_exact_size(folder);
   }
   if (result == kvfs_ok) {
     *valence = {folder_id, folder.folder()->valence.get()};

@@ -21,7 +21,7 @@ static kvfs_result add_freed(kvfs_session* session, kvfs_block_run run) {
   const std::size_t size = (std::size_t{session->freed_count} + 1) * sizeof(kvfs_block_run);
   void* const grown = std::realloc(session->freed, size);
   if (grown == nullptr) {
-    KVFS_ERROR_BY("kvfs_session_delete", "Error while allocating %zu bytes for blocks to free.\n", size);
+    KVFS_ERROR_AS(kvfs_session_delete, "Error while allocating %zu bytes for blocks to free.\n", size);
     return kvfs_no_memory;
   }
   session->freed = static_cast<kvfs_block_run*>(grown);
@@ -39,8 +39,8 @@ static kvfs_result check_run(kvfs_session* session, std::uint32_t id, kvfs_block
     result = kvfs_session_run_in_use(session, run, &in_use);
   }
   if (result == kvfs_inconsistent || (result == kvfs_ok && !in_use)) {
-    KVFS_ERROR_BY("kvfs_session_delete", "Blocks %lu and %lu behind it cannot be those of file %lu.\n",
-                  to_ul(run.first), to_ul(run.count), to_ul(id));
+    KVFS_ERROR_AS(kvfs_session_delete, "Blocks %lu and %lu behind it cannot be those of file %lu.\n", to_ul(run.first),
+                  to_ul(run.count), to_ul(id));
     return kvfs_inconsistent;
   }
   return result;
@@ -62,7 +62,7 @@ static kvfs_result collect_fork(kvfs_session* session, const HFSPlusCatalogFile*
     }
   }
   if (result == kvfs_ok) {
-    result = kvfs_session_check_unreserved(session, {"kvfs_session_delete", file->fileID.get(), extents});
+    result = kvfs_session_check_unreserved(session, {KVFS_NAME_OF(kvfs_session_delete), file->fileID.get(), extents});
   }
   kvfs_session_close_fork(&fork);
   return result;
@@ -111,10 +111,14 @@ static kvfs_result visit_overflow(kvfs_session* session, const HFSPlusCatalogFil
                            : result;
 }
 
+namespace {
+
 struct overflow_count {
   std::uint32_t records;
   std::uint16_t fewest_in_node;  // records of the emptiest node that has one of them
 };
+
+}  // namespace
 
 static kvfs_result count_record(kvfs_btree* tree, kvfs_btree_record_locator* record, void* context) {
   overflow_count* const count = static_cast<overflow_count*>(context);
@@ -137,8 +141,7 @@ static kvfs_result check_overflow(kvfs_session* session, const HFSPlusCatalogFil
   const kvfs_result result = visit_overflow(session, file, count_record, &count);
   *has_records = count.records != 0;
   if (result == kvfs_ok && count.records >= count.fewest_in_node) {
-    KVFS_ERROR_BY("kvfs_session_delete",
-                  "Without file %lu a node of the extents overflow file would have no records.\n",
+    KVFS_ERROR_AS(kvfs_session_delete, "Without file %lu a node of the extents overflow file would have no records.\n",
                   to_ul(file.fileID.get()));
     return kvfs_limit;
   }

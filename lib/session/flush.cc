@@ -1,12 +1,12 @@
 // Bringing changes to the device, in an order that a loss of power cannot make worse: see kvfs_session_flush.
 
-#include "base/arithmetic.h"
-#include "base/system.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "extents.h"
 #include "fork.h"
+#include "ground/arithmetic.h"
 #include "session/private.h"
+#include "unix/system.h"
 #include "volume.h"
 
 // One part of a volume, as it is in memory.

@@ -3,12 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "device.h"
 #include "extents.h"
 #include "fork.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
 
@@ -221,10 +221,14 @@ void kvfs_session_close_fork(kvfs_session_fork* fork) {
 // Bytes of one transfer: a single system call reads no more than 2 GiB.
 static constexpr std::uint64_t kLongestTransfer = std::uint64_t{1} << 24;
 
+namespace {
+
 struct read_context {
   kvfs_device* device;
   unsigned char* destination;  // moves on with the pieces
 };
+
+}  // namespace
 
 // Reads some bytes of one sector.
 static kvfs_result read_in_sector(read_context* read, std::uint64_t offset, std::size_t length) {

@@ -33,7 +33,7 @@ static kvfs_result give_label(const kvfs_session* session, std::uint32_t form, c
     result = kvfs_unicode_unistr_to_utf8(units, count, kUnicodeHostOrder, &out, &length);
   }
   if (result != kvfs_ok) {
-    KVFS_ERROR_BY("kvfs_session_label", "Error while converting the volume label to UTF-8.\n");
+    KVFS_ERROR_AS(kvfs_session_label, "Error while converting the volume label to UTF-8.\n");
     return result;
   }
   return kvfs_session_copy_text(text, length, buffer, size, out_length);

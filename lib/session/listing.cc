@@ -6,17 +6,21 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "btree.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
+
+namespace {
 
 // An item as it is stored. Both kinds of records begin a file record's bytes.
 struct listed_record {
   HFSPlusCatalogKey key;
   HFSPlusCatalogFile data;
 };
+
+}  // namespace
 
 // Items that are taken at a time.
 static constexpr std::uint32_t kBatch = 32;
@@ -83,7 +87,7 @@ static kvfs_result give_next(kvfs_listing* listing, kvfs_item* out_item) {
     return result;
   }
   if (listing->left == 0) {
-    KVFS_ERROR_BY("kvfs_listing_next", "Folder %lu has more items than the catalog has room for.\n",
+    KVFS_ERROR_AS(kvfs_listing_next, "Folder %lu has more items than the catalog has room for.\n",
                   to_ul(listing->folder_id));
     return kvfs_inconsistent;
   }
@@ -106,7 +110,7 @@ static kvfs_result open_listing(kvfs_session* session, std::uint32_t folder_id, 
   folder.release();
   kvfs_listing* const listing = kvfs_allocate_zeroed<kvfs_listing>().release();
   if (listing == nullptr) {
-    KVFS_ERROR_BY("kvfs_listing_open", "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
+    KVFS_ERROR_AS(kvfs_listing_open, "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
     return kvfs_no_memory;
   }
   listing->session = session;

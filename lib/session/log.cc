@@ -1,20 +1,15 @@
 // The log of a program that wants it for itself.
 
-#include "base/log.h"
+#include "unix/log.h"
 
 #include <cstdio>
 
-#include "base/owned.h"
+#include "ground/owned.h"
 #include "kvfs.h"
 
-// Null while the log goes to standard error.
+// Of the program; the handler is asked for only where there is one.
 static kvfs_log_handler g_handler = nullptr;
 static void* g_context = nullptr;
-
-void kvfs_set_log_handler(kvfs_log_handler handler, void* context) {
-  g_context = context;
-  g_handler = handler;
-}
 
 // Room for the messages of the library, most of which are short. A longer one gets memory of its own.
 static constexpr std::size_t kUsualSize = 512;
@@ -52,10 +47,8 @@ static void deliver(const char* level, const char* function, int line, const cha
   va_end(again);
 }
 
-void kvfs_log_message(const char* level, const char* function, int line, const char* format, va_list arguments) {
-  if (g_handler == nullptr) {
-    kvfs_log_to_standard_error(level, function, line, format, arguments);
-  } else {
-    deliver(level, function, line, format, arguments);
-  }
+void kvfs_set_log_handler(kvfs_log_handler handler, void* context) {
+  g_context = context;
+  g_handler = handler;
+  kvfs_log_divert(handler == nullptr ? nullptr : deliver);
 }

@@ -2,20 +2,24 @@
 
 #include <cstring>
 
-#include "base/system.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "catalog/key.h"
 #include "session/private.h"
 #include "unicode.h"
+#include "unix/system.h"
 #include "volume.h"
 
 // ---- What is looked at before --------------------------------------------------------------------------------------
+
+namespace {
 
 struct link_target {
   kvfs_be16 units[KVFS_TARGET_SIZE];
   std::size_t length;
 };
+
+}  // namespace
 
 // Converts the target. It is a path for other systems, so that nothing in it is decomposed; a backslash would become a
 // slash (Q-catalog-9).
@@ -48,13 +52,13 @@ static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
   constexpr std::uint32_t kFirstId = 16;
   *id = session->volume->header->nextCatalogID.get();
   if (*id < kFirstId || *id == UINT32_MAX) {
-    KVFS_ERROR_BY("kvfs_session_make_link", "The next catalog node ID cannot be %lu.\n", to_ul(*id));
+    KVFS_ERROR_AS(kvfs_session_make_link, "The next catalog node ID cannot be %lu.\n", to_ul(*id));
     return kvfs_inconsistent;
   }
   kvfs_session_found thread;
   const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, *id, false, thread.out());
   if (result == kvfs_ok && thread.found()) {
-    KVFS_ERROR_BY("kvfs_session_make_link", "The next catalog node ID, %lu, is in use.\n", to_ul(*id));
+    KVFS_ERROR_AS(kvfs_session_make_link, "The next catalog node ID, %lu, is in use.\n", to_ul(*id));
     return kvfs_inconsistent;
   }
   return result;
@@ -75,7 +79,7 @@ static kvfs_result check_space(kvfs_session* session, std::uint32_t id) {
     return kvfs_no_space;
   }
   HFSPlusExtentDescriptor target = {kvfs_be32::of(location.start_block), kvfs_be32::of(1)};
-  return kvfs_session_check_unreserved(session, {"kvfs_session_make_link", id, {&target, 1}});
+  return kvfs_session_check_unreserved(session, {KVFS_NAME_OF(kvfs_session_make_link), id, {&target, 1}});
 }
 
 // ---- Making the file -----------------------------------------------------------------------------------------------

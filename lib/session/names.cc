@@ -4,6 +4,10 @@
 
 #include "session/private.h"
 #include "unicode.h"
+#include "unicode/surrogates.h"
+
+using kvfs::unicode::is_high_surrogate;
+using kvfs::unicode::is_low_surrogate;
 
 // "%uXXXX" stands for one unit.
 static constexpr std::size_t kSpelledUnitSize = 6;
@@ -118,14 +122,6 @@ kvfs_result kvfs_session_read_text(const char* text, std::size_t size, kvfs_sess
 }
 
 // ---- To UTF-8 ------------------------------------------------------------------------------------------------------
-
-static bool is_high_surrogate(std::uint16_t unit) {
-  return unit >= 0xD800 && unit <= 0xDBFF;
-}
-
-static bool is_low_surrogate(std::uint16_t unit) {
-  return unit >= 0xDC00 && unit <= 0xDFFF;
-}
 
 static std::uint16_t unit_at(const kvfs_be16* units, std::size_t length, std::size_t index) {
   return index < length ? units[index].get() : std::uint16_t{0};

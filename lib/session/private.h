@@ -1,8 +1,7 @@
 // Inside a session: for the rooms of the session unit and their tests.
 //
 // Public functions check their arguments, take the session's turn and leave the work to a routine that runs in that
-// turn. Routines that run in it give a kvfs_result, of which those below are further values. In messages public
-// functions are named by a text: KVFS_NAME_OF does not take functions whose result must be looked at in C.
+// turn. Routines that run in it give a kvfs_result, of which those below are further values.
 
 #ifndef KVFS_SESSION_PRIVATE_H
 #define KVFS_SESSION_PRIVATE_H
@@ -78,12 +77,7 @@ struct kvfs_session {
 // done, but is a failure.
 template <typename Work>
 kvfs_result kvfs_session_take_turn(kvfs_session* session, Work work) {
-  kvfs_write_guard turn(session->lock);
-  if (turn.result() != kvfs_ok) {
-    return turn.result();
-  }
-  const kvfs_result result = session->volume == nullptr ? kvfs_closed : work();
-  return kvfs_result_keep(result, turn.release());
+  return kvfs_with_write_lock(session->lock, [&] { return session->volume == nullptr ? kvfs_closed : work(); });
 }
 
 // Counts a new listing or stream, and one that is closed. The last one of a closed session frees the session.

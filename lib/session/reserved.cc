@@ -4,10 +4,10 @@
 
 #include <cstdlib>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
 #include "device.h"
 #include "fork/private.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
 

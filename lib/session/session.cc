@@ -2,10 +2,10 @@
 
 #include <cstdlib>
 
-#include "base/owned.h"
-#include "base/system.h"
 #include "device.h"
+#include "ground/owned.h"
 #include "session/private.h"
+#include "unix/system.h"
 #include "volume.h"
 
 static constexpr std::uint32_t kOpenFlags = KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT | KVFS_OPEN_NO_ALLOCATION;
@@ -66,7 +66,7 @@ static void free_session(kvfs_session* session) {
 static kvfs_result open_on(int fd, bool owns_fd, std::uint32_t flags, kvfs_session** out_session) {
   kvfs_session* const session = kvfs_allocate_zeroed<kvfs_session>().release();
   if (session == nullptr) {
-    KVFS_ERROR_BY("kvfs_session_open", "Error while allocating %zu bytes for kvfs_session.\n", sizeof(kvfs_session));
+    KVFS_ERROR_AS(kvfs_session_open, "Error while allocating %zu bytes for kvfs_session.\n", sizeof(kvfs_session));
     if (owns_fd) {
       kvfs_system_close(fd);
     }
@@ -165,10 +165,5 @@ uint64_t kvfs_session_discard(kvfs_session* session) {
   if (session == nullptr) {
     return kvfs_invalid;
   }
-  kvfs_write_guard turn(session->lock);
-  if (turn.result() != kvfs_ok) {
-    return turn.result();
-  }
-  const kvfs_result result = discard(session);
-  return kvfs_result_keep(result, turn.release());
+  return kvfs_with_write_lock(session->lock, [=] { return discard(session); });
 }

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/arithmetic.h"
-#include "base/owned.h"
+#include "ground/arithmetic.h"
+#include "ground/owned.h"
 #include "session/private.h"
 #include "volume.h"
 
@@ -107,7 +107,7 @@ static kvfs_result open_stream(kvfs_session* session, std::uint32_t id, std::uin
                                kvfs_stream** out_stream) {
   kvfs_owned<kvfs_stream> stream = kvfs_allocate_zeroed<kvfs_stream>();
   if (!stream) {
-    KVFS_ERROR_BY("kvfs_stream_open", "Error while allocating %zu bytes for kvfs_stream.\n", sizeof(kvfs_stream));
+    KVFS_ERROR_AS(kvfs_stream_open, "Error while allocating %zu bytes for kvfs_stream.\n", sizeof(kvfs_stream));
     return kvfs_no_memory;
   }
   stream->session = session;
@@ -182,12 +182,12 @@ static constexpr std::size_t kLongestTarget = std::size_t{1} << 16;
 static kvfs_result read_target(kvfs_session_fork* fork, char* buffer, std::size_t size, std::size_t* out_length) {
   const std::uint64_t target_size = *fork->fork->logical_size;
   if (target_size > kLongestTarget) {
-    KVFS_ERROR_BY("kvfs_session_read_link", "Target of symbolic link is too long (%llu bytes).\n", to_ull(target_size));
+    KVFS_ERROR_AS(kvfs_session_read_link, "Target of symbolic link is too long (%llu bytes).\n", to_ull(target_size));
     return kvfs_inconsistent;
   }
   const kvfs_owned<unsigned char> bytes = kvfs_allocate_bytes(static_cast<std::size_t>(target_size));
   if (!bytes) {
-    KVFS_ERROR_BY("kvfs_session_read_link", "Error while allocating %llu bytes for a target.\n", to_ull(target_size));
+    KVFS_ERROR_AS(kvfs_session_read_link, "Error while allocating %llu bytes for a target.\n", to_ull(target_size));
     return kvfs_no_memory;
   }
   std::size_t length = 0;

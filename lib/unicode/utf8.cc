@@ -7,29 +7,18 @@
 #include <span>
 #include <type_traits>
 
-#include "base/owned.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 #include "unicode.h"
 #include "unicode/ranges.h"
+#include "unicode/surrogates.h"
 
 using namespace kvfs::unicode;
-
-static constexpr std::uint32_t kHighSurrogate = 0xD800;
-
-static constexpr std::uint32_t kLowSurrogate = 0xDC00;
 
 static constexpr std::uint32_t kSupplementary = 0x10000;  // the first code point that takes two units
 
 static constexpr std::uint32_t kLastCodePoint = 0x10FFFF;
-
-static constexpr bool is_high_surrogate(std::uint32_t unit) {
-  return in_range(unit, kHighSurrogate, 0x400);
-}
-
-static constexpr bool is_low_surrogate(std::uint32_t unit) {
-  return in_range(unit, kLowSurrogate, 0x400);
-}
 
 static constexpr std::uint32_t joined_surrogates(std::uint32_t high, std::uint32_t low) {
   return kSupplementary + ((high - kHighSurrogate) << 10) + (low - kLowSurrogate);
@@ -62,9 +51,9 @@ static kvfs_result measure_utf8(const std::uint16_t* units, std::size_t count, s
 }
 
 static constexpr std::uint16_t in_host_order(std::uint16_t unit, std::int32_t byte_order) {
-  constexpr std::int32_t kForeign =
+  constexpr std::int32_t kOtherOrder =
       std::endian::native == std::endian::little ? kUnicodeBigEndian : kUnicodeLittleEndian;
-  return byte_order == kForeign ? static_cast<std::uint16_t>(unit << 8 | unit >> 8) : unit;
+  return byte_order == kOtherOrder ? static_cast<std::uint16_t>(unit << 8 | unit >> 8) : unit;
 }
 
 namespace {

@@ -9,12 +9,14 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/owned.h"
+#include "ground/owned.h"
 #include "support.h"
 
 struct kvfs_device_private {
   int fd;  // borrowed
 };
+
+namespace {
 
 // A request in bytes. It is refused when the system's interfaces, 32-bit sizes and signed 64-bit offsets, cannot
 // express it.
@@ -22,6 +24,8 @@ struct transfer {
   std::uint64_t offset;
   std::uint64_t size;
 };
+
+}  // namespace
 
 static constexpr std::uint64_t kMaximumTransferSize = 0xFFFFFFFF;
 

@@ -1,6 +1,6 @@
 // Files, their locks and the time on POSIX systems.
 
-#include "base/system.h"
+#include "unix/system.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

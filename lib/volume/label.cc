@@ -37,6 +37,14 @@ static kvfs_result rename_root_folder(kvfs_volume* volume, const kvfs_be16* unit
   return result;
 }
 
+// Notes the label that the root folder has got; the caller holds the volume's lock.
+static void take_label(kvfs_volume* volume, const kvfs_be16* units, std::size_t length) {
+  if (length != 0) {
+    std::memmove(volume->priv->label, units, length * sizeof(kvfs_be16));  // it may be a part of that label
+  }
+  volume->priv->label_length = static_cast<std::uint32_t>(length);
+}
+
 kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, std::size_t length) {
   if (length > kHFSPlusMaxNameLength) {
     KVFS_ERROR("Label length (%zu) too large.\n", length);
@@ -49,23 +57,17 @@ kvfs_result kvfs_volume_set_label(kvfs_volume* volume, const kvfs_be16* units, s
     kvfs_catalog_search_result_release(&root);
     return result;
   }
-  kvfs_write_guard guard(volume->priv->lock);
-  if (guard.result() != kvfs_ok) {
-    KVFS_ERROR("Error while acquiring exclusive volume lock.\n");
-    result = guard.result();
-  } else {
-    if (length != 0) {
-      std::memmove(volume->priv->label, units, length * sizeof(kvfs_be16));  // it may be a part of that label
+  static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES("Error while acquiring exclusive volume lock.\n",
+                                                                    critical, "Error while unlocking volume lock.\n");
+  result = kvfs_with_write_lock(volume->priv->lock, messages, [&] {
+    take_label(volume, units, length);
+    if (root.locator != nullptr) {
+      KVFS_WARNING_AS(kvfs_volume_set_label, "'loc' non-NULL (%p) on successful return.\n",
+                      static_cast<void*>(root.locator));
     }
-    volume->priv->label_length = static_cast<std::uint32_t>(length);
-  }
-  if (root.locator != nullptr && result == kvfs_ok) {
-    KVFS_WARNING("'loc' non-NULL (%p) on successful return.\n", static_cast<void*>(root.locator));
-  }
-  kvfs_catalog_search_result_release(&root);
-  const kvfs_result unlocked = guard.release();
-  if (unlocked != kvfs_ok) {
-    KVFS_CRITICAL("Error while unlocking volume lock.\n");
-  }
-  return kvfs_result_keep(result, unlocked);
+    kvfs_catalog_search_result_release(&root);
+    return kvfs_result{kvfs_ok};
+  });
+  kvfs_catalog_search_result_release(&root);  // where the lock was refused
+  return result;
 }

@@ -4,13 +4,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/owned.h"
 #include "bitmap.h"
 #include "btree.h"
 #include "catalog.h"
 #include "device.h"
 #include "extents.h"
 #include "format.h"
+#include "ground/owned.h"
 #include "result.h"
 #include "support.h"
 #include "volume.h"

@@ -458,7 +458,7 @@ TEST_F(BtreeNext, EachLockCallFailing_IsReportedWhereItHappened) {
 }
 
 TEST_F(BtreeNext, ReadOfTheNextLeafFailing_IsPassedUp) {
-  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+  for (const Fault& fault : transfer_faults()) {
     stand_on(30);
     {
       LogCapture log;

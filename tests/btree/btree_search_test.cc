@@ -1306,7 +1306,7 @@ TEST(BtreeSearchFault, EachReadFailing_IsReportedWithItsNode) {
       search_error("Error while mapping raw node data of node " + std::to_string(tree.node_at(2, 0)) + "."),
       search_error("Error while mapping raw node data of node " + std::to_string(tree.leaf(0)) + ".")};
   const std::string found = outcome(1, 0, tree.leaf(0), 0, 10);
-  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+  for (const Fault& fault : transfer_faults()) {
     const unsigned long failures = fail_each(each(Call::kPread64, fault), [&](FailingRun& run) {
       tree.open();
       const std::string said = run.operate([&] { return tree.search(10); });

@@ -13,7 +13,7 @@
 
 #include "btree/private.h"
 #include "catalog_fixture.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 
 namespace kvfs_test {
 namespace {
@@ -676,7 +676,7 @@ class CatalogFaults : public ::testing::Test {
       EXPECT_EQ(run.result, kvfs_no_memory) << "allocation " << run.n;
     }
     add(allocations);
-    for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+    for (const Fault& fault : transfer_faults()) {
       const std::vector<FailedRun> reads = fail(each(Call::kPread64, fault), work);
       for (const FailedRun& run : reads) {
         EXPECT_EQ(run.result, kvfs_io_error) << "read " << run.n;

@@ -10,7 +10,7 @@
 #include "catalog.h"
 #include "item_fixture.h"
 #include "log_capture.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {

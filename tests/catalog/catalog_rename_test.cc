@@ -18,8 +18,10 @@
 
 // The linker sends the catalog's insertions here, so that one can be made to succeed without a locator, as the B-tree
 // never does, and so that it can be seen which of them have a hint.
-static bool g_insertion_gives_nothing = false;
-static std::vector<bool> g_insertions_with_hint;
+namespace {
+bool g_insertion_gives_nothing = false;
+std::vector<bool> g_insertions_with_hint;
+}  // namespace
 
 KVFS_REPLACED_ROUTINE(kvfs_btree_insert_record, real_insert, wrap_insert);
 

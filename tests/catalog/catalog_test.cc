@@ -13,7 +13,7 @@
 #include "btree/private.h"
 #include "catalog_fixture.h"
 #include "support.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 
 namespace kvfs_test {
 namespace {

@@ -17,7 +17,9 @@
 #include "volume_checker.h"
 
 // The search as the library has it, and in its place one that finds nothing and says so without a failure.
-static bool find_nothing = false;
+namespace {
+bool find_nothing = false;
+}  // namespace
 KVFS_REPLACED_ROUTINE(kvfs_btree_search_node, real_search, wrapped_search);
 kvfs_result wrapped_search(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result) {
   if (find_nothing) {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "campaign/report.h"
+#include "failure_report.h"
 #include "fault_injection.h"
 #include "log_capture.h"
 #include "session_fixture.h"
@@ -149,33 +149,15 @@ std::vector<SessionOperation> operations() {
   };
 }
 
-struct Kind {
-  const char* name;
-  FailingCalls failing;
-};
-
-std::vector<Kind> kinds() {
-  return {
-      {"memory", each_allocation()},
-      {"lock made", each(Call::kRwlockInit)},
-      {"read lock", each(Call::kRwlockRdlock)},
-      {"write lock", each(Call::kRwlockWrlock)},
-      {"unlock", each(Call::kRwlockUnlock)},
-      {"flock", each(Call::kFlock)},
-      {"read", each(Call::kPread64)},
-      {"read short", each(Call::kPread64, Fault::short_by(1))},
-      {"write", each(Call::kPwrite64)},
-      {"write short", each(Call::kPwrite64, Fault::short_by(1))},
-      {"sync", each(Call::kFsync)},
-  };
-}
+constexpr const char* kKinds[] = {"memory", "lock made",  "read lock", "write lock",  "unlock", "flock",
+                                  "read",   "read short", "write",     "write short", "sync"};
 
 // Lets each call of an operation fail, and reports how many did.
 void fail_each_kind(const std::string& functions, const std::function<void(FailingRun&)>& run) {
   std::vector<FailureCount> counts;
-  for (const Kind& kind : kinds()) {
-    SCOPED_TRACE(kind.name);
-    counts.push_back({kind.name, fail_each(kind.failing, run)});
+  for (const char* const kind : kKinds) {
+    SCOPED_TRACE(kind);
+    counts.push_back({kind, fail_each(failing_calls(kind), run)});
   }
   report_failures(functions, counts);
 }

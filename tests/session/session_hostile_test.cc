@@ -7,7 +7,7 @@
 #include <string>
 
 #include "fault_injection.h"
-#include "hostile/hostile_stories.h"
+#include "hostile_stories.h"
 #include "log_capture.h"
 #include "session_fixture.h"
 

@@ -14,7 +14,7 @@
 #include "known_volumes.h"
 #include "log_capture.h"
 #include "session_fixture.h"
-#include "tool/tool_runner.h"
+#include "tool_runner.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {

@@ -657,8 +657,10 @@ void leave_mounts_encoded(bool encoded) {
   g_mounts_encoded = encoded;
 }
 
+namespace {
+
 // A field of the mount table as the kernel writes it; good until the next call.
-static char* encoded_field(const char* field) {
+char* encoded_field(const char* field) {
   static std::string text;
   text.clear();
   for (; *field != '\0'; ++field) {
@@ -675,9 +677,11 @@ static char* encoded_field(const char* field) {
 }
 
 // The file that a path stands for.
-static const char* redirected(const char* path) {
+const char* redirected(const char* path) {
   return g_redirected != nullptr && std::strcmp(path, g_redirected) == 0 ? g_redirected_to : path;
 }
+
+}  // namespace
 
 void trace_calls_to(int fd) {
   g_trace = fd;

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 
 namespace kvfs_test {
 

@@ -260,7 +260,7 @@ void TreeChecker::check_first_key(const Node& node, const Bound& bound) {
 }
 
 // In the binary order other systems have the root's thread record, whose name is empty, before its private folders.
-static bool is_thread_before_item(const Bytes& last, const Bytes& key) {
+bool is_thread_before_item(const Bytes& last, const Bytes& key) {
   return get_be32(last, 2) == get_be32(key, 2) && name_of_key(last).empty() && !name_of_key(key).empty();
 }
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "sparse_image.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 
 namespace kvfs_test {
 

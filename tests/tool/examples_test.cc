@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "tool/tool_runner.h"
-#include "unicode_fixture.h"
+#include "tool_runner.h"
+#include "unicode_names.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tool_runner.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {
@@ -304,7 +304,7 @@ TEST(PrintFaults, EachAllocation_FailsWithAMessageAndWithoutOutput) {
 
 TEST(PrintFaults, EachRead_FailsWithAMessageAndWithoutOutput) {
   const ScratchFile image(volume_named(u"Untitled"));
-  for (const Fault& fault : {Fault::error_number(EIO), Fault::short_by(1), Fault::nothing_transferred()}) {
+  for (const Fault& fault : transfer_faults()) {
     const std::vector<ToolRun> runs = fail_printing(image, each(Call::kPread64, fault));
     EXPECT_EQ(runs.size(), 6u);
     for (const ToolRun& run : runs) {

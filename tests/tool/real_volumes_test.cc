@@ -17,7 +17,7 @@
 #include "big_endian.h"
 #include "known_volumes.h"
 #include "tool_runner.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 
 namespace kvfs_test {
 namespace {

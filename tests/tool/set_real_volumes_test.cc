@@ -12,7 +12,7 @@
 
 #include "known_volumes.h"
 #include "set_fixture.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 #include "volume_image.h"
 
 namespace kvfs_test {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "set_fixture.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 #include "volume_builder.h"
 #include "volume_checker.h"
 

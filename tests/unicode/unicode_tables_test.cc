@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "stored_names.h"
-#include "support/unicode_fixture.h"
 #include "unicode.h"
+#include "unicode_names.h"
 
 namespace {
 

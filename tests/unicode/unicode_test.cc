@@ -22,7 +22,7 @@
 #include "stored_names.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
-#include "support/unicode_fixture.h"
+#include "unicode_names.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "catalog_fixture.h"
 #include "fault_injection.h"
 #include "log_capture.h"
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 #include "volume.h"
 #include "volume_builder.h"
 

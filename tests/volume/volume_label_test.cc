@@ -16,8 +16,10 @@
 #include "volume/private.h"
 
 // The linker sends the volume's calls of the catalog here, so that they can be made to give what they never give.
-static bool g_search_gives_nothing = false;
-static bool g_rename_keeps_locator = false;
+namespace {
+bool g_search_gives_nothing = false;
+bool g_rename_keeps_locator = false;
+}  // namespace
 
 KVFS_REPLACED_ROUTINE(kvfs_catalog_rename_record, real_rename, wrap_rename);
 KVFS_REPLACED_ROUTINE(kvfs_catalog_search_by_cnid, real_search, wrap_search);

@@ -1,4 +1,4 @@
-#include "unicode_fixture.h"
+#include "unicode_names.h"
 
 #include <algorithm>
 #include <cstddef>

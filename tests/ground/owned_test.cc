@@ -1,6 +1,6 @@
 // The guards of memory.
 
-#include "base/owned.h"
+#include "ground/owned.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Names for the tests: UTF-8 and UTF-16, decomposition and the order of names, without the library.
 
-#ifndef KVFS_UNICODE_FIXTURE_H
-#define KVFS_UNICODE_FIXTURE_H
+#ifndef KVFS_UNICODE_NAMES_H
+#define KVFS_UNICODE_NAMES_H
 
 #include <string>
 #include <string_view>
@@ -35,4 +35,4 @@ const std::vector<std::pair<char16_t, Name>>& decomposition_rows();
 
 }  // namespace kvfs_test
 
-#endif  // KVFS_UNICODE_FIXTURE_H
+#endif  // KVFS_UNICODE_NAMES_H

@@ -1,7 +1,7 @@
 // Small arithmetic on numbers that come from disk.
 
-#ifndef KVFS_BASE_ARITHMETIC_H
-#define KVFS_BASE_ARITHMETIC_H
+#ifndef KVFS_GROUND_ARITHMETIC_H
+#define KVFS_GROUND_ARITHMETIC_H
 
 #include <cstdint>
 
@@ -20,4 +20,4 @@ constexpr std::uint64_t kvfs_divide_rounding_up(std::uint64_t dividend, std::uin
   return dividend / divisor + (dividend % divisor != 0 ? 1 : 0);
 }
 
-#endif  // KVFS_BASE_ARITHMETIC_H
+#endif  // KVFS_GROUND_ARITHMETIC_H

@@ -1,8 +1,8 @@
 // What sessions need of the system besides what the library needs of its platform: files by their path, a lock that is
 // not waited for, writes that have arrived, and the time.
 
-#ifndef KVFS_BASE_SYSTEM_H
-#define KVFS_BASE_SYSTEM_H
+#ifndef KVFS_UNIX_SYSTEM_H
+#define KVFS_UNIX_SYSTEM_H
 
 #include <cstdint>
 
@@ -28,4 +28,4 @@ kvfs_result kvfs_system_sync(int fd);
 // Seconds since the beginning of 1970, UTC.
 std::int64_t kvfs_system_time();
 
-#endif  // KVFS_BASE_SYSTEM_H
+#endif  // KVFS_UNIX_SYSTEM_H

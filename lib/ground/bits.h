@@ -1,7 +1,7 @@
 // The bits of blocks and nodes in the bitmaps on disk.
 
-#ifndef KVFS_BASE_BITS_H
-#define KVFS_BASE_BITS_H
+#ifndef KVFS_GROUND_BITS_H
+#define KVFS_GROUND_BITS_H
 
 #include <cstdint>
 
@@ -10,4 +10,4 @@ constexpr unsigned char kvfs_disk_bit(std::uint64_t number) {
   return static_cast<unsigned char>(0x80U >> (number % 8));
 }
 
-#endif  // KVFS_BASE_BITS_H
+#endif  // KVFS_GROUND_BITS_H

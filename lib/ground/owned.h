@@ -1,7 +1,7 @@
 // Ownership of memory from the C allocator.
 
-#ifndef KVFS_BASE_OWNED_H
-#define KVFS_BASE_OWNED_H
+#ifndef KVFS_GROUND_OWNED_H
+#define KVFS_GROUND_OWNED_H
 
 #include <cstddef>
 #include <cstdlib>
@@ -70,4 +70,4 @@ void kvfs_zero_and_free(T* object) {
   }
 }
 
-#endif  // KVFS_BASE_OWNED_H
+#endif  // KVFS_GROUND_OWNED_H
