@@ -19,7 +19,10 @@ struct kvfs_btree_private {
   kvfs_rwlock* open_locators_lock;           // guards all of this and serialises the operations on the tree
   std::uint32_t reserve;                     // work beyond their grants that operations may still do in this tree
   std::uint32_t work_left;                   // for the operation under way, with the reserve
-  void** spare_nodes;                        // the first of those that the change under way keeps; null without one
+  // Memory for copies of nodes that changes have done with, kept for the next ones: each takes one node after another,
+  // and some C libraries map and unmap memory for each block of that size. The first block; owned, like those behind
+  // it, each of which begins with the address of the next one.
+  void* spare_nodes;
 };
 
 struct kvfs_btree_record_locator_private {
