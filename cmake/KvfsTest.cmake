@@ -11,16 +11,16 @@ function(kvfs_use_precompiled_headers target)
   endif()
 endfunction()
 
-# kvfs_add_test(name [LABEL label] [LIBRARIES target...] SOURCES file...)
+# kvfs_add_test(name [LABELS label...] [LIBRARIES target...] SOURCES file...)
 #
 # One test program, linked with GoogleTest, the log capture, the fault injection (whose --wrap options come along) and
 # the libraries named, by default the fixtures of tests/, the library under test and the volume builder. It is one test
-# of ctest under the given label (default: unit): its cases share a process. A program that KVFS_TESTS_LEFT_OUT names is
+# of ctest under the given labels (default: unit): its cases share a process. A program that KVFS_TESTS_LEFT_OUT names is
 # no test, and is built only when somebody asks for its target.
 function(kvfs_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "LIBRARIES;SOURCES")
-  if(NOT arg_LABEL)
-    set(arg_LABEL unit)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LABELS;LIBRARIES;SOURCES")
+  if(NOT arg_LABELS)
+    set(arg_LABELS unit)
   endif()
   if(NOT arg_LIBRARIES)
     set(arg_LIBRARIES kvfs_test_fixtures)
@@ -36,7 +36,7 @@ function(kvfs_add_test name)
   endif()
   # The option tells scripts/report-tests that the output is GoogleTest's.
   add_test(NAME ${name} COMMAND ${name} --gtest_color=no)
-  set_tests_properties(${name} PROPERTIES LABELS ${arg_LABEL})
+  set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}")
 endfunction()
 
 # kvfs_replace_routine(test header routine)
@@ -78,10 +78,15 @@ function(kvfs_add_tool_runner target)
   endforeach()
 endfunction()
 
-# kvfs_add_tool_test(name [LIBRARIES target...] SOURCES file...)
+# kvfs_add_tool_test(name [OF_THIS_BUILD] [LIBRARIES target...] SOURCES file...)
 #
-# A test program that runs the built tool by means of kvfs_tool_runner.
+# A test program that runs the built tool by means of kvfs_tool_runner. Its label is `tool`, and `any-tool` too unless it
+# is about programs of this build whatever tool KVFSLABEL_COMMAND names.
 function(kvfs_add_tool_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES;SOURCES")
-  kvfs_add_test(${name} LABEL tool LIBRARIES kvfs_tool_runner ${arg_LIBRARIES} SOURCES ${arg_SOURCES})
+  cmake_parse_arguments(PARSE_ARGV 1 arg "OF_THIS_BUILD" "" "LIBRARIES;SOURCES")
+  set(labels tool)
+  if(NOT arg_OF_THIS_BUILD)
+    list(APPEND labels any-tool)
+  endif()
+  kvfs_add_test(${name} LABELS ${labels} LIBRARIES kvfs_tool_runner ${arg_LIBRARIES} SOURCES ${arg_SOURCES})
 endfunction()

@@ -48,6 +48,17 @@ std::string item_line(std::uint32_t cnid, const ModelItem& item) {
   return line;
 }
 
+// Whether the catalog says the same of both; it has eight extents of a fork.
+bool is_listed_alike(const ModelFork& one, const ModelFork& other) {
+  return one.size == other.size && one.total == other.total && one.extents == other.extents;
+}
+
+bool is_listed_alike(const ModelItem& one, const ModelItem& other) {
+  return one.parent == other.parent && one.name == other.name && one.folder == other.folder &&
+         one.is_link == other.is_link &&
+         (one.folder || (is_listed_alike(one.data, other.data) && is_listed_alike(one.resource, other.resource)));
+}
+
 bool is_link_record(const Bytes& data) {
   return get_be32(data, 48) == 0x736C6E6B && get_be32(data, 52) == 0x72686170 && get_be16(data, 42) == 0xA1FF &&
          get_be16(data, 56) == 0x8000;
@@ -166,18 +177,21 @@ bool VolumeModel::has_name(std::uint32_t folder, const Name& name) const {
   });
 }
 
-Lines VolumeModel::catalog_lines() const {
+Lines VolumeModel::catalog_differences(const Volume& volume) const {
+  const std::map<std::uint32_t, ModelItem> found = items_of(volume);
   Lines lines;
   for (const auto& [cnid, item] : items) {
-    lines.push_back(item_line(cnid, item));
+    const auto stored = found.find(cnid);
+    if (stored == found.end()) {
+      lines.push_back("lacks " + item_line(cnid, item));
+    } else if (!is_listed_alike(stored->second, item)) {
+      lines.push_back(item_line(cnid, stored->second) + " instead of " + item_line(cnid, item));
+    }
   }
-  return lines;
-}
-
-Lines VolumeModel::catalog_lines(const Volume& volume) {
-  Lines lines;
-  for (const auto& [cnid, item] : items_of(volume)) {
-    lines.push_back(item_line(cnid, item));
+  for (const auto& [cnid, item] : found) {
+    if (!items.contains(cnid)) {
+      lines.push_back("has " + item_line(cnid, item));
+    }
   }
   return lines;
 }

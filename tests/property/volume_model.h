@@ -55,9 +55,8 @@ class VolumeModel {
   std::map<std::uint32_t, ModelItem> items;  // by ID; the root folder among them
   [[nodiscard]] bool is_empty(std::uint32_t folder) const;
   [[nodiscard]] bool has_name(std::uint32_t folder, const Name& name) const;
-  // Everything that the catalog says of the items, one line for each, and the same from a volume.
-  [[nodiscard]] Lines catalog_lines() const;
-  static Lines catalog_lines(const Volume& volume);
+  // Where a volume's catalog says something else of the items, a line for each.
+  [[nodiscard]] Lines catalog_differences(const Volume& volume) const;
 
   // ---- Blocks
 
