@@ -11,6 +11,7 @@
 #include "btree/node.h"
 #include "btree/node_buffer.h"
 #include "btree/private.h"
+#include "btree/work.h"
 #include "format.h"
 #include "ground/arithmetic.h"
 #include "result.h"
@@ -232,7 +233,7 @@ kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator
       KVFS_LOCK_MESSAGES("Error while acquiring write lock for open locators list.\n", critical,
                          "Error while releasing write lock for open locators list. Will probably crash now...\n");
   return kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
-    tree_change change(tree);
+    grant_work(tree, kWorkOfAChange);
     return kvfs_btree_delete_record_internal(tree, locator, flag);
   });
 }

@@ -19,6 +19,7 @@
 #include "btree/node_buffer.h"
 #include "btree/private.h"
 #include "btree/split_point.h"
+#include "btree/work.h"
 #include "format.h"
 #include "result.h"
 #include "support.h"
@@ -221,7 +222,7 @@ kvfs_result kvfs_btree_insert_record(kvfs_btree* tree, const void* key, const vo
                          "Error while releasing write lock for open locators list. Will probably crash now...\n");
   kvfs_btree_record_locator* locator = nullptr;
   const kvfs_result result = kvfs_with_write_lock(tree->priv->open_locators_lock, messages, [&] {
-    tree_change change(tree);
+    grant_work(tree, kWorkOfAChange);
     return kvfs_btree_insert_record_internal(tree, key, data, data_size, hint, &locator);
   });
   if (result == kvfs_ok) {

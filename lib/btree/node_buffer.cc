@@ -17,30 +17,14 @@
 
 using namespace kvfs::btree;
 
-tree_change::tree_change(kvfs_btree* tree) : tree_(tree) {
-  grant_work(tree, kWorkOfAChange);
-  tree->priv->spare_nodes = &spare_nodes_;
-}
-
-tree_change::~tree_change() {
-  tree_->priv->spare_nodes = nullptr;
-  while (spare_nodes_ != nullptr) {
-    void* const node = spare_nodes_;
-    std::memcpy(&spare_nodes_, node, sizeof(spare_nodes_));
-    std::free(node);
-  }
-}
-
 bool kvfs::btree::allocate_node(kvfs_btree* tree, node_buffer* buffer) {
-  void** const spare = tree->priv->spare_nodes;
-  void* bytes = spare == nullptr ? nullptr : *spare;
-  if (bytes != nullptr) {
-    std::memcpy(spare, bytes, sizeof(*spare));
-  } else {
-    bytes = std::malloc(kvfs_max<std::size_t>(tree->nodeSize, sizeof(bytes)));
-  }
+  void* const spare = tree->priv->spare_nodes;
+  void* const bytes = spare != nullptr ? spare : std::malloc(kvfs_max<std::size_t>(tree->nodeSize, sizeof(spare)));
   if (bytes == nullptr) {
     return false;
+  }
+  if (spare != nullptr) {
+    std::memcpy(&tree->priv->spare_nodes, spare, sizeof(spare));
   }
   buffer->tree = tree;
   buffer->view = {static_cast<unsigned char*>(bytes), tree->nodeSize, 0};
@@ -48,13 +32,10 @@ bool kvfs::btree::allocate_node(kvfs_btree* tree, node_buffer* buffer) {
 }
 
 node_buffer::~node_buffer() {
-  void** const spare = tree == nullptr ? nullptr : tree->priv->spare_nodes;
-  if (spare == nullptr) {
-    std::free(view.bytes);
-    return;
+  if (tree != nullptr) {
+    std::memcpy(view.bytes, &tree->priv->spare_nodes, sizeof(void*));
+    tree->priv->spare_nodes = view.bytes;
   }
-  std::memcpy(view.bytes, spare, sizeof(*spare));
-  *spare = view.bytes;
 }
 
 const unsigned char* kvfs::btree::key_at(const char* speaker, const node_view& node, std::uint32_t offset) {

@@ -16,22 +16,8 @@
 
 namespace kvfs::btree {
 
-// A change of a tree, from its beginning to its end. It is granted its work, and the bytes of nodes that it has done
-// with are kept for its next ones: it takes one node after another, and some C libraries map and unmap memory for each
-// block of that size.
-class tree_change {
- public:
-  explicit tree_change(kvfs_btree* tree);
-  tree_change(const tree_change&) = delete;
-  tree_change& operator=(const tree_change&) = delete;
-  ~tree_change();
-
- private:
-  kvfs_btree* tree_;
-  void* spare_nodes_ = nullptr;  // owned; the first of them, which begins with the address of the next one
-};
-
-// A copy of a node that a change works on; `view` leads into its bytes, which are owned.
+// A copy of a node that a change works on; `view` leads into its bytes, which are owned, and which the tree keeps
+// afterwards.
 struct node_buffer {
   node_buffer() = default;
   node_buffer(const node_buffer&) = delete;

@@ -17,9 +17,12 @@ struct kvfs_btree_private {
   kvfs_btree_compare_keys compare;
   kvfs_btree_record_locator* open_locators;  // head of the list: the locator opened last, or null
   kvfs_rwlock* open_locators_lock;           // guards all of this and serialises the operations on the tree
-  std::uint64_t reserve;                     // work beyond their grants that operations may still do in this tree
-  std::uint64_t work_left;                   // for the operation under way, with the reserve
-  void** spare_nodes;                        // the first of those that the change under way keeps; null without one
+  std::uint32_t reserve;                     // work beyond their grants that operations may still do in this tree
+  std::uint32_t work_left;                   // for the operation under way, with the reserve
+  // Memory for copies of nodes that changes have done with, kept for the next ones: each takes one node after another,
+  // and some C libraries map and unmap memory for each block of that size. The first block; owned, like those behind
+  // it, each of which begins with the address of the next one.
+  void* spare_nodes;
 };
 
 struct kvfs_btree_record_locator_private {
@@ -109,13 +112,13 @@ inline constexpr std::uint32_t kMaximumOddKeys = 1000;
 // comparison. An operation is granted what it needs in a sound tree: a search as much as four levels of nodes of
 // 32 KiB take that are full of keys, a change as much as sixteen levels. What damaged trees need beyond is taken from a
 // reserve, which is not refilled.
-inline constexpr std::uint64_t kWorkOfASearch = std::uint64_t{160} << 10;
-inline constexpr std::uint64_t kWorkOfAChange = std::uint64_t{128} << 20;
-inline constexpr std::uint64_t kWorkReserve = std::uint64_t{64} << 20;
-inline constexpr std::uint64_t kWorkOfANode = 128;
-inline constexpr std::uint64_t kWorkOfAMapNode = 512;
-inline constexpr std::uint64_t kWorkOfAKey = 8;
-inline constexpr std::uint64_t kWorkOfAMessage = std::uint64_t{4} << 10;
+inline constexpr std::uint32_t kWorkOfASearch = std::uint32_t{160} << 10;
+inline constexpr std::uint32_t kWorkOfAChange = std::uint32_t{128} << 20;
+inline constexpr std::uint32_t kWorkReserve = std::uint32_t{64} << 20;
+inline constexpr std::uint32_t kWorkOfANode = 128;
+inline constexpr std::uint32_t kWorkOfAMapNode = 512;
+inline constexpr std::uint32_t kWorkOfAKey = 8;
+inline constexpr std::uint32_t kWorkOfAMessage = std::uint32_t{4} << 10;
 inline constexpr std::uint32_t kNodeBytesOfOneUnit = 16;  // a node that is copied takes a unit for so many bytes
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,

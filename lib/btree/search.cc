@@ -1,7 +1,7 @@
 // Search: from the root, or a node given, down to the place of a key.
 //
 // From the top: kvfs_btree_search_node takes the lock, kvfs_btree_search_node_internal maps the header record, and
-// search_from begins at the start node (enter_start_node) and looks at record after record (visit_record). Each is
+// search_from begins at the start node (enter_start_node) and looks at record after record (visit_records). Each is
 // compared (compare_record); the search goes on behind it, or down to a child (visit_index_record, descend). Or it
 // ends: in a leaf, in an index node of the height that is looked for, or behind the last record (finish_in_leaf and so
 // on), where end_search_at opens the result's locator.
@@ -41,22 +41,33 @@ namespace {
 // How much a search has done, for its bounds.
 struct search_cost {
   std::uint32_t descents;
-  std::uint64_t key_bytes;  // of all keys that were compared
+  std::uint32_t key_bytes;  // of all keys that were compared
   std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
 };
 
-// A search on its way down.
+// The sizes that the keys of a tree have, their length field included.
+struct key_sizes {
+  std::uint32_t least;
+  std::uint32_t span;  // from the least to the largest
+};
+
+// A search on its way down. What is the same for all records, or for those of a node, is found out once.
 struct search_walk {
   kvfs_btree* tree;
   const void* key;
   std::uint8_t mode;
   std::uint8_t target_height;
   BTHeaderRec header;
+  key_sizes sizes;              // of the tree's keys
+  bool is_odd;                  // whether the search key has none of them
+  std::uint32_t work_of_a_key;  // beside that for its bytes
 
   std::uint32_t start;  // node where the search began
   mapping map;          // of the current node
   node_view node;
   BTNodeDescriptor descriptor;
+  std::uint32_t count;          // of its records
+  bool has_keys;                // whether it is a leaf or an index node
   std::uint32_t index;          // of the record looked at
   std::uint32_t previous_data;  // where the data of the record kept in mind begins, in the node; 0 without one
 
@@ -70,8 +81,8 @@ struct search_walk {
 struct node_record {
   std::uint16_t offset;
   std::uint16_t end;
-  std::uint32_t data;
-  bool key_inside;  // whether the whole key lies in the node
+  std::uint32_t data;  // 0 when the length of the key lies outside of the node
+  bool key_inside;     // whether the whole key lies in the node
 };
 
 }  // namespace
@@ -108,9 +119,11 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   }
   walk->node = view_of(walk->tree, node, walk->map);
   walk->descriptor = descriptor_of(walk->node);
+  walk->count = walk->descriptor.numRecords.get();
+  walk->has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
   walk->index = 0;
   walk->previous_data = 0;
-  if (walk->descriptor.numRecords.get() == 0 && !may_be_empty(*walk)) {
+  if (walk->count == 0 && !may_be_empty(*walk)) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
@@ -145,10 +158,14 @@ static kvfs_result enter_start_node(search_walk* walk, std::uint32_t start) {
 }
 
 static kvfs_result read_record(const search_walk* walk, std::uint32_t index, node_record* record) {
-  if (!read_offset(walk->node, index, &record->offset) || !read_offset(walk->node, index + 1, &record->end)) {
-    return report_bad_record(walk->node.number, index);
+  const node_view& node = walk->node;
+  if (kOffsetEntrySize * (index + 2) > node.size) {
+    return report_bad_record(node.number, index);
   }
-  record->key_inside = read_key_end(walk->node, record->offset, &record->data);
+  const kvfs_be16* const entries = kvfs_view_as<kvfs_be16>(node.bytes + offset_entry_position(node.size, index + 1));
+  record->end = entries[0].get();
+  record->offset = entries[1].get();
+  record->key_inside = read_key_end(node, record->offset, &record->data);
   return kvfs_ok;
 }
 
@@ -173,7 +190,7 @@ static kvfs_result end_search_at(search_walk* walk, const node_record& record, s
   }
   kvfs_btree_record_locator_private* const place = walk->result.locator->priv;
   place->index_height = walk->descriptor.kind == kBTIndexNode ? walk->descriptor.height : std::uint8_t{0};
-  if (index >= walk->descriptor.numRecords.get() && place->reference_count == 1) {
+  if (index >= walk->count && place->reference_count == 1) {
     place->is_vacant = 1;
   }
   return kvfs_ok;
@@ -270,11 +287,17 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
   return descend(walk, child);
 }
 
-// Whether a key has a length that no key of such a tree has. The comparison says so and looks at the length alone.
-static bool is_odd_key(std::uint32_t tree_kind, const void* key) {
-  const std::uint16_t length = kvfs_view_as<kvfs_be16>(key)->get();
-  return (tree_kind == kHFSExtentsFileID && length != kHFSPlusExtentKeyLength) ||
-         (tree_kind == kHFSCatalogFileID && length < kHFSPlusCatalogKeyMinimumLength);
+static key_sizes key_sizes_of(std::uint32_t tree_kind) {
+  if (tree_kind == kHFSExtentsFileID) {
+    return {sizeof(HFSPlusExtentKey), 0};
+  }
+  const std::uint32_t least = tree_kind == kHFSCatalogFileID ? kHFSPlusCatalogKeyMinimumLength + sizeof(kvfs_be16) : 0;
+  return {least, UINT16_MAX + sizeof(kvfs_be16)};
+}
+
+// Whether a key has a size that no key of the tree has. The comparison says so and looks at the length alone.
+static bool is_odd_key(key_sizes sizes, std::uint32_t size) {
+  return size - sizes.least > sizes.span;
 }
 
 // Whether the comparison logs a message for each key, since the catalog's header names an order that does not exist.
@@ -283,45 +306,58 @@ static bool is_illegal_comparison(const search_walk& walk) {
   return walk.tree->priv->tree_kind == kHFSCatalogFileID && order != kHFSBinaryCompare && order != kHFSCaseFolding;
 }
 
-// Takes account of a key that is going to be compared, and ends a search that would go on for very long: one that meets
-// more keys than a node of each height can hold, or fills the log with keys of a wrong length.
-static kvfs_result count_key(search_walk* walk, const node_record& record, bool odd) {
-  const std::uint32_t end = kvfs_min(record.data, walk->node.size);
-  const std::uint64_t bytes = odd ? sizeof(kvfs_be16) : end - record.offset;
+// Takes account of a key that is going to be compared. False ends a search that would go on for very long: one that
+// meets more keys than a node of each height can hold, or fills the log with keys of a wrong length, of which no more
+// than that is read, or has no work left.
+static bool count_key(search_walk* walk, std::uint32_t size, bool odd) {
+  const std::uint32_t bytes = odd ? sizeof(kvfs_be16) : size;
   walk->cost.key_bytes += bytes;
   walk->cost.odd_keys += odd ? 1 : 0;
-  if (walk->cost.key_bytes > kMaximumHeight * std::uint64_t{walk->node.size}) {
+  return walk->cost.key_bytes <= kMaximumHeight * walk->node.size && walk->cost.odd_keys <= kMaximumOddKeys &&
+         spend_work(walk->tree, bytes + (odd ? kWorkOfAMessage : walk->work_of_a_key));
+}
+
+// Says why a key was not counted.
+static kvfs_result report_limit(const search_walk& walk) {
+  if (walk.cost.key_bytes > kMaximumHeight * walk.node.size) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
-                  to_ul(kMaximumHeight), to_ul(walk->index), to_ul(walk->node.number));
+                  to_ul(kMaximumHeight), to_ul(walk.index), to_ul(walk.node.number));
     return kvfs_inconsistent;
   }
-  if (walk->cost.odd_keys > kMaximumOddKeys) {
+  if (walk.cost.odd_keys > kMaximumOddKeys) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal,
                   "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
-                  to_ul(kMaximumOddKeys), to_ul(walk->index), to_ul(walk->node.number));
+                  to_ul(kMaximumOddKeys), to_ul(walk.index), to_ul(walk.node.number));
     return kvfs_inconsistent;
   }
-  const bool logged = odd || is_illegal_comparison(*walk);
-  return spend_work(walk->tree, bytes + (logged ? kWorkOfAMessage : kWorkOfAKey)) ? kvfs_ok : report_too_much_work();
+  return report_too_much_work();
 }
 
-// Whether what a node has of a key that leaves it may decide the order: the parent of a catalog key. The keys of the
-// other trees are needed as a whole.
-static bool has_cut_key(const search_walk& walk, const node_record& record) {
-  return walk.tree->priv->tree_kind == kHFSCatalogFileID &&
-         record.offset + kHFSPlusCatalogKeyParentEnd <= walk.node.size;
+static int compare_with_search_key(const search_walk& walk, const void* key) {
+  return walk.tree->priv->compare(key, walk.key, walk.header.keyCompareType);
 }
 
-// Compares such a key as one that ends with the node; kvfs_key_malformed when a unit behind that is needed (X-btree-1).
-static int compare_cut_key(const search_walk& walk, const node_record& record) {
+// Compares a key that leaves its node as one that ends with the node (X-btree-1). What is there may decide the order if
+// it has the parent of a catalog key; the keys of the other trees are needed as a whole.
+static kvfs_result compare_cut_record(search_walk* walk, const node_record& record, int* order) {
+  const std::uint32_t room = walk->node.size - record.offset;
+  if (walk->tree->priv->tree_kind != kHFSCatalogFileID ||
+      record.offset + kHFSPlusCatalogKeyParentEnd > walk->node.size) {
+    return report_bad_record(walk->node.number, walk->index);
+  }
+  if (!count_key(walk, room, walk->is_odd)) {
+    return report_limit(*walk);
+  }
   HFSPlusCatalogKey key;
-  const std::size_t size = kvfs_min<std::size_t>(walk.node.size - record.offset, sizeof(key));
+  const std::size_t size = kvfs_min<std::size_t>(room, sizeof(key));
   key.nodeName.length.set(UINT16_MAX);  // if the node ends before it, nothing is known of the name
-  std::memcpy(&key, walk.node.bytes + record.offset, size);
+  std::memcpy(&key, walk->node.bytes + record.offset, size);
   key.keyLength.set(
       static_cast<std::uint16_t>(kvfs_max<std::size_t>(size - sizeof(key.keyLength), kHFSPlusCatalogKeyMinimumLength)));
-  return walk.tree->priv->compare(&key, walk.key, walk.header.keyCompareType);
+  *order = compare_with_search_key(*walk, &key);
+  // A unit behind the node would be needed.
+  return *order == kvfs_key_malformed ? report_bad_record(walk->node.number, walk->index) : kvfs_ok;
 }
 
 // Compares a record's key with the search key. In a node that has no keys the outcome does not matter, so that bytes
@@ -329,65 +365,51 @@ static int compare_cut_key(const search_walk& walk, const node_record& record) {
 // empty tree begins, are compared nevertheless (Q-btree-8): it is the first node of its cache item, and whatever its
 // map reads as ends in there.
 static kvfs_result compare_record(search_walk* walk, const node_record& record, int* order) {
-  const bool has_keys = walk->descriptor.kind == kBTLeafNode || walk->descriptor.kind == kBTIndexNode;
-  const unsigned char* const key = walk->node.bytes + record.offset;
-  const std::uint32_t kind = walk->tree->priv->tree_kind;
-  const bool odd_node_key = record.data != 0 && is_odd_key(kind, key);
-  const bool odd = odd_node_key || (record.data != 0 && is_odd_key(kind, walk->key));
-  const bool cut = has_keys && !record.key_inside && !odd_node_key;
-  *order = 0;
-  if (cut && !has_cut_key(*walk, record)) {
-    return report_bad_record(walk->node.number, walk->index);
+  const std::uint32_t size = record.data - record.offset;  // of the key, with its length; if that can be read
+  const bool odd_node_key = record.data != 0 && is_odd_key(walk->sizes, size);
+  if (walk->has_keys && !record.key_inside && !odd_node_key) {
+    return compare_cut_record(walk, record, order);
   }
-  if (has_keys || odd) {
-    const kvfs_result counted = count_key(walk, record, odd);
-    if (counted != kvfs_ok) {
-      return counted;
+  const bool odd = odd_node_key || (walk->is_odd && record.data != 0);
+  if (walk->has_keys || odd) {
+    if (!count_key(walk, size, odd)) {
+      return report_limit(*walk);
     }
-  }
-  if (cut) {
-    *order = compare_cut_key(*walk, record);
-  } else if (has_keys || odd || record.key_inside || walk->node.number == 0) {
-    *order = walk->tree->priv->compare(key, walk->key, walk->header.keyCompareType);
-  }
-  if (has_keys && *order == kvfs_key_malformed) {
-    return cut ? report_bad_record(walk->node.number, walk->index) : report_contradicting_key(*walk);
-  }
-  return kvfs_ok;
-}
-
-// Looks at one record and moves on: to the next record, down to a child or to the end of the search.
-static kvfs_result visit_record(search_walk* walk) {
-  const std::uint32_t count = walk->descriptor.numRecords.get();
-  if (walk->index >= count) {
-    return finish_behind_last_record(walk);
-  }
-  node_record record = {};
-  kvfs_result result = read_record(walk, walk->index, &record);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  int order = 0;
-  result = compare_record(walk, record, &order);
-  if (result != kvfs_ok) {
-    return result;
-  }
-  const bool before_last = walk->index + 1 < count;
-  const bool is_leaf = walk->descriptor.kind == kBTLeafNode;
-  const bool is_index = walk->descriptor.kind == kBTIndexNode;
-  if ((order < 0 && before_last) || (!is_leaf && !is_index)) {
-    walk->previous_data = record.data;
-    ++walk->index;
+  } else if (!record.key_inside && walk->node.number != 0) {
     return kvfs_ok;
   }
-  return is_leaf ? finish_in_leaf(walk, record, order) : visit_index_record(walk, record, order);
+  *order = compare_with_search_key(*walk, walk->node.bytes + record.offset);
+  return *order == kvfs_key_malformed && walk->has_keys ? report_contradicting_key(*walk) : kvfs_ok;
+}
+
+// Looks at the records of the current node, one after the other, until one leads down to a child or to the end of the
+// search.
+static kvfs_result visit_records(search_walk* walk) {
+  for (; walk->index < walk->count; ++walk->index) {
+    node_record record = {};
+    kvfs_result result = read_record(walk, walk->index, &record);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    int order = 0;
+    result = compare_record(walk, record, &order);
+    if (result != kvfs_ok) {
+      return result;
+    }
+    if (walk->has_keys && (order >= 0 || walk->index + 1 == walk->count)) {
+      return walk->descriptor.kind == kBTLeafNode ? finish_in_leaf(walk, record, order)
+                                                  : visit_index_record(walk, record, order);
+    }
+    walk->previous_data = record.data;
+  }
+  return finish_behind_last_record(walk);
 }
 
 // Searches with the header record in `walk`; the node looked at last stays mapped for the caller.
 static kvfs_result search_from(search_walk* walk, std::uint32_t start_node) {
   kvfs_result result = enter_start_node(walk, start_node != 0 ? start_node : walk->header.rootNode.get());
   while (result == kvfs_ok && !walk->done) {
-    result = visit_record(walk);
+    result = visit_records(walk);
   }
   return result;
 }
@@ -411,6 +433,9 @@ kvfs_result kvfs_btree_search_node_internal(kvfs_btree* tree, const void* key, s
   walk.mode = mode;
   walk.target_height = target_height;
   walk.header = *kvfs_view_as<BTHeaderRec>(header.bytes());
+  walk.sizes = key_sizes_of(tree->priv->tree_kind);
+  walk.is_odd = is_odd_key(walk.sizes, sizeof(kvfs_be16) + kvfs_view_as<kvfs_be16>(key)->get());
+  walk.work_of_a_key = is_illegal_comparison(walk) ? kWorkOfAMessage : kWorkOfAKey;
   result = search_from(&walk, start_node);
   const kvfs_result node_unmapped = walk.map.unmap();
   if (node_unmapped != kvfs_ok) {

@@ -107,10 +107,8 @@ static bool lacks_first_unit(const catalog_key_view& key) {
   return key.name.readable == 0 && key.name.length != 0;
 }
 
+// Compares two keys in the same folder.
 static int compare_key_views(const catalog_key_view& a, const catalog_key_view& b, std::uint8_t compare_type) {
-  if (a.parent != b.parent) {
-    return a.parent < b.parent ? -1 : 1;
-  }
   const bool binary = compare_type == kHFSBinaryCompare;
   // The first key decides even when both are private names, so that such names are never equal: Q-catalog-1.
   if (is_private_name(a)) {
@@ -136,6 +134,11 @@ int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t
   if (compare_type != kHFSBinaryCompare && compare_type != kHFSCaseFolding) {
     KVFS_ERROR("Illegal value for compare_type: 0x%X\n", static_cast<unsigned>(compare_type));
     return -1;
+  }
+  const std::uint32_t parent_a = kvfs_view_as<HFSPlusCatalogKey>(key_a)->parentID.get();
+  const std::uint32_t parent_b = kvfs_view_as<HFSPlusCatalogKey>(key_b)->parentID.get();
+  if (parent_a != parent_b) {
+    return parent_a < parent_b ? -1 : 1;
   }
   const catalog_key_view a = view_key(key_a);
   const catalog_key_view b = view_key(key_b);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/arithmetic.h"
 #include "format.h"
 #include "unicode.h"
 #include "unicode/private.h"
@@ -58,13 +59,24 @@ struct name_cursor {
 
 }  // namespace
 
-static name_cursor begin_of(const kvfs_cut_name& name) {
-  return {name.units, name.units + name.readable, name.readable < name.length ? kMissingUnit : 0};
+// How many units both names begin with. Whatever they fold to, it is the same.
+static std::size_t common_units(const kvfs_cut_name& a, const kvfs_cut_name& b) {
+  const std::size_t most = kvfs_min(a.readable, b.readable);
+  std::size_t count = 0;
+  while (count != most && a.units[count].get() == b.units[count].get()) {
+    ++count;
+  }
+  return count;
+}
+
+static name_cursor begin_at(const kvfs_cut_name& name, std::size_t unit) {
+  return {name.units + unit, name.units + name.readable, name.readable < name.length ? kMissingUnit : 0};
 }
 
 int kvfs_unicode_compare_cut_names(const kvfs_cut_name& a, const kvfs_cut_name& b, bool binary) {
-  name_cursor rest_of_a = begin_of(a);
-  name_cursor rest_of_b = begin_of(b);
+  const std::size_t common = binary ? 0 : common_units(a, b);  // a pair of zero units ends a binary comparison
+  name_cursor rest_of_a = begin_at(a, common);
+  name_cursor rest_of_b = begin_at(b, common);
   for (;;) {
     const std::uint32_t unit_a = binary ? rest_of_a.take() : rest_of_a.take_folded();
     const std::uint32_t unit_b = binary ? rest_of_b.take() : rest_of_b.take_folded();

@@ -187,6 +187,19 @@ TEST_F(BtreeInsert, HugeKeyAndData_AreRefused) {
                                "bytes)."));
 }
 
+TEST(BtreeInsertSize, NextChange_TakesTheMemoryForNodesThatTheTreeHasKept) {
+  ChangeTree tree({.records = {number_record(10)}});
+  tree.open();
+  ASSERT_EQ(tree.insert(number_record(20)), kvfs_ok);
+  const std::size_t kept = kept_nodes(tree.get());
+  EXPECT_EQ(kept, 1u);
+  kvfs_btree_record_locator* const locator = tree.locate(20);
+  ASSERT_EQ(kvfs_btree_delete_record(tree.get(), locator, 0), kvfs_ok);
+  release(locator);
+  ASSERT_EQ(tree.insert(number_record(30)), kvfs_ok);
+  EXPECT_EQ(kept_nodes(tree.get()), kept);
+}
+
 TEST(BtreeInsertSize, NodesOf32KiB_TakeTheLargestRecord) {
   ChangeTree tree({.records = {number_record(10)}, .shape = shape_of(32768)});
   tree.open();

@@ -1142,7 +1142,7 @@ TEST(BtreeSearchManyKeys, WorkBeyondThatOfASoundTree_UsesUpAReserve) {
   repeat_first_record(&tree, 300)->set_entry(root, 300, 14 + 706);
   tree.set16(root, 14, 600);
   tree.open();
-  const std::uint64_t beyond = kWorkOfANode + 300 * (602 + kWorkOfAKey) - kWorkOfASearch;
+  const std::uint32_t beyond = kWorkOfANode + 300 * (602 + kWorkOfAKey) - kWorkOfASearch;
   ASSERT_LT(beyond, kWorkReserve);
   tree.get()->priv->reserve = 2 * beyond + 1;
   LogCapture log;
