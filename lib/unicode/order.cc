@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/arithmetic.h"
 #include "format.h"
+#include "ground/arithmetic.h"
 #include "unicode.h"
 #include "unicode/private.h"
 #include "unicode/ranges.h"
