@@ -370,7 +370,7 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
   if (walk->has_keys && !record.key_inside && !odd_node_key) {
     return compare_cut_record(walk, record, order);
   }
-  const bool odd = odd_node_key || (walk->is_odd && record.data != 0);
+  const bool odd = odd_node_key || (record.data != 0 && walk->is_odd);
   if (walk->has_keys || odd) {
     if (!count_key(walk, size, odd)) {
       return report_limit(*walk);
@@ -379,7 +379,7 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
     return kvfs_ok;
   }
   *order = compare_with_search_key(*walk, walk->node.bytes + record.offset);
-  return *order == kvfs_key_malformed && walk->has_keys ? report_contradicting_key(*walk) : kvfs_ok;
+  return walk->has_keys && *order == kvfs_key_malformed ? report_contradicting_key(*walk) : kvfs_ok;
 }
 
 // Looks at the records of the current node, one after the other, until one leads down to a child or to the end of the

@@ -1180,6 +1180,20 @@ TEST(BtreeSearchManyKeys, MoreBytesThan255NodesHave_EndTheSearch) {
   EXPECT_TRUE(tree.is_idle());
 }
 
+// X-btree-4
+TEST(BtreeSearchManyKeys, MoreBytesOfKeysThatLeaveTheNode_EndTheSearch) {
+  TestTree tree(
+      {.records = {{catalog_key(10, {}), Bytes(12)}}, .shape = shape_of(8192), .traits = {.key_compare_type = 0xBC}});
+  const std::uint32_t root = tree.root();
+  repeat_first_record(&tree, 4000);
+  tree.set16(root, 14, 9000);  // of which the node has 8,178 bytes: 255 nodes hold 255 of them
+  tree.open(kvfs_catalog_compare_keys);
+  LogCapture log;
+  EXPECT_EQ(search_for_key(tree, catalog_key(99, {})), "result 6");
+  EXPECT_LOG(log, search_error("Invalid node data: Keys of more than 255 nodes up to record 255 of node 1."));
+  EXPECT_TRUE(tree.is_idle());
+}
+
 TEST(BtreeSearchDamage, NodeSizesThatNoTreeHas_FailWithoutLeavingTheFork) {
   for (const std::uint16_t size : Numbers16{0, 1, 13, 14, 15, 16, 17, 100, 120, 255, 511, 513, 768, 40000, 65535}) {
     TestTree tree({.records = numbered_records(60)});
