@@ -77,7 +77,7 @@ struct kvfs_btree_search_result {
 //   volume_header             on-disk order; it holds the fork data of the file and is borrowed for the life of the
 //                             tree
 //   tree_kind                 catalog node ID of the file: extents overflow, catalog or attributes file
-//   compare                   orders the tree's keys
+//   compare                   orders the tree's keys; two keys that it has ordered may not be handed in again
 //   out_tree                  receives the tree, owned by the caller; unchanged on failure
 //
 // Returns kvfs_ok; kvfs_no_memory; kvfs_invalid for another kind; kvfs_inconsistent when node 0 is not the header node

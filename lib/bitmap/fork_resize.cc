@@ -96,6 +96,7 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
   if (item == nullptr) {
     return;
   }
+  announce_change(fork);
   const std::uint32_t unit = transfer_unit(fork);
   const std::uint32_t offset = static_cast<std::uint32_t>(end % priv->item_size);
   std::uint32_t first = offset / unit;

@@ -46,13 +46,14 @@ inline bool table_has_room(const insertion& insert) {
   return (insert.count + kSpareOffsetEntries) * kOffsetEntrySize <= insert.tree->nodeSize;
 }
 
-inline std::int64_t free_space(const insertion& insert) {
-  const std::int64_t table = kOffsetEntrySize * (std::int64_t{insert.count} + 1);
-  return std::int64_t{insert.tree->nodeSize} - offset_at(insert.node.view, insert.count) - table;
+// Below 0 in a damaged node.
+inline std::int32_t free_space(const insertion& insert) {
+  const std::uint32_t table = kOffsetEntrySize * (insert.count + 1);
+  return insert.tree->nodeSize - offset_at(insert.node.view, insert.count) - static_cast<std::int32_t>(table);
 }
 
 inline bool fits_in_place(const insertion& insert) {
-  return free_space(insert) >= std::int64_t{insert.record_size} + kOffsetEntrySize;
+  return free_space(insert) >= static_cast<std::int32_t>(insert.record_size + kOffsetEntrySize);
 }
 
 // Finds the node and the index of the new record, by the hint, which is not questioned (Q-btree-10), or by a search of

@@ -12,6 +12,14 @@
 
 struct kvfs_rwlock;
 
+// How a search has gone down through a node above the leaves, from which the next one may go on: the lookups of a
+// fork's extents come in the order of their keys, and the node may have thousands of records before the one they need.
+struct kvfs_btree_trail {
+  const unsigned char* node;  // its bytes, which have not changed since; null without a trail
+  std::uint32_t index;        // of the record that led down; the keys of those before it order before `key`
+  HFSPlusExtentKey key;       // the search key
+};
+
 struct kvfs_btree_private {
   std::uint32_t tree_kind;  // catalog node ID of the tree's file
   kvfs_btree_compare_keys compare;
@@ -23,6 +31,7 @@ struct kvfs_btree_private {
   // and some C libraries map and unmap memory for each block of that size. The first block; owned, like those behind
   // it, each of which begins with the address of the next one.
   void* spare_nodes;
+  kvfs_btree_trail trail;  // of the search before, in the extents overflow file alone
 };
 
 struct kvfs_btree_record_locator_private {

@@ -18,6 +18,7 @@
 #include "btree/node.h"
 #include "btree/private.h"
 #include "btree/work.h"
+#include "fork/extent.h"
 #include "format.h"
 #include "ground/arithmetic.h"
 #include "result.h"
@@ -37,6 +38,11 @@ void kvfs_btree_search_result_release(kvfs_btree_search_result* result) {
 }
 
 namespace {
+
+// Nodes of this height have the most records to pass by, and there are few of them.
+constexpr std::uint8_t kHeightAboveLeaves = 2;
+
+constexpr std::uint32_t kTrailKeySize = sizeof(HFSPlusExtentKey);
 
 // How much a search has done, for its bounds.
 struct search_cost {
@@ -112,6 +118,42 @@ static bool may_be_empty(const search_walk& walk) {
   return walk.node.number == walk.start && (walk.mode != kSearchToLeaf || walk.header.leafRecords.get() == 0);
 }
 
+// Begins a node behind the records that the search key is known to order behind, as if their keys had been compared. In
+// the tree that has a trail all of them have the same size, and none was odd.
+static void follow_trail(search_walk* walk) {
+  kvfs_btree_private* const priv = walk->tree->priv;
+  kvfs_btree_trail* const trail = &priv->trail;
+  if (trail->node != walk->node.bytes || walk->is_odd) {
+    return;
+  }
+  if (kvfs::fork::see_changes(walk->tree->fork)) {
+    trail->node = nullptr;
+    return;
+  }
+  if (priv->compare(&trail->key, walk->key, walk->header.keyCompareType) > 0) {
+    return;
+  }
+  const std::uint32_t key_bytes = trail->index * kTrailKeySize;
+  const std::uint32_t work = key_bytes + trail->index * kWorkOfAKey;
+  // A search that reaches a limit here has to tell at which record.
+  if (walk->cost.key_bytes + key_bytes > kMaximumHeight * walk->node.size || priv->work_left <= work) {
+    return;
+  }
+  walk->cost.key_bytes += key_bytes;
+  priv->work_left -= work;
+  walk->index = trail->index;
+}
+
+// Remembers how the search goes down, unless keys of another size than the tree's were met, which each search has to
+// tell anew.
+static void leave_trail(search_walk* walk, bool by_itself) {
+  if (walk->sizes.span != 0 || walk->cost.odd_keys != 0 || walk->descriptor.height != kHeightAboveLeaves) {
+    return;
+  }
+  walk->tree->priv->trail = {walk->node.bytes, by_itself ? walk->index : walk->index - 1,
+                             *kvfs_view_as<HFSPlusExtentKey>(walk->key)};
+}
+
 // Takes up the node that was just mapped.
 static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
   if (!spend_work(walk->tree, kWorkOfANode)) {
@@ -127,6 +169,7 @@ static kvfs_result enter_node(search_walk* walk, std::uint32_t node) {
     KVFS_ERROR_AS(kvfs_btree_search_node_internal, "Invalid node data: Node %lu has no records.\n", to_ul(node));
     return kvfs_inconsistent;
   }
+  follow_trail(walk);
   return kvfs_ok;
 }
 
@@ -284,6 +327,7 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
     ++walk->index;  // the child kept in mind stays the one before the search key
     return kvfs_ok;
   }
+  leave_trail(walk, by_itself);
   return descend(walk, child);
 }
 

@@ -21,33 +21,31 @@ namespace {
 // differ least in size. Sizes grow with the index, so that a binary search does; of equals the first one found stays
 // (Q-btree-12).
 struct split_search {
-  std::int64_t total;         // bytes in use after the insertion, descriptor included
-  std::int64_t best;          // smallest difference so far
-  std::int64_t best_index;    // min_occupied_size_record: where it was found
-  std::int64_t split_size;    // what the node would hold that is split at the index looked at
-  std::int64_t claimed_size;  // what the claimed node would hold
+  std::int32_t total;         // bytes in use after the insertion, descriptor included
+  std::int32_t best;          // smallest difference so far
+  std::int32_t best_index;    // min_occupied_size_record: where it was found
+  std::int32_t split_size;    // what the node would hold that is split at the index looked at
+  std::int32_t claimed_size;  // what the claimed node would hold
 };
 
 }  // namespace
 
 // Where the upper half begins, in the node as it would be after the insertion.
-static std::int64_t split_boundary(const insertion& insert, std::uint32_t middle) {
-  const std::int64_t size = insert.record_size;
-  if (insert.index < middle) {
-    return offset_at(insert.node.view, middle) + size;
-  }
-  return middle < insert.count ? std::int64_t{offset_at(insert.node.view, middle + 1)}
-                               : offset_at(insert.node.view, middle) + size;
+static std::int32_t split_boundary(const insertion& insert, std::uint32_t middle) {
+  const bool is_above = insert.index >= middle && middle < insert.count;
+  return is_above ? offset_at(insert.node.view, middle + 1)
+                  : offset_at(insert.node.view, middle) + static_cast<std::int32_t>(insert.record_size);
 }
 
 // Weighs a split before record `middle`. A damaged offset may leave less than nothing for the claimed node: such a
 // split is never the best one, and the search goes on.
 static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, split_search* search) {
-  const std::int64_t node_size = insert.tree->nodeSize;
-  const std::int64_t boundary = split_boundary(insert, middle);
-  const std::int64_t moved = std::int64_t{insert.count} - middle;
-  search->split_size = boundary + kOffsetEntrySize * (std::int64_t{middle} + 1);
-  search->claimed_size = search->total - boundary + kOffsetEntrySize * (moved + 2) + kBTFirstRecordOffset;
+  const std::int32_t node_size = insert.tree->nodeSize;
+  const std::int32_t boundary = split_boundary(insert, middle);
+  const std::uint32_t moved = insert.count - middle;
+  search->split_size = boundary + static_cast<std::int32_t>(kOffsetEntrySize * (middle + 1));
+  search->claimed_size =
+      search->total - boundary + static_cast<std::int32_t>(kOffsetEntrySize * (moved + 2) + kBTFirstRecordOffset);
   if (search->split_size > node_size && search->claimed_size > node_size) {
     KVFS_CRITICAL_AS(
         kvfs_btree_insert_record_internal,
@@ -56,11 +54,11 @@ static kvfs_result weigh_split(const insertion& insert, std::uint32_t middle, sp
         insert.tree->nodeSize);
     return kvfs_internal;
   }
-  const std::int64_t difference = search->split_size > search->claimed_size ? search->split_size - search->claimed_size
+  const std::int32_t difference = search->split_size > search->claimed_size ? search->split_size - search->claimed_size
                                                                             : search->claimed_size - search->split_size;
   if (difference < search->best) {
     search->best = difference;
-    search->best_index = middle;
+    search->best_index = static_cast<std::int32_t>(middle);
   }
   return kvfs_ok;
 }
@@ -87,8 +85,9 @@ kvfs_result kvfs::btree::choose_split_point(const insertion& insert, std::uint16
   if (checked != kvfs_ok) {
     return checked;
   }
-  const std::int64_t total = std::int64_t{offset_at(insert.node.view, insert.count)} + insert.record_size;
-  split_search search = {total, insert.count + total - kBTFirstRecordOffset, -1, 0, 0};
+  const std::uint32_t total = offset_at(insert.node.view, insert.count) + insert.record_size;
+  split_search search = {static_cast<std::int32_t>(total),
+                         static_cast<std::int32_t>(insert.count + total - kBTFirstRecordOffset), -1, 0, 0};
   std::uint32_t low = 0;
   std::uint32_t high = insert.count;
   while (low != high) {

@@ -55,6 +55,7 @@ struct kvfs_fork_private {
   kvfs_fork_cache_item* dropped_items;  // owned; items behind the end since the fork was shrunk, still mapped perhaps
   kvfs_fork_extent_cursor cursor;       // used by transfers alone, of which the locks allow one at a time
   std::uint64_t fork_extents_blocks;    // like the cursor; the sum of the extents, 0 until the first transfer forms it
+  std::uint8_t has_changed;             // nonzero from a change of valid bytes on, until the fork's tree has seen it
 };
 
 // ---- Opening -------------------------------------------------------------------------------------------------------

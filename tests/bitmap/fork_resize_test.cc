@@ -1108,6 +1108,16 @@ TEST(ResizeFork, ExpandedAfterAShrink_ReadsWhatItsNewBlockHolds) {
   EXPECT_EQ(byte_at(fork, 7 * kBlockSize), 208);
 }
 
+// Whoever remembers something of the bytes that were cut off has to look again.
+TEST(ShrinkFork, WithItsLastBlocksInTheCache_SaysThatTheyChange) {
+  OpenVolume volume(volume_to_grow(8));
+  kvfs_fork* const fork = volume.fork(kStartup);
+  EXPECT_EQ(byte_at(fork, 7 * kBlockSize), 207);
+  fork->priv->has_changed = 0;
+  ASSERT_EQ(kvfs_fork_shrink(fork, volume.get(), 1), kvfs_ok);
+  EXPECT_NE(fork->priv->has_changed, 0);
+}
+
 // X-fork-11
 TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlock_HasNothingOfItLeft) {
   OpenVolume volume(volume_to_grow(8));

@@ -73,6 +73,22 @@ TEST(ForkCacheItem, BitmapSize_RoundsBlocksAndBytesUp) {
   }
 }
 
+// Whoever remembers something of cached bytes has to look again when they change. Reading changes them where the blocks
+// of an item lie over each other.
+TEST(ForkChanges, AreAnnouncedByWritesAndByReadsOfBlocksThatDoNotFillAnItem) {
+  for (const std::uint32_t unit : {512u, 4096u, 1536u}) {
+    OpenFork fork({.transfer_unit = unit, .logical_size = 8192, .extents = {{10, 2}}});
+    unsigned char byte = 0;
+    EXPECT_EQ(kvfs_fork_read(fork.get(), 4096, &byte, 1, nullptr), kvfs_ok);
+    EXPECT_EQ(fork.priv()->has_changed, unit == 1536 ? 1 : 0);
+    fork.priv()->has_changed = 0;
+    EXPECT_EQ(kvfs_fork_read(fork.get(), 4096, &byte, 1, nullptr), kvfs_ok);
+    EXPECT_EQ(fork.priv()->has_changed, 0);
+    EXPECT_EQ(kvfs_fork_write(fork.get(), 4096, &byte, 1, nullptr), kvfs_ok);
+    EXPECT_EQ(fork.priv()->has_changed, 1);
+  }
+}
+
 // Q-fork-3
 TEST(ForkCacheItem, EachAllocationFailing_IsReportedAndUndone) {
   OpenFork fork(kSmall);
