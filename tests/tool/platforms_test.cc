@@ -4,7 +4,7 @@
 // The environment variable KVFSLABEL_COMMANDS names the tools to compare, one command on each line, an emulator in it
 // where one is needed; without it, the tool of this build is compared with its twin that can inject faults.
 //
-// Of inputs of the fuzzers and mutations of them KVFS_COMPARE_INPUTS are compared (default 20), from the seed
+// Of inputs of the fuzzers and mutations of them KVFS_COMPARE_INPUTS are compared (default 10), from the seed
 // KVFS_COMPARE_SEED on (default 1). scripts/compare-platforms runs this for long.
 
 #include <gtest/gtest.h>
@@ -257,7 +257,7 @@ std::string label_of(kvfs_fuzz::Input& input) {
 
 TEST(Platforms, InputsOfTheFuzzers_GiveTheSameMessagesAndImages) {
   const unsigned long first = number_from("KVFS_COMPARE_SEED", 1);
-  const unsigned long count = number_from("KVFS_COMPARE_INPUTS", 20);
+  const unsigned long count = number_from("KVFS_COMPARE_INPUTS", 10);
   const std::vector<Bytes> stored = stored_inputs();
   ASSERT_FALSE(stored.empty());
   unsigned long printed_labels = 0;
