@@ -6,35 +6,19 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "fail_each.h"
 #include "label.h"
 #include "label_change.h"
-#include "log_capture.h"
-#include "open_volume.h"
+#include "property/random.h"
 #include "unicode.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {
 namespace {
-
-unsigned long number_from(const char* variable, unsigned long otherwise) {
-  const char* const text = std::getenv(variable);
-  return text == nullptr ? otherwise : std::strtoul(text, nullptr, 10);
-}
-
-using Random = std::mt19937;
-
-std::uint32_t below(Random& random, std::uint32_t limit) {
-  return static_cast<std::uint32_t>(random() % limit);
-}
-
-bool one_in(Random& random, std::uint32_t count) {
-  return below(random, count) == 0;
-}
 
 // ---- Volumes -------------------------------------------------------------------------------------------------------
 

@@ -13,13 +13,12 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "allocation_fixture.h"
 #include "big_endian.h"
-#include "log_capture.h"
+#include "property/random.h"
 #include "property/volume_model.h"
 #include "stored_names.h"
 #include "volume_checker.h"
@@ -27,22 +26,13 @@
 namespace kvfs_test {
 namespace {
 
-unsigned long number_from(const char* variable, unsigned long otherwise) {
-  const char* const text = std::getenv(variable);
-  return text == nullptr ? otherwise : std::strtoul(text, nullptr, 10);
-}
-
-struct Random : std::mt19937 {
-  using std::mt19937::mt19937;
+struct NamingRandom : Random {
+  using Random::Random;
   unsigned names = 0;  // given out so far
 };
 
-std::uint32_t below(Random& random, std::uint32_t limit) {
-  return static_cast<std::uint32_t>(random() % limit);
-}
-
 // A name of ASCII characters that no other name of the volume equals, however it is cased.
-Name random_name(Random& random) {
+Name random_name(NamingRandom& random) {
   std::string name = std::to_string(++random.names);
   for (std::uint32_t i = below(random, 14); i > 0; --i) {
     name += "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ -_."[below(random, 56)];
@@ -51,13 +41,13 @@ Name random_name(Random& random) {
   return to_utf16(name);
 }
 
-std::uint32_t add_random_file(VolumeDescription& description, std::uint32_t parent, Random& random) {
+std::uint32_t add_random_file(VolumeDescription& description, std::uint32_t parent, NamingRandom& random) {
   const std::uint32_t blocks = below(random, 3) == 0 ? 0 : 1 + below(random, 12);
   const std::uint32_t extents = below(random, 4) == 0 ? 1 + below(random, 4) : 1;
   return description.add_file(parent, random_name(random), std::uint64_t{blocks} * description.block_size, extents);
 }
 
-Volume random_volume(Random& random) {
+Volume random_volume(NamingRandom& random) {
   static constexpr std::uint32_t kBlockSizes[] = {512, 1024, 4096};
   VolumeDescription description;
   description.block_size = kBlockSizes[below(random, 3)];
@@ -148,7 +138,7 @@ class ChangingVolume {
   static kvfs_result failure_with(const ModelRun& run);
   [[nodiscard]] Lines messages_with(const ModelRun& run) const;
 
-  Random random_;
+  NamingRandom random_;
   bool sound_files_;
   Volume image_;
   VolumeModel model_;

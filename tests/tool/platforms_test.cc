@@ -3,17 +3,28 @@
 //
 // The environment variable KVFSLABEL_COMMANDS names the tools to compare, one command on each line, an emulator in it
 // where one is needed; without it, the tool of this build is compared with its twin that can inject faults.
+//
+// Of inputs of the fuzzers and mutations of them KVFS_COMPARE_INPUTS are compared (default 20), from the seed
+// KVFS_COMPARE_SEED on (default 1). scripts/compare-platforms runs this for long.
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <optional>
 #include <ostream>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "environment.h"
+#include "fuzz_volume.h"
 #include "tool_runner.h"
 #include "volume_builder.h"
 
@@ -49,27 +60,40 @@ ToolRun run_command(const std::string& command, std::vector<std::string> argumen
   return run;
 }
 
-// Runs all tools on the image as it is, expects the same of each and leaves what the last of them wrote. The tool of
-// the given number comes last, so that over several calls each finds what each other one has written.
+// Whether a run ended because an array, as large as a damaged volume says, did not fit into memory: 32 bits have no
+// addresses for what 64 bits can allocate.
+bool lacks_memory(const ToolRun& run) {
+  return run.status == 1 && run.out.find("Error while allocating") != std::string::npos;
+}
+
+// Runs all tools on the image as it is, expects the same of each and leaves what the last of them wrote. One that lacks
+// memory has to leave the image alone. The tool of the given number comes last, so that over several calls each finds
+// what each other one has written.
 ToolRun run_all(const ScratchFile& image, const std::vector<std::string>& arguments, std::size_t last) {
   const std::vector<std::string> tools = commands();
   const Volume before = image.volume();
   std::vector<std::string> all_arguments = {image.path()};
   all_arguments.insert(all_arguments.end(), arguments.begin(), arguments.end());
-  ToolRun first;
+  std::optional<ToolRun> first;
+  ToolRun lacking;
   Volume after;
   for (std::size_t i = 0; i < tools.size(); ++i) {
     const std::string& tool = tools[(last + 1 + i) % tools.size()];
     before.write_to(image.path());
     const ToolRun run = run_command(tool, all_arguments);
-    if (i == 0) {
+    if (lacks_memory(run)) {
+      EXPECT_TRUE(image.volume() == before) << tool << " changes the image";
+      lacking = run;
+      continue;
+    }
+    if (!first.has_value()) {
       first = run;
       after = image.volume();
     }
-    EXPECT_EQ(run, first) << tool << " differs from " << tools[(last + 1) % tools.size()];
+    EXPECT_EQ(run, *first) << tool << " differs from those before it";
     EXPECT_TRUE(image.volume() == after) << tool << " leaves another image";
   }
-  return first;
+  return first.value_or(lacking);
 }
 
 TEST(Platforms, ThereAreToolsToCompare) {
@@ -177,6 +201,83 @@ TEST(Platforms, DamagedVolumes_GiveTheSameMessages) {
     (void)run_all(image, {"A new label"}, seed);
   }
   EXPECT_GT(refused, 10) << "most of the damage does not matter";
+}
+
+// An array for so large a file is refused by 64 bits, and cannot be allocated with 32.
+TEST(Platforms, FileTooLargeForMemory_IsRefusedByAll) {
+  Volume volume = build_volume({});
+  volume.set_field("catalogFile.logicalSize", std::uint64_t{1} << 49);
+  const ScratchFile image(volume);
+  EXPECT_EQ(run_all(image, {}, 0).status, 1);
+  EXPECT_EQ(run_all(image, {"A new label"}, 1).status, 1);
+}
+
+// ---- Inputs of the fuzzers -----------------------------------------------------------------------------------------
+
+// What the fuzzers of printing and setting have found to be of use.
+std::vector<Bytes> stored_inputs() {
+  std::set<std::filesystem::path> paths;
+  for (const char* const target : {"print", "set"}) {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(KVFS_SOURCE_DIR "/fuzz/corpus/" + std::string(target))) {
+      paths.insert(entry.path());
+    }
+  }
+  std::vector<Bytes> inputs;
+  for (const std::filesystem::path& path : paths) {
+    std::ifstream file(path, std::ios::binary);
+    inputs.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  return inputs;
+}
+
+// A stored input, every other time with some of its bytes changed, and some of another one behind them.
+Bytes random_input(const std::vector<Bytes>& stored, std::mt19937& random) {
+  Bytes input = stored[random() % stored.size()];
+  if (input.empty() || random() % 2 == 0) {
+    return input;
+  }
+  for (std::uint32_t i = 1 + random() % 4; i > 0; --i) {
+    input[random() % input.size()] = static_cast<std::uint8_t>(random());
+  }
+  const Bytes& other = stored[random() % stored.size()];
+  const std::size_t from = other.empty() ? 0 : random() % other.size();
+  input.insert(input.end(), other.begin() + static_cast<std::ptrdiff_t>(from), other.end());
+  return input;
+}
+
+// The label that an input goes on with behind the damage. Arguments hold no zero bytes.
+std::string label_of(kvfs_fuzz::Input& input) {
+  constexpr std::size_t kLongest = 300;
+  const Bytes bytes = input.bytes(input.below(kLongest));
+  std::string label(bytes.begin(), bytes.end());
+  std::erase(label, '\0');
+  return label;
+}
+
+TEST(Platforms, InputsOfTheFuzzers_GiveTheSameMessagesAndImages) {
+  const unsigned long first = number_from("KVFS_COMPARE_SEED", 1);
+  const unsigned long count = number_from("KVFS_COMPARE_INPUTS", 20);
+  const std::vector<Bytes> stored = stored_inputs();
+  ASSERT_FALSE(stored.empty());
+  unsigned long printed_labels = 0;
+  unsigned long set_labels = 0;
+  for (unsigned long seed = first; seed < first + count; ++seed) {
+    std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
+    const Bytes bytes = random_input(stored, random);
+    kvfs_fuzz::Input input(bytes.data(), bytes.size());
+    kvfs_fuzz::FuzzDevice& device = kvfs_fuzz::FuzzDevice::choose(&input);
+    device.damage(&input);
+    const ScratchFile image(device.device().contents());
+    printed_labels += run_all(image, {}, seed).status == 0 ? 1 : 0;
+    set_labels += run_all(image, {label_of(input)}, seed).status == 0 ? 1 : 0;
+    (void)run_all(image, {}, seed);
+    ASSERT_FALSE(HasFailure()) << "seed " << seed;
+  }
+  std::printf("%lu inputs from seed %lu through %zu tools: %lu labels printed, %lu set\n", count, first,
+              commands().size(), printed_labels, set_labels);
+  EXPECT_GT(printed_labels, 0U);
+  EXPECT_GT(set_labels, 0U);
 }
 
 // ---- The mount table -----------------------------------------------------------------------------------------------
