@@ -43,6 +43,7 @@ void kvfs_log_critical(const char* function, int line, const char* format, ...)
 
 // Can be made of any routine, and of nothing else. None ever is, so that this is nowhere defined.
 struct kvfs_checked_routine {
+  // From a routine with any parameters and result.
   template <typename Result, typename... Parameters>
   explicit kvfs_checked_routine(Result (&routine)(Parameters...));
 };
