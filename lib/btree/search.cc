@@ -15,6 +15,7 @@
 
 #include "base/rwlock_guard.h"
 #include "btree.h"
+#include "btree/key_sizes.h"
 #include "btree/node.h"
 #include "btree/private.h"
 #include "btree/work.h"
@@ -49,12 +50,6 @@ struct search_cost {
   std::uint32_t descents;
   std::uint32_t key_bytes;  // of all keys that were compared
   std::uint32_t odd_keys;   // comparisons with a key of a length that the tree's keys do not have
-};
-
-// The sizes that the keys of a tree have, their length field included.
-struct key_sizes {
-  std::uint32_t least;
-  std::uint32_t span;  // from the least to the largest
 };
 
 // A search on its way down. What is the same for all records, or for those of a node, is found out once.
@@ -329,19 +324,6 @@ static kvfs_result visit_index_record(search_walk* walk, const node_record& reco
   }
   leave_trail(walk, by_itself);
   return descend(walk, child);
-}
-
-static key_sizes key_sizes_of(std::uint32_t tree_kind) {
-  if (tree_kind == kHFSExtentsFileID) {
-    return {sizeof(HFSPlusExtentKey), 0};
-  }
-  const std::uint32_t least = tree_kind == kHFSCatalogFileID ? kHFSPlusCatalogKeyMinimumLength + sizeof(kvfs_be16) : 0;
-  return {least, UINT16_MAX + sizeof(kvfs_be16)};
-}
-
-// Whether a key has a size that no key of the tree has. The comparison says so and looks at the length alone.
-static bool is_odd_key(key_sizes sizes, std::uint32_t size) {
-  return size - sizes.least > sizes.span;
 }
 
 // Whether the comparison logs a message for each key, since the catalog's header names an order that does not exist.
