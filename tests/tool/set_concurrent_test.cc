@@ -119,14 +119,14 @@ TEST(ToolSetConcurrent, ManySetsAndPrintsAtOnce_ShowWholeLabelsOnly) {
 
 // ---- Processes that are killed --------------------------------------------------------------------------------------
 
-// What a set says of a volume on which another one ended between the leaf and the index nodes above it: that is for a
-// checker to mend, and nothing is changed.
-ToolRun refused_for_index() {
+// What a set says of a volume on which another one ended before the index node above the leaf was written, or before a
+// higher one was: that is for a checker to mend, and nothing is changed.
+ToolRun refused_for_index(bool higher) {
   ToolRun run = printed("");
   run.status = 1;
-  run.err =
-      "ERROR kvfs_btree_delete_record_internal Index record of deleted record's node not found.\n"
-      "ERROR kvfs_btree_delete_record_internal Error while deleting index record from B-tree.\n"
+  run.err = "ERROR kvfs_btree_delete_record_internal Index record of deleted record's node not found.\n";
+  run.err += higher ? "ERROR kvfs_btree_delete_record_internal Error while deleting index record from B-tree.\n" : "";
+  run.err +=
       "ERROR kvfs_catalog_rename_record Error while deleting record from B-tree.\n"
       "ERROR kvfs_volume_set_label Error while renaming record.\n"
       "Error while changing volume label.\n";
@@ -149,7 +149,7 @@ bool set_and_kill(const ScratchFile& image, const std::vector<Name>& labels, std
   for (const auto& tool : tools) {
     if (tool != nullptr) {
       const ToolRun run = tool->finish();
-      EXPECT_THAT(run, AnyOf(printed(""), refused_for_index()));
+      EXPECT_THAT(run, AnyOf(printed(""), refused_for_index(false), refused_for_index(true)));
       refused = refused || run.status != 0;
     }
   }
@@ -171,6 +171,21 @@ std::vector<Name> labels_of_one_length(std::size_t count) {
     labels.push_back(to_utf16("Label" + std::to_string(1000 + i)));
   }
   return labels;
+}
+
+TEST(ToolSetCutOff, BetweenLeafAndIndex_IsRefusedFromThenOn) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 60);
+  description.catalog.height = 3;
+  for (const bool higher : {false, true}) {
+    const ScratchFile image(build_volume(description));
+    EXPECT_EQ(run_traced({image.path(), "Labelled"}, higher ? "pwrite64:4:exit=77" : "pwrite64:3:exit=77").run.status,
+              77);
+    const Volume after = image.volume();
+    EXPECT_EQ(run_tool({image.path(), "Relabels"}), refused_for_index(higher));
+    EXPECT_TRUE(image.volume() == after);
+    EXPECT_EQ(run_tool({image.path()}), printed("Labelled\n"));
+  }
 }
 
 class ToolSetKilled : public ::testing::TestWithParam<std::uint16_t> {};
