@@ -378,8 +378,8 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 // kvfs_session_discard has forgotten everything since the last flush. The device is as it was after that flush.
 //
 // KVFS_LIMIT: the catalog cannot be changed like that. It does not grow, and does not give back nodes: a change that
-// would leave one without records is refused. When KVFS_INTERNAL or KVFS_LIMIT leaves the session spoiled, the catalog
-// had no room for the longer name or the new item.
+// would leave one without records is refused, and so is one that the index above cannot follow. When KVFS_INTERNAL or
+// KVFS_LIMIT leaves the session spoiled, the catalog had no room for the longer name or the new item.
 //
 // Dates of items and of the volume do not change. The alternate volume header and the journal are not written; let its
 // own system mount a volume first whose journal may not be empty (is_journaled and is_dirty).

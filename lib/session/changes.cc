@@ -98,15 +98,8 @@ static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, 
   return kvfs_catalog_record_locator_set_parent_locator(item->locator(), folder.locator());
 }
 
-kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t* count) {
-  BTNodeDescriptor descriptor = {};
-  const kvfs_result result = kvfs::btree::read_descriptor(tree, node, &descriptor);
-  *count = descriptor.numRecords.get();
-  return result;
-}
-
-// Whether the nodes of an item's record and of its thread, which has led to it, keep other records without them. No
-// search and no walk gets past a node without any.
+// Whether the nodes of an item's record and of its thread, which has led to it, keep other records without them, and
+// the index can follow. No search and no walk gets past a node without any.
 static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& item, std::uint32_t id) {
   kvfs_session_found thread;
   kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
@@ -127,7 +120,8 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
       return kvfs_limit;
     }
   }
-  return kvfs_ok;
+  result = kvfs_session_check_index(catalog_tree(session), item.record());
+  return result == kvfs_ok ? kvfs_session_check_index(catalog_tree(session), thread.record()) : result;
 }
 
 // Records are written back whole, and never with bytes behind those that are known.

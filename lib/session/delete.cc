@@ -128,14 +128,14 @@ static kvfs_result count_record(kvfs_btree* tree, kvfs_btree_record_locator* rec
   if (in_node < count->fewest_in_node) {
     count->fewest_in_node = in_node;
   }
-  return result;
+  return result == kvfs_ok ? kvfs_session_check_index(tree, record) : result;
 }
 
 static kvfs_result delete_record(kvfs_btree* tree, kvfs_btree_record_locator* record, void* /*context*/) {
   return kvfs_btree_delete_record(tree, record, 0);
 }
 
-// Whether the overflow file keeps records in all of its nodes without those of a file.
+// Whether the overflow file keeps records in all of its nodes without those of a file, and its index can follow.
 static kvfs_result check_overflow(kvfs_session* session, const HFSPlusCatalogFile& file, bool* has_records) {
   overflow_count count = {0, UINT16_MAX};
   const kvfs_result result = visit_overflow(session, file, count_record, &count);

@@ -46,6 +46,26 @@ uint64_t kvfs_session_label(kvfs_session* session, uint32_t form, char* buffer, 
   return kvfs_session_take_turn(session, [=] { return give_label(session, form, buffer, size, out_length); });
 }
 
+// Whether the root folder's record can leave its place for a moment.
+static kvfs_result check_removable(kvfs_session* session) {
+  kvfs_btree* const tree = *session->volume->catalog->btree;
+  kvfs_session_found root;
+  std::uint16_t records = 0;
+  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, kHFSRootFolderID, true, root.out());
+  if (result == kvfs_ok && !root.found()) {
+    return kvfs_inconsistent;
+  }
+  if (result == kvfs_ok) {
+    result = kvfs_session_records_in_node(tree, *root.record()->node, &records);
+  }
+  if (result == kvfs_ok && records <= 1) {
+    KVFS_ERROR_AS(kvfs_session_set_label, "The root folder's record is alone in node %lu.\n",
+                  to_ul(*root.record()->node));
+    return kvfs_limit;
+  }
+  return result == kvfs_ok ? kvfs_session_check_index(tree, root.record()) : result;
+}
+
 static kvfs_result set_label(kvfs_session* session, const char* label) {
   kvfs_result result = kvfs_session_begin_change(session);
   if (result != kvfs_ok) {
@@ -60,6 +80,9 @@ static kvfs_result set_label(kvfs_session* session, const char* label) {
   }
   // The root folder should be alone there, but finding its new place taken would be too late once it is renamed.
   result = kvfs_session_check_free(session, kHFSRootFolderID, place);
+  if (result == kvfs_ok) {
+    result = check_removable(session);
+  }
   if (result != kvfs_ok) {
     return result;
   }

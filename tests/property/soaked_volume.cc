@@ -162,16 +162,8 @@ void SoakedVolume::expect_discarded() {
   close_handles();
 }
 
-// Whether the index could not be maintained for a reason that sound catalogs may have: the only record of an index node
-// below the root was to be replaced, or a key with a NUL, which no search finds. Private folders have such names.
-bool SoakedVolume::is_unmaintained() const {
-  const bool has_private = std::any_of(model_.items().begin(), model_.items().end(),
-                                       [](const auto& item) { return item.second.is_private; });
-  return has_private || joined(log_).find(" has no records.") != std::string::npos;
-}
-
-// Whether a change was made. It must be, or be refused as the model says; or a node of the catalog would run empty, or
-// the catalog is full, which is noticed half-way.
+// Whether a change was made. It must be, or be refused as the model says; or a node of the catalog would run empty or
+// its index could not follow; or the catalog is full, which is noticed half-way.
 bool SoakedVolume::is_done(std::uint64_t result, const std::set<std::uint64_t>& refusals) {
   const bool is_silent =
       std::none_of(log_.begin(), log_.end(), [](const std::string& line) { return !line.starts_with("WARNING "); });
@@ -182,12 +174,10 @@ bool SoakedVolume::is_done(std::uint64_t result, const std::set<std::uint64_t>& 
   }
   const bool is_spoiled = kvfs_session_delete(session_->get(), KVFS_ROOT_ID) == KVFS_SPOILED;
   if (is_spoiled) {
-    const bool is_known = result == KVFS_INCONSISTENT && is_unmaintained();
-    EXPECT_TRUE(is_known || result == KVFS_INTERNAL || result == KVFS_LIMIT) << kvfs_result_text(result) << "\n"
-                                                                             << joined(log_);
+    EXPECT_TRUE(result == KVFS_INTERNAL || result == KVFS_LIMIT) << kvfs_result_text(result) << "\n" << joined(log_);
     EXPECT_FALSE(is_silent) << "a change has failed without a message";
-    ++(is_known ? figures_.unmaintained : figures_.without_room);
-    needs_room_ = !is_known;
+    ++figures_.without_room;
+    needs_room_ = true;
     expect_discarded();
   } else if (refusals.contains(result)) {
     ++figures_.refused;

@@ -24,9 +24,9 @@ struct Figures {
   unsigned long operations = 0;
   unsigned long volumes = 0;
   unsigned long cuts = 0;
-  unsigned long refused = 0;        // as the model says
-  unsigned long limited = 0;        // refused, with nothing changed, because a node would run empty
-  unsigned long unmaintained = 0;   // half done in a catalog whose index cannot follow, and discarded
+  unsigned long refused = 0;  // as the model says
+  unsigned long limited =
+      0;  // refused, with nothing changed, because a node would run empty or its index could not follow
   unsigned long without_room = 0;   // half done in a catalog that is full, and discarded
   unsigned long without_space = 0;  // no free block
 };
@@ -83,7 +83,6 @@ class SoakedVolume {
   void reopen();
   void grow_or_shrink();
   void expect_discarded();
-  [[nodiscard]] bool is_unmaintained() const;
   [[nodiscard]] bool is_done(std::uint64_t result, const std::set<std::uint64_t>& refusals);
   [[nodiscard]] std::set<std::uint64_t> refusals_of_place(std::uint32_t id, std::uint32_t folder, const Name& name);
   void changed(std::uint32_t id);

@@ -355,6 +355,46 @@ TEST(SessionLink, NextIDThatIsTaken_IsInconsistent) {
   EXPECT_EQ(session.find("l"), KVFS_NOT_FOUND);
 }
 
+// ---- The index above what changes ----------------------------------------------------------------------------------
+
+// The label's record is the first of the catalog, and so are the index records that lead to it.
+TEST(SessionIndex, LowerIndexNodeOfOneRecord_IsRefusedWithNothingChanged) {
+  VolumeDescription description;
+  const std::uint32_t first = description.add_folders(kRootFolderId, 30);
+  description.catalog.height = 5;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "Second"), KVFS_LIMIT);
+  EXPECT_TRUE(log.has("ERROR", "kvfs_session_check_index", "has no second record."));
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+  EXPECT_EQ(kvfs_session_rename(session.get(), first + 5, KVFS_ROOT_ID, "g"), KVFS_OK) << "not spoiled";
+}
+
+// The second leaf of three levels comes to begin with the private folder, whose key no search finds.
+TEST(SessionIndex, KeyThatNoSearchFinds_IsRefusedWithNothingChanged) {
+  VolumeDescription description;
+  (void)description.add_folder(kRootFolderId, u"a");
+  const std::uint32_t moved = description.add_folder(kRootFolderId, u"b");
+  (void)description.private_folder();
+  (void)description.add_folders(moved, 60);
+  description.catalog.max_leaf_records = 3;
+  description.catalog.max_index_records = 4;
+  const TestSession session(build_volume(description));
+  ASSERT_EQ(kvfs_session_set_label(session.get(), "First"), KVFS_OK);
+  ASSERT_EQ(session.rename("b", "a", "b"), KVFS_OK);
+  ASSERT_EQ(session.flushed_findings(), "");
+  const Volume image = session.contents();
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "Second"), KVFS_LIMIT);
+  EXPECT_LOG(log, "ERROR kvfs_session_check_index No index record of height 2 is found by its key.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+  EXPECT_EQ(session.rename("a/b", "", "c"), KVFS_OK) << "not spoiled";
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
 // ---- Who may change ------------------------------------------------------------------------------------------------
 
 TEST(SessionForReading, Changes_AreRefused) {
