@@ -195,17 +195,15 @@ static kvfs_result mark_node_used(const bitmap_walk& walk, std::uint32_t node) {
     return result;
   }
   const std::uint32_t index = node / 8 - walk.behind;
-  const unsigned char* const byte = bitmap_byte_at(walk, index);
-  if (byte == nullptr) {
-    return kvfs_inconsistent;
-  }
-  if ((*byte & kvfs_disk_bit(node)) != 0) {
+  // The byte that was looked at, or one before it: it lies in the node.
+  const std::uint64_t position = std::uint64_t{walk.start} + index;
+  const unsigned char byte = walk.node.bytes[position];
+  if ((byte & kvfs_disk_bit(node)) != 0) {
     KVFS_CRITICAL_AS(kvfs_btree_claim_node, "Internal error: Node is already allocated!\n");
     return kvfs_internal;
   }
-  const unsigned char used = static_cast<unsigned char>(*byte | kvfs_disk_bit(node));
-  const std::uint64_t position = fork_position(tree, walk.node.number, std::uint64_t{walk.start} + index);
-  result = kvfs_fork_write(tree->fork, position, &used, sizeof(used), nullptr);
+  const unsigned char used = static_cast<unsigned char>(byte | kvfs_disk_bit(node));
+  result = kvfs_fork_write(tree->fork, fork_position(tree, walk.node.number, position), &used, sizeof(used), nullptr);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_btree_claim_node, "Error while writing out modified bitmap byte after claiming node.\n");
   }

@@ -58,8 +58,8 @@ static kvfs_result report_offset_out_of_range(std::uint32_t index, std::uint16_t
 
 // Reads an offset of the table and checks that it lies between the descriptor and the table.
 static kvfs_result read_checked_offset(const record_place& place, std::uint32_t index, std::uint16_t* offset) {
-  *offset = 0;
-  if (!read_offset(place.node, index, offset) || *offset < kBTFirstRecordOffset ||
+  *offset = offset_at(place.node, index);
+  if (*offset < kBTFirstRecordOffset ||
       *offset > offset_entry_position(place.node.size, place.descriptor.numRecords.get())) {
     return report_offset_out_of_range(index, *offset);
   }

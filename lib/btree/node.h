@@ -62,6 +62,13 @@ inline bool read_offset(const node_view& node, std::uint32_t index, std::uint16_
   return true;
 }
 
+// An entry of an offset table that is known to hold it; 0, where no record begins, when it would begin before the node.
+inline std::uint16_t offset_at(const node_view& node, std::uint32_t index) {
+  std::uint16_t offset = 0;
+  (void)read_offset(node, index, &offset);
+  return offset;
+}
+
 // Reads where the data behind a key begins, not rounded up to even; false when the key leaves the node. `end` is 0 when
 // its length field does.
 inline bool read_key_end(const node_view& node, std::uint32_t offset, std::uint32_t* end) {

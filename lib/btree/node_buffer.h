@@ -55,13 +55,6 @@ inline void store_offset(const node_buffer& buffer, std::uint32_t index, std::ui
       ->set(static_cast<std::uint16_t>(offset));
 }
 
-// An entry of an offset table that is known to hold it.
-inline std::uint16_t offset_at(const node_view& node, std::uint32_t index) {
-  std::uint16_t offset = 0;
-  (void)read_offset(node, index, &offset);
-  return offset;
-}
-
 // Where the offset table of a node with `count` records begins.
 inline std::uint32_t offset_table_start(const node_view& node, std::uint32_t count) {
   return offset_entry_position(node.size, count);

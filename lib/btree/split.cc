@@ -202,10 +202,9 @@ static void move_upper_records(node_split* split, std::uint16_t count, std::uint
 // Divides the records of a node that holds `count` of them; `moved` receives the bytes that moved.
 static kvfs_result divide_records(node_split* split, std::uint16_t count, std::size_t* moved) {
   const node_view& lower = split->split.view;
-  std::uint16_t begin = 0;
-  std::uint16_t end = 0;
-  if (split->index > count || !read_offset(lower, count, &end) || !read_offset(lower, split->index, &begin) ||
-      begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
+  const std::uint16_t begin = offset_at(lower, split->index);
+  const std::uint16_t end = offset_at(lower, count);
+  if (split->index > count || begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
     KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Record %lu has no place among those of node %lu.\n",
                   to_ul(split->index), to_ul(lower.number));
     return kvfs_inconsistent;
