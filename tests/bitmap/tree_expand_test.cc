@@ -7,13 +7,29 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "allocation_fixture.h"
 #include "big_endian.h"
 #include "btree/private.h"
 #include "extents.h"
+#include "replaced_routine.h"
 #include "volume_checker.h"
+
+// A fork whose next range to be unmapped is, with a failure.
+namespace {
+const kvfs_fork* g_refuses_unmapping_of = nullptr;
+}  // namespace
+KVFS_REPLACED_ROUTINE(kvfs_fork_unmap, real_unmap, wrapped_unmap);
+kvfs_result wrapped_unmap(kvfs_fork* fork, std::uint64_t offset, void** pointer, std::size_t length) {
+  const kvfs_result result = real_unmap(fork, offset, pointer, length);
+  if (fork != g_refuses_unmapping_of) {
+    return result;
+  }
+  g_refuses_unmapping_of = nullptr;
+  return kvfs_failed;
+}
 
 namespace kvfs_test {
 namespace {
@@ -372,6 +388,36 @@ TEST(ExpandTree, WithAMapNodeBehindTheFork_CannotMapIt) {
              "data size: 81920\n",
              "ERROR kvfs_btree_expand Error while mapping last map node's descriptor.\n");
   EXPECT_EQ(fork_text(volume), fork);
+}
+
+// A tree whose nodes have no size gains none, and no map node for them either.
+TEST(ExpandTree, WithoutANodeSize_IsUndone) {
+  OpenVolume volume(build_volume(small_description()));
+  const std::string fork = fork_text(volume);
+  const std::string tree = tree_text(volume);
+  const std::uint16_t node_size = std::exchange(volume.catalog_tree()->nodeSize, std::uint16_t{0});
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_internal);
+  EXPECT_LOG(log, "CRITICAL kvfs_fork_map Internal inconsistency: Last cache item number out of bounds!\n",
+             "ERROR kvfs_btree_claim_node Error while mapping complete header node of B-tree.\n",
+             "ERROR kvfs_btree_expand Error while allocating new map node.\n");
+  volume.catalog_tree()->nodeSize = node_size;
+  EXPECT_EQ(fork_text(volume), fork);
+  EXPECT_EQ(tree_text(volume), tree);
+}
+
+// The descriptor of the header node is given back before that of its map node is mapped.
+TEST(ExpandTree, WithADescriptorThatIsNotUnmapped_IsUndone) {
+  OpenVolume volume(build_volume(full_map_description(3000)));
+  const std::string fork = fork_text(volume);
+  const std::string tree = tree_text(volume);
+  g_refuses_unmapping_of = volume.catalog_fork();
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_failed);
+  EXPECT_LOG(log, "ERROR kvfs_btree_expand Error while mapping last map node's descriptor.\n");
+  EXPECT_EQ(g_refuses_unmapping_of, nullptr);
+  EXPECT_EQ(fork_text(volume), fork);
+  EXPECT_EQ(tree_text(volume), tree);
 }
 
 // ---- Failing calls and undoing -------------------------------------------------------------------------------------

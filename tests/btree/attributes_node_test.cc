@@ -139,6 +139,18 @@ TEST(ReadAttrNode, MoreRecordsThanTheNodeHasRoomFor_EndTheCheck) {
   EXPECT_TRUE(log.has("ERROR", "ReadAttrNode", "lies outside of the node!\n"));
 }
 
+// Every entry that the node does have leads to an attribute inside, those in its descriptor included.
+TEST(ReadAttrNode, OffsetTableThatIsLongerThanTheNode_EndsTheCheckBehindTheNode) {
+  Bytes node(512);
+  put_be(node, kNumRecords, 2, 300);
+  put_be(node, 510, 2, 14);
+  LogCapture log;
+  read_node(node);
+  Lines expected(256, "ERROR ReadAttrNode HFSPlus:ERROR:ReadAttrNode: Unknown Attr Type: 0\n");
+  expected.push_back("ERROR ReadAttrNode HFSPlus:ReadAttrNode: Record 256 lies outside of the node!\n");
+  EXPECT_EQ(log.texts(), expected);
+}
+
 TEST(ReadAttrNode, NodesOfAFewBytes_AreRefused) {
   for (std::size_t size = 9; size < 16; ++size) {
     Bytes node(size);

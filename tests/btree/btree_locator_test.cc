@@ -724,6 +724,19 @@ TEST_F(BtreeWriteData, RecordWithALongerKeySince_IsNotWrittenBeyondTheCopy) {
   kvfs_btree_record_locator_close(&again);
 }
 
+TEST_F(BtreeWriteData, RecordThatClaimsMoreThanItsCopy_IsNotWritten) {
+  const std::uint32_t size = locator_->data_size;
+  locator_->data_size = 1000;
+  new_.resize(1000);
+  LogCapture log;
+  EXPECT_EQ(write(1000), kvfs_internal);
+  EXPECT_EQ(tree_lines(log), Lines{std::string(kWrite) + "Record 2 of node " + std::to_string(tree_.root()) +
+                                   " has changed its layout and cannot be written.\n"});
+  locator_->data_size = size;
+  EXPECT_EQ(copy(), old_);
+  EXPECT_EQ(in_fork(), old_);
+}
+
 // ---- Shifting ------------------------------------------------------------------------------------------------------
 
 class BtreeShift : public BtreeLocator {

@@ -1208,6 +1208,44 @@ TEST(BtreeSearchDamage, NodeSizesThatNoTreeHas_FailWithoutLeavingTheFork) {
   }
 }
 
+// Node 1 is bytes 2 and 3 of the fork: an index node without records, whose only offset is that of a first record.
+TEST(BtreeSearchNodeSize, NodeOfTwoBytes_HasNoPlaceForARecord) {
+  TestTree tree({.records = numbered_records(3)});
+  tree.set16(0, kHeaderNodeSize, 2);
+  tree.set16(0, 2, 14);
+  tree.open();
+  LogCapture log;
+  EXPECT_EQ(tree.search_internal(10, 1, kSearchToHeight, 2), "result 6");
+  EXPECT_LOG(log, bad_record(1, 0));
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// A place that somebody holds as that of a record is not overwritten by a longer one.
+TEST(BtreeSearchVacantPlace, PlaceThatIsOpenAsARecord_DoesNotBecomeVacant) {
+  TestTree tree({.records = numbered_records(40)});
+  tree.open();
+  const Bytes root = tree.bytes(tree.root(), 0, tree.node_size());
+  const std::uint16_t count = get_be16(root, kNumRecords);
+  const std::uint16_t begin = tree.entry(tree.root(), count - 1u);
+  const std::uint16_t end = tree.entry(tree.root(), count);
+  kvfs_btree_record_locator* held = nullptr;
+  ASSERT_EQ(kvfs_btree_record_locator_open(tree.get(), tree.root(), count, root.data() + begin,
+                                           static_cast<std::size_t>(end - begin),
+                                           std::uint64_t{tree.root()} * tree.node_size() + begin, &held),
+            kvfs_ok);
+  const Bytes key = number_key(999);
+  kvfs_btree_search_result found = {};
+  LogCapture log;
+  ASSERT_EQ(kvfs_btree_search_node_internal(tree.get(), key.data(), 0, kSearchToHeight, 2, &found), kvfs_ok);
+  EXPECT_EQ(found.locator, held);
+  EXPECT_EQ(held->priv->reference_count, 2u);
+  EXPECT_EQ(held->priv->is_vacant, 0u);
+  EXPECT_LOG(log);
+  kvfs_btree_search_result_release(&found);
+  kvfs_btree_record_locator_close(&held);
+  EXPECT_TRUE(tree.is_idle());
+}
+
 // Every byte of a leaf and of an index node is damaged in turn: whatever a search says of it, it ends, and it keeps
 // inside the node and leaves nothing behind.
 class BtreeSearchEveryByte : public ::testing::TestWithParam<std::uint8_t> {};

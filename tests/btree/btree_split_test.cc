@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "big_endian.h"
+#include "btree/insert_place.h"
+#include "btree/split_point.h"
 #include "btree_change_fixture.h"
 
 namespace kvfs_test {
@@ -204,6 +206,46 @@ TEST(BtreeSplitDamage, OffsetsOutOfOrder_AreInconsistent) {
     EXPECT_EQ(tree.changed_since(before), Lines());
     release(hint.locator);
   }
+}
+
+// What an insertion into leaf 2 is that nobody has checked.
+class BtreeSplitUnchecked : public ::testing::Test {
+ protected:
+  BtreeSplitUnchecked() : tree_(leaves_of(0, 72)) { tree_.open(); }
+
+  // Chooses where the leaf is split for a record at an index.
+  kvfs_result choose(std::uint32_t index, std::uint32_t record_size) {
+    kvfs::btree::insertion insert = {};
+    insert.tree = tree_.get();
+    EXPECT_TRUE(kvfs::btree::allocate_node(tree_.get(), &insert.node));
+    EXPECT_EQ(kvfs::btree::read_node(tree_.get(), 2, &insert.node), kvfs_ok);
+    kvfs::btree::take_up_insertion_node(&insert);
+    insert.index = index;
+    insert.record_size = record_size;
+    return kvfs::btree::choose_split_point(insert, &split_index_);
+  }
+
+  ChangeTree tree_;
+  std::uint16_t split_index_ = 77;
+};
+
+TEST_F(BtreeSplitUnchecked, PlaceBehindTheFreeSpace_IsInconsistent) {
+  tree_.poke_entry(2, 1, 460);
+  LogCapture log;
+  EXPECT_EQ(choose(1, 18), kvfs_inconsistent);
+  EXPECT_LOG(log, insert_error("Invalid node data: Record offsets are not in order (record 0: 14, record 1: 460, free "
+                               "space: 446, record offset array: 462)."));
+  EXPECT_EQ(split_index_, 77u);
+}
+
+// N = 24, x = 24, S = 70000: T = 446 + 70000. m = 12: B = o_13 = 65535, L = 65535 + 26, R = 70446 - 65535 + 28 + 14.
+TEST_F(BtreeSplitUnchecked, HalvesThatFitNoNode_AreInternal) {
+  tree_.poke_entry(2, 13, 65535);
+  LogCapture log;
+  EXPECT_EQ(choose(24, 70000), kvfs_internal);
+  EXPECT_LOG(log, insert_critical("Internal error: Occupied size for both split (65561) and claimed (4953) nodes "
+                                  "exceed the node size (512)!"));
+  EXPECT_EQ(split_index_, 77u);
 }
 
 TEST(BtreeSplitDamage, EveryOffsetDamaged_EndsWithSuccessOrAnError) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "extents_fixture.h"
@@ -681,6 +682,15 @@ TEST(ExtentsInsert, KeyThatExists_IsRefusedInTheWordsOfTheSearch) {
                   "0xFF, cnid 21, start block 18.\n"});
   EXPECT_EQ(look_up(medium.get(), kResource, 21, 18), "found");
   EXPECT_TRUE(medium.is_idle());
+}
+
+TEST(ExtentsDestroy, FileWithoutItsPrivatePart_IsDestroyedAllTheSame) {
+  ExtentsMedium medium(build_volume({}));
+  std::free(std::exchange(medium.get()->priv, nullptr));
+  LogCapture log;
+  medium.close();
+  EXPECT_FALSE(medium.is_open());
+  EXPECT_LOG(log);
 }
 
 // ---- A volume ------------------------------------------------------------------------------------------------------

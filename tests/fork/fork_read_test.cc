@@ -733,16 +733,19 @@ TEST(ForkReadIntoCache, ItemBehindTheLast_IsRefusedBeforeItsSlotIsTouched) {
 }
 
 TEST(ForkReadIntoCache, BlockThatWouldLeaveItsItem_IsAnInternalError) {
-  OpenFork fork(kSmall);
-  ASSERT_EQ(kvfs_fork_read_into_cache(fork.get(), 0, 1), kvfs_ok);
-  fork.priv()->items[0]->data_size = 8191;
-  LogCapture log;
-  EXPECT_EQ(kvfs_fork_read_into_cache(fork.get(), 4096, 1), kvfs_internal);
-  EXPECT_EQ(fork.item(0), "refs=2 valid={0} modified={} dirty=0");
-  EXPECT_LOG(
-      log,
-      "CRITICAL kvfs_fork_read_into_cache Unexpected: Read offset is outside the bounds of the cache item (4096, "
-      "maximum expected: 8191)!\n");
+  for (const std::uint32_t size : {8191u, 4095u}) {  // less than up to the end of the block, and than a block has
+    OpenFork fork(kSmall);
+    ASSERT_EQ(kvfs_fork_read_into_cache(fork.get(), 0, 1), kvfs_ok);
+    fork.priv()->items[0]->data_size = size;
+    LogCapture log;
+    EXPECT_EQ(kvfs_fork_read_into_cache(fork.get(), 4096, 1), kvfs_internal);
+    EXPECT_EQ(fork.item(0), "refs=2 valid={0} modified={} dirty=0");
+    EXPECT_LOG(
+        log,
+        "CRITICAL kvfs_fork_read_into_cache Unexpected: Read offset is outside the bounds of the cache item (4096, "
+        "maximum expected: " +
+            std::to_string(size) + ")!\n");
+  }
 }
 
 TEST(ForkReadIntoCache, LockFaults_AreReportedAndHoldNothing) {

@@ -88,6 +88,14 @@ TEST_F(Log, SeveralMessagesWithoutLineFeed_ShareOneLine) {
   EXPECT_EQ(log.raw(), "[ERROR: first, line 1] abc\n");
 }
 
+TEST_F(Log, EmptyFormatBehindALineFeed_OpensALine) {
+  const std::string line_feed = "\n";
+  LogCapture log;
+  kvfs_log("volume", 1, "first", "ERROR", line_feed.c_str() + 1, 0);
+  kvfs_log("volume", 2, "second", "ERROR", "text\n");
+  EXPECT_EQ(log.raw(), "[ERROR: first, line 1] text\n");
+}
+
 // Q-log-1
 TEST_F(Log, LineFeedFromAnArgument_LeavesTheLineOpenAllTheSame) {
   LogCapture log;
