@@ -311,6 +311,21 @@ TEST(ForkResolveExtents, EachAllocationFailing_PrintsTheSizeOfTheWholeArrayWitho
   EXPECT_EQ(failures, sizes.size());
 }
 
+// With addresses of 32 bits the size of the array cannot even be told; with 64 it is more than there is.
+TEST(ForkAppendExtents, MoreThanThereIsMemoryFor_ChangesNothing) {
+  constexpr std::uint32_t kMany = std::uint32_t{1} << 28;
+  const HFSPlusExtentDescriptor added = {};
+  HFSPlusExtentDescriptor only = {};
+  HFSPlusExtentDescriptor* array = &only;
+  std::uint32_t count = kMany;
+  FaultInjector faults;
+  faults.refuse_allocations_above(kMiB);
+  EXPECT_FALSE(kvfs_fork_append_extents(&array, &count, &added, 1));
+  EXPECT_EQ(faults.count(Call::kRealloc), sizeof(std::size_t) == sizeof(std::uint32_t) ? 0u : 1u);
+  EXPECT_EQ(array, &only);
+  EXPECT_EQ(count, kMany);
+}
+
 // ---- Opening -------------------------------------------------------------------------------------------------------
 
 TEST(ForkCreate, Success_FillsTheForkAndReadsNothing) {
