@@ -102,8 +102,7 @@ class BtreeBrokenCallee : public ::testing::Test {
     return result;
   }
 
-  // Inserts as record 1 of the full leaf 2, whose records take 18 bytes each. A split has to be that leaf and the node
-  // that it returns, `damage` being what it does.
+  // Inserts record 1 of leaf 2, which is full. All that its split does is the damage and to name a new node.
   kvfs_result insert_into_full_leaf(const std::function<void()>& damage, std::uint32_t new_node) {
     g_breaches.split = [this, damage, new_node] {
       damage();
