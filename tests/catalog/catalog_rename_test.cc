@@ -162,6 +162,19 @@ TEST(CatalogInsert, HintWithTheAfterFlag_AppendsBehindIt) {
   kvfs_catalog_record_locator_close(&locator);
 }
 
+TEST(CatalogInsert, HintWithoutALocator_IsAsGoodAsNone) {
+  ChangedCatalog catalog(small_volume());
+  const HFSPlusCatalogKey key = stored_key(kBeta, u"new");
+  const Bytes data(10, 0x55);
+  const kvfs_catalog_search_result hint = {0, 0, nullptr};
+  kvfs_catalog_record_locator* locator = nullptr;
+  g_insertions_with_hint.clear();
+  ASSERT_EQ(kvfs_catalog_insert_record(catalog.get(), &key, data.data(), 10, &hint, &locator), kvfs_ok);
+  EXPECT_THAT(g_insertions_with_hint, ElementsAre(false));
+  kvfs_catalog_record_locator_close(&locator);
+  EXPECT_EQ(record_of(catalog.flushed(), kBeta, u"new"), data);
+}
+
 TEST(CatalogInsert, TreeThatGivesNoLocator_IsAnInternalError) {
   ChangedCatalog catalog(small_volume());
   const HFSPlusCatalogKey key = stored_key(kBeta, u"new");

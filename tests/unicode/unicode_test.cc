@@ -823,6 +823,7 @@ TEST(Compose, ZeroUnit_EndsTheName) {
 
 TEST(Compose, DestinationTooSmall_OverflowsAndKeepsWhatFitted) {
   EXPECT_EQ(compose(u"ae\u0301", 1), (Filled{1, 1, u"a"}));
+  EXPECT_EQ(compose(u"abc", 1), (Filled{1, 1, u"a"}));
   EXPECT_EQ(compose(std::u16string_view(u"a\0b", 3), 1), (Filled{0, 1, u"a"})) << "a zero unit needs no room";
 }
 
