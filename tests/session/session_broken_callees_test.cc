@@ -17,6 +17,7 @@ using kvfs_test::BrokenCall;
 BrokenCall g_composing;        // overflows
 BrokenCall g_conversion;       // to UTF-8: fails
 BrokenCall g_reading_name;     // fails
+BrokenCall g_search;           // by ID: finds nothing
 BrokenCall g_next_record;      // is the end of the catalog
 BrokenCall g_overflow_search;  // g_damage is done to what it has found
 void (*g_damage)(kvfs_btree_search_result* found) = nullptr;
@@ -25,6 +26,7 @@ void (*g_damage)(kvfs_btree_search_result* found) = nullptr;
 KVFS_REPLACED_ROUTINE(kvfs_unicode_compose, real_compose, wrap_compose);
 KVFS_REPLACED_ROUTINE(kvfs_unicode_unistr_to_utf8, real_to_utf8, wrap_to_utf8);
 KVFS_REPLACED_ROUTINE(kvfs_session_read_name, real_read_name, wrap_read_name);
+KVFS_REPLACED_ROUTINE(kvfs_catalog_search_by_cnid, real_search, wrap_search);
 KVFS_REPLACED_ROUTINE(kvfs_catalog_get_next_record, real_next_record, wrap_next_record);
 KVFS_REPLACED_ROUTINE(kvfs_extents_search, real_overflow_search, wrap_overflow_search);
 
@@ -40,6 +42,14 @@ kvfs_result wrap_to_utf8(const std::uint16_t* units, std::size_t count, std::int
 
 kvfs_result wrap_read_name(const char* text, std::size_t size, kvfs_session_name* name) {
   return g_reading_name.is_due() ? kvfs_invalid : real_read_name(text, size, name);
+}
+
+kvfs_result wrap_search(kvfs_catalog* catalog, std::uint32_t cnid, bool follow, kvfs_catalog_search_result* result) {
+  const kvfs_result searched = real_search(catalog, cnid, follow, result);
+  if (g_search.is_due()) {
+    result->found = 0;
+  }
+  return searched;
 }
 
 kvfs_result wrap_next_record(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
@@ -79,6 +89,30 @@ TEST(SessionBrokenCallee, CharacterThatIsNotConverted_IsLeftOut) {
   g_conversion.choose(2);
   EXPECT_EQ(kvfs_session_spell(units, 3, text), 2u);
   EXPECT_STREQ(text, "ac");
+}
+
+TEST(SessionBrokenCallee, RootFolderThatIsNotFound_KeepsItsLabel) {
+  const Volume image = build_volume({});
+  const TestSession session(image);
+  LogCapture log;
+  g_search.choose(1);
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "label"), KVFS_INCONSISTENT);
+  EXPECT_TRUE(g_search.is_over());
+  EXPECT_LOG(log);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionBrokenCallee, RootFolderThatIsNotFoundBeforeAFlush_IsInconsistentAndNothingIsWritten) {
+  const Volume image = build_volume({});
+  const TestSession session(image);
+  ASSERT_EQ(kvfs_session_set_label(session.get(), "label"), KVFS_OK);
+  LogCapture log;
+  g_search.choose(1);
+  EXPECT_EQ(session.flush(), KVFS_INCONSISTENT);
+  EXPECT_TRUE(g_search.is_over());
+  EXPECT_LOG(log);
+  EXPECT_TRUE(session.contents() == image);
 }
 
 // ---- Links ---------------------------------------------------------------------------------------------------------

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.h"
+#include "session/private.h"
 #include "session_fixture.h"
 #include "volume_builder.h"
 
@@ -370,6 +372,39 @@ TEST(SessionIndex, LowerIndexNodeOfOneRecord_IsRefusedWithNothingChanged) {
   EXPECT_EQ(session.flush(), KVFS_OK);
   EXPECT_TRUE(session.contents() == image);
   EXPECT_EQ(kvfs_session_rename(session.get(), first + 5, KVFS_ROOT_ID, "g"), KVFS_OK) << "not spoiled";
+}
+
+TEST(SessionIndex, RootFolderAloneInItsNode_IsRefusedWithNothingChanged) {
+  VolumeDescription description;
+  description.catalog.max_leaf_records = 1;
+  const Volume image = build_volume(description);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "Second"), KVFS_LIMIT);
+  EXPECT_LOG(log, "ERROR kvfs_session_set_label The root folder's record is alone in node 1.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionIndex, EachFailingCallWhileItIsLookedAt_IsPassedOn) {
+  VolumeDescription description;
+  (void)description.add_folders(kRootFolderId, 30);
+  description.catalog.max_leaf_records = 3;
+  description.catalog.max_index_records = 4;
+  const LogCapture closing;  // references that locks failed to give back are reported when the session is closed
+  const TestSession session(build_volume(description));
+  kvfs_session_found root;
+  ASSERT_EQ(kvfs_catalog_search_by_cnid(session.get()->volume->catalog, kRootFolderId, true, root.out()), kvfs_ok);
+  kvfs_btree* const tree = *session.get()->volume->catalog->btree;
+  const std::pair<FailingCalls, kvfs_result> kinds[] = {{each_allocation(), kvfs_no_memory},
+                                                        {each(Call::kRwlockRdlock), kvfs_failed}};
+  for (const auto& [failing, expected] : kinds) {
+    const unsigned long failures = fail_each(failing, [&, expected = expected](FailingRun& run) {
+      const kvfs_result result = run.operate([&] { return kvfs_session_check_index(tree, root.record()); });
+      EXPECT_EQ(result, run.failed() ? expected : kvfs_ok) << run.n();
+    });
+    EXPECT_GE(failures, 5U) << failing.name();
+  }
 }
 
 // The second leaf of three levels comes to begin with the private folder, whose key no search finds.
