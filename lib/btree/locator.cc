@@ -9,6 +9,7 @@
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
+#include "btree/spare.h"
 #include "fork.h"
 #include "format.h"
 #include "ground/arithmetic.h"
@@ -28,6 +29,9 @@ struct tree_locator_block {
 };
 
 }  // namespace
+
+// Locators of up to this size have blocks of this size, which the tree keeps: of items with a short name and of threads.
+static constexpr std::size_t kUsualSize = sizeof(tree_locator_block) + 116;
 
 static const char kLocatorTag[] = "kvfsbrla";
 
@@ -153,12 +157,14 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
 // Allocates a locator with a copy of its record and links it at the head of the list.
 static kvfs_result create_locator(const locator_arguments& arguments, kvfs_btree_record_locator** out_locator) {
   const std::size_t size = sizeof(tree_locator_block) + arguments.record_size;
-  tree_locator_block* const block = static_cast<tree_locator_block*>(std::calloc(1, size));
-  if (block == nullptr) {
+  const std::size_t room = kvfs_max(size, kUsualSize);
+  void* const memory = room > kUsualSize ? std::malloc(room) : take_block(&arguments.tree->priv->spare_locators, room);
+  if (memory == nullptr) {
     KVFS_ERROR_AS(kvfs_btree_record_locator_open,
-                  "Error while allocating %zu bytes for kvfs_btree_record_locator allocation.\n", size);
+                  "Error while allocating %zu bytes for kvfs_btree_record_locator allocation.\n", room);
     return kvfs_no_memory;
   }
+  tree_locator_block* const block = static_cast<tree_locator_block*>(std::memset(memory, 0, size));
   unsigned char* const record = reinterpret_cast<unsigned char*>(block + 1);
   kvfs_btree_record_locator* const head = arguments.tree->priv->open_locators;
   std::memcpy(block->tag, kLocatorTag, sizeof(block->tag));
@@ -227,10 +233,16 @@ void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool
   } else {
     priv->tree->priv->open_locators = priv->next;
   }
+  kvfs_btree* const tree = priv->tree;
   void* const allocation = priv->allocation;
-  std::memset(allocation, 0, static_cast<tree_locator_block*>(allocation)->size);
+  const std::size_t size = static_cast<tree_locator_block*>(allocation)->size;
+  std::memset(allocation, 0, size);
   asm volatile("" : : "r"(allocation) : "memory");  // the stores look dead to the compiler: the memory is freed next
-  std::free(allocation);
+  if (size > kUsualSize) {
+    std::free(allocation);
+  } else {
+    kvfs_btree_keep_locator(tree, allocation);
+  }
 }
 
 void kvfs_btree_record_locator_close(kvfs_btree_record_locator** locator) {

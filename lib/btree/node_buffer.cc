@@ -4,12 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 #include "btree.h"
 #include "btree/node.h"
 #include "btree/private.h"
+#include "btree/spare.h"
 #include "format.h"
 #include "ground/arithmetic.h"
 #include "result.h"
@@ -18,13 +17,9 @@
 using namespace kvfs::btree;
 
 bool kvfs::btree::allocate_node(kvfs_btree* tree, node_buffer* buffer) {
-  void* const spare = tree->priv->spare_nodes;
-  void* const bytes = spare != nullptr ? spare : std::malloc(kvfs_max<std::size_t>(tree->nodeSize, sizeof(spare)));
+  void* const bytes = take_block(&tree->priv->spare_nodes, kvfs_max<std::size_t>(tree->nodeSize, sizeof(void*)));
   if (bytes == nullptr) {
     return false;
-  }
-  if (spare != nullptr) {
-    std::memcpy(&tree->priv->spare_nodes, spare, sizeof(spare));
   }
   buffer->tree = tree;
   buffer->view = {static_cast<unsigned char*>(bytes), tree->nodeSize, 0};
@@ -33,8 +28,7 @@ bool kvfs::btree::allocate_node(kvfs_btree* tree, node_buffer* buffer) {
 
 node_buffer::~node_buffer() {
   if (tree != nullptr) {
-    std::memcpy(view.bytes, &tree->priv->spare_nodes, sizeof(void*));
-    tree->priv->spare_nodes = view.bytes;
+    keep_block(&tree->priv->spare_nodes, view.bytes);
   }
 }
 

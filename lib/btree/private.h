@@ -27,10 +27,8 @@ struct kvfs_btree_private {
   kvfs_rwlock* open_locators_lock;           // guards all of this and serialises the operations on the tree
   std::uint32_t reserve;                     // work beyond their grants that operations may still do in this tree
   std::uint32_t work_left;                   // for the operation under way, with the reserve
-  // Memory for copies of nodes that changes have done with, kept for the next ones: each takes one node after another,
-  // and some C libraries map and unmap memory for each block of that size. The first block; owned, like those behind
-  // it, each of which begins with the address of the next one.
-  void* spare_nodes;
+  void* spare_nodes;     // memory of copies of nodes that changes have done with; see btree/spare.h
+  void* spare_locators;  // and of locators of usual size that were released
   kvfs_btree_trail trail;  // of the search before, in the extents overflow file alone
 };
 

@@ -1,12 +1,11 @@
 // Closing a tree, and the names of the trees.
 
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 #include "base/rwlock_guard.h"
 #include "btree.h"
 #include "btree/private.h"
+#include "btree/spare.h"
 #include "fork.h"
 #include "format.h"
 #include "ground/owned.h"
@@ -46,14 +45,6 @@ static void release_leaked_locators(kvfs_btree_private* priv) {
   }
 }
 
-static void free_spare_nodes(kvfs_btree_private* priv) {
-  while (priv->spare_nodes != nullptr) {
-    void* const node = priv->spare_nodes;
-    std::memcpy(&priv->spare_nodes, node, sizeof(node));
-    std::free(node);
-  }
-}
-
 void kvfs_btree_destroy(kvfs_btree** tree) {
   kvfs_btree_private* const priv = (*tree)->priv;
   static constexpr kvfs_lock_messages messages = KVFS_LOCK_MESSAGES(
@@ -67,7 +58,8 @@ void kvfs_btree_destroy(kvfs_btree** tree) {
     KVFS_ERROR("Error while destroying B-tree open locators list lock. Leaking...\n");
   }
   kvfs_fork_destroy(&(*tree)->fork);
-  free_spare_nodes(priv);
+  kvfs::btree::free_blocks(&priv->spare_nodes);
+  kvfs::btree::free_blocks(&priv->spare_locators);
   kvfs_zero_and_free(priv);
   kvfs_zero_and_free(*tree);
   *tree = nullptr;

@@ -1,0 +1,29 @@
+// Memory that a tree keeps for later: changes take one node after another and open one locator after another, and some
+// C libraries map and unmap memory for each block of that size.
+
+#ifndef KVFS_BTREE_SPARE_H
+#define KVFS_BTREE_SPARE_H
+
+#include <cstddef>
+
+struct kvfs_btree;
+
+namespace kvfs::btree {
+
+// Blocks of one size. `*spare` is the first of a list, or null; each begins with the address of the next one.
+
+// Takes a block from the list, or allocates one; null when memory is short. Its bytes are anything.
+void* take_block(void** spare, std::size_t size);
+
+// Puts a block on the list.
+void keep_block(void** spare, void* block);
+
+// Frees all that are on the list.
+void free_blocks(void** spare);
+
+}  // namespace kvfs::btree
+
+// Puts the memory of a locator of usual size on the list of its tree.
+void kvfs_btree_keep_locator(kvfs_btree* tree, void* memory);
+
+#endif  // KVFS_BTREE_SPARE_H
