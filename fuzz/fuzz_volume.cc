@@ -19,11 +19,23 @@ namespace {
 
 constexpr std::uint64_t kLargestChange = 8;
 constexpr unsigned kMostChanges = 7;
-constexpr std::uint32_t kSpareBlocks = 8;  // small volumes are restored faster
+constexpr std::uint32_t kSpareBlocks = 8;         // small volumes are restored faster
+constexpr std::uint32_t kNodesOfTwoMaps = 2500;   // of 512 bytes
+constexpr std::size_t kJournalInfoBytes = 52;     // of the block that says where the journal lies
+constexpr std::uint64_t kRecordsOfFragments = 4;  // of overflow extents; other shapes have fewer
 
 void small_nodes(VolumeDescription& d) {
   d.block_size = d.catalog.node_size = d.extents.node_size = 512;
   (void)d.add_files(kRootFolderId, 40);
+}
+
+// Files whose extents go on in the extents overflow file, and a journal.
+void fragments(VolumeDescription& d) {
+  d.block_size = d.extents.node_size = 512;
+  const std::uint32_t file = d.add_file(kRootFolderId, u"data", 512 * 30, 30);
+  d.item(file).resource = {512 * 20, {}, 20, 1, 0};
+  (void)d.add_file(kRootFolderId, u"other", 512 * 12, 12);
+  (void)d.add_files(kRootFolderId, 5);
 }
 
 // One description for each shape.
@@ -57,7 +69,39 @@ std::vector<std::function<void(VolumeDescription&)>> shapes() {
         (void)d.add_symlink(kRootFolderId, u"symlink", "target");
         (void)d.add_file(kRootFolderId, u"data", 40000, 5);
       },
+      fragments,
+      [](VolumeDescription& d) {
+        small_nodes(d);
+        d.catalog.leaf_fill[0].free_bytes = 0;
+        d.catalog.total_nodes = kNodesOfTwoMaps;
+      },
   };
+}
+
+// Gives a volume with fragments a journal in its last blocks but one, and has the nodes that the header node's map
+// shows all in use where there is a second map.
+Volume finished(Volume volume) {
+  constexpr std::uint64_t kMapRecord = 248;
+  constexpr std::uint64_t kMapBytes = 256;
+  constexpr std::uint32_t kJournaled = 0x2100;
+  constexpr std::uint64_t kFlags = 0;
+  constexpr std::uint64_t kOffset = 36;
+  constexpr std::uint64_t kSize = 44;
+  if (volume.get_field("catalog.header.totalNodes") == kNodesOfTwoMaps) {
+    const std::uint64_t map = volume.node_device_offset(Tree::kCatalog, 0) + kMapRecord;
+    for (std::uint64_t byte = 0; byte < kMapBytes; ++byte) {
+      volume.set8(map + byte, 0xFF);
+    }
+  } else if (volume.get_field("extents.header.leafRecords") > kRecordsOfFragments) {
+    const std::uint64_t block = volume.get_field("totalBlocks") - 6;
+    const std::uint64_t block_size = volume.get_field("blockSize");
+    volume.set_field("attributes", kJournaled);
+    volume.set_field("journalInfoBlock", block);
+    volume.set32(block * block_size + kFlags, 1);
+    volume.set64(block * block_size + kOffset, (block + 1) * block_size);
+    volume.set64(block * block_size + kSize, 2 * block_size);
+  }
+  return volume;
 }
 
 std::vector<std::unique_ptr<FuzzDevice>> build_devices() {
@@ -67,7 +111,7 @@ std::vector<std::unique_ptr<FuzzDevice>> build_devices() {
     description.spare_blocks = kSpareBlocks;
     description.attributes_file = false;
     shape(description);
-    devices.push_back(std::make_unique<FuzzDevice>(build_volume(description)));
+    devices.push_back(std::make_unique<FuzzDevice>(finished(build_volume(description))));
   }
   return devices;
 }
@@ -84,6 +128,9 @@ void require(bool holds, const char* what) {
 FuzzDevice::FuzzDevice(const Volume& volume)
     : device_(volume), original_(volume.read(0, static_cast<std::size_t>(volume.size()))) {
   places_.emplace_back(kvfs_test::kHeaderOffset, 512);
+  if (const std::uint64_t block = volume.get_field("journalInfoBlock"); block != 0) {
+    places_.emplace_back(block * volume.get_field("blockSize"), kJournalInfoBytes);
+  }
   for (const Tree tree : {Tree::kExtents, Tree::kCatalog}) {
     const char* const name = tree == Tree::kCatalog ? "catalog.header.nodeSize" : "extents.header.nodeSize";
     const std::uint64_t node_size = volume.get_field(name);

@@ -193,6 +193,21 @@ class Session {
     (void)FindContiguousUnallocated(volume_.get(), count, block, &location);
     (void)AllocateExtentAllocationBlocks(block, count % 16, volume_.get());
     (void)FreeAllocationBlock(block, volume_.get()->bitmap);
+    use_blocks_of_item();
+  }
+
+  // Looks for room behind the data of the item, and gives a copy of its fork data more.
+  void use_blocks_of_item() {
+    if (item_.locator == nullptr || item_.locator->btree_locator->data_size < sizeof(HFSPlusCatalogFile)) {
+      return;
+    }
+    const HFSPlusCatalogFile record = *kvfs_view_as<HFSPlusCatalogFile>(item_.locator->btree_locator->data);
+    HFSPlusForkData data = record.dataFork;
+    const std::uint64_t offset = input_->word() & 0xFFFFF;
+    const std::uint32_t length = input_->unit();
+    kvfs_allocation_location location = {};
+    (void)FindWriteLocation(record.fileID.get(), kHFSDataForkType, &data, volume_.get(), offset, length, &location);
+    (void)UpdateForks(volume_.get(), &data, offset, length, &location);
   }
 
   void use_fork() {
