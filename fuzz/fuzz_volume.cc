@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::uint64_t kLargestChange = 8;
 constexpr unsigned kMostChanges = 7;
+constexpr std::size_t kFirstShapes = 8;
+constexpr std::uint8_t kFirstOfLaterShapes = 0xC0;
 constexpr std::uint32_t kSpareBlocks = 8;         // small volumes are restored faster
 constexpr std::uint32_t kNodesOfTwoMaps = 2500;   // of 512 bytes
 constexpr std::size_t kJournalInfoBytes = 52;     // of the block that says where the journal lies
@@ -143,7 +145,11 @@ FuzzDevice::FuzzDevice(const Volume& volume)
 
 FuzzDevice& FuzzDevice::choose(Input* input) {
   static const std::vector<std::unique_ptr<FuzzDevice>> devices = build_devices();
-  FuzzDevice& device = *devices[input->below(devices.size())];
+  // The first byte of older inputs named one of fewer shapes, and still does.
+  const std::uint8_t shape = input->byte();
+  FuzzDevice& device = *devices[shape < kFirstOfLaterShapes
+                                    ? shape % kFirstShapes
+                                    : kFirstShapes + (shape - kFirstOfLaterShapes) % (devices.size() - kFirstShapes)];
   device.device_.replace(device.original_);
   return device;
 }
