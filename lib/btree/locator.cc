@@ -23,14 +23,15 @@ namespace {
 // The block of a locator; the record copy follows it. The tag marks locators in a memory dump and is never tested.
 struct tree_locator_block {
   char tag[8];
-  std::size_t size;  // of the whole block, to zero it before it is freed
+  std::size_t size;  // of block and copy, to zero them when the locator is released; the memory may be larger
   kvfs_btree_record_locator locator;
   kvfs_btree_record_locator_private priv;
 };
 
 }  // namespace
 
-// Locators of up to this size have blocks of this size, which the tree keeps: of items with a short name and of threads.
+// Locators of up to this size have memory of this size, which the tree keeps: of items with a short name and of threads
+// (X-btree-20).
 static constexpr std::size_t kUsualSize = sizeof(tree_locator_block) + 116;
 
 static const char kLocatorTag[] = "kvfsbrla";
@@ -237,7 +238,7 @@ void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool
   void* const allocation = priv->allocation;
   const std::size_t size = static_cast<tree_locator_block*>(allocation)->size;
   std::memset(allocation, 0, size);
-  asm volatile("" : : "r"(allocation) : "memory");  // the stores look dead to the compiler: the memory is freed next
+  asm volatile("" : : "r"(allocation) : "memory");  // the stores look dead to the compiler: it is freed or kept next
   if (size > kUsualSize) {
     std::free(allocation);
   } else {

@@ -27,9 +27,9 @@ struct kvfs_btree_private {
   kvfs_rwlock* open_locators_lock;           // guards all of this and serialises the operations on the tree
   std::uint32_t reserve;                     // work beyond their grants that operations may still do in this tree
   std::uint32_t work_left;                   // for the operation under way, with the reserve
-  void* spare_nodes;     // memory of copies of nodes that changes have done with; see btree/spare.h
-  void* spare_locators;  // and of locators of usual size that were released
-  kvfs_btree_trail trail;  // of the search before, in the extents overflow file alone
+  void* spare_nodes;                         // memory of copies of nodes that changes have done with; see btree/spare.h
+  void* spare_locators;                      // and of locators of usual size that were released
+  kvfs_btree_trail trail;                    // of the search before, in the extents overflow file alone
 };
 
 struct kvfs_btree_record_locator_private {
@@ -75,8 +75,9 @@ kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node,
                                            const unsigned char* record, std::size_t record_size, std::uint64_t position,
                                            kvfs_btree_record_locator** out_locator);
 
-// Gives back one reference and frees the locator with the last one, or at once when `force` is set. The caller's
-// pointer becomes null when it does.
+// Gives back one reference and ends the locator with the last one, or at once when `force` is set: it leaves the list,
+// its bytes become zero, and its memory is freed or, where it has the usual size, kept by the tree for another locator.
+// The caller's pointer becomes null when it does.
 void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool force);
 
 // Moves the open locators of a node whose record index lies in first .. first + count - 1 to another node, adding to

@@ -162,6 +162,7 @@ TEST_F(BtreeLocator, KeyLongerThanTheRecord_IsInvalid) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// X-btree-20
 TEST_F(BtreeLocator, NoMemory_IsReportedWithTheSizeAskedFor) {
   kvfs_btree_record_locator* locator = nullptr;
   LogCapture log;

@@ -38,6 +38,7 @@ class BtreeSpareLocators : public ::testing::Test {
   TestTree tree_{{.records = numbered_records(10)}};
 };
 
+// X-btree-20
 TEST_F(BtreeSpareLocators, UsualSize_TakesTheMemoryOfThoseBefore) {
   FaultInjector faults;
   use(0, kUsualRecord);
@@ -58,6 +59,7 @@ TEST_F(BtreeSpareLocators, UsualSize_TakesTheMemoryOfThoseBefore) {
   EXPECT_EQ(faults.count_allocations(), 2u);
 }
 
+// X-btree-20
 TEST_F(BtreeSpareLocators, MoreThanUsualSize_IsFreedAtOnce) {
   FaultInjector faults;
   use(0, kUsualRecord + 2);
@@ -67,6 +69,7 @@ TEST_F(BtreeSpareLocators, MoreThanUsualSize_IsFreedAtOnce) {
   EXPECT_EQ(faults.count_allocations(), 2u);
 }
 
+// X-btree-20
 TEST_F(BtreeSpareLocators, ReleasedMemory_HoldsNothingOfTheRecord) {
   const kvfs_btree_record_locator* const locator = opened(0, 16);
   const unsigned char* const record = locator->key;
@@ -76,6 +79,7 @@ TEST_F(BtreeSpareLocators, ReleasedMemory_HoldsNothingOfTheRecord) {
   EXPECT_EQ(record[15], 0u);
 }
 
+// X-btree-20
 TEST(BtreeSpareMemory, OfAClosedTree_IsFreed) {
   FaultInjector faults;
   {
