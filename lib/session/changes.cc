@@ -120,8 +120,8 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
       return kvfs_limit;
     }
   }
-  result = kvfs_session_check_index(catalog_tree(session), item.record());
-  return result == kvfs_ok ? kvfs_session_check_index(catalog_tree(session), thread.record()) : result;
+  result = kvfs_session_check_index(catalog_tree(session), item.record(), thread.record());
+  return result == kvfs_ok ? kvfs_session_check_index(catalog_tree(session), thread.record(), item.record()) : result;
 }
 
 // Records are written back whole, and never with bytes behind those that are known.

@@ -128,7 +128,7 @@ static kvfs_result count_record(kvfs_btree* tree, kvfs_btree_record_locator* rec
   if (in_node < count->fewest_in_node) {
     count->fewest_in_node = in_node;
   }
-  return result == kvfs_ok ? kvfs_session_check_index(tree, record) : result;
+  return result == kvfs_ok ? kvfs_session_check_index(tree, record, nullptr) : result;
 }
 
 static kvfs_result delete_record(kvfs_btree* tree, kvfs_btree_record_locator* record, void* /*context*/) {

@@ -63,7 +63,7 @@ static kvfs_result check_removable(kvfs_session* session) {
                   to_ul(*root.record()->node));
     return kvfs_limit;
   }
-  return result == kvfs_ok ? kvfs_session_check_index(tree, root.record()) : result;
+  return result == kvfs_ok ? kvfs_session_check_index(tree, root.record(), nullptr) : result;
 }
 
 static kvfs_result set_label(kvfs_session* session, const char* label) {

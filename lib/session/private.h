@@ -279,7 +279,7 @@ kvfs_result kvfs_session_check_catalog(kvfs_session* session);
 // An item that is to be moved or deleted, linked with its folder.
 //
 // Returns kvfs_ok; kvfs_invalid for the root folder, private folders and what lies in one; kvfs_limit when a node would
-// be left without records; kvfs_not_found; or a failure.
+// be left without records or the index cannot follow; kvfs_not_found; or a failure.
 kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id, kvfs_session_found* item);
 
 // Has the open locator of an item's folder follow its record, which moves when the item's record is taken out before
@@ -318,10 +318,13 @@ kvfs_result kvfs_session_check_valence(kvfs_session* session, const kvfs_session
 kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t* count);
 
 // Whether the index can follow when a record leaves, and another one becomes the first of its leaf. The index records
-// that lead there are deleted and inserted anew, level by level. That fails half-way for the only one of a node below
-// the root (X-btree-2), and for one that no search finds by its key, the name of a private folder (Q-catalog-1).
+// that lead there are deleted and inserted anew, level by level. That fails half-way in a node below the root that has
+// no others (X-btree-2), and for a key that no search finds, the name of a private folder (Q-catalog-1).
 //
-// Returns kvfs_ok, kvfs_limit or the failure of a search.
-kvfs_result kvfs_session_check_index(kvfs_btree* tree, const kvfs_btree_record_locator* record);
+//   other  another record that leaves with it, or null
+//
+// Returns kvfs_ok; kvfs_limit; kvfs_inconsistent when the tree is too deep to be maintained; or the failure of a search.
+kvfs_result kvfs_session_check_index(kvfs_btree* tree, const kvfs_btree_record_locator* record,
+                                     const kvfs_btree_record_locator* other);
 
 #endif  // KVFS_SESSION_PRIVATE_H
