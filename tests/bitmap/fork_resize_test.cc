@@ -938,6 +938,7 @@ TEST(ShrinkFork, WithItemsBehindItsNewEnd_KeepsTheirMappingsUntilItIsDestroyed) 
     EXPECT_LOG(log);
   }
   EXPECT_EQ(fork->priv->items_length, 1u);
+  EXPECT_EQ(fork->priv->items_end, 1u);
   EXPECT_NE(fork->priv->items[0], nullptr);
   EXPECT_EQ(std::memcmp(static_cast<char*>(pointer) + 5, "abc", 3), 0);
   LogCapture log;
@@ -1148,6 +1149,19 @@ TEST(ResizeFork, ExpandedAfterAShrinkOfAModifiedBlockAcrossItsEnd_HasNothingOfIt
   EXPECT_EQ(faults.writes().size(), 0u);
   EXPECT_EQ(byte_at(fork.get(), 6 * kBlockSize), 208);
   EXPECT_LOG(log);
+}
+
+// Bits of the bitmaps that belong to no block, or bytes behind them, are not touched.
+// X-fork-11
+TEST(ResizeFork, ShrunkInsideAnItemOfFewBlocks_ForgetsNoMoreThanItsBlocks) {
+  constexpr std::uint32_t kBlocksPerItem = 4;
+  OpenVolume volume(volume_to_grow(8));
+  const ForkOfAnotherFile fork(volume, kHFSStartupFileID, kForkItemSize / kBlocksPerItem);
+  EXPECT_EQ(byte_at(fork.get(), 0), 200);
+  kvfs_fork_cache_item* const item = fork.get()->priv->items[0];
+  item->valid_bitmap[0] = 0xFF;
+  ASSERT_EQ(kvfs_fork_shrink(fork.get(), volume.get(), 1), kvfs_ok);
+  EXPECT_EQ(item->valid_bitmap[0], 0xF0);
 }
 
 // A flush forgets the count of items with such a block, so that there is none to take this one off.

@@ -640,7 +640,7 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredFor64Tries_GivesUp) {
   scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
   std::vector<std::size_t> tries;
   for (const FailedRun& failure :
-       fail_each(each_in_a_row(Call::kRwlockWrlock, 65), scenario)) {  // the failure, and every try
+       fail_each(each_in_a_row(Call::kRwlockWrlock, 66), scenario)) {  // the failure, every try, and another
     tries.push_back(static_cast<std::size_t>(
         std::count(failure.log.begin(), failure.log.end(),
                    "ERROR kvfs_btree_expand Error while rolling back modifications to last map node.\n")));

@@ -362,6 +362,30 @@ TEST_F(BtreeInsert, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) 
   }
 }
 
+// There is no index above the root that would have to be maintained.
+TEST(BtreeInsertRoot, OfATreeDeeperThanSixteenLevels_TakesANewFirstRecord) {
+  for (const std::uint8_t depth : Numbers8{17, 254, 255}) {
+    ChangeTree tree({.records = {number_record(10)}});
+    tree.open();
+    tree.poke(0, kHeaderTreeDepth, 2, depth);
+    tree.poke(1, kHeight, 1, depth);
+    LogCapture log;
+    EXPECT_EQ(tree.insert(5), kvfs_ok);
+    EXPECT_LOG(log);
+    EXPECT_EQ(tree.show(1), "leaf 1 of height " + std::to_string(depth) + ", 0 < > 0: 5 10");
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
+// X-btree-17
+TEST_F(BtreeInsert, BehindAnOperationThatHasUsedUpItsWork_HasWorkOfItsOwn) {
+  tree_.get()->priv->work_left = 0;
+  LogCapture log;
+  EXPECT_EQ(tree_.insert(65), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(tree_.get()->priv->reserve, 0u);
+}
+
 TEST_F(BtreeInsert, TreeOfSixteenLevelsByItsHeader_IsMaintained) {
   tree_.poke(0, kHeaderTreeDepth, 2, 16);
   LogCapture log;

@@ -503,19 +503,21 @@ TEST(BtreeSearchDamage, EmptyChild_IsReadAndThenInconsistent) {
 // record: a map that begins with one used node reads as a key of 0x8000 bytes.
 // Q-btree-8
 TEST(BtreeSearchEmptyTree, MapOfANewTree_IsNoRecord) {
-  TestTree tree({});
-  tree.open();
-  LogCapture log;
-  const ComparisonRecorder recorder;
-  EXPECT_EQ(tree.search(40), "result 3");
-  EXPECT_LOG(log,
-             "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected "
-             "minimum: 32770 Actual: 256\n");
-  ASSERT_EQ(recorder.calls().size(), 3u);
-  EXPECT_EQ(recorder.calls()[0].node_key, (Bytes{0, 0}));  // the depth
-  EXPECT_EQ(recorder.calls()[1].node_key, (Bytes{0, 0}));  // the user data
-  EXPECT_EQ(recorder.calls()[2].node_key.size(), 0x8002u);
-  EXPECT_TRUE(tree.is_idle());
+  for (const std::uint32_t kind : {kHFSCatalogFileID, kHFSAttributesFileID}) {
+    TestTree tree({.kind = kind});
+    tree.open();
+    LogCapture log;
+    const ComparisonRecorder recorder;
+    EXPECT_EQ(tree.search(40), "result 3");
+    EXPECT_LOG(log,
+               "ERROR kvfs_btree_record_locator_open Invalid parameter: Record size too small to contain key! Expected "
+               "minimum: 32770 Actual: 256\n");
+    ASSERT_EQ(recorder.calls().size(), 3u);
+    EXPECT_EQ(recorder.calls()[0].node_key, (Bytes{0, 0}));  // the depth
+    EXPECT_EQ(recorder.calls()[1].node_key, (Bytes{0, 0}));  // the user data
+    EXPECT_EQ(recorder.calls()[2].node_key.size(), 0x8002u);
+    EXPECT_TRUE(tree.is_idle());
+  }
 }
 
 // Q-btree-8
@@ -550,6 +552,27 @@ TEST(BtreeSearchDamage, NodesOfAnotherKind_AreWalkedToTheirEnd) {
     EXPECT_EQ(tree.search(30), outcome(0, 0, tree.leaf(1), 2, 40));
     EXPECT_EQ(tree.search(49), outcome(0, 0, tree.leaf(1), 2, 40));
     EXPECT_TRUE(tree.is_idle());
+    EXPECT_LOG(log);
+  }
+}
+
+// X-btree-1
+TEST(BtreeSearchDamage, KeyThatLeavesANodeOfAnotherKind_IsPassedOverUncompared) {
+  for (const std::size_t leaf : {0u, 1u}) {
+    TreeOptions options = small_nodes();
+    options.kind = kHFSAttributesFileID;
+    TestTree tree(options);
+    const std::uint32_t node = tree.leaf(leaf);
+    tree.set8(node, kKind, kBTMapNode);
+    tree.set16(node, 14, 600);
+    tree.open();
+    const std::uint32_t last = leaf == 0 ? 20 : 40;
+    LogCapture log;
+    const ComparisonRecorder recorder;
+    EXPECT_EQ(tree.search(last), outcome(0, 0, node, 2, last));
+    for (const Comparison& call : recorder.calls()) {
+      EXPECT_EQ(call.node_key.size(), 6u);
+    }
     EXPECT_LOG(log);
   }
 }

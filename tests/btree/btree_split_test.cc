@@ -753,15 +753,16 @@ class BtreeSplitMapNode : public ::testing::Test {
     return options;
   }
   // Has node 2049 claimed, whose links name node 2048, which names it.
-  kvfs_result split_to_node_behind() {
-    tree_.poke_entry(0, 3, 0xBFF8);
-    tree_.poke(kFirstOfMapNode + 1, kBackwardLink, 4, kFirstOfMapNode);
-    tree_.poke(kFirstOfMapNode, kForwardLink, 4, kFirstOfMapNode + 1);
+  static kvfs_result split_to_node_behind(ChangeTree& tree) {
+    tree.poke_entry(0, 3, 0xBFF8);
+    tree.poke(kFirstOfMapNode + 1, kBackwardLink, 4, kFirstOfMapNode);
+    tree.poke(kFirstOfMapNode, kForwardLink, 4, kFirstOfMapNode + 1);
     std::uint32_t new_node = 0;
-    const kvfs_result result = kvfs_btree_split_node(tree_.get(), 2, 10, &new_node);
+    const kvfs_result result = kvfs_btree_split_node(tree.get(), 2, 10, &new_node);
     EXPECT_EQ(new_node, result == kvfs_ok ? kFirstOfMapNode + 1 : 0u);
     return result;
   }
+  kvfs_result split_to_node_behind() { return split_to_node_behind(tree_); }
 
   ChangeTree tree_;
   std::uint32_t map_ = 0;
@@ -816,6 +817,24 @@ TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitOutsideOfAMapNode_IsNotAsked) {
   EXPECT_EQ(split_to_node_behind(), kvfs_ok);
   EXPECT_LOG(log);
   EXPECT_TRUE(tree_.is_idle());
+}
+
+// The bytes that such a record would be read as call the node before used.
+// X-btree-12
+TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitInARecordThatLeavesTheMapNode_IsNotAsked) {
+  const std::pair<std::uint16_t, std::uint16_t> records[] = {{14, 513}, {14, 520}, {15, 14}};
+  for (const auto& [begin, end] : records) {
+    ChangeTree tree(options());
+    tree.open();
+    tree.poke_bytes(0, kHeaderMapRecord, Bytes(512 - 256, 0xFF));
+    tree.poke_bytes(map_, 14, {0x80, 0x80});
+    tree.poke_entry(map_, 0, begin);
+    tree.poke_entry(map_, 1, end);
+    LogCapture log;
+    EXPECT_EQ(split_to_node_behind(tree), kvfs_ok);
+    EXPECT_LOG(log);
+    EXPECT_TRUE(tree.is_idle());
+  }
 }
 
 // X-btree-11

@@ -781,6 +781,18 @@ TEST(ForkFlushInternal, OfAnItemThatWasForgotten_LeavesTheOthersToTheNextFlush) 
   EXPECT_LOG(log);
 }
 
+// A slot behind the last item may lie behind the array.
+TEST(ForkFlushInternal, OfAnItemThatWasForgotten_LooksForOthersBeforeTheEndOfTheItemsOnly) {
+  OpenFork fork(two_items());
+  write_at(fork, 0, marker_bytes(4096));
+  write_at(fork, kMiB, marker_bytes(4096));
+  fork.priv()->dirty_items = 1;
+  fork.priv()->items_end = 1;
+  EXPECT_EQ(kvfs_fork_flush_internal(fork.get(), 0, 4096), kvfs_ok);
+  EXPECT_EQ(fork.dirty_items(), 0u);
+  fork.priv()->items_end = 2;
+}
+
 // X-fork-13
 TEST(ForkFlush, ThatFailsBehindAnItemThatWasForgotten_LeavesTheOthersToTheNextOne) {
   OpenFork fork(two_items());
@@ -1269,6 +1281,18 @@ TEST(ForkFlush, ExtentThatEndsWithinASectorWithAnotherBlockModified_IsWritten) {
   FaultInjector faults;
   EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
   EXPECT_EQ(transfers(faults), Lines{"write 3072 2048"});
+  EXPECT_LOG(log);
+}
+
+// The end is the first byte of a block of the cache: only that one reaches into the sector, not the modified one before.
+// X-fork-5
+TEST(ForkFlush, LogicalEndBehindTheFirstByteOfABlockOfTheCache_IsWrittenWithoutThatBlock) {
+  OpenFork fork(blocks_of_odd_size(2 * 2048 + 1, {{2, 3}}));
+  write_at(fork, 2048, marker_bytes(2048));
+  LogCapture log;
+  FaultInjector faults;
+  EXPECT_EQ(kvfs_fork_flush(fork.get()), kvfs_ok);
+  EXPECT_EQ(transfers(faults), Lines{"write 5120 2048"});
   EXPECT_LOG(log);
 }
 
