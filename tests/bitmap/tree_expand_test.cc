@@ -282,6 +282,21 @@ TEST(ExpandTree, WithMapNodesAlready_ChainsOneMoreEachTime) {
   }
 }
 
+// The free node is found in a map node, whose reading is work.
+// X-btree-17
+TEST(ExpandTree, BehindAnOperationThatHasUsedUpItsWork_HasWorkOfItsOwn) {
+  Volume image = build_volume(full_map_description(3000));
+  for (std::uint32_t node = 0; node < 2 * kHeaderMapNodes - 2000; ++node) {
+    image.set_node_used(Tree::kCatalog, node, true);
+  }
+  OpenVolume volume(image);
+  volume.catalog_tree()->priv->work_left = 0;
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(map_chain(volume).size(), 2u);
+}
+
 // A full catalog: every node that its header describes is marked as used.
 Volume full_catalog() {
   Volume image = build_volume(full_map_description());

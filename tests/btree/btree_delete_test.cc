@@ -672,6 +672,18 @@ TEST_F(BtreeDelete, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) 
   }
 }
 
+// The index record of a first record is searched for.
+// X-btree-17
+TEST_F(BtreeDelete, BehindAnOperationThatHasUsedUpItsWork_HasWorkOfItsOwn) {
+  kvfs_btree_record_locator* const locator = tree_.locate(50);
+  tree_.get()->priv->work_left = 0;
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_delete_record(tree_.get(), locator, 0), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(tree_.get()->priv->reserve, 0u);
+  release(locator);
+}
+
 // X-btree-10
 TEST_F(BtreeDelete, OtherRecordThanTheFirst_LeavesTheDepthAlone) {
   tree_.poke(0, kHeaderTreeDepth, 2, 0xFFFF);

@@ -1284,7 +1284,7 @@ TEST(ForkFlush, ExtentThatEndsWithinASectorWithAnotherBlockModified_IsWritten) {
   EXPECT_LOG(log);
 }
 
-// The end is the first byte of a block of the cache: only that one reaches into the sector, not the modified one before.
+// Only the block of the cache with that byte reaches into the sector, not the modified one before it.
 // X-fork-5
 TEST(ForkFlush, LogicalEndBehindTheFirstByteOfABlockOfTheCache_IsWrittenWithoutThatBlock) {
   OpenFork fork(blocks_of_odd_size(2 * 2048 + 1, {{2, 3}}));
