@@ -248,6 +248,16 @@ TEST_F(BtreeSplitUnchecked, HalvesThatFitNoNode_AreInternal) {
   EXPECT_EQ(split_index_, 77u);
 }
 
+// The same with one half that fills its node to the last byte, 512 = 486 + 26 and 512 = 1046 - 576 + 42.
+TEST_F(BtreeSplitUnchecked, HalfThatJustFitsANode_IsEnough) {
+  tree_.poke_entry(2, 13, 486);
+  LogCapture log;
+  EXPECT_EQ(choose(24, 70000), kvfs_ok);
+  tree_.poke_entry(2, 13, 576);
+  EXPECT_EQ(choose(24, 600), kvfs_ok);
+  EXPECT_LOG(log);
+}
+
 TEST(BtreeSplitDamage, EveryOffsetDamaged_EndsWithSuccessOrAnError) {
   for (std::uint32_t index = 0; index <= 24; ++index) {
     for (const std::uint16_t offset : Numbers16{0, 1, 13, 14, 200, 446, 462, 511, 512, 513, 0x7FFF, 0xFFFF}) {
