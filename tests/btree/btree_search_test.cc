@@ -625,6 +625,20 @@ TEST(BtreeSearchDamage, ChildBehindTheLastNode_IsInconsistent) {
   }
 }
 
+// The last four bytes of a node are read as a child, whatever they are for; no byte behind them is.
+TEST(BtreeSearchDamage, ChildAtTheEndOfItsNode_IsReadUpToThere) {
+  for (const std::uint16_t behind : Numbers16{0, 1}) {
+    TestTree tree(small_nodes());
+    tree.set16(tree.root(), 14, static_cast<std::uint16_t>(512 - 4 + behind - 14 - 2));  // the length of the key before
+    tree.open();
+    LogCapture log;
+    EXPECT_EQ(tree.search(5), "result 6");
+    EXPECT_LOG(log, behind == 0 ? search_error("Index node points to node after the last node. Inconsistent B-tree.")
+                                : bad_record(tree.root(), 0));
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
 TEST(BtreeSearchDamage, ChildInsideTheTreeButBehindTheFork_CannotBeMapped) {
   TestTree tree(small_nodes());
   const std::uint32_t total = tree.plan().total_nodes;
