@@ -238,6 +238,24 @@ TEST(SessionOpenFaults, EachFailureOnADescriptor_LeavesItUnlocked) {
   close(other);
 }
 
+// The folder has more items than a listing takes at a time, and the fork extents in the overflow file.
+TEST(SessionMemory, OfAListingAndAStream_IsAllGivenBack) {
+  VolumeDescription description;
+  description.block_size = 512;
+  (void)description.add_folder(kRootFolderId, u"d");
+  (void)description.add_file(kFolder, u"file");
+  description.item(kFile).resource = {512 * 12, {}, 12, 1, 0};
+  (void)description.add_files(kFolder, 40);
+  const MemoryFile file(build_volume(description));
+  const FaultInjector faults;
+  kvfs_session* session = nullptr;
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), 0, &session), KVFS_OK);
+  EXPECT_EQ(list(session), KVFS_OK);
+  EXPECT_EQ(read_file(session, kFile, KVFS_RESOURCE_FORK), KVFS_OK);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
 // Where names are compared unit by unit, a listing goes on by walking from the first item.
 TEST(SessionListingFaults, FailureWhileGoingOn_IsMadeUpForByTheNextCall) {
   constexpr std::size_t kItems = 40;
@@ -303,6 +321,19 @@ unsigned long failing_reads_of_deletion(const Volume& image, std::uint32_t file)
     EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
     EXPECT_TRUE(session.contents() == image);
   });
+}
+
+TEST(SessionDeleteFaults, FolderThatIsSaidToBeDeleted_IsGone) {
+  const Volume image = faults_volume();
+  const unsigned long failures = fail_each(each(Call::kRwlockRdlock), [&](FailingRun& run) {
+    LogCapture silence;
+    const TestSession session(image);
+    const std::uint32_t folder = session.id("empty");
+    if (run.operate([&] { return kvfs_session_delete(session.get(), folder); }) == KVFS_OK) {
+      EXPECT_EQ(session.find("empty"), KVFS_NOT_FOUND) << run.n();
+    }
+  });
+  EXPECT_GT(failures, 4U);
 }
 
 // The end of the volume is looked at only when a file has its last blocks, which may hold the alternate header.

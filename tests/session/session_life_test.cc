@@ -410,7 +410,8 @@ TEST(SessionLog, MessageOfAnyLength_IsHandedOverWhole) {
     const std::string text(length, 'x');
     const Handler handler;
     kvfs_log_error("long", 1, "%s\n", text.c_str());
-    EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + text)) << length;
+    kvfs_log_error("open", 1, "%s", text.c_str());
+    EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + text, "ERROR open " + text)) << length;
   }
 }
 
