@@ -250,8 +250,24 @@ TEST(SessionMemory, OfAListingAndAStream_IsAllGivenBack) {
   const FaultInjector faults;
   kvfs_session* session = nullptr;
   ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), 0, &session), KVFS_OK);
-  EXPECT_EQ(list(session), KVFS_OK);
-  EXPECT_EQ(read_file(session, kFile, KVFS_RESOURCE_FORK), KVFS_OK);
+  std::size_t kept[2] = {};  // what a first use leaves in the caches serves a second one
+  for (std::size_t& use : kept) {
+    EXPECT_EQ(list(session), KVFS_OK);
+    EXPECT_EQ(read_file(session, kFile, KVFS_RESOURCE_FORK), KVFS_OK);
+    use = faults.outstanding_allocations();
+  }
+  EXPECT_EQ(kept[0], kept[1]);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
+TEST(SessionMemory, OfADeletionThatIsDiscarded_IsGivenBack) {
+  const MemoryFile file(faults_volume());
+  const FaultInjector faults;
+  kvfs_session* session = nullptr;
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE, &session), KVFS_OK);
+  EXPECT_EQ(kvfs_session_delete(session, kFile), KVFS_OK);
+  EXPECT_EQ(kvfs_session_discard(session), KVFS_OK);
   EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
   EXPECT_EQ(faults.outstanding_allocations(), 0U);
 }
