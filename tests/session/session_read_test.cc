@@ -274,6 +274,7 @@ TEST(SessionNames, StoredNameOfOneOtherUnit_IsFoundByItsText) {
   VolumeDescription description;
   const std::uint32_t plain = description.add_file(kRootFolderId, u"\u0374");
   const TestSession session(build_volume(description));
+  EXPECT_STREQ(session.item("\u0374").name, "%u0374");
   EXPECT_EQ(session.id("\u0374"), plain);
   EXPECT_EQ(session.find("\u02B9"), KVFS_NOT_FOUND);
 }
