@@ -134,6 +134,19 @@ TEST(SessionBrokenCallee, NameOfALinkTargetThatCannotBeRead_FailsTheOpening) {
   }
 }
 
+// The private folder keeps its name, so that a second link leads there without it.
+TEST(SessionBrokenCallee, PrivateFolderThatIsKnown_IsNotLookedForAgain) {
+  VolumeDescription description;
+  (void)description.add_hard_link(kRootFolderId, u"link", description.add_inode(600));
+  const TestSession session(build_volume(description));
+  const std::uint32_t link = session.id("link");
+  EXPECT_EQ(session.read(link).size(), 600u);
+  g_reading_name.choose(2);
+  EXPECT_EQ(session.read(link).size(), 600u);
+  EXPECT_FALSE(g_reading_name.is_over());
+  g_reading_name.choose(0);
+}
+
 // ---- Streams -------------------------------------------------------------------------------------------------------
 
 TEST(SessionBrokenCallee, StreamThatIsOpenAnew_LooksForItsFileOnce) {
