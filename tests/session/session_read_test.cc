@@ -191,6 +191,41 @@ TEST(SessionFind, EachKindOfItem_IsTold) {
   EXPECT_EQ(session.item("soft").special, 5U);
 }
 
+TEST(SessionFind, WhatARecordSaysOfItsItem_IsTold) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"file");
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"folder");
+  Volume image = build_volume(description);
+  for (const std::uint32_t id : {file, folder}) {
+    const std::string record = image.find_by_cnid(id)->path();
+    std::uint32_t days = 0;
+    for (const char* date : {".createDate", ".contentModDate", ".attributeModDate", ".accessDate", ".backupDate"}) {
+      image.set_field(record + date, 2082844800U + 86400 * ++days);
+    }
+    image.set_field(record + ".ownerID", 501);
+    image.set_field(record + ".groupID", 20);
+    image.set_field(record + ".adminFlags", 2);
+    image.set_field(record + ".ownerFlags", 32);
+    image.set_field(record + ".flags", 0x0042);
+  }
+  image.set_field(image.find_by_cnid(file)->path() + ".creator", 0x6B766673);
+  const TestSession session(image);
+  for (const char* path : {"file", "folder"}) {
+    const kvfs_item item = session.item(path);
+    EXPECT_EQ(item.creation_date, 86400);
+    EXPECT_EQ(item.modification_date, 2 * 86400);
+    EXPECT_EQ(item.change_date, 3 * 86400);
+    EXPECT_EQ(item.access_date, 4 * 86400);
+    EXPECT_EQ(item.backup_date, 5 * 86400);
+    EXPECT_EQ(item.owner_id, 501U);
+    EXPECT_EQ(item.group_id, 20U);
+    EXPECT_EQ(item.admin_flags, 2U);
+    EXPECT_EQ(item.owner_flags, 32U);
+    EXPECT_EQ(item.record_flags, 0x0042U);
+  }
+  EXPECT_EQ(session.item("file").finder_creator, 0x6B766673U);
+}
+
 TEST(SessionFind, FinderFlags_AreToldOfFilesAndFolders) {
   VolumeDescription description;
   description.item(description.add_file(kRootFolderId, u"file")).finder_flags = 0x4321;
