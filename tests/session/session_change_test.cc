@@ -306,8 +306,11 @@ TEST_F(SessionChanges, SymbolicLink_IsMadeWithItsTarget) {
   EXPECT_EQ(link.id, id);
   EXPECT_EQ(link.kind, KVFS_SYMBOLIC_LINK);
   EXPECT_EQ(link.mode, 0120777U);
-  EXPECT_GE(link.creation_date, before);
-  EXPECT_LE(link.creation_date, kvfs_system_time());
+  for (const std::int64_t date : {link.creation_date, link.modification_date, link.change_date, link.access_date}) {
+    EXPECT_GE(date, before);
+    EXPECT_LE(date, kvfs_system_time());
+  }
+  EXPECT_EQ(link.backup_date, KVFS_NO_DATE);
   char target[KVFS_TARGET_SIZE];
   EXPECT_EQ(kvfs_session_read_link(session().get(), id, target, sizeof(target), nullptr), KVFS_OK);
   EXPECT_STREQ(target, "../caf\u00E9/x");
