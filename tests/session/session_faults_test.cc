@@ -238,14 +238,19 @@ TEST(SessionOpenFaults, EachFailureOnADescriptor_LeavesItUnlocked) {
   close(other);
 }
 
-// The folder has more items than a listing takes at a time, and the fork extents in the overflow file.
-TEST(SessionMemory, OfAListingAndAStream_IsAllGivenBack) {
+// The folder has more items than a listing takes at a time, and the fork extents in the overflow file. What is missing
+// is looked for under both forms of its name, and what no search finds by walking.
+TEST(SessionMemory, OfEachUse_IsAllGivenBack) {
   VolumeDescription description;
   description.block_size = 512;
   (void)description.add_folder(kRootFolderId, u"d");
   (void)description.add_file(kFolder, u"file");
   description.item(kFile).resource = {512 * 12, {}, 12, 1, 0};
   (void)description.add_files(kFolder, 40);
+  description.nul_names_by_units = true;
+  const std::uint32_t nul_names = description.add_folder(kRootFolderId, u"nul names");
+  (void)description.add_file(nul_names, {u'\0', u'b'});
+  const std::uint32_t unfound = description.add_file(nul_names, {u'a', u'\0'});
   const MemoryFile file(build_volume(description));
   const FaultInjector faults;
   kvfs_session* session = nullptr;
@@ -254,6 +259,8 @@ TEST(SessionMemory, OfAListingAndAStream_IsAllGivenBack) {
   for (std::size_t& use : kept) {
     EXPECT_EQ(list(session), KVFS_OK);
     EXPECT_EQ(read_file(session, kFile, KVFS_RESOURCE_FORK), KVFS_OK);
+    EXPECT_EQ(kvfs_session_find(session, KVFS_ROOT_ID, "\u00E9", item_to_fill()), KVFS_NOT_FOUND);
+    EXPECT_EQ(kvfs_session_find_id(session, unfound, item_to_fill()), KVFS_OK);
     use = faults.outstanding_allocations();
   }
   EXPECT_EQ(kept[0], kept[1]);
