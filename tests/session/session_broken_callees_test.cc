@@ -134,6 +134,39 @@ TEST(SessionBrokenCallee, NameOfALinkTargetThatCannotBeRead_FailsTheOpening) {
   }
 }
 
+// The private folder keeps its name, so that a second link leads there without it.
+TEST(SessionBrokenCallee, PrivateFolderThatIsKnown_IsNotLookedForAgain) {
+  VolumeDescription description;
+  (void)description.add_hard_link(kRootFolderId, u"link", description.add_inode(600));
+  const TestSession session(build_volume(description));
+  const std::uint32_t link = session.id("link");
+  EXPECT_EQ(session.read(link).size(), 600u);
+  g_reading_name.choose(2);
+  EXPECT_EQ(session.read(link).size(), 600u);
+  EXPECT_FALSE(g_reading_name.is_over());
+  g_reading_name.choose(0);
+}
+
+// ---- Streams -------------------------------------------------------------------------------------------------------
+
+TEST(SessionBrokenCallee, StreamThatIsOpenAnew_LooksForItsFileOnce) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 600);
+  (void)description.add_files(kRootFolderId, 5);
+  const TestSession session(build_volume(description));
+  kvfs_stream* stream = nullptr;
+  ASSERT_EQ(kvfs_stream_open(session.get(), file, KVFS_DATA_FORK, &stream), KVFS_OK);
+  ASSERT_EQ(session.rename("f", "/", "renamed"), KVFS_OK);
+  std::uint64_t size = 0;
+  EXPECT_EQ(kvfs_stream_size(stream, &size), KVFS_OK);
+  g_search.choose(1);
+  EXPECT_EQ(kvfs_stream_size(stream, &size), KVFS_OK);
+  EXPECT_EQ(size, 600u);
+  EXPECT_FALSE(g_search.is_over());
+  g_search.choose(0);
+  EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+}
+
 // ---- Listings ------------------------------------------------------------------------------------------------------
 
 // Names with NULs are not searched: the listing goes through all items again to get behind the one given last.

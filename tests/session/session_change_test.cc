@@ -10,6 +10,7 @@
 #include "log_capture.h"
 #include "session/private.h"
 #include "session_fixture.h"
+#include "unix/system.h"
 #include "volume_builder.h"
 
 namespace kvfs_test {
@@ -298,13 +299,18 @@ TEST(SessionDelete, BlocksThatCannotBeTheFiles_AreNotFreed) {
 TEST_F(SessionChanges, SymbolicLink_IsMadeWithItsTarget) {
   std::uint32_t id = 0;
   const std::uint32_t next_id = session().facts().next_id;
+  const std::int64_t before = kvfs_system_time();
   EXPECT_EQ(kvfs_session_make_link(session().get(), session().id("docs"), "l\u00EFnk", "../caf\u00E9/x", &id), KVFS_OK);
   EXPECT_EQ(id, next_id);
   const kvfs_item link = session().item("docs/l\u00EFnk");
   EXPECT_EQ(link.id, id);
   EXPECT_EQ(link.kind, KVFS_SYMBOLIC_LINK);
   EXPECT_EQ(link.mode, 0120777U);
-  EXPECT_GT(link.creation_date, 1700000000);
+  for (const std::int64_t date : {link.creation_date, link.modification_date, link.change_date, link.access_date}) {
+    EXPECT_GE(date, before);
+    EXPECT_LE(date, kvfs_system_time());
+  }
+  EXPECT_EQ(link.backup_date, KVFS_NO_DATE);
   char target[KVFS_TARGET_SIZE];
   EXPECT_EQ(kvfs_session_read_link(session().get(), id, target, sizeof(target), nullptr), KVFS_OK);
   EXPECT_STREQ(target, "../caf\u00E9/x");
@@ -537,8 +543,11 @@ TEST(SessionWithoutAllocationFile, BlocksCannotChange) {
   const std::uint32_t file = description.add_file(kRootFolderId, u"f");
   (void)description.add_files(kRootFolderId, 5);
   const TestSession session(build_volume(description), KVFS_OPEN_WRITE | KVFS_OPEN_NO_ALLOCATION);
+  LogCapture log;
   EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "f", "t", nullptr), KVFS_INVALID);
+  EXPECT_LOG(log);
   EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "g"), KVFS_OK);
   EXPECT_EQ(session.flushed_findings(), "");
 }

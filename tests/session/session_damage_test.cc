@@ -254,6 +254,20 @@ TEST(SessionDamage, LabelThatIsTakenBesideTheRootFolder_IsRefusedAndChangesNothi
   EXPECT_EQ(session.flush(), KVFS_OK);
 }
 
+TEST(SessionDamage, FolderBesideTheRootFolder_TakesNoNewItems) {
+  VolumeDescription description;
+  const std::uint32_t beside = description.add_folder(kRootParentId, u"beside");
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  (void)description.add_files(kRootFolderId, 5);
+  const TestSession session(build_volume(description));
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), beside, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, beside, "f"), KVFS_INCONSISTENT);
+  const std::string message = "ERROR kvfs_session_find_place Folder 16 does not lie below the root folder.\n";
+  EXPECT_LOG(log, message, message);
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+}
+
 TEST(SessionDamage, RingOfNodes_EndsASearchByWalking) {
   VolumeDescription description;
   const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");

@@ -238,6 +238,47 @@ TEST(SessionOpenFaults, EachFailureOnADescriptor_LeavesItUnlocked) {
   close(other);
 }
 
+// The folder has more items than a listing takes at a time, and the fork extents in the overflow file. What is missing
+// is looked for under both forms of its name, and what no search finds by walking.
+TEST(SessionMemory, OfEachUse_IsAllGivenBack) {
+  VolumeDescription description;
+  description.block_size = 512;
+  (void)description.add_folder(kRootFolderId, u"d");
+  (void)description.add_file(kFolder, u"file");
+  description.item(kFile).resource = {512 * 12, {}, 12, 1, 0};
+  (void)description.add_files(kFolder, 40);
+  description.nul_names_by_units = true;
+  const std::uint32_t nul_names = description.add_folder(kRootFolderId, u"nul names");
+  (void)description.add_file(nul_names, {u'\0', u'b'});
+  const std::uint32_t unfound = description.add_file(nul_names, {u'a', u'\0'});
+  const MemoryFile file(build_volume(description));
+  const FaultInjector faults;
+  kvfs_session* session = nullptr;
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), 0, &session), KVFS_OK);
+  std::size_t kept[2] = {};  // what a first use leaves in the caches serves a second one
+  for (std::size_t& use : kept) {
+    EXPECT_EQ(list(session), KVFS_OK);
+    EXPECT_EQ(read_file(session, kFile, KVFS_RESOURCE_FORK), KVFS_OK);
+    EXPECT_EQ(kvfs_session_find(session, KVFS_ROOT_ID, "\u00E9", item_to_fill()), KVFS_NOT_FOUND);
+    EXPECT_EQ(kvfs_session_find_id(session, unfound, item_to_fill()), KVFS_OK);
+    use = faults.outstanding_allocations();
+  }
+  EXPECT_EQ(kept[0], kept[1]);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
+TEST(SessionMemory, OfADeletionThatIsDiscarded_IsGivenBack) {
+  const MemoryFile file(faults_volume());
+  const FaultInjector faults;
+  kvfs_session* session = nullptr;
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE, &session), KVFS_OK);
+  EXPECT_EQ(kvfs_session_delete(session, kFile), KVFS_OK);
+  EXPECT_EQ(kvfs_session_discard(session), KVFS_OK);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
 // Where names are compared unit by unit, a listing goes on by walking from the first item.
 TEST(SessionListingFaults, FailureWhileGoingOn_IsMadeUpForByTheNextCall) {
   constexpr std::size_t kItems = 40;
@@ -303,6 +344,19 @@ unsigned long failing_reads_of_deletion(const Volume& image, std::uint32_t file)
     EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
     EXPECT_TRUE(session.contents() == image);
   });
+}
+
+TEST(SessionDeleteFaults, FolderThatIsSaidToBeDeleted_IsGone) {
+  const Volume image = faults_volume();
+  const unsigned long failures = fail_each(each(Call::kRwlockRdlock), [&](FailingRun& run) {
+    LogCapture silence;
+    const TestSession session(image);
+    const std::uint32_t folder = session.id("empty");
+    if (run.operate([&] { return kvfs_session_delete(session.get(), folder); }) == KVFS_OK) {
+      EXPECT_EQ(session.find("empty"), KVFS_NOT_FOUND) << run.n();
+    }
+  });
+  EXPECT_GT(failures, 4U);
 }
 
 // The end of the volume is looked at only when a file has its last blocks, which may hold the alternate header.

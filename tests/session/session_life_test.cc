@@ -14,6 +14,7 @@
 
 #include "fault_injection.h"
 #include "log_capture.h"
+#include "session/private.h"
 #include "session_fixture.h"
 #include "support.h"
 #include "volume_builder.h"
@@ -34,6 +35,19 @@ TEST(SessionOpen, Path_IsOpenedAndClosed) {
   EXPECT_EQ(session, nullptr);
   EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
   EXPECT_EQ(kvfs_session_close(nullptr), KVFS_OK);
+}
+
+TEST(SessionOpen, PathForChanging_TakesTheChangesAndForReadingIsNotWritable) {
+  const MemoryFile file(build_volume({}));
+  kvfs_session* session = nullptr;
+  ASSERT_EQ(kvfs_session_open(file.path().c_str(), KVFS_OPEN_WRITE, &session), KVFS_OK);
+  EXPECT_EQ(kvfs_session_set_label(session, "Changed"), KVFS_OK);
+  EXPECT_EQ(kvfs_session_flush(session, 0), KVFS_OK);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+  EXPECT_EQ(to_utf8(read_label(file.contents())), "Changed");
+  ASSERT_EQ(kvfs_session_open(file.path().c_str(), 0, &session), KVFS_OK);
+  EXPECT_EQ(fcntl(session->fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
 }
 
 TEST(SessionOpen, MissingFile_IsAnIOErrorWithItsErrno) {
@@ -410,7 +424,8 @@ TEST(SessionLog, MessageOfAnyLength_IsHandedOverWhole) {
     const std::string text(length, 'x');
     const Handler handler;
     kvfs_log_error("long", 1, "%s\n", text.c_str());
-    EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + text)) << length;
+    kvfs_log_error("open", 1, "%s", text.c_str());
+    EXPECT_THAT(handler.messages, ElementsAre("ERROR long " + text, "ERROR open " + text)) << length;
   }
 }
 

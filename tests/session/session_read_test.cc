@@ -60,7 +60,11 @@ TEST(SessionFacts, AreThoseOfTheVolumeHeader) {
   image.set_field("finderInfo[6]", 0x01234567);
   image.set_field("finderInfo[7]", 0x89ABCDEF);
   image.set_field("createDate", 2082844800U + 86400);
+  image.set_field("modifyDate", 2082844800U + 86401);
   image.set_field("backupDate", 0);
+  image.set_field("checkedDate", 2082844800U + 86402);
+  image.set_field("lastMountedVersion", 0x6B766673);
+  image.set_field("writeCount", 12345);
   const TestSession session(image, 0);
   const kvfs_volume_facts facts = session.facts();
   EXPECT_EQ(facts.block_size, kBlock);
@@ -73,7 +77,11 @@ TEST(SessionFacts, AreThoseOfTheVolumeHeader) {
   EXPECT_EQ(facts.next_id, image.get_field("nextCatalogID"));
   EXPECT_EQ(facts.identifier, 0x0123456789ABCDEFU);
   EXPECT_EQ(facts.creation_date, 86400);
+  EXPECT_EQ(facts.modification_date, 86401);
   EXPECT_EQ(facts.backup_date, KVFS_NO_DATE);
+  EXPECT_EQ(facts.check_date, 86402);
+  EXPECT_EQ(facts.last_mounted_by, 0x6B766673U);
+  EXPECT_EQ(facts.write_count, 12345U);
   EXPECT_EQ(facts.attributes, 0x2000U);
   EXPECT_EQ(facts.is_hfsx + facts.is_case_sensitive + facts.is_journaled + facts.is_dirty, 4);
   EXPECT_EQ(facts.is_locked + facts.is_writable + facts.has_unflushed_changes, 0);
@@ -170,13 +178,61 @@ TEST(SessionFind, EachKindOfItem_IsTold) {
   const std::uint32_t inode = description.add_inode(1234);
   (void)description.add_hard_link(kRootFolderId, u"hard", inode);
   (void)description.add_directory_hard_link(kRootFolderId, u"folder link", 77);
-  (void)description.add_symlink(kRootFolderId, u"soft", "a/b");
+  description.item(description.add_symlink(kRootFolderId, u"soft", "a/b")).special = 5;
   const TestSession session(build_volume(description));
   EXPECT_EQ(session.item("hard").kind, KVFS_HARD_LINK);
   EXPECT_EQ(session.item("hard").target_id, inode);
+  EXPECT_EQ(session.item("hard").special, 0U);
   EXPECT_EQ(session.item("folder link").kind, KVFS_FOLDER_LINK);
+  EXPECT_EQ(session.item("folder link").target_id, 77U);
+  EXPECT_EQ(session.item("folder link").special, 0U);
   EXPECT_EQ(session.item("soft").kind, KVFS_SYMBOLIC_LINK);
   EXPECT_EQ(session.item("soft").target_id, 0U);
+  EXPECT_EQ(session.item("soft").special, 5U);
+}
+
+TEST(SessionFind, WhatARecordSaysOfItsItem_IsTold) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"file");
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"folder");
+  Volume image = build_volume(description);
+  for (const std::uint32_t id : {file, folder}) {
+    const std::string record = image.find_by_cnid(id)->path();
+    std::uint32_t days = 0;
+    for (const char* date : {".createDate", ".contentModDate", ".attributeModDate", ".accessDate", ".backupDate"}) {
+      image.set_field(record + date, 2082844800U + 86400 * ++days);
+    }
+    image.set_field(record + ".ownerID", 501);
+    image.set_field(record + ".groupID", 20);
+    image.set_field(record + ".adminFlags", 2);
+    image.set_field(record + ".ownerFlags", 32);
+    image.set_field(record + ".flags", 0x0042);
+  }
+  image.set_field(image.find_by_cnid(file)->path() + ".creator", 0x6B766673);
+  const TestSession session(image);
+  for (const char* path : {"file", "folder"}) {
+    const kvfs_item item = session.item(path);
+    EXPECT_EQ(item.creation_date, 86400);
+    EXPECT_EQ(item.modification_date, 2 * 86400);
+    EXPECT_EQ(item.change_date, 3 * 86400);
+    EXPECT_EQ(item.access_date, 4 * 86400);
+    EXPECT_EQ(item.backup_date, 5 * 86400);
+    EXPECT_EQ(item.owner_id, 501U);
+    EXPECT_EQ(item.group_id, 20U);
+    EXPECT_EQ(item.admin_flags, 2U);
+    EXPECT_EQ(item.owner_flags, 32U);
+    EXPECT_EQ(item.record_flags, 0x0042U);
+  }
+  EXPECT_EQ(session.item("file").finder_creator, 0x6B766673U);
+}
+
+TEST(SessionFind, FinderFlags_AreToldOfFilesAndFolders) {
+  VolumeDescription description;
+  description.item(description.add_file(kRootFolderId, u"file")).finder_flags = 0x4321;
+  description.item(description.add_folder(kRootFolderId, u"folder")).finder_flags = 0x8765;
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.item("file").finder_flags, 0x4321U);
+  EXPECT_EQ(session.item("folder").finder_flags, 0x8765U);
 }
 
 TEST(SessionFind, ThreadOfAnotherItem_IsInconsistent) {
@@ -253,6 +309,7 @@ TEST(SessionNames, StoredNameOfOneOtherUnit_IsFoundByItsText) {
   VolumeDescription description;
   const std::uint32_t plain = description.add_file(kRootFolderId, u"\u0374");
   const TestSession session(build_volume(description));
+  EXPECT_STREQ(session.item("\u0374").name, "%u0374");
   EXPECT_EQ(session.id("\u0374"), plain);
   EXPECT_EQ(session.find("\u02B9"), KVFS_NOT_FOUND);
 }

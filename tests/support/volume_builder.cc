@@ -91,6 +91,7 @@ void put_common(Bytes& record, const Item& item) {
   const std::uint16_t usual_mode = item.folder ? 040755 : 0100644;
   put_be(record, 42, 2, item.mode != 0 ? item.mode : usual_mode);
   put_be(record, 44, 4, item.special);
+  put_be(record, 56, 2, item.finder_flags);
 }
 
 Bytes folder_record(const Item& item, Children children, bool folder_count) {
@@ -108,7 +109,6 @@ Bytes file_record(const Item& item, const PlacedFork& data, const PlacedFork& re
   put_be(record, 2, 2, item.flags | (item.with_thread ? kFlagThreadExists : 0U));
   put_be(record, 48, 4, item.file_type);
   put_be(record, 52, 4, item.creator);
-  put_be(record, 56, 2, item.finder_flags);
   put_fork_data(record.data() + 88, data);
   put_fork_data(record.data() + 168, resource);
   return record;
