@@ -294,6 +294,20 @@ TEST(SessionDelete, BlocksThatCannotBeTheFiles_AreNotFreed) {
   }
 }
 
+TEST(SessionDelete, ForkThatCannotBeOpened_IsRefusedAndChangesNothing) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 5000);
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  image.set_field(image.find_by_cnid(file)->path() + ".resourceFork.logicalSize", 1);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_open_fork File 16 of 1 bytes and 0 blocks is larger than its space.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
 // ---- Symbolic links ------------------------------------------------------------------------------------------------
 
 TEST_F(SessionChanges, SymbolicLink_IsMadeWithItsTarget) {

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "log_capture.h"
+#include "session/private.h"
 #include "session_fixture.h"
 #include "volume_builder.h"
 
@@ -295,6 +296,14 @@ TEST(SessionNames, EachSpelledName_LeadsBackToItsItem) {
   }
 }
 
+TEST(SessionNames, UnitsBehindAName_AreNotReadWithIt) {
+  const kvfs_be16 units[] = {kvfs_be16::of('%'), kvfs_be16::of('u'), kvfs_be16::of('0'),
+                             kvfs_be16::of('0'), kvfs_be16::of('2'), kvfs_be16::of('F')};
+  char text[KVFS_NAME_SIZE];
+  EXPECT_EQ(kvfs_session_spell(units, 5, text), 5U);
+  EXPECT_STREQ(text, "%u002");
+}
+
 TEST(SessionNames, StoredNameThatIsNotDecomposed_IsFoundByItsText) {
   VolumeDescription description;
   const std::uint32_t plain = description.add_file(kRootFolderId, u"\u00E9");
@@ -579,6 +588,18 @@ TEST(SessionStream, ExtentOfMoreThan4GiB_IsReadToItsEnd) {
     EXPECT_EQ(bytes, pattern(10)) << place;
   }
   EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+}
+
+TEST(SessionStream, ForkOfAllBlocks_IsOpened) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  Volume image = build_volume(description);
+  const std::string fork = image.find_by_cnid(file)->path() + ".dataFork";
+  image.set_field(fork + ".totalBlocks", image.get_field("totalBlocks"));
+  image.set_field(fork + ".extents[0].startBlock", 0);
+  image.set_field(fork + ".extents[0].blockCount", image.get_field("totalBlocks"));
+  const TestSession session(image);
+  EXPECT_EQ(session.read(file).size(), 100U);
 }
 
 TEST(SessionStream, ForksLargerThanTheirSpace_AreInconsistent) {
