@@ -59,6 +59,21 @@ TEST(SessionOpen, MissingFile_IsAnIOErrorWithItsErrno) {
   EXPECT_LOG(log, "ERROR kvfs_system_open Error while opening '/nowhere/at all': No such file or directory (2)\n");
 }
 
+TEST(SessionOpen, NoMemory_ClosesTheFileOfAPathAndNoOther) {
+  const MemoryFile file(build_volume({}));
+  kvfs_session* session = nullptr;
+  LogCapture silence;
+  FaultInjector faults;
+  const int next = dup(file.fd());  // the lowest descriptor that is free
+  ASSERT_EQ(close(next), 0);
+  faults.fail_allocation(1);
+  EXPECT_EQ(kvfs_session_open(file.path().c_str(), 0, &session), KVFS_NO_MEMORY);
+  EXPECT_EQ(fcntl(next, F_GETFD), -1);
+  faults.fail_allocation(faults.count_allocations() + 1);
+  EXPECT_EQ(kvfs_session_open_descriptor(file.fd(), 0, &session), KVFS_NO_MEMORY);
+  EXPECT_NE(fcntl(file.fd(), F_GETFD), -1);
+}
+
 TEST(SessionOpen, NoVolume_FailsAndLeavesTheDescriptorOpen) {
   LogCapture silence;
   const MemoryFile file(SparseImage(1 << 20));
