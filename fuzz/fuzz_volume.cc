@@ -33,10 +33,11 @@ void small_nodes(VolumeDescription& d) {
 
 // Files whose extents go on in the extents overflow file, and a journal.
 void fragments(VolumeDescription& d) {
-  d.block_size = d.extents.node_size = 512;
-  const std::uint32_t file = d.add_file(kRootFolderId, u"data", 512 * 30, 30);
-  d.item(file).resource = {512 * 20, {}, 20, 1, 0};
-  (void)d.add_file(kRootFolderId, u"other", 512 * 12, 12);
+  constexpr std::uint64_t kBlock = 512;
+  d.block_size = d.extents.node_size = kBlock;
+  const std::uint32_t file = d.add_file(kRootFolderId, u"data", kBlock * 30, 30);
+  d.item(file).resource = {kBlock * 20, {}, 20, 1, 0};
+  (void)d.add_file(kRootFolderId, u"other", kBlock * 12, 12);
   (void)d.add_files(kRootFolderId, 5);
 }
 
