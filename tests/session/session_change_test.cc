@@ -464,6 +464,52 @@ TEST(SessionIndex, ItemAndThreadThatWouldEmptyAnIndexNode_AreRefusedWithNothingC
   EXPECT_EQ(session.flushed_findings(), "");
 }
 
+// Wherever a record lies, its change is made, or refused with nothing changed.
+TEST(SessionIndex, EachChangeInNarrowCatalogs_LeavesASoundVolume) {
+  constexpr int kFolders = 12;
+  LogCapture silence;
+  unsigned refused = 0;
+  for (const std::uint16_t per_leaf : {std::uint16_t{2}, std::uint16_t{3}}) {
+    for (const std::uint16_t per_index : {std::uint16_t{2}, std::uint16_t{3}, std::uint16_t{4}}) {
+      VolumeDescription description;
+      const std::uint32_t first = description.add_folders(kRootFolderId, kFolders);
+      description.catalog.max_leaf_records = per_leaf;
+      description.catalog.max_index_records = per_index;
+      const Volume image = build_volume(description);
+      for (std::uint32_t id = first; id < first + kFolders; ++id) {
+        const TestSession renamed(image);
+        const TestSession deleted(image);
+        const std::uint64_t results[] = {kvfs_session_rename(renamed.get(), id, KVFS_ROOT_ID, "other"),
+                                         kvfs_session_delete(deleted.get(), id)};
+        for (const std::uint64_t result : results) {
+          EXPECT_TRUE(result == KVFS_OK || result == KVFS_LIMIT) << id << ' ' << per_leaf << ' ' << per_index;
+          refused += result == KVFS_LIMIT ? 1 : 0;
+        }
+        EXPECT_EQ(renamed.flushed_findings(), "");
+        EXPECT_EQ(deleted.flushed_findings(), "");
+      }
+    }
+  }
+  EXPECT_GT(refused, 0U);
+  EXPECT_LT(refused, 72U) << "most changes are possible";
+}
+
+TEST(SessionIndex, EachFailingCallWhileTwoRecordsAreLookedAt_IsPassedOn) {
+  const LogCapture closing;
+  const TestSession session(build_volume(narrow_catalog()));
+  kvfs_catalog* const catalog = session.get()->volume->catalog;
+  kvfs_session_found item;
+  kvfs_session_found thread;
+  ASSERT_EQ(kvfs_catalog_search_by_cnid(catalog, 16, true, item.out()), kvfs_ok);
+  ASSERT_EQ(kvfs_catalog_search_by_cnid(catalog, 16, false, thread.out()), kvfs_ok);
+  const unsigned long failures = fail_each(each_allocation(), [&](FailingRun& run) {
+    const kvfs_result result =
+        run.operate([&] { return kvfs_session_check_index(*catalog->btree, item.record(), thread.record()); });
+    EXPECT_EQ(result, run.failed() ? kvfs_no_memory : kvfs_limit) << run.n();
+  });
+  EXPECT_EQ(failures, 2U);
+}
+
 // The thread of "f" alone is the first of its leaf, and that leaf the only one under its index node.
 TEST(SessionIndex, ThreadThatWouldEmptyAnIndexNode_IsRefusedWithNothingChanged) {
   VolumeDescription description;
