@@ -494,6 +494,19 @@ TEST(SessionIndex, EachChangeInNarrowCatalogs_LeavesASoundVolume) {
   EXPECT_LT(refused, 72U) << "most changes are possible";
 }
 
+// "e" is the first of the first leaf under the second index node, its thread that of the third leaf there.
+TEST(SessionIndex, ItemAndThreadInLeavesThatAreNotSideBySide_LeaveTheirIndexNodeOneByOne) {
+  VolumeDescription description;
+  for (const char16_t* const name : {u"a", u"b", u"e", u"c", u"d", u"f"}) {
+    (void)description.add_folder(kRootFolderId, name);
+  }
+  description.catalog.max_leaf_records = 2;
+  description.catalog.max_index_records = 3;
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.rename("e", "", "ee"), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
+}
+
 TEST(SessionIndex, EachFailingCallWhileTwoRecordsAreLookedAt_IsPassedOn) {
   const LogCapture closing;
   const TestSession session(build_volume(narrow_catalog()));
