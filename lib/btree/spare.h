@@ -10,12 +10,14 @@ struct kvfs_btree;
 
 namespace kvfs::btree {
 
-// Blocks of one size. `*spare` is the first of a list, or null; each begins with the address of the next one.
+// Blocks of one size, which has room for an address at least. `*spare` is the first of a list that owns them, or null;
+// each begins with the address of the next one. The caller holds the tree's lock for writing, or is alone with it.
 
-// Takes a block from the list, or allocates one; null when memory is short. Its bytes are anything.
+// Takes a block from the list, or allocates one of `size` bytes, those of all blocks of the list. Its bytes are
+// anything; the caller owns it, and keeps or frees it. Returns null when memory is short.
 void* take_block(void** spare, std::size_t size);
 
-// Puts a block on the list.
+// Puts a block on the list, which owns it from then on.
 void keep_block(void** spare, void* block);
 
 // Frees all that are on the list.
@@ -23,7 +25,7 @@ void free_blocks(void** spare);
 
 }  // namespace kvfs::btree
 
-// Puts the memory of a locator of usual size on the list of its tree.
+// Puts the memory of a locator of usual size on the list of its tree. The caller holds the tree's lock for writing.
 void kvfs_btree_keep_locator(kvfs_btree* tree, void* memory);
 
 #endif  // KVFS_BTREE_SPARE_H

@@ -55,7 +55,11 @@ kvfs_result kvfs_session_check_catalog(kvfs_session* session) {
                to_ul(session->changes.records_before));
     return kvfs_inconsistent;
   }
-  return result == kvfs_not_found || result == kvfs_not_a_folder ? kvfs_inconsistent : result;
+  if (result == kvfs_not_found || result == kvfs_not_a_folder) {
+    KVFS_ERROR("The root folder is missing.\n");
+    return kvfs_inconsistent;
+  }
+  return result;
 }
 
 // ---- Private folders -----------------------------------------------------------------------------------------------

@@ -98,7 +98,7 @@ TEST(SessionBrokenCallee, RootFolderThatIsNotFound_KeepsItsLabel) {
   g_search.choose(1);
   EXPECT_EQ(kvfs_session_set_label(session.get(), "label"), KVFS_INCONSISTENT);
   EXPECT_TRUE(g_search.is_over());
-  EXPECT_LOG(log);
+  EXPECT_LOG(log, "ERROR kvfs_session_set_label The root folder is missing.\n");
   EXPECT_EQ(session.flush(), KVFS_OK);
   EXPECT_TRUE(session.contents() == image);
 }
@@ -111,7 +111,7 @@ TEST(SessionBrokenCallee, RootFolderThatIsNotFoundBeforeAFlush_IsInconsistentAnd
   g_search.choose(1);
   EXPECT_EQ(session.flush(), KVFS_INCONSISTENT);
   EXPECT_TRUE(g_search.is_over());
-  EXPECT_LOG(log);
+  EXPECT_LOG(log, "ERROR kvfs_session_check_catalog The root folder is missing.\n");
   EXPECT_TRUE(session.contents() == image);
 }
 
