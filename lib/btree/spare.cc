@@ -9,17 +9,46 @@
 #include "btree.h"
 #include "btree/private.h"
 
+// An address sanitizer is told that nobody may use what is kept, as if it were free. Compilers differ in how they say
+// that there is one.
+#if defined(__has_feature)
+#define KVFS_HAS_ADDRESS_SANITIZER __has_feature(address_sanitizer)
+#elif defined(__SANITIZE_ADDRESS__)
+#define KVFS_HAS_ADDRESS_SANITIZER 1
+#else
+#define KVFS_HAS_ADDRESS_SANITIZER 0
+#endif
+
+#if KVFS_HAS_ADDRESS_SANITIZER
+#include <malloc.h>
+#include <sanitizer/asan_interface.h>
+
+static void forbid_use(void* block) {
+  __asan_poison_memory_region(block, malloc_usable_size(block));
+}
+
+static void permit_use(void* block) {
+  __asan_unpoison_memory_region(block, malloc_usable_size(block));
+}
+#else
+static void forbid_use(void* /*block*/) {}
+
+static void permit_use(void* /*block*/) {}
+#endif
+
 void* kvfs::btree::take_block(void** spare, std::size_t size) {
   void* const block = *spare;
   if (block == nullptr) {
     return std::malloc(size);
   }
+  permit_use(block);
   std::memcpy(spare, block, sizeof(block));
   return block;
 }
 
 void kvfs::btree::keep_block(void** spare, void* block) {
   std::memcpy(block, spare, sizeof(block));
+  forbid_use(block);
   *spare = block;
 }
 

@@ -12,22 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "address_sanitizer.h"
 #include "big_endian.h"
 #include "btree_fixture.h"
 #include "catalog.h"
 #include "fork/private.h"
 #include "support.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define KVFS_TEST_HAS_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KVFS_TEST_HAS_ASAN 1
-#endif
-#endif
-#ifdef KVFS_TEST_HAS_ASAN
-#include <sanitizer/asan_interface.h>
-#endif
 
 namespace kvfs_test {
 namespace {
@@ -1298,11 +1288,9 @@ TEST_P(BtreeSearchEveryByte, Damaged_EndsInSuccessOrAKnownFailure) {
   (void)tree.search(10);
   (void)tree.search(60);
   unsigned char* const item = tree.get()->fork->priv->items[0]->data;
-#ifdef KVFS_TEST_HAS_ASAN
   // The rest of the cache item: whoever reads beyond the root, the last node, is caught.
   const std::size_t end = (index_node + std::size_t{1}) * 512;
-  ASAN_POISON_MEMORY_REGION(item + end, kForkItemSize - end);
-#endif
+  forbid_use(item + end, kForkItemSize - end);
   const Numbers32 nodes = {tree.leaf(0), index_node};
   for (const std::uint32_t node : nodes) {
     for (std::size_t offset = 0; offset < 512; ++offset) {
@@ -1320,9 +1308,7 @@ TEST_P(BtreeSearchEveryByte, Damaged_EndsInSuccessOrAKnownFailure) {
       *byte = before;
     }
   }
-#ifdef KVFS_TEST_HAS_ASAN
-  ASAN_UNPOISON_MEMORY_REGION(item, kForkItemSize);
-#endif
+  permit_use(item, kForkItemSize);
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, BtreeSearchEveryByte,

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 
+#include "address_sanitizer.h"
 #include "btree/private.h"
 #include "btree_fixture.h"
 #include "fault_injection.h"
@@ -71,12 +72,26 @@ TEST_F(BtreeSpareLocators, MoreThanUsualSize_IsFreedAtOnce) {
 
 // X-btree-20
 TEST_F(BtreeSpareLocators, ReleasedMemory_HoldsNothingOfTheRecord) {
-  const kvfs_btree_record_locator* const locator = opened(0, 16);
+  FaultInjector faults;
+  use(0, kUsualRecord);
+  kvfs_btree_record_locator* shorter = opened(1, 16);
+  EXPECT_EQ(faults.count_allocations(), 1u) << "it has the memory of the one before";
+  EXPECT_EQ(shorter->key[16], 0u);
+  EXPECT_EQ(shorter->key[kUsualRecord - 1], 0u);
+  kvfs_btree_record_locator_release(&shorter, false);
+}
+
+// X-btree-20
+TEST_F(BtreeSpareLocators, ReleasedMemory_IsReportedWhereItIsUsed) {
+  kvfs_btree_record_locator* locator = opened(0, 16);
   const unsigned char* const record = locator->key;
-  kvfs_btree_record_locator* held = opened(0, 16);  // the same one
-  kvfs_btree_record_locator_release(&held, true);
-  EXPECT_EQ(record[4], 0u);
-  EXPECT_EQ(record[15], 0u);
+  EXPECT_FALSE(is_forbidden(record));
+  kvfs_btree_record_locator_release(&locator, false);
+  EXPECT_EQ(is_forbidden(record), kHasAddressSanitizer);
+  locator = opened(1, 16);
+  EXPECT_EQ(locator->key, record) << "it has the memory of the one before";
+  EXPECT_FALSE(is_forbidden(record));
+  kvfs_btree_record_locator_release(&locator, false);
 }
 
 // X-btree-20
