@@ -182,7 +182,8 @@ kvfs_result kvfs_catalog_utf8_path_component(void* context, kvfs_be16* buffer, s
 //
 // A change is made in the cache of the catalog's fork; flushing that fork brings it to the device. Nothing is undone
 // when a step fails: discard the volume without flushing it then. A deletion moves the records behind it in their node
-// without their open locators (see kvfs_btree_delete_record): hold no others than those that are handed in.
+// without their open locators (see kvfs_btree_delete_record): hold no others than those that are handed in. A folder
+// whose record stands behind its item's in the same node is counted where it was, over another record (Q-btree-21).
 
 // Inserts a record.
 //
@@ -202,8 +203,9 @@ kvfs_result kvfs_catalog_insert_record(kvfs_catalog* catalog, const HFSPlusCatal
 //   locator         of the record, with its parent's locator unless it is the root folder. It is closed, and the
 //                   caller's pointer null, on success and on every failure after the record was deleted
 //   new_parent      catalog node ID of the folder that will hold the item, on-disk order; the root folder stays under 1
-//   name, name_length  new name, big-endian and decomposed; units. A name of more than 255 units is refused only after
-//                   the record was deleted: callers check the length before (Q-catalog-12)
+//   name, name_length  new name, big-endian and decomposed; units. It may lie in the record itself. A name of more than
+//                   255 units is refused only after the record was deleted: callers check the length before
+//                   (Q-catalog-12)
 //
 // Returns kvfs_ok; kvfs_invalid without a locator, for another kind of record, for an item without its parent's
 // locator, for moving the root folder, or for a name that is too long; kvfs_inconsistent when the new folder is

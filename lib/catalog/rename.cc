@@ -15,20 +15,19 @@ using namespace kvfs::catalog;
 
 namespace {
 
-// An item that is being renamed, with a copy of its record, whose place its new thread record takes in the end.
+// An item that is being renamed, with a copy of its record, and its new thread record, which has folder and name from
+// the beginning: the caller's name may lie in the old record (X-catalog-11).
 struct renaming {
   kvfs_catalog* catalog;
   union {
     HFSPlusCatalogFolder folder;
     HFSPlusCatalogFile file;
-    HFSPlusCatalogThread thread;
   } record;
+  HFSPlusCatalogThread thread;
   std::uint16_t record_size;
   bool is_folder;
   bool is_root;
   kvfs_be32 cnid;
-  kvfs_be32 new_parent;
-  const kvfs_be16* name;
   std::uint32_t name_length;
 };
 
@@ -81,7 +80,7 @@ static kvfs_result prepare_rename(renaming* item, kvfs_catalog_record_locator* c
     return result;
   }
   item->is_root = item->cnid.get() == kHFSRootFolderID;
-  if (item->is_root && item->new_parent.get() != kHFSRootParentID) {
+  if (item->is_root && item->thread.parentID.get() != kHFSRootParentID) {
     KVFS_ERROR_AS(kvfs_catalog_rename_record,
                   "Attempting to move root directory to other (non-root parent) folder. This is not allowed.\n");
     return kvfs_invalid;
@@ -110,7 +109,7 @@ static kvfs_result leave_old_folder(renaming* item, const kvfs_catalog_record_lo
 // holds more than one of them: the stacks of small systems are small.
 [[gnu::noinline]] static kvfs_result insert_renamed_record(const renaming& item) {
   HFSPlusCatalogKey key;
-  make_key(&key, item.new_parent, item.name, item.name_length);
+  make_key(&key, item.thread.parentID, item.thread.nodeName.unicode, item.name_length);
   kvfs_catalog_record_locator* inserted = nullptr;
   const kvfs_result result =
       kvfs_catalog_insert_record(item.catalog, &key, &item.record, item.record_size, nullptr, &inserted);
@@ -139,7 +138,7 @@ static kvfs_result count_in_new_folder(const renaming& item, const kvfs_catalog_
   if (folder.found == 0) {
     KVFS_CRITICAL_AS(kvfs_catalog_rename_record,
                      "Unable to find containing parent with CNID %lu when attempting to increment valence.\n",
-                     to_ul(item.new_parent.get()));
+                     to_ul(item.thread.parentID.get()));
     return kvfs_inconsistent;
   }
   const kvfs_result result = kvfs_catalog_increment_valence(item.catalog, &item.record, folder.locator);
@@ -155,7 +154,7 @@ static kvfs_result enter_new_folder(const renaming& item) {
   }
   kvfs_catalog_search_result folder;
   kvfs_catalog_search_result_init(&folder);
-  kvfs_result result = kvfs_catalog_search_by_cnid(item.catalog, item.new_parent.get(), true, &folder);
+  kvfs_result result = kvfs_catalog_search_by_cnid(item.catalog, item.thread.parentID.get(), true, &folder);
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_catalog_rename_record,
                   "Error while searching for containing folder of newly inserted record by CNID.\n");
@@ -170,14 +169,9 @@ static kvfs_result enter_new_folder(const renaming& item) {
 [[gnu::noinline]] static kvfs_result insert_thread_record(renaming* item, const kvfs_catalog_search_result& place) {
   HFSPlusCatalogKey key;
   make_thread_key(&key, item->cnid);
-  HFSPlusCatalogThread* const thread = &item->record.thread;
-  *thread = {};
+  HFSPlusCatalogThread* const thread = &item->thread;
   thread->recordType.set(item->is_folder ? kHFSPlusFolderThreadRecord : kHFSPlusFileThreadRecord);
-  thread->parentID = item->new_parent;
   thread->nodeName.length.set(static_cast<std::uint16_t>(item->name_length));
-  if (item->name_length != 0) {
-    std::memcpy(thread->nodeName.unicode, item->name, item->name_length * sizeof(kvfs_be16));
-  }
   const std::uint16_t size =
       static_cast<std::uint16_t>(kHFSPlusCatalogThreadNameOffset + item->name_length * sizeof(kvfs_be16));
   kvfs_catalog_record_locator* inserted = nullptr;
@@ -234,11 +228,13 @@ kvfs_result kvfs_catalog_rename_record(kvfs_catalog* catalog, kvfs_catalog_recor
                                        kvfs_be32 new_parent, const kvfs_be16* name, std::size_t name_length) {
   renaming item = {};
   item.catalog = catalog;
-  item.new_parent = new_parent;
-  item.name = name;
+  item.thread.parentID = new_parent;
   kvfs_result result = prepare_rename(&item, locator);
   if (result != kvfs_ok) {
     return result;
+  }
+  if (name_length != 0 && name_length <= kHFSPlusMaxNameLength) {
+    std::memcpy(item.thread.nodeName.unicode, name, name_length * sizeof(kvfs_be16));
   }
   result = kvfs_btree_delete_record(btree_of(catalog), (*locator)->btree_locator, 0);
   if (result != kvfs_ok) {

@@ -689,6 +689,26 @@ TEST(CatalogRename, CaseOnly_KeepsItsPlaceInTheOrder) {
   EXPECT_EQ(thread_of(after, kOne), thread_data(false, kAlpha, u"ONE"));
 }
 
+// X-catalog-11
+TEST(CatalogRename, NameThatLiesInTheItemsOwnKey_IsKept) {
+  for (const Name& name : {Name(u"gamma"), Name(u"one")}) {
+    ChangedCatalog catalog(small_volume());
+    kvfs_catalog_record_locator* parent = catalog.open(kRootFolderId, u"alpha");
+    kvfs_catalog_record_locator* locator = catalog.open(kAlpha, name, parent);
+    const HFSPlusCatalogKey* const key = kvfs_view_as<HFSPlusCatalogKey>(locator->btree_locator->key);
+    LogCapture log;
+    ASSERT_EQ(kvfs_catalog_rename_record(catalog.get(), &locator, kvfs_be32::of(kBeta), key->nodeName.unicode,
+                                         key->nodeName.length.get()),
+              kvfs_ok);
+    EXPECT_LOG(log);
+    kvfs_catalog_record_locator_close(&parent);
+    const Volume after = catalog.flushed();
+    EXPECT_EQ(joined(check_volume(after)), "");
+    EXPECT_EQ(record_of(after, kBeta, name), record_of(small_volume(), kAlpha, name));
+    EXPECT_EQ(thread_of(after, name == u"one" ? kOne : kGamma), thread_data(name != u"one", kBeta, name));
+  }
+}
+
 TEST(CatalogRename, NameOf255Units_IsStoredWhole) {
   const Name name(255, u'n');
   const Volume after = rename_in_alpha(small_volume(), u"gamma", kBeta, name);

@@ -235,6 +235,7 @@ TEST(UnistrToUtf8, ForeignOrderThatNeedsMoreThanWasSized_FailsInsteadOfOverrunni
   EXPECT_LOG(log, text + "1 bytes sized for it.\n", text + "2 bytes sized for it.\n");
 }
 
+// X-unicode-2
 TEST(UnistrToUtf8, ForeignSurrogateWithoutPartner_IsRefusedWithoutALogOrALeak) {
   LogCapture log;
   const Name texts[] = {{0xD83D}, {0xDE00}, {0xD83D, u'a'}, {0xD83D, 0xD83D}, {u'a', 0xD83D, 0, 0xDE00}};
