@@ -243,8 +243,9 @@ inline constexpr std::uint32_t kBTVariableIndexKeysMask = 0x4;  // keys in index
 inline constexpr std::uint16_t kBTHeaderNodeRecords = 3;                          // records in the node
 inline constexpr std::uint32_t kBTHeaderRecordOffset = sizeof(BTNodeDescriptor);  // bytes to the header record
 inline constexpr std::uint32_t kBTHeaderEnd = sizeof(BTNodeDescriptor) + sizeof(BTHeaderRec);  // bytes to the user data
-inline constexpr std::uint32_t kBTHeaderNodeOverhead = 256;                                    // bytes without the map
-static_assert(kBTHeaderEnd + 128 + 4 * sizeof(kvfs_be16) == kBTHeaderNodeOverhead);
+inline constexpr std::uint32_t kBTHeaderMapOffset = kBTHeaderEnd + 128;  // bytes to the map record
+inline constexpr std::uint32_t kBTHeaderNodeOverhead = 256;              // bytes without the map
+static_assert(kBTHeaderMapOffset + 4 * sizeof(kvfs_be16) == kBTHeaderNodeOverhead);
 
 // Bytes from a node's start to its record 0, which lies right behind the descriptor.
 inline constexpr std::uint16_t kBTFirstRecordOffset = sizeof(BTNodeDescriptor);

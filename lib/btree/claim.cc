@@ -42,12 +42,13 @@ static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
     KVFS_ERROR_AS(kvfs_btree_claim_node, "Error while mapping complete header node of B-tree.\n");
     return result;
   }
-  if (tree->nodeSize < kBTHeaderNodeOverhead) {
-    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Node of %hu bytes cannot hold a map record.\n",
-                  tree->nodeSize);
+  walk->node = view_of(tree, 0, walk->header_map);
+  walk->start = offset_at(walk->node, kBTHeaderNodeRecords - 1);
+  if (tree->nodeSize < kBTHeaderNodeOverhead || walk->start < kBTHeaderMapOffset) {
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: No map record at %lu of a node of %hu bytes.\n",
+                  to_ul(walk->start), tree->nodeSize);
     return kvfs_inconsistent;
   }
-  walk->node = view_of(tree, 0, walk->header_map);
   walk->total_nodes = kvfs_view_as<BTHeaderRec>(walk->node.bytes + kBTHeaderRecordOffset)->totalNodes.get();
   walk->next = descriptor_of(walk->node).fLink.get();
   if (walk->next > walk->total_nodes) {  // not >=: Q-btree-18
@@ -56,7 +57,6 @@ static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
                   to_ul(walk->next), to_ul(walk->total_nodes));
     return kvfs_inconsistent;
   }
-  walk->start = offset_at(walk->node, kBTHeaderNodeRecords - 1);
   walk->length = tree->nodeSize - kBTHeaderNodeOverhead;
   return kvfs_ok;
 }

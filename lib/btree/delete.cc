@@ -44,13 +44,17 @@ static std::uint16_t depth_of(const deletion& removal) {
   return kvfs_view_as<BTHeaderRec>(removal.header.bytes())->treeDepth.get();
 }
 
+static kvfs_result report_missing_record(const deletion& removal) {
+  KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid position: Node %lu of %hu records has no record %lu.\n",
+                to_ul(removal.node.view.number), removal.descriptor.numRecords.get(), to_ul(removal.index));
+  return kvfs_inconsistent;
+}
+
 static kvfs_result read_deleted_extent(const deletion& removal, record_extent* extent) {
   const node_view& node = removal.node.view;
   const std::uint32_t count = removal.descriptor.numRecords.get();
   if (!read_offset(node, count, &extent->free_space) || !read_offset(node, removal.index + 1, &extent->end)) {
-    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid node data: Node %lu has no room for %lu records.\n",
-                  to_ul(node.number), to_ul(kvfs_max(count, removal.index)));
-    return kvfs_inconsistent;
+    return report_missing_record(removal);
   }
   extent->begin = offset_at(node, removal.index);
   if (extent->begin > extent->end) {
@@ -68,12 +72,11 @@ static kvfs_result read_deleted_extent(const deletion& removal, record_extent* e
     return kvfs_inconsistent;
   }
   if (removal.index >= count) {
-    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid position: Node %lu of %lu records has no record %lu.\n",
-                  to_ul(node.number), to_ul(count), to_ul(removal.index));
-    return kvfs_inconsistent;
+    return report_missing_record(removal);
   }
+  const bool moves = extent->begin != extent->end && extent->end != extent->free_space;
   const std::uint32_t new_free_space = extent->begin + static_cast<std::uint32_t>(extent->free_space - extent->end);
-  if (extent->begin < kBTFirstRecordOffset || new_free_space > offset_table_start(node, count)) {
+  if (moves && (extent->begin < kBTFirstRecordOffset || new_free_space > offset_table_start(node, count))) {
     KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
                   "Invalid node data: Records of node %lu overlap its descriptor or offset table.\n",
                   to_ul(node.number));

@@ -21,6 +21,7 @@ kvfs_result kvfs::btree::search_index_record(kvfs_btree* tree, const void* key, 
   const bool goes_on = (place->found != 0) == (purpose == index_search::kDeletion);
   if (result == kvfs_ok && goes_on && place->locator != nullptr && place->locator->priv->index_height != height) {
     kvfs_btree_record_locator_release(&place->locator, false);
+    place->locator = nullptr;  // others may hold it
     return kvfs_inconsistent;
   }
   return result;

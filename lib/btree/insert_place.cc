@@ -74,6 +74,9 @@ kvfs_result kvfs::btree::position_insertion(insertion* insert, const kvfs_btree_
   }
   result = take_up_place(insert, place);
   kvfs_btree_record_locator_release(&place.locator, false);
+  if (result == kvfs_ok && insert->descriptor.kind != kBTLeafNode) {  // X-btree-21
+    return report_bad_insert_offset(insert->node.view.number, insert->index);
+  }
   return result;
 }
 
@@ -92,10 +95,7 @@ kvfs_result kvfs::btree::check_insertion(const insertion& insert) {
     return kvfs_inconsistent;
   }
   if (insert.index > insert.count) {
-    KVFS_ERROR_AS(kvfs_btree_insert_record_internal,
-                  "Invalid position: Record %lu does not follow the %lu records of node %lu.\n", to_ul(insert.index),
-                  to_ul(insert.count), to_ul(insert.node.view.number));
-    return kvfs_inconsistent;
+    return report_bad_insert_offset(insert.node.view.number, insert.index);
   }
   const std::uint16_t end = offset_at(insert.node.view, insert.count);
   const std::uint16_t offset = offset_at(insert.node.view, insert.index);

@@ -242,7 +242,7 @@ void kvfs_btree_record_locator_release(kvfs_btree_record_locator** locator, bool
   if (size > kUsualSize) {
     std::free(allocation);
   } else {
-    kvfs_btree_keep_locator(tree, allocation);
+    kvfs_btree_keep_locator(tree, allocation, kUsualSize);
   }
 }
 

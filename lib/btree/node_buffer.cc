@@ -17,8 +17,13 @@
 
 using namespace kvfs::btree;
 
+// Kept memory has room for an address (spare.h), whatever size the tree says that its nodes have.
+static std::size_t memory_size(const kvfs_btree* tree) {
+  return kvfs_max<std::size_t>(tree->nodeSize, sizeof(void*));
+}
+
 bool kvfs::btree::allocate_node(kvfs_btree* tree, node_buffer* buffer) {
-  void* const bytes = take_block(&tree->priv->spare_nodes, kvfs_max<std::size_t>(tree->nodeSize, sizeof(void*)));
+  void* const bytes = take_block(&tree->priv->spare_nodes, memory_size(tree));
   if (bytes == nullptr) {
     return false;
   }
@@ -29,7 +34,7 @@ bool kvfs::btree::allocate_node(kvfs_btree* tree, node_buffer* buffer) {
 
 node_buffer::~node_buffer() {
   if (tree != nullptr) {
-    keep_block(&tree->priv->spare_nodes, view.bytes);
+    keep_block(&tree->priv->spare_nodes, view.bytes, memory_size(tree));
   }
 }
 

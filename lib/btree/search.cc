@@ -397,7 +397,7 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
     return compare_cut_record(walk, record, order);
   }
   const bool odd = odd_node_key || (record.data != 0 && walk->is_odd);
-  if (walk->has_keys || odd) {
+  if (walk->has_keys || odd || record.key_inside) {
     if (!count_key(walk, size, odd)) {
       return report_limit(*walk);
     }
@@ -405,7 +405,13 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
     return kvfs_ok;
   }
   *order = compare_with_search_key(*walk, walk->node.bytes + record.offset);
-  return walk->has_keys && *order == kvfs_key_malformed ? report_contradicting_key(*walk) : kvfs_ok;
+  if (*order == kvfs_key_malformed && walk->has_keys) {
+    return report_contradicting_key(*walk);
+  }
+  if (*order == kvfs_key_malformed) {
+    (void)spend_work(walk->tree, kWorkOfAMessage);  // the next key ends the search when that was too much
+  }
+  return kvfs_ok;
 }
 
 // Looks at the records of the current node, one after the other, until one leads down to a child or to the end of the

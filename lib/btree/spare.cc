@@ -20,20 +20,19 @@
 #endif
 
 #if KVFS_HAS_ADDRESS_SANITIZER
-#include <malloc.h>
 #include <sanitizer/asan_interface.h>
 
-static void forbid_use(void* block) {
-  __asan_poison_memory_region(block, malloc_usable_size(block));
+static void forbid_use(void* memory, std::size_t size) {
+  __asan_poison_memory_region(memory, size);
 }
 
-static void permit_use(void* block) {
-  __asan_unpoison_memory_region(block, malloc_usable_size(block));
+static void permit_use(void* memory, std::size_t size) {
+  __asan_unpoison_memory_region(memory, size);
 }
 #else
-static void forbid_use(void* /*block*/) {}
+static void forbid_use(void* /*memory*/, std::size_t /*size*/) {}
 
-static void permit_use(void* /*block*/) {}
+static void permit_use(void* /*memory*/, std::size_t /*size*/) {}
 #endif
 
 void* kvfs::btree::take_block(void** spare, std::size_t size) {
@@ -41,14 +40,14 @@ void* kvfs::btree::take_block(void** spare, std::size_t size) {
   if (block == nullptr) {
     return std::malloc(size);
   }
-  permit_use(block);
   std::memcpy(spare, block, sizeof(block));
+  permit_use(block, size);
   return block;
 }
 
-void kvfs::btree::keep_block(void** spare, void* block) {
+void kvfs::btree::keep_block(void** spare, void* block, std::size_t size) {
   std::memcpy(block, spare, sizeof(block));
-  forbid_use(block);
+  forbid_use(static_cast<unsigned char*>(block) + sizeof(block), size - sizeof(block));
   *spare = block;
 }
 
@@ -58,6 +57,6 @@ void kvfs::btree::free_blocks(void** spare) {
   }
 }
 
-void kvfs_btree_keep_locator(kvfs_btree* tree, void* memory) {
-  kvfs::btree::keep_block(&tree->priv->spare_locators, memory);
+void kvfs_btree_keep_locator(kvfs_btree* tree, void* memory, std::size_t size) {
+  kvfs::btree::keep_block(&tree->priv->spare_locators, memory, size);
 }

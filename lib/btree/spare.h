@@ -17,15 +17,16 @@ namespace kvfs::btree {
 // anything; the caller owns it, and keeps or frees it. Returns null when memory is short.
 void* take_block(void** spare, std::size_t size);
 
-// Puts a block on the list, which owns it from then on.
-void keep_block(void** spare, void* block);
+// Puts a block of `size` bytes on the list, which owns it from then on.
+void keep_block(void** spare, void* block, std::size_t size);
 
 // Frees all that are on the list.
 void free_blocks(void** spare);
 
 }  // namespace kvfs::btree
 
-// Puts the memory of a locator of usual size on the list of its tree. The caller holds the tree's lock for writing.
-void kvfs_btree_keep_locator(kvfs_btree* tree, void* memory);
+// Puts the memory of a locator, `size` bytes as those of all on the list, on that of its tree. The caller holds the
+// tree's lock for writing.
+void kvfs_btree_keep_locator(kvfs_btree* tree, void* memory, std::size_t size);
 
 #endif  // KVFS_BTREE_SPARE_H

@@ -107,7 +107,7 @@ static kvfs_result encode_utf8(const char* speaker, const std::uint16_t* units, 
     }
     high = 0;
   }
-  return high == 0 ? kvfs_ok : kvfs_invalid;
+  return high == 0 ? kvfs_ok : kvfs_invalid;  // X-unicode-2
 }
 
 kvfs_result kvfs_unicode_unistr_to_utf8(const std::uint16_t* units, std::size_t count, std::int32_t byte_order,

@@ -237,19 +237,38 @@ TEST(BtreeClaim, NodeWithoutRoomForAMapRecord_IsInconsistent) {
   ChangeTree tree(tree_of(16));
   tree.open();
   tree.get()->nodeSize = 254;
+  tree.poke(0, 254 - 6, 2, 248);
   LogCapture log;
   EXPECT_EQ(claim(tree), "result 6");
-  EXPECT_LOG(log, claim_error("Invalid node data: Node of 254 bytes cannot hold a map record."));
+  EXPECT_LOG(log, claim_error("Invalid node data: No map record at 248 of a node of 254 bytes."));
   tree.get()->nodeSize = 512;
   EXPECT_TRUE(tree.is_idle());
+}
+
+// The bit of a claimed node would be set in the header record or in the user data.
+// X-btree-13
+TEST(BtreeClaim, MapRecordInARecordBeforeIt_IsInconsistentAndChangesNothing) {
+  for (const std::uint16_t offset : {std::uint16_t{0}, std::uint16_t{39}, std::uint16_t{247}}) {
+    ChangeTree tree(tree_of(16));
+    tree.open();
+    tree.poke_entry(0, 2, offset);
+    const std::vector<Bytes> before = tree.cached_nodes();
+    LogCapture log;
+    EXPECT_EQ(claim(tree), "result 6");
+    EXPECT_LOG(
+        log, claim_error("Invalid node data: No map record at " + std::to_string(offset) + " of a node of 512 bytes."));
+    EXPECT_EQ(tree.changed_since(before), Lines());
+    EXPECT_TRUE(tree.is_idle());
+  }
 }
 
 TEST(BtreeClaim, NodeWithRoomForAMapRecordOfNoBytes_StillHasTheByteBehindIt) {
   ChangeTree tree(tree_of(16));
   tree.open();
   tree.get()->nodeSize = 256;
+  tree.poke(0, 256 - 6, 2, 248);
   LogCapture log;
-  EXPECT_EQ(claim(tree), "node 1");
+  EXPECT_EQ(claim(tree), "node 5");
   EXPECT_LOG(log);
   tree.get()->nodeSize = 512;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "big_endian.h"
+#include "btree/index.h"
 #include "btree_change_fixture.h"
 
 namespace kvfs_test {
@@ -404,6 +405,18 @@ TEST(BtreeDeleteLocator, RecordWithALongerKeyAtAKeptIndex_CannotBeOpened) {
   release(found.locator);
 }
 
+// X-btree-9
+TEST_F(BtreeDelete, IndexSearchThatEndsElsewhere_GivesNoLocatorThatOthersHold) {
+  kvfs_btree_record_locator* const held = tree_.locate(60);
+  tree_.poke(4, kHeight, 1, 3);
+  kvfs_btree_search_result place = {};
+  EXPECT_EQ(kvfs::btree::search_index_record(tree_.get(), held->key, 2, kvfs::btree::index_search::kDeletion, &place),
+            kvfs_inconsistent);
+  EXPECT_EQ(place.locator, nullptr);
+  EXPECT_EQ(held->priv->reference_count, 1u);
+  release(held);
+}
+
 // X-btree-15
 TEST_F(BtreeDelete, SecondDeletion_IsInternalAndChangesNothing) {
   kvfs_btree_record_locator* const locator = tree_.locate(60);
@@ -480,18 +493,36 @@ TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsInconsistentWhereTheTableWouldBe
     EXPECT_EQ(tree.content(2).offsets,
               (std::vector<std::uint16_t>{14, 32, 50, static_cast<std::uint16_t>(free_space - 18)}));
   }
-  for (const std::uint16_t begin : Numbers16{44, 50}) {  // a size of 6 and of none
+  kvfs_btree_record_locator* const locator = tree_.locate(60);
+  tree_.poke_entry(2, 1, 44);  // a size of 6
+  tree_.poke_entry(2, 4, 512);
+  const std::vector<Bytes> before = tree_.cached_nodes();
+  LogCapture log;
+  EXPECT_EQ(delete_and_release(tree_, locator), kvfs_inconsistent);
+  EXPECT_LOG(log, delete_error("Invalid node data: Records of node 2 overlap its descriptor or offset table."));
+  EXPECT_EQ(tree_.changed_since(before), Lines());
+}
+
+// X-btree-15
+TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsLeftAloneWhereNothingMoves) {
+  kvfs_btree_record_locator* const without_bytes = tree_.locate(60);
+  tree_.poke_entry(2, 1, 50);
+  tree_.poke_entry(2, 4, 512);
+  LogCapture log;
+  EXPECT_EQ(delete_and_release(tree_, without_bytes), kvfs_ok);
+  EXPECT_EQ(tree_.content(2).offsets, (std::vector<std::uint16_t>{14, 50, 68, 512}));
+  for (const std::uint16_t begin : Numbers16{504, 10}) {
     ChangeTree tree(three_leaves());
     tree.open();
-    kvfs_btree_record_locator* const locator = tree.locate(60);
-    tree.poke_entry(2, 1, begin);
-    tree.poke_entry(2, 4, 512);
-    const std::vector<Bytes> before = tree.cached_nodes();
-    LogCapture log;
-    EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid node data: Records of node 2 overlap its descriptor or offset table."));
-    EXPECT_EQ(tree.changed_since(before), Lines());
+    kvfs_btree_record_locator* const last = tree.locate(80);
+    tree.poke_entry(2, 3, begin);
+    tree.poke_entry(2, 4, 510);
+    Bytes expected = tree.cached_node(2);
+    put_be(expected, kNumRecords, 2, 3);
+    EXPECT_EQ(delete_and_release(tree, last), kvfs_ok);
+    EXPECT_EQ(tree.cached_node(2), expected);
   }
+  EXPECT_LOG(log);
 }
 
 // A locator keeps its index while records before it are deleted, and may stand at the node's end then. The offsets
@@ -523,7 +554,7 @@ TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
     tree.poke(2, kNumRecords, 2, count);
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid node data: Node 2 has no room for " + std::to_string(count) + " records."));
+    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of " + std::to_string(count) + " records has no record 1."));
   }
 }
 
@@ -535,7 +566,7 @@ TEST_F(BtreeDelete, LocatorBehindTheOffsetTable_IsInconsistent) {
     locator->priv->index = index;
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid node data: Node 2 has no room for " + std::to_string(index) + " records."));
+    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of 4 records has no record " + std::to_string(index) + "."));
   }
 }
 

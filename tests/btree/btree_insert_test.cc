@@ -321,6 +321,23 @@ TEST_F(BtreeInsert, FormerKeyOutsideOfTheNode_IsInconsistent) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// A search for a place ends behind the last record of a node that is neither leaf nor index node, where nobody would
+// find the new one.
+// X-btree-21
+TEST_F(BtreeInsert, NodeThatIsNoLeaf_IsRefused) {
+  for (const std::int8_t kind : {kBTMapNode, kBTHeaderNode, std::int8_t{5}}) {
+    ChangeTree tree(three_leaves());
+    tree.open();
+    tree.poke(2, offsetof(BTNodeDescriptor, kind), 1, static_cast<std::uint8_t>(kind));
+    const std::vector<Bytes> before = tree.cached_nodes();
+    LogCapture log;
+    EXPECT_EQ(tree.insert(65), kvfs_inconsistent);
+    EXPECT_LOG(log, insert_error("Invalid node data: Record 4 has no place among those of node 2."));
+    EXPECT_EQ(tree.changed_since(before), Lines());
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
 // X-btree-10
 TEST_F(BtreeInsert, HeightThatFillsItsByte_IsTooLarge) {
   kvfs_btree_search_result hint = hint_at(1, 0);
@@ -477,7 +494,7 @@ TEST_F(BtreeInsert, HintBehindTheFreeSpace_IsInconsistent) {
   const std::vector<Bytes> before = tree_.cached_nodes();
   LogCapture log;
   EXPECT_EQ(tree_.insert(number_record(85), &hint), kvfs_inconsistent);
-  EXPECT_LOG(log, insert_error("Invalid position: Record 3 does not follow the 2 records of node 2."));
+  EXPECT_LOG(log, insert_error("Invalid node data: Record 3 has no place among those of node 2."));
   EXPECT_EQ(tree_.changed_since(before), Lines());
   release(hint.locator);
 }

@@ -1161,6 +1161,27 @@ TEST(BtreeSearchManyKeys, OrderThatDoesNotExist_CostsAMessageForEachKey) {
   }
 }
 
+// A node that has no keys is passed over, but what looks like its keys is compared, and the comparison may say of each
+// that there is no such order, or that the key contradicts itself.
+// X-btree-17
+TEST(BtreeSearchManyKeys, MessagesOfANodeOfAnotherKind_AreWorkToo) {
+  const std::uint32_t key_bytes = 10;
+  for (const bool has_order : {false, true}) {
+    TestTree tree({.records = {number_record(10, 4)}, .shape = shape_of(8192), .kind = kHFSCatalogFileID});
+    repeat_first_record(&tree, 100)->set_entry(tree.root(), 100, 14 + 10);
+    tree.set16(tree.root(), 14, key_bytes - 2);
+    tree.set8(tree.root(), kKind, kBTMapNode);
+    tree.set8(0, kHeaderCompareType, has_order ? kHFSBinaryCompare : 0);
+    tree.open(refuse_all_keys);
+    const unsigned char key[] = {0, 6, 0, 0, 0, 10, 0, 0};
+    kvfs_btree_search_result found = {};
+    EXPECT_EQ(kvfs_btree_search_node(tree.get(), key, &found), kvfs_ok);
+    kvfs_btree_search_result_release(&found);
+    const std::uint32_t each = key_bytes + kWorkOfAMessage + (has_order ? kWorkOfAKey : kWorkOfAMessage);
+    EXPECT_EQ(tree.get()->priv->work_left, kWorkReserve + kWorkOfASearch - kWorkOfANode - 100 * each);
+  }
+}
+
 // What a search costs beyond what a sound tree calls for is taken from a reserve, which lasts for the life of the tree.
 // X-btree-17
 TEST(BtreeSearchManyKeys, WorkBeyondThatOfASoundTree_UsesUpAReserve) {

@@ -746,105 +746,131 @@ TEST_F(BtreeSplit, NodeBeforeTheClaimedOneThatCannotBeRead_IsNoFailure) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
-// A tree with a map node. The header node's map record is full, and of the byte behind it, which counts to it, the
-// given bits are clear.
-class BtreeSplitMapNode : public ::testing::Test {
- protected:
-  static constexpr std::uint32_t kFirstOfMapNode = 2048;  // has the first bit in the map node
-
-  BtreeSplitMapNode() : tree_(options()) {
-    tree_.open();
-    tree_.poke_bytes(0, kHeaderMapRecord, Bytes(512 - 256, 0xFF));
-    map_ = tree_.plan().map_nodes.at(0);
-  }
-  static TreeOptions options() {
-    TreeOptions options = leaves_of(24, 72);
-    options.shape.total_nodes = 2100;
-    return options;
-  }
-  // Has node 2049 claimed, whose links name node 2048, which names it.
-  static kvfs_result split_to_node_behind(ChangeTree& tree) {
-    tree.poke_entry(0, 3, 0xBFF8);
-    tree.poke(kFirstOfMapNode + 1, kBackwardLink, 4, kFirstOfMapNode);
-    tree.poke(kFirstOfMapNode, kForwardLink, 4, kFirstOfMapNode + 1);
-    std::uint32_t new_node = 0;
-    const kvfs_result result = kvfs_btree_split_node(tree.get(), 2, 10, &new_node);
-    EXPECT_EQ(new_node, result == kvfs_ok ? kFirstOfMapNode + 1 : 0u);
-    return result;
-  }
-  kvfs_result split_to_node_behind() { return split_to_node_behind(tree_); }
-
-  ChangeTree tree_;
-  std::uint32_t map_ = 0;
-};
-
-// X-btree-12
-TEST_F(BtreeSplitMapNode, NodeBeforeMarkedInAMapNode_CountsAsUsed) {
-  tree_.poke(map_, 14, 1, 0x80);
-  LogCapture log;
-  EXPECT_EQ(split_to_node_behind(), kvfs_inconsistent);
-  EXPECT_LOG(log, contradiction(kFirstOfMapNode + 1));
-  EXPECT_TRUE(tree_.is_idle());
+// Five full leaves, 1 to 5, under the root 6.
+TreeOptions five_full_leaves() {
+  return leaves_of(0, 120);
 }
 
-// X-btree-12
-TEST_F(BtreeSplitMapNode, NodeBeforeNotMarkedInAMapNode_IsNotAsked) {
-  tree_.poke(map_, 14, 1, 0x3F);
-  LogCapture log;
-  EXPECT_EQ(split_to_node_behind(), kvfs_ok);
-  EXPECT_LOG(log);
-  EXPECT_TRUE(tree_.is_idle());
-}
-
-// The byte behind the header's map record calls it free, its own bit does not.
-// X-btree-12
-TEST_F(BtreeSplitMapNode, ClaimedNodeMarkedInAMapNode_IsInUseWhateverItsLinksSay) {
-  tree_.poke_entry(0, 3, 0xBFF8);
-  tree_.poke(map_, 14, 1, 0x40);
-  tree_.poke(kFirstOfMapNode + 1, kBackwardLink, 4, 0);
+// Splits a node where the node bitmap calls a node free that is in use, and expects that to be refused.
+void expect_claim_refused(ChangeTree& tree, std::uint32_t node, std::uint32_t in_use) {
+  tree.mark_node(in_use, false);
+  const std::vector<Bytes> before = tree.cached_nodes();
   LogCapture log;
   std::uint32_t new_node = 0;
-  EXPECT_EQ(kvfs_btree_split_node(tree_.get(), 2, 10, &new_node), kvfs_inconsistent);
-  EXPECT_LOG(log, contradiction(kFirstOfMapNode + 1));
-  EXPECT_TRUE(tree_.is_idle());
+  EXPECT_EQ(kvfs_btree_split_node(tree.get(), node, 1, &new_node), kvfs_inconsistent);
+  EXPECT_LOG(log, contradiction(in_use));
+  EXPECT_EQ(tree.changed_since(before), Lines{"0"});
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// The links say nothing of these nodes: the index does.
+// X-btree-12
+TEST_F(BtreeSplit, ClaimedNodeThatTheIndexLeadsTo_IsInconsistentAndNothingMoves) {
+  ChangeTree leaves(five_full_leaves());
+  leaves.open();
+  leaves.poke(4, kBackwardLink, 4, 0);
+  expect_claim_refused(leaves, 1, 4);
+  ChangeTree emptied(five_full_leaves());  // a leaf stays indexed under the key that it has lost
+  emptied.open();
+  emptied.poke(4, kBackwardLink, 4, 0);
+  emptied.poke(4, kNumRecords, 2, 0);
+  expect_claim_refused(emptied, 1, 4);
+  ChangeTree levels(three_levels());
+  levels.open();
+  levels.poke(6, kBackwardLink, 4, 0);
+  expect_claim_refused(levels, 1, 6);
+}
+
+// The index does not lead to this node, but to the one before it.
+// X-btree-12
+TEST_F(BtreeSplit, ClaimedNodeBehindOneThatTheIndexLeadsTo_IsInconsistentAndNothingMoves) {
+  ChangeTree tree(five_full_leaves());
+  tree.open();
+  tree.poke(4, kBTFirstRecordOffset + 5, 1, 1);  // another key
+  expect_claim_refused(tree, 1, 4);
 }
 
 // X-btree-12
-TEST_F(BtreeSplitMapNode, NodeBeforeWithoutABitInTheBitmap_IsNotAsked) {
-  tree_.poke_entry(map_, 1, 14);  // a map node without bytes, in a ring
-  tree_.poke(map_, kForwardLink, 4, map_);
-  LogCapture log;
-  EXPECT_EQ(split_to_node_behind(), kvfs_ok);
-  EXPECT_LOG(log);
-  EXPECT_TRUE(tree_.is_idle());
-}
-
-// X-btree-12
-TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitOutsideOfAMapNode_IsNotAsked) {
-  tree_.poke_entry(map_, 0, 512);
-  tree_.poke_entry(map_, 1, 520);
-  LogCapture log;
-  EXPECT_EQ(split_to_node_behind(), kvfs_ok);
-  EXPECT_LOG(log);
-  EXPECT_TRUE(tree_.is_idle());
-}
-
-// The bytes that such a record would be read as call the node before used.
-// X-btree-12
-TEST_F(BtreeSplitMapNode, NodeBeforeWithItsBitInARecordThatLeavesTheMapNode_IsNotAsked) {
-  const std::pair<std::uint16_t, std::uint16_t> records[] = {{14, 513}, {14, 520}, {15, 14}};
-  for (const auto& [begin, end] : records) {
-    ChangeTree tree(options());
+TEST_F(BtreeSplit, ClaimedNodeThatIsAMapNode_IsInconsistentAndNothingMoves) {
+  TreeOptions options = five_full_leaves();
+  options.shape.total_nodes = 6100;
+  for (const std::size_t map_node : {std::size_t{0}, std::size_t{1}}) {
+    ChangeTree tree(options);
     tree.open();
-    tree.poke_bytes(0, kHeaderMapRecord, Bytes(512 - 256, 0xFF));
-    tree.poke_bytes(map_, 14, {0x80, 0x80});
-    tree.poke_entry(map_, 0, begin);
-    tree.poke_entry(map_, 1, end);
-    LogCapture log;
-    EXPECT_EQ(split_to_node_behind(tree), kvfs_ok);
-    EXPECT_LOG(log);
-    EXPECT_TRUE(tree.is_idle());
+    const std::uint32_t node = tree.plan().map_nodes.at(map_node);
+    tree.poke(node, kBackwardLink, 4, 0);
+    expect_claim_refused(tree, 1, node);
   }
+}
+
+// X-btree-12
+TEST_F(BtreeSplit, RingOfMapNodes_IsNoFailure) {
+  TreeOptions options = five_full_leaves();
+  options.shape.total_nodes = 6100;
+  ChangeTree tree(options);
+  tree.open();
+  const std::vector<std::uint32_t> map_nodes = tree.plan().map_nodes;
+  tree.poke(map_nodes.at(1), kForwardLink, 4, map_nodes.at(0));
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree.get(), 1, 10, &new_node), kvfs_ok);
+  EXPECT_EQ(new_node, map_nodes.at(1) + 1);
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// What a free node still holds is asked for in an index that is damaged there.
+// X-btree-12
+TEST_F(BtreeSplit, IndexThatCannotBeSearchedForTheClaimedNode_IsNoFailure) {
+  ChangeTree tree(three_levels());
+  tree.open();
+  tree.poke_bytes(8, 0, tree.cached_node(3));
+  tree.poke(6, kNumRecords, 2, 0);
+  LogCapture log;
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree.get(), 1, 1, &new_node), kvfs_ok);
+  EXPECT_EQ(new_node, 8u);
+  EXPECT_EQ(tree_lines(log),
+            Lines{"ERROR kvfs_btree_search_node_internal Invalid node data: Node 6 has no records.\n"});
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// Bytes that no node of the tree ever had are not asked for: whatever they hold is no message.
+// X-btree-12
+TEST_F(BtreeSplit, ClaimedNodeWithoutAKeyOfTheTree_IsTaken) {
+  struct Case {
+    std::int8_t kind;
+    std::uint8_t height;
+    std::uint16_t key_length;
+  };
+  const Case cases[] = {{kBTLeafNode, 0, 4},   {kBTLeafNode, 2, 4},   {kBTLeafNode, 255, 4}, {kBTMapNode, 1, 4},
+                        {kBTHeaderNode, 1, 4}, {kBTLeafNode, 1, 500}, {kBTIndexNode, 0, 0},  {5, 1, 4}};
+  for (const Case& c : cases) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.poke_bytes(5, 0, tree.cached_node(3));
+    tree.poke(5, offsetof(BTNodeDescriptor, kind), 1, static_cast<std::uint8_t>(c.kind));
+    tree.poke(5, offsetof(BTNodeDescriptor, height), 1, c.height);
+    tree.poke(5, kBTFirstRecordOffset, 2, c.key_length);
+    FaultInjector faults;
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_ok);
+    EXPECT_EQ(new_node, 5u);
+    EXPECT_LOG(log);
+  }
+}
+
+// X-btree-12
+TEST_F(BtreeSplit, EachAllocationFailingWhereTheIndexIsAsked_IsOutOfMemory) {
+  fail_each(each_allocation(), [](FailingRun& run) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.poke_bytes(5, 0, tree.cached_node(3));
+    std::uint32_t new_node = 0;
+    const kvfs_result result = run.operate([&] { return kvfs_btree_split_node(tree.get(), 2, 10, &new_node); });
+    EXPECT_EQ(result, run.failed() ? kvfs_no_memory : kvfs_ok);
+    EXPECT_EQ(new_node, run.failed() ? 0u : 5u);
+    EXPECT_EQ(tree.locators(), Lines());
+  });
 }
 
 // X-btree-11
@@ -996,9 +1022,8 @@ Uses node_uses() {
       {Use::Kind::kAllocation,
        {split_error("Error while allocating node-sized (512 bytes) buffer to hold the claimed node data.")}},
       {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
-      {Use::Kind::kRead, {}, true},  // the bit of the node before it
-      {Use::Kind::kRead, {}, true},  // and where that one leads
-      {Use::Kind::kRead, {split_error("Error while mapping raw node data of claimed node.")}},
+      {Use::Kind::kRead, {}, true},  // where the header node leads, which has the map nodes behind it
+      {Use::Kind::kRead, {}, true},  // and the node before the claimed one
       {Use::Kind::kRead, {split_error("Error while reading node descriptor of claimed node's forward linked node.")}},
       {Use::Kind::kWriteNode, {split_error("Error while writing back modified claimed node.")}},
       {Use::Kind::kWriteNode, {split_error("Error while writing back modified split node.")}},

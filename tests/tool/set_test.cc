@@ -699,6 +699,30 @@ TEST(ToolSetFull, NodeInUseBehindAFullMapRecord_IsNotOverwritten) {
   (void)expect_set(image, "Untitled");
 }
 
+// Where the links are damaged too, the index alone knows that the node is in use.
+// X-btree-12
+TEST(ToolSetFull, LeavesThatTheNodeBitmapCallsFree_AreNotOverwritten) {
+  VolumeDescription description;
+  description.block_size = 512;
+  description.catalog.node_size = 512;
+  description.catalog.leaf_fill[0].free_bytes = 0;
+  (void)description.add_files(kRootFolderId, 100);
+  for (const bool is_linked : {true, false}) {
+    Volume before = build_volume(description);
+    const std::uint32_t leaf = before.leaf_nodes(kCatalog).at(5);
+    before.set_node_used(kCatalog, leaf, false);
+    if (!is_linked) {
+      before.set_field("catalog.node[" + std::to_string(leaf) + "].bLink", 0);
+    }
+    const ScratchFile image(before);
+    expect_refused(image, repeated("L", 50),
+                   "ERROR kvfs_btree_split_node Invalid node data: Node " + std::to_string(leaf) +
+                       " is linked or marked wrongly.\nERROR kvfs_btree_insert_record_internal Error while splitting "
+                       "node.\n" +
+                       std::string(kNotInserted));
+  }
+}
+
 TEST(ToolSetFull, LabelTooLargeForANode_FailsAndChangesNothing) {
   VolumeDescription description;
   description.block_size = 512;
