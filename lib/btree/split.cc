@@ -216,15 +216,19 @@ static void move_upper_records(node_split* split, std::uint16_t count, std::uint
   store_descriptor(split->claimed, split->claimed_descriptor);
 }
 
+static kvfs_result report_misplaced_record(const node_split& split) {
+  KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Record %lu has no place among those of node %lu.\n",
+                to_ul(split.index), to_ul(split.split.view.number));
+  return kvfs_inconsistent;
+}
+
 // Divides the records of a node that holds `count` of them; `moved` receives the bytes that moved.
 static kvfs_result divide_records(node_split* split, std::uint16_t count, std::size_t* moved) {
   const node_view& lower = split->split.view;
   const std::uint16_t begin = offset_at(lower, split->index);
   const std::uint16_t end = offset_at(lower, count);
   if (split->index > count || begin < kBTFirstRecordOffset || begin > end || end > lower.size) {
-    KVFS_ERROR_AS(kvfs_btree_split_node, "Invalid node data: Record %lu has no place among those of node %lu.\n",
-                  to_ul(split->index), to_ul(lower.number));
-    return kvfs_inconsistent;
+    return report_misplaced_record(*split);
   }
   *moved = static_cast<std::size_t>(end - begin);
   const std::size_t needed = *moved + kOffsetEntrySize * (std::size_t{count} + 1) + sizeof(BTNodeDescriptor);
@@ -233,6 +237,9 @@ static kvfs_result divide_records(node_split* split, std::uint16_t count, std::s
                      "Unexpected: Oversized split node data (expected maximum: %hu actual: %zu).\n",
                      split->tree->nodeSize, needed);
     return kvfs_internal;
+  }
+  if (end > offset_table_start(lower, count)) {
+    return report_misplaced_record(*split);  // what moves is zeroed here, and the table would be with it
   }
   move_upper_records(split, count, begin, *moved);
   return kvfs_ok;

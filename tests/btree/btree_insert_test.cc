@@ -321,6 +321,22 @@ TEST_F(BtreeInsert, FormerKeyOutsideOfTheNode_IsInconsistent) {
   EXPECT_TRUE(tree_.is_idle());
 }
 
+// Deletions leave a locator where it is, which then is far behind the last record: no insertion moves it any more.
+// Q-btree-21
+TEST_F(BtreeInsert, LocatorBehindThePlaceAtTheEnd_KeepsItsIndex) {
+  kvfs_btree_record_locator* const last = tree_.locate(80);
+  kvfs_btree_record_locator* const place = tree_.locate(70);
+  ASSERT_EQ(tree_.remove(50), kvfs_ok);
+  ASSERT_EQ(tree_.remove(60), kvfs_ok);
+  place->priv->index = 2;
+  ASSERT_EQ(*last->index, 3u);  // of two records
+  EXPECT_EQ(tree_.insert(75), kvfs_ok);
+  EXPECT_EQ(*place->index, 3u);
+  EXPECT_EQ(*last->index, 3u);
+  release(place);
+  release(last);
+}
+
 // A search for a place ends behind the last record of a node that is neither leaf nor index node, where nobody would
 // find the new one.
 // X-btree-21

@@ -1057,6 +1057,25 @@ TEST(BtreeSearchDamage, MoreRecordsThanTheTableCanHold_AreInconsistent) {
   }
 }
 
+// A node that is nothing but an offset table, from its last byte to its first one.
+// X-btree-1
+TEST(BtreeSearchDamage, TableThatFillsTheNode_IsReadToItsEnd) {
+  for (const std::uint16_t count : Numbers16{255, 256}) {
+    TestTree tree({.records = numbered_records(6)});
+    const std::uint32_t root = tree.root();
+    for (std::uint16_t offset = 0; offset < 512; offset = static_cast<std::uint16_t>(offset + 2)) {
+      tree.set16(root, offset, 14);
+    }
+    tree.set8(root, kKind, 5);
+    tree.set16(root, kNumRecords, count);
+    tree.open();
+    LogCapture log;
+    EXPECT_EQ(tree.search(10), count == 255 ? "result 3" : "result 6");
+    EXPECT_LOG(log, count == 255 ? std::string("ERROR kvfs_btree_record_locator_open {*}\n") : bad_record(root, 255));
+    EXPECT_TRUE(tree.is_idle());
+  }
+}
+
 // X-btree-1
 TEST(BtreeSearchDamage, ChildNumberThatLeavesTheNode_IsInconsistent) {
   TestTree tree(small_nodes(4));

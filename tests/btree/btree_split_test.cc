@@ -645,6 +645,27 @@ TEST_F(BtreeSplit, RecordsOutOfOrder_AreInconsistent) {
   }
 }
 
+// What moves is zeroed in the node: its offset table must not be among that. That of 24 records begins at byte 462.
+// X-btree-7
+TEST_F(BtreeSplit, FreeSpaceInTheOffsetTable_IsInconsistentAndNothingMoves) {
+  for (const std::uint16_t free_space : Numbers16{463, 512}) {
+    ChangeTree tree(full_leaves());
+    tree.open();
+    tree.poke_entry(2, 24, free_space);
+    const Bytes before = tree.cached_node(2);
+    LogCapture log;
+    std::uint32_t new_node = 0;
+    EXPECT_EQ(kvfs_btree_split_node(tree.get(), 2, 10, &new_node), kvfs_inconsistent);
+    EXPECT_LOG(log, split_error("Invalid node data: Record 10 has no place among those of node 2."));
+    EXPECT_EQ(tree.cached_node(2), before);
+  }
+  tree_.poke_entry(2, 24, 462);
+  LogCapture log;
+  EXPECT_EQ(split(2, 10), kvfs_ok);
+  EXPECT_EQ(tree_.content(new_node_).offsets.back(), 462 - (14 + 10 * 18) + 14);
+  EXPECT_LOG(log);
+}
+
 TEST_F(BtreeSplit, SplitIndexBehindTheLastRecord_IsInconsistent) {
   LogCapture log;
   EXPECT_EQ(split(2, 25), kvfs_inconsistent);
