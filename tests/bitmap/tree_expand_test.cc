@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -20,10 +21,15 @@
 // A fork whose next range to be unmapped is, with a failure.
 namespace {
 const kvfs_fork* g_refuses_unmapping_of = nullptr;
+unsigned g_unmaps = 0;
+unsigned g_fails_from = UINT_MAX;  // the call from which on each fails, every time with another result
 }  // namespace
 KVFS_REPLACED_ROUTINE(kvfs_fork_unmap, real_unmap, wrapped_unmap);
 kvfs_result wrapped_unmap(kvfs_fork* fork, std::uint64_t offset, void** pointer, std::size_t length) {
   const kvfs_result result = real_unmap(fork, offset, pointer, length);
+  if (++g_unmaps >= g_fails_from) {
+    return g_unmaps == g_fails_from ? kvfs_failed : kvfs_io_error;
+  }
   if (fork != g_refuses_unmapping_of) {
     return result;
   }
@@ -408,18 +414,22 @@ TEST(ExpandTree, WithAMapNodeBehindTheFork_CannotMapIt) {
 
 // A tree whose nodes have no size gains none, and no map node for them either.
 TEST(ExpandTree, WithoutANodeSize_IsUndone) {
-  OpenVolume volume(build_volume(small_description()));
-  const std::string fork = fork_text(volume);
-  const std::string tree = tree_text(volume);
-  const std::uint16_t node_size = std::exchange(volume.catalog_tree()->nodeSize, std::uint16_t{0});
-  LogCapture log;
-  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_internal);
-  EXPECT_LOG(log, "CRITICAL kvfs_fork_map Internal inconsistency: Last cache item number out of bounds!\n",
-             "ERROR kvfs_btree_claim_node Error while mapping complete header node of B-tree.\n",
-             "ERROR kvfs_btree_expand Error while allocating new map node.\n");
-  volume.catalog_tree()->nodeSize = node_size;
-  EXPECT_EQ(fork_text(volume), fork);
-  EXPECT_EQ(tree_text(volume), tree);
+  for (const std::uint32_t nodes : {8U, 16U}) {
+    VolumeDescription description = small_description();
+    description.catalog.total_nodes = nodes;
+    OpenVolume volume(build_volume(description));
+    const std::string fork = fork_text(volume);
+    const std::string tree = tree_text(volume);
+    const std::uint16_t node_size = std::exchange(volume.catalog_tree()->nodeSize, std::uint16_t{0});
+    LogCapture log;
+    EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_internal);
+    EXPECT_LOG(log, "CRITICAL kvfs_fork_map Internal inconsistency: Last cache item number out of bounds!\n",
+               "ERROR kvfs_btree_claim_node Error while mapping complete header node of B-tree.\n",
+               "ERROR kvfs_btree_expand Error while allocating new map node.\n");
+    volume.catalog_tree()->nodeSize = node_size;
+    EXPECT_EQ(fork_text(volume), fork);
+    EXPECT_EQ(tree_text(volume), tree);
+  }
 }
 
 // The descriptor of the header node is given back before that of its map node is mapped.
@@ -434,6 +444,23 @@ TEST(ExpandTree, WithADescriptorThatIsNotUnmapped_IsUndone) {
   EXPECT_EQ(g_refuses_unmapping_of, nullptr);
   EXPECT_EQ(fork_text(volume), fork);
   EXPECT_EQ(tree_text(volume), tree);
+}
+
+// What is mapped is given back in the end: the new map node, the header and the last map node.
+TEST(ExpandTree, WithNothingThatIsUnmappedInTheEnd_KeepsTheFirstFailure) {
+  const Volume image = build_volume(full_map_description(3000));
+  OpenVolume other(image);
+  OpenVolume volume(image);
+  g_unmaps = 0;
+  ASSERT_EQ(kvfs_btree_expand(other.catalog_tree(), other.get()), kvfs_ok);
+  g_fails_from = g_unmaps - 2;
+  g_unmaps = 0;
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_failed);
+  g_fails_from = UINT_MAX;
+  EXPECT_LOG(log, "ERROR kvfs_btree_expand Error while unmapping node descriptor of claimed node.\n",
+             "ERROR kvfs_btree_expand Error while unmapping B-tree header record.\n",
+             "ERROR kvfs_btree_expand Error while unmapping last map node's descriptor.\n");
 }
 
 // ---- Failing calls and undoing -------------------------------------------------------------------------------------
@@ -648,6 +675,15 @@ TEST(ExpandTree, WhenTheLastMapNodeIsNotRestoredAtOnce_TriesAgain) {
   }
   ASSERT_FALSE(retried.empty());
   EXPECT_EQ(retried.back(), "1: " + kNewFailed + " " + kUndoLast);
+}
+
+TEST(ExpandTree, WhenItsHeaderIsNotRestored_HasFailedAllTheSame) {
+  FaultScenario scenario = {build_volume(full_map_description()), {}, {}, {}};
+  scenario.operation = [](OpenVolume& volume) { return kvfs_btree_expand(volume.catalog_tree(), volume.get()); };
+  const std::vector<FailedRun> failures = fail_each(each_in_a_row(Call::kRwlockWrlock, 2), scenario);
+  EXPECT_TRUE(std::any_of(failures.begin(), failures.end(), [](const FailedRun& failure) {
+    return collapsed(failure) == "1: " + kChainFailed + " " + kUndoHeader;
+  }));
 }
 
 // X-btree-14

@@ -47,16 +47,25 @@ TEST(CatalogCreate, CatalogInMoreThanEightExtents_AsksTheOverflowFile) {
   EXPECT_LOG(log);
 }
 
+// Its own extents might not be all.
+TEST(CatalogCreate, WithoutTheOverflowFile_IsRefused) {
+  CatalogGround ground(small_volume());
+  LogCapture log;
+  kvfs_catalog* catalog = nullptr;
+  EXPECT_NE(kvfs_catalog_create(ground.get(), nullptr, ground.header(), &catalog), kvfs_ok);
+  EXPECT_EQ(catalog, nullptr);
+  EXPECT_TRUE(log.has("ERROR", "kvfs_fork_private_create", "NULL extents overflow file."));
+}
+
 // Opens and closes the catalog of a volume. The output must stay untouched on failure.
 kvfs_result open_and_close(CatalogGround& ground) {
   kvfs_catalog* const untouched = reinterpret_cast<kvfs_catalog*>(&ground);
   kvfs_catalog* catalog = untouched;
   const kvfs_result result = kvfs_catalog_create(ground.get(), ground.extents(), ground.header(), &catalog);
-  if (result == kvfs_ok) {
+  EXPECT_EQ(result == kvfs_ok, catalog != untouched);
+  if (catalog != untouched) {
     kvfs_catalog_destroy(&catalog);
     EXPECT_EQ(catalog, nullptr);
-  } else {
-    EXPECT_EQ(catalog, untouched);
   }
   return result;
 }
@@ -889,6 +898,16 @@ TEST(CatalogWidecharToUtf8, TextLongerThanAName_IsConvertedWhole) {
     EXPECT_EQ(count, length + 4 + 1801);
     EXPECT_EQ(to_text(name, count + 1, &count), to_utf8(Name(name, 0, name.size() - 1)) + "/");
   }
+}
+
+TEST(CatalogWidecharToUtf8, NothingButPairs_AreConvertedWhole) {
+  Name name;
+  for (int i = 0; i < 300; ++i) {
+    name += u"\U0001F600";
+  }
+  std::size_t count = 0;
+  EXPECT_EQ(to_text(name, 4000, &count), to_utf8(name));
+  EXPECT_EQ(to_text(u"a" + name, 4000, &count), to_utf8(u"a" + name));
 }
 
 TEST(CatalogWidecharToUtf8, Nul_EndsTheTextWhateverFollows) {

@@ -670,6 +670,18 @@ TEST(ExtentsInsert, NewKey_IsFoundAfterwardsAndNoLocatorStaysOpen) {
   EXPECT_LOG(log);
 }
 
+TEST(ExtentsInsert, NewKey_IsStoredByteByByte) {
+  ExtentsMedium medium(volume_with(many_records(3)));
+  const HFSPlusExtentRecord record = record_of(1000);
+  ASSERT_EQ(kvfs_extents_insert(medium.get(), kResource, 20, 1000, &record), kvfs_ok);
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  ASSERT_EQ(kvfs_extents_search(medium.get(), kResource, 20, 1000, &found), kvfs_ok);
+  EXPECT_EQ(Bytes(found.locator->key, found.locator->key + found.locator->key_length),
+            extents_key(kResource, 20, 1000));
+  kvfs_btree_search_result_release(&found);
+}
+
 // It speaks of searching, as the search does.
 // Q-extents-2
 TEST(ExtentsInsert, KeyThatExists_IsRefusedInTheWordsOfTheSearch) {

@@ -17,6 +17,7 @@ using kvfs_test::BrokenCall;
 BrokenCall g_composing;        // overflows
 BrokenCall g_conversion;       // to UTF-8: fails
 BrokenCall g_reading_name;     // fails
+BrokenCall g_removal;          // is not expected: fails
 BrokenCall g_search;           // by ID: finds nothing
 BrokenCall g_next_record;      // is the end of the catalog
 BrokenCall g_overflow_search;  // g_damage is done to what it has found
@@ -26,6 +27,7 @@ void (*g_damage)(kvfs_btree_search_result* found) = nullptr;
 KVFS_REPLACED_ROUTINE(kvfs_unicode_compose, real_compose, wrap_compose);
 KVFS_REPLACED_ROUTINE(kvfs_unicode_unistr_to_utf8, real_to_utf8, wrap_to_utf8);
 KVFS_REPLACED_ROUTINE(kvfs_session_read_name, real_read_name, wrap_read_name);
+KVFS_REPLACED_ROUTINE(kvfs_session_expect_removal, real_expect_removal, wrap_expect_removal);
 KVFS_REPLACED_ROUTINE(kvfs_catalog_search_by_cnid, real_search, wrap_search);
 KVFS_REPLACED_ROUTINE(kvfs_catalog_get_next_record, real_next_record, wrap_next_record);
 KVFS_REPLACED_ROUTINE(kvfs_extents_search, real_overflow_search, wrap_overflow_search);
@@ -42,6 +44,10 @@ kvfs_result wrap_to_utf8(const std::uint16_t* units, std::size_t count, std::int
 
 kvfs_result wrap_read_name(const char* text, std::size_t size, kvfs_session_name* name) {
   return g_reading_name.is_due() ? kvfs_invalid : real_read_name(text, size, name);
+}
+
+kvfs_result wrap_expect_removal(kvfs_session* session, const kvfs_session_found& item) {
+  return g_removal.is_due() ? kvfs_failed : real_expect_removal(session, item);
 }
 
 kvfs_result wrap_search(kvfs_catalog* catalog, std::uint32_t cnid, bool follow, kvfs_catalog_search_result* result) {
@@ -190,6 +196,19 @@ TEST(SessionBrokenCallee, CatalogThatEndsBeforeTheItemGivenLast_EndsTheListing) 
   EXPECT_TRUE(g_next_record.is_over());
   EXPECT_LOG(log);
   EXPECT_EQ(kvfs_listing_close(&listing), KVFS_OK);
+}
+
+// ---- Renaming ------------------------------------------------------------------------------------------------------
+
+TEST(SessionBrokenCallee, RemovalThatCannotBePrepared_IsNotMade) {
+  VolumeDescription description;
+  (void)description.add_folder(kRootFolderId, u"d");
+  (void)description.add_files(kRootFolderId, 5);
+  const TestSession session(build_volume(description));
+  g_removal.choose(1);
+  EXPECT_EQ(session.rename("d", "/", "renamed"), KVFS_FAILED);
+  EXPECT_EQ(session.find("d"), KVFS_OK);
+  EXPECT_EQ(session.flush(), KVFS_SPOILED);
 }
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------

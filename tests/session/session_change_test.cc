@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "btree/private.h"
 #include "log_capture.h"
 #include "session/private.h"
 #include "session_fixture.h"
@@ -135,14 +136,16 @@ TEST(SessionRename, LongestNameOfAnyUnits_IsStored) {
   const std::uint32_t file = description.add_file(kRootFolderId, u"f");
   (void)description.add_files(kRootFolderId, 3);
   const TestSession session(build_volume(description));
-  std::string name;
-  for (int i = 0; i < 255; ++i) {
-    name += "%uD800";
+  for (const char* const unit : {"%uD800", "\u20AC"}) {
+    std::string name;
+    for (int i = 0; i < 255; ++i) {
+      name += unit;
+    }
+    EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, name.c_str()), KVFS_OK);
+    EXPECT_EQ(session.item(name).id, file);
+    EXPECT_EQ(session.item(name).name, name);
+    EXPECT_EQ(session.flushed_findings(), "");
   }
-  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, name.c_str()), KVFS_OK);
-  EXPECT_EQ(session.item(name).id, file);
-  EXPECT_EQ(session.item(name).name, name);
-  EXPECT_EQ(session.flushed_findings(), "");
 }
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
@@ -250,7 +253,8 @@ TEST_F(SessionChanges, NameOfAPrivateFolder_IsGivenToNoItem) {
   EXPECT_EQ(kvfs_session_make_link(session().get(), KVFS_ROOT_ID, name, "t", nullptr), KVFS_INVALID);
   EXPECT_EQ(session().rename("empty", "docs", name), KVFS_OK);
   EXPECT_EQ(session().remove(std::string("docs/") + name), KVFS_OK);
-  for (const char* other : {".HFS+ Private", ".HFS+ Private Directory Data", ".HFS+ Private Directory Data\r\r"}) {
+  for (const char* other : {".HFS+ Private", ".HFS+ Private Directory Data", ".HFS+ Private Directory Data\r\r",
+                            "-HFS+ Private Directory Data\r"}) {
     EXPECT_EQ(session().rename("docs", "/", other), KVFS_OK) << other;
     EXPECT_EQ(session().rename(other, "/", "docs"), KVFS_OK) << other;
   }
@@ -438,6 +442,47 @@ TEST(SessionIndex, EachFailingCallWhileItIsLookedAt_IsPassedOn) {
     });
   }
   EXPECT_GE(failed, 8U);
+}
+
+// The locator that a lock did not give back is closed, too.
+TEST(SessionIndex, LockThatIsNotReleasedWhileItIsLookedAt_LeavesNoLocatorOpen) {
+  VolumeDescription description;
+  (void)description.add_folders(kRootFolderId, 30);
+  description.catalog.max_leaf_records = 3;
+  description.catalog.max_index_records = 4;
+  const TestSession session(build_volume(description));
+  kvfs_session_found root;
+  ASSERT_EQ(kvfs_catalog_search_by_cnid(session.get()->volume->catalog, kRootFolderId, true, root.out()), kvfs_ok);
+  kvfs_btree* const tree = *session.get()->volume->catalog->btree;
+  const kvfs_btree_record_locator* const only = tree->priv->open_locators;
+  const unsigned long failures = fail_each(each(Call::kRwlockUnlock), [&](FailingRun& run) {
+    (void)run.operate([&] { return kvfs_session_check_index(tree, root.record(), nullptr); });
+    EXPECT_EQ(tree->priv->open_locators, only) << run.n();
+  });
+  EXPECT_GE(failures, 4U);
+}
+
+TEST(SessionIndex, BehindAnOperationThatHasUsedUpItsWork_IsLookedAtAllTheSame) {
+  VolumeDescription description;
+  (void)description.add_folders(kRootFolderId, 30);
+  description.catalog.max_leaf_records = 3;
+  description.catalog.max_index_records = 4;
+  const TestSession session(build_volume(description));
+  kvfs_session_found root;
+  ASSERT_EQ(kvfs_catalog_search_by_cnid(session.get()->volume->catalog, kRootFolderId, true, root.out()), kvfs_ok);
+  kvfs_btree* const tree = *session.get()->volume->catalog->btree;
+  tree->priv->work_left = 0;
+  EXPECT_EQ(kvfs_session_check_index(tree, root.record(), nullptr), kvfs_ok);
+}
+
+// The second leaf of three records holds the thread of "d", "f" in it, and the thread of that.
+TEST(SessionIndex, ItemAndThreadThatLeaveOneRecordInTheirLeaf_AreDeleted) {
+  VolumeDescription description;
+  (void)description.add_file(description.add_folder(kRootFolderId, u"d"), u"f");
+  description.catalog.max_leaf_records = 3;
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.remove("d/f"), KVFS_OK);
+  EXPECT_EQ(session.flushed_findings(), "");
 }
 
 // Leaves of two records under index nodes of two. The third leaf holds "c" and "d", the fourth the threads of "c" and

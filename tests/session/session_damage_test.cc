@@ -104,6 +104,21 @@ TEST_P(SessionDamagedRecord, IsInconsistentBehindTheItemsBeforeIt) {
 INSTANTIATE_TEST_SUITE_P(Damages, SessionDamagedRecord, ::testing::ValuesIn(record_damages()),
                          [](const auto& suite) { return std::string(suite.param.name); });
 
+// The thread of the file comes behind the folder's items.
+TEST(SessionDamage, KeyOfAnotherParentWithoutItsName_EndsTheListing) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t file = description.add_file(folder, u"a");
+  Volume image = build_volume(description);
+  image.set_field(image.find_record(Tree::kCatalog, catalog_key(file, u""))->path() + ".key.keyLength", 4);
+  const TestSession session(image);
+  std::vector<std::string> names;
+  LogCapture log;
+  EXPECT_EQ(list(session, folder, names), KVFS_END);
+  EXPECT_THAT(names, ElementsAre("a"));
+  EXPECT_LOG(log);
+}
+
 TEST(SessionDamage, ItemOfAThreadThatIsNoItem_IsInconsistent) {
   VolumeDescription description;
   const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
@@ -559,6 +574,19 @@ TEST(SessionDamage, BlocksBesideThoseOfTheVolume_AreFreed) {
   EXPECT_EQ(session.flushed_findings(), "");
 }
 
+// The first one lies behind all blocks of the volume, and the second one between those of the attributes file.
+TEST(SessionDamage, BlocksInAnyOrder_AreFreed) {
+  VolumeDescription description = description_of_fragments();
+  description.item(kClaimant).data = {512 * 2, {}, 2, 1, 0};
+  Volume image = build_volume(description);
+  const std::vector<Extent> extents = image.fork(SpecialFile::kAttributes).extents();
+  const std::uint32_t between = extents[1].start_block - 1;
+  image.set_field(field_of(image, kClaimant, ".dataFork.extents[1].startBlock"), between);
+  image.set_block_used(between, true);
+  const TestSession session(with_claim(image, 1000));
+  EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK);
+}
+
 // X-session-1
 TEST(SessionDamage, ExtentThatHoldsThoseOfASpecialFile_IsNotFreed) {
   Volume image = build_volume(description_of_fragments());
@@ -610,6 +638,20 @@ TEST(SessionDamage, BlockOfTheAlternateHeader_IsNotFreed) {
       EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK) << block_size << ' ' << trailing;
     }
   }
+}
+
+// The device is a block longer than the volume, and the header in the second one of the two sectors that are looked at.
+TEST(SessionDamage, BlockBeforeThatOfTheAlternateHeader_IsFreed) {
+  VolumeDescription description;
+  description.block_size = 512;
+  (void)description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  const std::uint32_t end = static_cast<std::uint32_t>(image.get_field("totalBlocks")) - 1;
+  image.set_field("totalBlocks", end);
+  expect_not_freed(with_claim(image, end - 1), of_the_volume(end - 1));
+  const TestSession session(with_claim(image, end - 2));
+  EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK);
 }
 
 // What is found in the last sectors may be a file's own data.

@@ -279,6 +279,73 @@ TEST(SessionMemory, OfADeletionThatIsDiscarded_IsGivenBack) {
   EXPECT_EQ(faults.outstanding_allocations(), 0U);
 }
 
+TEST(SessionMemory, OfADeletionThatIsNeitherFlushedNorDiscarded_IsGivenBack) {
+  const MemoryFile file(faults_volume());
+  const FaultInjector faults;
+  kvfs_session* session = nullptr;
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE, &session), KVFS_OK);
+  EXPECT_EQ(kvfs_session_delete(session, kFile), KVFS_OK);
+  EXPECT_EQ(kvfs_session_close(&session), KVFS_OK);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
+TEST(SessionMemory, OfLinks_IsGivenBack) {
+  const TestSession session(faults_volume());
+  char target[KVFS_TARGET_SIZE];
+  const FaultInjector faults;
+  std::size_t kept[2] = {};
+  for (std::size_t& use : kept) {
+    EXPECT_EQ(kvfs_session_read_link(session.get(), kFile + 2, target, sizeof(target), nullptr), KVFS_OK);
+    EXPECT_EQ(read_file(session.get(), kFile + 5, KVFS_DATA_FORK), KVFS_OK);
+    use = faults.outstanding_allocations();
+  }
+  EXPECT_EQ(kept[0], kept[1]);
+}
+
+TEST(SessionMemory, OfAStreamThatIsOpenedAnew_IsGivenBack) {
+  const TestSession session(faults_volume());
+  kvfs_stream* stream = nullptr;
+  ASSERT_EQ(kvfs_stream_open(session.get(), kFile, KVFS_DATA_FORK, &stream), KVFS_OK);
+  std::uint64_t size = 0;
+  const FaultInjector faults;
+  std::size_t kept[2] = {};
+  for (std::size_t& change : kept) {
+    EXPECT_EQ(kvfs_session_set_label(session.get(), "Another"), KVFS_OK);
+    EXPECT_EQ(kvfs_stream_size(stream, &size), KVFS_OK);
+    change = faults.outstanding_allocations();
+  }
+  EXPECT_EQ(kept[0], kept[1]);
+  EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+}
+
+TEST(SessionMemory, OfAForkWithoutItsLastExtents_IsGivenBack) {
+  Volume image = faults_volume();
+  const std::string total = image.find_by_cnid(kFile)->path() + ".resourceFork.totalBlocks";
+  image.set_field(total, image.get_field(total) + 1);
+  const TestSession session(image);
+  LogCapture silence;
+  kvfs_stream* stream = nullptr;
+  EXPECT_EQ(kvfs_stream_open(session.get(), kFile, KVFS_RESOURCE_FORK, &stream), KVFS_INCONSISTENT);  // fills caches
+  const FaultInjector faults;
+  EXPECT_EQ(kvfs_stream_open(session.get(), kFile, KVFS_RESOURCE_FORK, &stream), KVFS_INCONSISTENT);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
+// A name with a NUL is looked for among all items of the folder.
+TEST(SessionMemory, OfASearchThatMeetsADamagedRecord_IsGivenBack) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t damaged = description.add_file(folder, u"a");
+  Volume image = build_volume(description);
+  image.set_field(image.find_by_cnid(damaged)->path() + ".recordType", 9);
+  const TestSession session(image);
+  LogCapture silence;
+  (void)session.find("d/%u0000b");  // what it leaves in the caches serves the second one
+  const FaultInjector faults;
+  EXPECT_EQ(session.find("d/%u0000b"), KVFS_INCONSISTENT);
+  EXPECT_EQ(faults.outstanding_allocations(), 0U);
+}
+
 // Where names are compared unit by unit, a listing goes on by walking from the first item.
 TEST(SessionListingFaults, FailureWhileGoingOn_IsMadeUpForByTheNextCall) {
   constexpr std::size_t kItems = 40;
@@ -333,6 +400,47 @@ TEST(SessionForkFaults, LongExtentWithoutMemory_IsNotOpened) {
     messages += without_line_numbers(run.log().raw());
   });
   EXPECT_THAT(messages, HasSubstr("ERROR kvfs_session_open_fork Error while allocating 24 bytes for extents.\n"));
+}
+
+TEST(SessionForkFaults, OverflowExtentsWithoutMemory_AreNotOpened) {
+  const Volume image = faults_volume();
+  std::string messages;
+  fail_each(each_allocation(), [&](FailingRun& run) {
+    const TestSession session(image);  // another time less memory is asked for
+    kvfs_stream* stream = nullptr;
+    const std::uint64_t result =
+        run.operate([&] { return kvfs_stream_open(session.get(), kFile, KVFS_RESOURCE_FORK, &stream); });
+    EXPECT_EQ(result, run.failed() ? KVFS_NO_MEMORY : KVFS_OK);
+    EXPECT_EQ(kvfs_stream_close(&stream), KVFS_OK);
+    messages += without_line_numbers(run.log().raw());
+  });
+  EXPECT_THAT(messages, HasSubstr("Error while allocating 96 bytes for extents.\n"));
+}
+
+TEST(SessionFactsFaults, LockThatIsRefused_GivesNoFacts) {
+  const TestSession session(faults_volume());
+  const unsigned long failures = fail_each(each(Call::kRwlockRdlock), [&](FailingRun& run) {
+    kvfs_volume_facts facts = {};
+    facts.struct_size = sizeof(facts);
+    LogCapture silence;
+    const std::uint64_t result = run.operate([&] { return kvfs_session_facts(session.get(), &facts); });
+    EXPECT_EQ(result, run.failed() ? KVFS_FAILED : KVFS_OK);
+    EXPECT_EQ(facts.block_size, run.failed() ? 0U : 512U);
+  });
+  EXPECT_GT(failures, 0U);
+}
+
+TEST(SessionLinkFaults, ReadThatFails_MakesNoLink) {
+  const Volume image = faults_volume();
+  const unsigned long failures = fail_each(each(Call::kPread64), [&](FailingRun& run) {
+    LogCapture silence;
+    const TestSession session(image);
+    const std::uint64_t result =
+        run.operate([&] { return kvfs_session_make_link(session.get(), kFolder, "link", "target", nullptr); });
+    EXPECT_EQ(result, run.failed() ? KVFS_IO_ERROR : KVFS_OK);
+    EXPECT_EQ(session.find("d/link"), run.failed() ? KVFS_NOT_FOUND : KVFS_OK);
+  });
+  EXPECT_GT(failures, 0U);
 }
 
 // Lets each read of a deletion fail, which is to leave the volume as it was. Returns how many there were.

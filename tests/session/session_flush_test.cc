@@ -169,6 +169,27 @@ TEST(SessionFlush, FailureWhileBlocksAreFreed_LeavesNoneUncounted) {
   }
 }
 
+// The allocation file has several blocks, and changes in one of them.
+TEST(SessionFlush, BlocksThatWereCounted_AreNotWritten) {
+  VolumeDescription description = described();
+  description.spare_blocks = 20000;
+  const Volume image = build_volume(description);
+  std::size_t writes[2] = {};
+  for (const bool counted : {false, true}) {
+    const TestSession session(image);
+    std::uint32_t free_blocks = 0;
+    if (counted) {
+      EXPECT_EQ(kvfs_session_count_free_blocks(session.get(), &free_blocks), KVFS_OK);
+      EXPECT_GT(free_blocks, 20000U - 512);
+    }
+    change(session);
+    const FaultInjector faults;
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    writes[counted ? 1 : 0] = faults.writes().size();
+  }
+  EXPECT_EQ(writes[0], writes[1]);
+}
+
 TEST(SessionFlush, DeviceThatFailsToSynchronize_IsAnIOErrorAndAskedAgain) {
   const Volume image = build_volume(described());
   const unsigned long failures = fail_each(each(Call::kFsync), [&](FailingRun& run) {

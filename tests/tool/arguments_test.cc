@@ -225,7 +225,12 @@ TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
   EXPECT_EQ(refusals("/nosuch\\", "/nosuch\\134"), kRefusedByBoth);
   EXPECT_EQ(refusals("/no", "/no\\000x"), kRefusedByNone);
   EXPECT_EQ(refusals("/no", "/no\\000"), kRefusedByNone);
-  EXPECT_EQ(refusals("/no\\04such", "/no\\04such").first, kRefusing);
+  EXPECT_EQ(refusals("/no\\04such", "/no\\04such"), kRefusedByBoth);
+}
+
+// X-tool-1
+TEST(ToolMountTable, PathsWithTheSameControlCharacter_AreComparedToTheirEnds) {
+  EXPECT_EQ(refusals("/no\001such", "escaped\\134 / x rw 0 0\n/no\001other"), kRefusedByNone);
 }
 
 // The first field may be longer than any buffer, and the last line may lack its end.

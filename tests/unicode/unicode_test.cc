@@ -334,19 +334,19 @@ Utf16 to_utf16(std::string_view text) {
 
 // Converts into a buffer of the capacity; the text holds the whole buffer, which is filled with U+2592 before.
 Utf16 to_utf16_buffer(std::string_view text, std::size_t capacity) {
-  std::vector<std::uint16_t> buffer(capacity, 0x2592);
-  std::uint16_t none = 0;
-  std::uint16_t* const start = capacity == 0 ? &none : buffer.data();
+  std::vector<std::uint16_t> buffer(capacity + 1, 0x2592);  // the last one is beyond the capacity and must stay
+  std::uint16_t* const start = buffer.data();
   std::uint16_t* outs = start;
   std::size_t length = capacity;
   const kvfs_result result = kvfs_unicode_utf8_to_unistr(text.data(), text.size(), &outs, &length);
   EXPECT_EQ(outs, start);
+  EXPECT_EQ(buffer.back(), 0x2592);
   if (result != kvfs_ok) {
     EXPECT_EQ(length, capacity);
     return {result, u""};
   }
   EXPECT_LE(length, capacity);
-  return {result, Name(buffer.begin(), buffer.end())};
+  return {result, Name(buffer.begin(), buffer.end() - 1)};
 }
 
 bool is_continuation(unsigned byte) {
@@ -784,6 +784,14 @@ TEST(Compose, Name_GivesTheUnitsAndATerminatorWhereThereIsRoom) {
   EXPECT_EQ(compose(u"A\u0302\u0300", 1), (Filled{0, 1, u"\u1EA6"}));
   EXPECT_EQ(compose(u"xe\u0301y", 3), (Filled{0, 3, u"x\u00E9y"}));
   EXPECT_EQ(compose(u"", 1), (Filled{0, 0, Name(1, u'\0')}));
+}
+
+TEST(Compose, UnitsBehindTheName_AreNotJoinedToIt) {
+  const std::vector<kvfs_be16> src = stored_units(u"xe\u0301");
+  std::uint16_t dst[3] = {};
+  std::size_t count = 0;
+  EXPECT_EQ(kvfs_unicode_compose(src.data(), 2, dst, 3, &count), 0);
+  EXPECT_EQ(Name(dst, dst + count), u"xe");
 }
 
 TEST(Compose, Hangul_JoinsJamoAndSyllables) {

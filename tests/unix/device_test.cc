@@ -294,7 +294,19 @@ TEST_F(Device, ReadBeyondSignedOffsets_IsRefusedBeforeAnyTransfer) {
              "addressable by system APIs (sector 18014398509481984 => offset 9223372036854775808).\n");
 }
 
-TEST_F(Device, ReadAtTheLastSignedOffset_IsAttempted) {
+TEST_F(Device, LastSignedOffset_IsAttempted) {
+  open(1);
+  LogCapture log;
+  FaultInjector faults;
+  faults.fail(Call::kPread64, 1).fail(Call::kPwrite64, 1);
+  unsigned char byte = 0;
+  void* buffer = &byte;
+  EXPECT_EQ(kvfs_device_read_disk_sectors(device_, INT64_MAX, 1, &buffer), kvfs_io_error);
+  EXPECT_EQ(kvfs_device_write_disk_sectors(device_, INT64_MAX, 1, buffer), kvfs_io_error);
+  EXPECT_EQ(faults.transfers().size(), 2u);
+}
+
+TEST_F(Device, ReadAtTheLastSectorBelowSignedOffsets_IsAttempted) {
   LogCapture log;
   FaultInjector faults;
   faults.fail(Call::kPread64, 1, Fault::error_number(EINVAL));
@@ -336,6 +348,17 @@ TEST_F(Device, ReadOfOneSectorLessThanFourGigabytes_PassesTheCheck) {
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(faults.count(Call::kPread64), 0u);
   EXPECT_LOG(log, "ERROR kvfs_device_read_disk_sectors Error while allocating read buffer of 4294966784 bytes.\n");
+}
+
+TEST_F(Device, ReadOfOneByteLessThanFourGigabytes_IsAttempted) {
+  open(1);
+  LogCapture log;
+  FaultInjector faults;
+  faults.fail(Call::kPread64, 1);
+  unsigned char byte = 0;
+  void* buffer = &byte;
+  EXPECT_EQ(kvfs_device_read_disk_sectors(device_, 0, 0xFFFFFFFF, &buffer), kvfs_io_error);
+  EXPECT_EQ(faults.reads().size(), 1u);
 }
 
 TEST_F(Device, OffsetAndSizeBothTooLarge_ReportsTheOffset) {

@@ -65,6 +65,22 @@ TEST_F(System, File_IsOpenedAsItIsWantedAndNotHandedToOtherPrograms) {
   }
 }
 
+// As it comes to be where a program has closed its standard input.
+TEST_F(System, DescriptorZero_IsOneLikeOthers) {
+  LogCapture log;
+  const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  ::close(STDIN_FILENO);
+  int fd = -1;
+  EXPECT_EQ(kvfs_system_open(path_.c_str(), false, &fd), kvfs_ok);
+  EXPECT_EQ(fd, STDIN_FILENO);
+  EXPECT_LOG(log);
+  ::close(STDIN_FILENO);
+  if (saved >= 0) {
+    EXPECT_EQ(dup2(saved, STDIN_FILENO), STDIN_FILENO);
+    ::close(saved);
+  }
+}
+
 TEST_F(System, FileThatIsNotThere_IsAnInputErrorWithTheSystemsErrno) {
   const std::string missing = path_ + "-missing";
   LogCapture log;
