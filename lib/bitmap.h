@@ -61,7 +61,8 @@ kvfs_result FreeAllocationBlock(std::uint32_t block, kvfs_bitmap* bitmap);
 //
 //   start_block, count  the run; it must lie within one MiB of the allocation file (Q-bitmap-9)
 //
-// Returns kvfs_ok; kvfs_failed when a block is used already; kvfs_invalid when the volume was opened without its
+// Returns kvfs_ok; kvfs_limit, with nothing read or written, when the run ends behind the volume's last block
+// (X-bitmap-5); kvfs_failed when a block is used already; kvfs_invalid when the volume was opened without its
 // allocation file; or the failure of the fork.
 kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint32_t count, kvfs_volume* volume);
 
@@ -90,7 +91,7 @@ struct kvfs_allocation_location {
 
 // Searches for a run of free blocks. Nothing is marked. The run tested is rounded up to whole bytes of the bitmap, so
 // that up to seven blocks behind it have to be free too; at the end of the volume a run is reported in full although
-// fewer blocks are left there, which marking it then refuses (Q-bitmap-6).
+// fewer blocks are left there, which marking it then refuses (Q-bitmap-6, X-bitmap-5).
 //
 //   wanted        blocks
 //   hint          block to start from; 0 starts from the volume header's nextAllocation, and one behind the last block

@@ -132,9 +132,10 @@ void kvfs_btree_search_result_release(kvfs_btree_search_result* result);
 //   out_result  receives the result, whose locator the caller releases; unchanged on failure
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok, found or not; kvfs_invalid without a key; kvfs_inconsistent when the tree contradicts itself, has
-// more than 1,000 keys of a wrong length on the way, or calls for more work than sound trees do; or the failure of the
-// fork, an allocation or the lock.
+// Returns kvfs_ok, found or not; kvfs_invalid without a key, or when a locator refuses the bytes of the record, as of
+// one of odd size or in an empty tree; kvfs_internal when the record has outgrown the locator that is open on it;
+// kvfs_inconsistent when the tree contradicts itself, has more than 1,000 keys of a wrong length on the way, or calls
+// for more work than sound trees do; or the failure of the fork, an allocation or the lock.
 kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree_search_result* out_result);
 
 // Opens a locator on the record behind another one, which stays open.
@@ -142,8 +143,9 @@ kvfs_result kvfs_btree_search_node(kvfs_btree* tree, const void* key, kvfs_btree
 //   out_locator  receives the locator, or null at the end of the tree; unchanged on failure
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok, also at the end; kvfs_inconsistent when a node contradicts itself; or the failure of the fork, an
-// allocation or the lock.
+// Returns kvfs_ok, also at the end; kvfs_invalid when a locator refuses the bytes of the record, as of one of odd size;
+// kvfs_internal when the record has outgrown the locator that is open on it; kvfs_inconsistent when a node contradicts
+// itself; or the failure of the fork, an allocation or the lock.
 kvfs_result kvfs_btree_get_next_record(kvfs_btree* tree, const kvfs_btree_record_locator* locator,
                                        kvfs_btree_record_locator** out_locator);
 
@@ -193,7 +195,8 @@ kvfs_result kvfs_btree_delete_record(kvfs_btree* tree, kvfs_btree_record_locator
 //   volume  opened with its allocation file; its header changes in memory
 //
 // Locks: the tree's lock for writing.
-// Returns kvfs_ok; kvfs_inconsistent when the chain of map nodes is damaged; or the failure of growing the fork, of
+// Returns kvfs_ok; kvfs_inconsistent when the chain of map nodes is damaged; kvfs_limit when no node can be claimed for
+// the chain, or as kvfs_fork_expand has it, near the volume's end for one; or the failure of growing the fork, of
 // claiming a node, of the fork or of the lock.
 kvfs_result kvfs_btree_expand(kvfs_btree* tree, kvfs_volume* volume);
 

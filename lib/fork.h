@@ -155,9 +155,9 @@ kvfs_result kvfs_fork_flush(kvfs_fork* fork);
 // Returns kvfs_ok; kvfs_internal for another file, without a free run of that size, or when the array of cache items
 // cannot be that large; kvfs_invalid without an allocation file; kvfs_unsupported_extents when a ninth extent would be
 // needed; kvfs_inconsistent when the logical size ends before the last extent, or blocks have no bytes; kvfs_limit for
-// the allocation file in use, or when a fork would have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of
-// the allocation file or the lock. On failure the fork and its fork data are as they were, unless only the release of
-// the lock has failed.
+// the allocation file in use, when the run that was found ends behind the volume's last block, or when a fork would
+// have more than 2^32 - 1 blocks; kvfs_no_memory; or the failure of the allocation file or the lock. On
+// failure the fork and its fork data are as they were, unless only the release of the lock has failed.
 kvfs_result kvfs_fork_expand(kvfs_fork* fork, kvfs_volume* volume, kvfs_allocation_location* out_location);
 
 // Takes blocks off the end of a fork, after writing their modified bytes to the device. Mappings of the part that goes

@@ -56,6 +56,12 @@ kvfs_result AllocateExtentAllocationBlocks(std::uint32_t start_block, std::uint3
     return kvfs_invalid;
   }
   const std::uint64_t end = std::uint64_t{start_block} + count;
+  const std::uint32_t total = volume->header->totalBlocks.get();
+  if (count != 0 && end > total) {  // X-bitmap-5
+    KVFS_ERROR("Cannot allocate %lu blocks starting at block %lu of %lu blocks.\n", to_ul(count), to_ul(start_block),
+               to_ul(total));
+    return kvfs_limit;
+  }
   const std::uint64_t first_byte = start_block / 8;
   mapping map = {};
   kvfs_result result = map.map(fork, first_byte, static_cast<std::size_t>((end + 7) / 8 - first_byte));

@@ -96,7 +96,6 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
   if (item == nullptr) {
     return;
   }
-  announce_change(fork);
   const std::uint32_t unit = transfer_unit(fork);
   const std::uint32_t offset = static_cast<std::uint32_t>(end % priv->item_size);
   std::uint32_t first = offset / unit;
@@ -105,6 +104,7 @@ static void forget_behind(kvfs_fork* fork, std::uint64_t end) {
     first += (item->modification_bitmap[bitmap_byte(first)] & bitmap_mask(first)) != 0 ? 1 : 0;
   }
   forget_blocks(fork, index, first);
+  announce_change(fork);
 }
 
 void kvfs::bitmap::apply_resize(fork_resize* resize) {

@@ -70,7 +70,7 @@ kvfs_result kvfs_btree_process(HFSPlusVolumeHeader* volume_header, std::uint32_t
 //
 // Returns kvfs_ok; kvfs_invalid when the bytes are no record; kvfs_no_memory; kvfs_internal when the open locator
 // belongs to another tree or the record has grown beyond its copy. (The copy of a vacant place, which nobody reads,
-// takes the beginning of the record instead.)
+// stays as it is instead.)
 kvfs_result kvfs_btree_record_locator_open(kvfs_btree* tree, std::uint32_t node, std::uint16_t index,
                                            const unsigned char* record, std::size_t record_size, std::uint64_t position,
                                            kvfs_btree_record_locator** out_locator);

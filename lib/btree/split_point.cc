@@ -30,7 +30,7 @@ struct split_search {
 
 }  // namespace
 
-// Where the upper half begins, in the node as it would be after the insertion.
+// Where the upper half begins, in the node as it would be after the insertion. Behind all records: X-btree-22.
 static std::int32_t split_boundary(const insertion& insert, std::uint32_t middle) {
   const bool is_above = insert.index >= middle && middle < insert.count;
   return is_above ? offset_at(insert.node.view, middle + 1)

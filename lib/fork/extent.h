@@ -58,17 +58,16 @@ inline void set_dirty_items(kvfs_fork* fork, std::size_t count) {
   __atomic_store_n(&fork->priv->dirty_items, count, __ATOMIC_RELAXED);
 }
 
-// Says that bytes which the cache held as valid are going to change: for the tree of the fork, which remembers where
-// keys are. Bytes change under items_lock, which the tree does not hold when it asks.
+// Says that bytes which the cache held as valid have changed: for the tree of the fork, which remembers where keys are.
+// Bytes change under items_lock, which the tree does not hold when it asks: said before the change, it could be
+// seen, and the places of the old bytes be remembered anew.
 inline void announce_change(kvfs_fork* fork) {
   __atomic_store_n(&fork->priv->has_changed, 1, __ATOMIC_RELAXED);
 }
 
-// Whether that was said since this was asked last.
+// Whether that was said since this was asked last. What is said meanwhile is left for the next time.
 inline bool see_changes(kvfs_fork* fork) {
-  const bool changed = __atomic_load_n(&fork->priv->has_changed, __ATOMIC_RELAXED) != 0;
-  __atomic_store_n(&fork->priv->has_changed, 0, __ATOMIC_RELAXED);
-  return changed;
+  return __atomic_exchange_n(&fork->priv->has_changed, 0, __ATOMIC_RELAXED) != 0;
 }
 
 // Takes an item that had modified blocks off the count when it has none any more. The count falls below 0 when the item

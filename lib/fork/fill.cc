@@ -27,11 +27,11 @@ static kvfs_result read_block(kvfs_fork* fork, kvfs_fork_cache_item* item, std::
   }
   unsigned char* const read_ptr_orig = item->data + offset_in_item;
   unsigned char* read_ptr = read_ptr_orig;
-  if (fork->priv->item_size % transfer_unit(fork) != 0) {
-    announce_change(fork);  // the blocks lie over each other
-  }
   kvfs_fork_read_context context = {fork->priv->device, read_ptr, 0};
   const kvfs_result result = kvfs_fork_do_device_io(fork, block * unit, length, kvfs_fork_process_read_io, &context);
+  if (fork->priv->item_size % transfer_unit(fork) != 0) {
+    announce_change(fork);  // the blocks lie over each other, and a reading that fails may have changed some bytes
+  }
   if (result != kvfs_ok) {
     KVFS_ERROR_AS(kvfs_fork_read_into_cache, "Error %d while reading block %llu from device offset %llu.\n",
                   static_cast<int>(result), to_ull(block), to_ull(block * unit));

@@ -62,10 +62,10 @@ static void copy_to_item(kvfs_fork* fork, kvfs_fork_cache_item* item, std::size_
                          const unsigned char* bytes, std::size_t length) {
   const std::uint32_t unit = transfer_unit(fork);
   const bool was_clean = item->dirty_blocks == 0;
-  announce_change(fork);
   if (length != 0) {  // a caller with nothing to write may have no bytes
     std::memcpy(item->data + offset_in_item, bytes, length);
   }
+  announce_change(fork);
   const std::uint64_t end = kvfs_divide_rounding_up(offset_in_item + length, unit);
   for (std::uint64_t block = offset_in_item / unit; block < end; ++block) {
     unsigned char* const modified = &item->modification_bitmap[bitmap_byte(block)];

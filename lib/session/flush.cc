@@ -4,7 +4,6 @@
 #include "btree.h"
 #include "extents.h"
 #include "fork.h"
-#include "ground/arithmetic.h"
 #include "session/private.h"
 #include "unix/system.h"
 #include "volume.h"
@@ -41,17 +40,14 @@ static kvfs_result flush_changed(kvfs_session* session, bool* changed, flush_par
 static kvfs_result free_blocks(kvfs_session* session) {
   while (session->freed_count != 0) {
     kvfs_block_run* const run = &session->freed[session->freed_count - 1];
-    const std::uint32_t to_end_of_piece = kSessionPieceBlocks - run->first % kSessionPieceBlocks;
-    const kvfs_block_run part = {run->first, kvfs_min(run->count, to_end_of_piece)};
     std::uint32_t cleared = 0;
     session->changes.allocation = true;
     session->changes.header = true;
-    const kvfs_result result = kvfs_session_clear_run(session, part, &cleared);
+    const kvfs_result result = kvfs_session_clear_piece(session, run, &cleared);
     if (result != kvfs_ok) {
       return result;
     }
     kvfs_volume_add_free_blocks(session->volume, cleared);
-    *run = {run->first + part.count, run->count - part.count};
     session->freed_count -= run->count == 0 ? 1 : 0;
   }
   return kvfs_ok;

@@ -226,22 +226,12 @@ kvfs_result kvfs_session_read_fork(kvfs_session_fork* fork, std::uint64_t offset
 
 // ---- Blocks; in the session's turn ---------------------------------------------------------------------------------
 
-// Blocks whose bits are in one piece.
-inline constexpr std::uint32_t kSessionPieceBlocks = 32768;
-
-// Calls `visit` with the bytes of the allocation file that hold a run of blocks, piece by piece. A true answer writes
-// the piece back.
-using kvfs_session_visit_bits = bool (*)(void* context, unsigned char* bytes, std::uint32_t first_block,
-                                         std::uint32_t count);
-kvfs_result kvfs_session_visit_blocks(kvfs_session* session, kvfs_block_run run, kvfs_session_visit_bits visit,
-                                      void* context);
-
 // Whether all blocks of a run are in use. Returns kvfs_ok or a failure.
 kvfs_result kvfs_session_run_in_use(kvfs_session* session, kvfs_block_run run, bool* in_use);
 
-// Clears the bits of a run in the cache of the allocation file and counts those that were set. Those of a run in one
-// piece are cleared together, or none.
-kvfs_result kvfs_session_clear_run(kvfs_session* session, kvfs_block_run run, std::uint32_t* cleared);
+// Clears the bits of the first blocks of a run in the cache of the allocation file, as many as it looks at together,
+// and counts those that were set. The run begins behind them then; on failure it is as it was, and so are the bits.
+kvfs_result kvfs_session_clear_piece(kvfs_session* session, kvfs_block_run* run, std::uint32_t* cleared);
 
 // Extents of a fork, in on-disk byte order.
 struct kvfs_session_extents {

@@ -434,8 +434,51 @@ TEST(AllocateRun, WithItsFirstBlockInUse_WritesNothing) {
   EXPECT_EQ(faults.count(Call::kPwrite64), 0u);
 }
 
-TEST(AllocateRun, BehindTheAllocationFile_CannotBeMapped) {
+// Bits behind the volume's last block may be clear, and stand for no blocks.
+// X-bitmap-5
+TEST(AllocateRun, BehindTheLastBlock_IsRefusedAndMarksNothing) {
+  const Volume image = with_next_allocation(volume_with_used({}), 1016);
+  const struct {
+    std::uint32_t start;
+    std::uint32_t count;
+    const char* text;
+  } runs[] = {
+      {1016, 9, "Cannot allocate 9 blocks starting at block 1016 of 1024 blocks."},
+      {1024, 1, "Cannot allocate 1 blocks starting at block 1024 of 1024 blocks."},
+      {8, 0xFFFFFFFF, "Cannot allocate 4294967295 blocks starting at block 8 of 1024 blocks."},
+  };
+  for (const auto& [start, count, text] : runs) {
+    OpenVolume volume(image);
+    LogCapture log;
+    FaultInjector faults;
+    EXPECT_EQ(AllocateExtentAllocationBlocks(start, count, volume.get()), kvfs_limit);
+    EXPECT_EQ(faults.count(Call::kPread64), 0u);
+    EXPECT_LOG(log, "ERROR AllocateExtentAllocationBlocks " + std::string(text) + "\n");
+    EXPECT_EQ(volume.flushed(), image);
+  }
+}
+
+TEST(AllocateRun, OfNoBlocksBehindTheLastBlock_MarksNothing) {
   const Volume image = volume_with_used({});
+  OpenVolume volume(image);
+  LogCapture log;
+  EXPECT_EQ(AllocateExtentAllocationBlocks(1025, 0, volume.get()), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(volume.flushed(), image);
+}
+
+TEST(AllocateRun, UpToTheLastBlock_IsMarked) {
+  OpenVolume volume(with_next_allocation(volume_with_used({}), 1016));
+  LogCapture log;
+  EXPECT_EQ(AllocateExtentAllocationBlocks(1016, 8, volume.get()), kvfs_ok);
+  EXPECT_LOG(log);
+  EXPECT_EQ(volume.header()->nextAllocation.get(), 1024u);
+  EXPECT_EQ(used_runs(volume.flushed()), "1016+8");
+}
+
+TEST(AllocateRun, BehindTheAllocationFile_CannotBeMapped) {
+  Volume image = volume_with_used({});
+  image.set_field("totalBlocks", 4096 * 8 + 4);
   OpenVolume volume(image);
   LogCapture log;
   EXPECT_EQ(AllocateExtentAllocationBlocks(4096 * 8 - 4, 8, volume.get()), kvfs_invalid);
@@ -815,7 +858,7 @@ TEST(FindRun, VolumeThatEndsInsideAByte_IsNotSearchedBehindItsEnd) {
   EXPECT_EQ(describe(location), kNothing);
 }
 
-// At the end of the volume fewer blocks are tested than are reported; marking them is what fails.
+// At the end of the volume fewer blocks are tested than are reported; marking them is what fails (X-bitmap-5).
 // Q-bitmap-6
 TEST(FindRun, AtTheEndOfTheVolume_IsReportedInFull) {
   EXPECT_EQ(find_run(volume_with_used({{0, 1016}}), 100, 1016), "start=1016 count=100 index=0 bytes=0 0");

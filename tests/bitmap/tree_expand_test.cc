@@ -100,6 +100,27 @@ TEST(ExpandTree, WithUsedBlocksBehind_GrowsIntoANewExtent) {
   EXPECT_EQ(joined(check_volume(volume.flushed(), kWithLeakedBlocks)), "");
 }
 
+// The last byte of the volume's bits offers all that is wanted, and what lies behind the volume is not its own.
+// X-bitmap-5
+TEST(ExpandTree, WithTooFewBlocksAtTheEndOfTheVolume_IsRefusedAndChangesNothing) {
+  VolumeDescription description = small_description();
+  description.size = 4096 * 1000;
+  description.catalog.clump_size = 4096 * 64;
+  Volume image = build_volume(description);
+  for (std::uint32_t block = 0; block < 1000; ++block) {
+    image.set_block_used(block, block < 992);
+  }
+  OpenVolume volume(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_btree_expand(volume.catalog_tree(), volume.get()), kvfs_limit);
+  EXPECT_LOG(
+      log, "ERROR AllocateExtentAllocationBlocks Cannot allocate 64 blocks starting at block 992 of 1000 blocks.\n",
+      "ERROR kvfs_fork_expand Error while marking 64 blocks starting at block 992 as allocated in the allocation "
+      "file.\n",
+      "ERROR kvfs_btree_expand Error while expanding fork.\n");
+  EXPECT_EQ(volume.flushed(), image);
+}
+
 TEST(ExpandTree, ChangesTheHeaderRecordAlone) {
   const Volume image = build_volume(small_description());
   OpenVolume volume(image);

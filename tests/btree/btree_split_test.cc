@@ -125,7 +125,7 @@ class BtreeSplitPoint : public ::testing::TestWithParam<SplitCase> {
   }
 };
 
-// Q-btree-12, X-btree-8
+// Q-btree-12, X-btree-8, X-btree-22
 TEST_P(BtreeSplitPoint, RecordsAreDivided) {
   const SplitCase& split_case = GetParam();
   ChangeTree tree(options(split_case));

@@ -2,15 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "fault_injection.h"
+#include "fork/extent.h"
 #include "fork_fixture.h"
 #include "log_capture.h"
 #include "support.h"
@@ -87,6 +90,35 @@ TEST(ForkChanges, AreAnnouncedByWritesAndByReadsOfBlocksThatDoNotFillAnItem) {
     EXPECT_EQ(kvfs_fork_write(fork.get(), 4096, &byte, 1, nullptr), kvfs_ok);
     EXPECT_EQ(fork.priv()->has_changed, 1);
   }
+}
+
+// A write does not wait for who asks: a change announced while somebody asks is seen by that question or by the next.
+TEST(ForkChanges, AnnouncedWhileSomebodyAsks_AreSeenOnce) {
+  constexpr int kRounds = 20000;
+  OpenFork fork(kSmall);
+  std::atomic<int> round{0};
+  std::atomic<int> announced{0};
+  std::thread writer([&] {
+    for (int i = 1; i <= kRounds; ++i) {
+      while (round.load() < i) {
+        std::this_thread::yield();
+      }
+      kvfs::fork::announce_change(fork.get());
+      announced.store(i);
+    }
+  });
+  int lost = 0;
+  for (int i = 1; i <= kRounds; ++i) {
+    int seen = 0;
+    round.store(i);
+    while (announced.load() < i) {
+      seen += kvfs::fork::see_changes(fork.get()) ? 1 : 0;
+    }
+    seen += kvfs::fork::see_changes(fork.get()) ? 1 : 0;
+    lost += seen == 1 ? 0 : 1;
+  }
+  writer.join();
+  EXPECT_EQ(lost, 0);
 }
 
 // Q-fork-3
