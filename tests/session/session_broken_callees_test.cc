@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "extents.h"
 #include "replaced_routine.h"
@@ -221,6 +222,10 @@ void cut_record(kvfs_btree_search_result* found) {
   found->locator->data_size = sizeof(HFSPlusExtentRecord) - 1;
 }
 
+void empty_record(kvfs_btree_search_result* found) {
+  std::memset(const_cast<unsigned char*>(found->locator->data), 0, sizeof(HFSPlusExtentRecord));
+}
+
 // A file with one record in the overflow file, which a deletion looks up twice: to count it, and to delete it.
 Volume overflowing_volume() {
   VolumeDescription description;
@@ -234,7 +239,7 @@ Volume overflowing_volume() {
 
 TEST(SessionBrokenCallee, OverflowRecordThatVanishesBeforeADeletion_IsRefusedAndNothingChanges) {
   const Volume before = overflowing_volume();
-  for (const auto damage : {find_nothing, cut_record}) {
+  for (const auto damage : {find_nothing, cut_record, empty_record}) {
     const TestSession session(before);
     LogCapture log;
     g_damage = damage;
@@ -248,7 +253,7 @@ TEST(SessionBrokenCallee, OverflowRecordThatVanishesBeforeADeletion_IsRefusedAnd
 
 TEST(SessionBrokenCallee, OverflowRecordThatVanishesInADeletion_SpoilsTheSession) {
   const Volume before = overflowing_volume();
-  for (const auto damage : {find_nothing, cut_record}) {
+  for (const auto damage : {find_nothing, cut_record, empty_record}) {
     const TestSession session(before);
     g_damage = damage;
     g_overflow_search.choose(2);

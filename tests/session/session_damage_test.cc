@@ -410,6 +410,27 @@ TEST(SessionDamage, ExtentsWhoseSumWraps_AreInconsistent) {
   EXPECT_LOG(log, "ERROR kvfs_session_open_fork Extents of file 16 have 4294967299 blocks, and their fork 3.\n");
 }
 
+// Behind an extent without blocks is none, whatever stands there: added to the one before it in 32 bits, this one would
+// have the deletion look for an overflow record at block 0 again and again.
+TEST(SessionDamage, BlocksBehindTheLastExtentOfAFork_AreNotAddedByTheDeletion) {
+  for (const char* fork : {".dataFork", ".resourceFork"}) {
+    const bool is_data = std::string(fork) == ".dataFork";
+    VolumeDescription description;
+    const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+    (is_data ? description.item(file).data : description.item(file).resource) = {100, {}, 1, 1, 0};
+    (void)description.add_files(kRootFolderId, 5);
+    description.extra_extents_records.emplace_back(extents_key(is_data ? 0 : 0xFF, file, 0), Bytes(64));
+    Volume image = build_volume(description);
+    image.set_field(field_of(image, file, fork) + ".extents[2].blockCount", 0xFFFFFFFF);
+    const TestSession session(image);
+    LogCapture log;
+    EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_OK) << fork;
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_LOG(log);
+    EXPECT_EQ(session.facts().free_block_count, image.get_field("freeBlocks") + 1) << fork;
+  }
+}
+
 // The volume with 64 KiB at the beginning of each block; no special file has two blocks.
 Volume with_blocks_of_16_mib(const Volume& volume) {
   constexpr std::uint64_t kSmall = std::uint64_t{1} << 16;
