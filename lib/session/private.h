@@ -185,12 +185,24 @@ std::uint32_t kvfs_session_kind_of(const HFSPlusCatalogFile* file);
 
 // ---- A walk over a folder; in the session's turn -------------------------------------------------------------------
 
+// Where a walk has been. Nodes of a damaged catalog may form a ring, in which the walk comes back to the same places.
+// Comparing with one of them, exchanged at each power of two, finds that with constant memory and within a few rounds,
+// whatever size the catalog claims to have (X-session-2).
+struct kvfs_session_trail {
+  std::uint64_t steps;
+  std::uint32_t node;
+  std::uint16_t index;
+};
+
+// Notes the place of a record that was come to. Returns whether the way has led back there.
+bool kvfs_session_leads_back(kvfs_session_trail* trail, std::uint32_t node, std::uint16_t index);
+
 // A place in a folder. It holds no more of the catalog than one locator.
 struct kvfs_session_walk {
   kvfs_session* session;
   std::uint32_t folder_id;
   kvfs_catalog_record_locator* record;  // the item, or null at the end; owned
-  std::uint64_t steps;                  // that a catalog without a ring in it allows for
+  kvfs_session_trail trail;
 };
 
 // Begins at the first item, or behind a key. The caller ends the walk, also after a failure.
@@ -200,9 +212,6 @@ struct kvfs_session_walk {
 kvfs_result kvfs_session_begin_walk(kvfs_session* session, std::uint32_t folder_id, const HFSPlusCatalogKey* behind,
                                     bool is_there, kvfs_session_walk* walk);
 kvfs_result kvfs_session_step(kvfs_session_walk* walk);
-
-// Records that a catalog of this size has at most, with which a walk must get along even where nodes form a ring.
-std::uint64_t kvfs_session_most_records(kvfs_session* session);
 
 void kvfs_session_end_walk(kvfs_session_walk* walk);
 

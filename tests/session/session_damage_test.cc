@@ -283,18 +283,58 @@ TEST(SessionDamage, FolderBesideTheRootFolder_TakesNoNewItems) {
   EXPECT_EQ(session.facts().has_unflushed_changes, 0);
 }
 
-TEST(SessionDamage, RingOfNodes_EndsASearchByWalking) {
-  VolumeDescription description;
-  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
-  (void)description.add_files(folder, 200);
-  Volume image = build_volume(description);
-  const std::vector<std::uint32_t> leaves = image.leaf_nodes(Tree::kCatalog);
-  ASSERT_GT(leaves.size(), 3U);
-  image.set_field("catalog.node[" + std::to_string(leaves[2]) + "].fLink", leaves[1]);
-  const TestSession session(image);
+// A volume whose root folder has its items in a ring of leaves, in a catalog that claims to have more than a terabyte. A
+// walk that is bounded by what the catalog has room for would not end within days.
+class SessionRing : public ::testing::Test {
+ protected:
+  SessionRing() {
+    VolumeDescription description;
+    link_ = description.add_hard_link(kRootFolderId, u"a link", kFirstUserId + 1);
+    unnamed_ = description.add_file(kRootFolderId, Name(1, u'\0'));
+    description.item(unnamed_).with_record = false;
+    (void)description.add_files(kRootFolderId, kItems);
+    image_ = build_volume(description);
+    const std::vector<std::uint32_t> leaves = image_.leaf_nodes(Tree::kCatalog);
+    EXPECT_GT(leaves.size(), 3U);
+    image_.set_field("catalog.node[" + std::to_string(leaves[2]) + "].fLink", leaves[1]);
+    constexpr std::uint64_t kBlocks = (std::uint64_t{1} << 28) - 1;
+    image_.set_field("catalogFile.totalBlocks", kBlocks);
+    image_.set_field("catalogFile.extents[0].blockCount", kBlocks);
+    image_.set_field("catalogFile.logicalSize", kBlocks * image_.block_size());
+  }
+
+  static constexpr std::uint32_t kItems = 200;
+  static constexpr const char* kMessage = "ERROR kvfs_session_step The items of folder 2 form a ring.\n";
+  Volume image_;
+  std::uint32_t link_ = 0;
+  std::uint32_t unnamed_ = 0;
+};
+
+// X-session-2
+TEST_F(SessionRing, SearchByWalking_Ends) {
+  const TestSession session(image_);
   LogCapture log;
-  EXPECT_EQ(session.find("d/%u0000"), KVFS_INCONSISTENT);
-  EXPECT_LOG(log, "ERROR kvfs_session_step Folder 16 has more items than the catalog has room for.\n");
+  EXPECT_EQ(session.find("%u0000"), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, kMessage);
+}
+
+// X-session-2
+TEST_F(SessionRing, SearchForThePrivateFolderOrByAThread_Ends) {
+  const TestSession session(image_);
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, link_), KVFS_INCONSISTENT);
+  EXPECT_EQ(find_id(session, unnamed_), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, kMessage, kMessage);
+}
+
+// X-session-2
+TEST_F(SessionRing, Listing_EndsBehindItsItems) {
+  const TestSession session(image_);
+  std::vector<std::string> names;
+  LogCapture log;
+  EXPECT_EQ(list(session, KVFS_ROOT_ID, names), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_listing_next The items of folder 2 form a ring.\n");
+  EXPECT_LT(names.size(), 4 * kItems);
 }
 
 // ---- Hard links ----------------------------------------------------------------------------------------------------
