@@ -411,8 +411,8 @@ uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 //   out_id     receives the ID of the link; may be null
 //
 // Returns KVFS_OK; KVFS_EXISTS; KVFS_NO_SPACE; KVFS_INVALID also without the allocation file and for a private folder;
-// KVFS_INCONSISTENT, with nothing changed, when the block that is free next belongs to the volume itself or the next ID
-// cannot be given; or as said above.
+// KVFS_INCONSISTENT, with nothing changed, when the block that is free next belongs to the volume itself, blocks are no
+// whole sectors of 512 bytes, or the next ID cannot be given; or as said above.
 uint64_t kvfs_session_make_link(kvfs_session* session, uint32_t folder_id, const char* name, const char* target,
                                 uint32_t* out_id) KVFS_CHECKED;
 

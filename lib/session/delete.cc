@@ -103,7 +103,7 @@ static kvfs_result visit_record(kvfs_extents* extents, std::uint32_t id, std::ui
 }
 
 // Visits the overflow records of one fork, of which each was found before. One that adds no blocks would be found again
-// and again.
+// and again (X-session-3).
 static kvfs_result visit_fork_overflow(kvfs_session* session, std::uint32_t id, std::uint8_t fork_type,
                                        const HFSPlusForkData& data, overflow_visit visit, void* context) {
   HFSPlusExtentRecord record = data.extents;

@@ -237,6 +237,7 @@ Volume overflowing_volume() {
   return build_volume(description);
 }
 
+// X-session-3
 TEST(SessionBrokenCallee, OverflowRecordThatVanishesBeforeADeletion_IsRefusedAndNothingChanges) {
   const Volume before = overflowing_volume();
   for (const auto damage : {find_nothing, cut_record, empty_record}) {
@@ -251,6 +252,7 @@ TEST(SessionBrokenCallee, OverflowRecordThatVanishesBeforeADeletion_IsRefusedAnd
   }
 }
 
+// X-session-3
 TEST(SessionBrokenCallee, OverflowRecordThatVanishesInADeletion_SpoilsTheSession) {
   const Volume before = overflowing_volume();
   for (const auto damage : {find_nothing, cut_record, empty_record}) {

@@ -283,8 +283,8 @@ TEST(SessionDamage, FolderBesideTheRootFolder_TakesNoNewItems) {
   EXPECT_EQ(session.facts().has_unflushed_changes, 0);
 }
 
-// A volume whose root folder has its items in a ring of leaves, in a catalog that claims to have more than a terabyte. A
-// walk that is bounded by what the catalog has room for would not end within days.
+// A volume whose root folder has its items in a ring of leaves, in a catalog that claims to have a terabyte. A walk that
+// is bounded by what the catalog has room for would not end within days.
 class SessionRing : public ::testing::Test {
  protected:
   SessionRing() {
@@ -452,6 +452,7 @@ TEST(SessionDamage, ExtentsWhoseSumWraps_AreInconsistent) {
 
 // Behind an extent without blocks is none, whatever stands there: added to the one before it in 32 bits, this one would
 // have the deletion look for an overflow record at block 0 again and again.
+// X-session-3
 TEST(SessionDamage, BlocksBehindTheLastExtentOfAFork_AreNotAddedByTheDeletion) {
   for (const char* fork : {".dataFork", ".resourceFork"}) {
     const bool is_data = std::string(fork) == ".dataFork";
@@ -891,6 +892,42 @@ TEST(SessionDamage, BlockOfTheAlternateHeaderThatCountsAsFree_IsGivenToNoLink) {
 TEST_F(SessionJournal, ItsBlocksThatCountAsFree_AreGivenToNoLink) {
   expect_no_link(with_lost_byte(image_, info_block_), info_block_);
   expect_no_link(with_lost_byte(image_, journal_block_ + 7), journal_block_ + 7);
+}
+
+// A volume whose blocks are no whole sectors. Its special files begin with one, in the block of twice the number.
+Volume with_blocks_of_768_bytes(const Volume& volume) {
+  constexpr std::uint64_t kOld = 512;
+  constexpr std::uint64_t kNew = 768;
+  const std::uint64_t blocks = volume.get_field("totalBlocks");
+  SparseImage image(2 * blocks * kNew);
+  image.write(kHeaderOffset, volume.read(kHeaderOffset, 512));
+  Volume odd(image);
+  odd.set_field("blockSize", kNew);
+  for (const char* file : {"extentsFile", "catalogFile", "allocationFile"}) {
+    const std::string extent = std::string(file) + ".extents[0]";
+    const std::uint64_t start = volume.get_field(extent + ".startBlock");
+    const std::size_t size = static_cast<std::size_t>(volume.get_field(std::string(file) + ".logicalSize"));
+    odd.set_field(extent + ".startBlock", 2 * start);
+    odd.write(2 * start * kNew, volume.read(start * kOld, size));
+  }
+  return odd;
+}
+
+// The sector in which such a block begins, which is written at once, has bytes of the block before it.
+// X-session-4
+TEST(SessionDamage, BlocksThatAreNoWholeSectors_AreGivenToNoLink) {
+  VolumeDescription description;
+  description.block_size = 512;
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume image = with_blocks_of_768_bytes(build_volume(description));
+  const TestSession session(image);
+  ASSERT_EQ(session.opened(), KVFS_OK);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_make_link Blocks of 768 bytes are no whole sectors.\n");
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
 }
 
 // ---- Counts --------------------------------------------------------------------------------------------------------
