@@ -237,8 +237,8 @@ uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_cou
 // come spelled, such as %u00E9, so that each name leads to its own item and is kept when it is given again. Such a name
 // is found by its text as it stands, too, unless the folder also has the decomposed one.
 //
-// Where case does not matter, U+200C to U+200F, U+202A to U+202E, U+206A to U+206F and U+FEFF do not matter either: names
-// that differ in them alone are the same, and one of nothing else is no name: no item is found by it or gets it.
+// Where case does not matter, U+200C to U+200F, U+202A to U+202E, U+206A to U+206F and U+FEFF do not matter either:
+// names that differ in them alone are the same, and one of nothing else is no name: no item is found by it or gets it.
 
 // The ID of the root folder.
 #define KVFS_ROOT_ID UINT32_C(2)
@@ -393,8 +393,9 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 //   name       one name, spelled as said above
 //
 // Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), a private folder and its name, in any
-// case where case does not matter, items and names with a NUL, what lies or would lie in a private folder, a folder that
-// would lie in itself, or a text that is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
+// case where case does not matter, items and names with a NUL, what lies or would lie in a private folder, a folder
+// that would lie in itself, or a text that is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said
+// above.
 uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder_id, const char* name) KVFS_CHECKED;
 
 // Deletes a file with both of its forks, a symbolic link or an empty folder. Its blocks become free with the flush.

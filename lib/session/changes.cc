@@ -160,8 +160,7 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
   return result == kvfs_ok ? kvfs_session_check_index(catalog_tree(session), thread.record(), item.record()) : result;
 }
 
-// Records are written back whole, and never with bytes behind those that are known.
-static kvfs_result check_exact_size(const kvfs_session_found& item) {
+kvfs_result kvfs_session_check_exact_size(const kvfs_session_found& item) {
   const std::size_t size = item.file() != nullptr ? sizeof(HFSPlusCatalogFile) : sizeof(HFSPlusCatalogFolder);
   if (item.record()->data_size != size) {
     KVFS_ERROR_AS(kvfs_session_begin_change, "Record of item %lu has %zu bytes, and not %zu.\n",
@@ -174,7 +173,7 @@ static kvfs_result check_exact_size(const kvfs_session_found& item) {
 kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
   kvfs_result result = kvfs_session_find_item(session, id, item);
   if (result == kvfs_ok) {
-    result = check_exact_size(*item);
+    result = kvfs_session_check_exact_size(*item);
   }
   if (result == kvfs_ok) {
     result = id == kHFSRootFolderID ? kvfs_invalid : check_not_private(session, *item->key());
@@ -270,7 +269,7 @@ kvfs_result kvfs_session_get_valence(kvfs_session* session, std::uint32_t folder
   kvfs_session_found folder;
   kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
   if (result == kvfs_ok) {
-    result = check_exact_size(folder);
+    result = kvfs_session_check_exact_size(folder);
   }
   if (result == kvfs_ok) {
     *valence = {folder_id, folder.folder()->valence.get()};

@@ -77,7 +77,7 @@ static kvfs_result check_space(kvfs_session* session, std::uint32_t id) {
   kvfs_allocation_location location = {};
   const kvfs_result result = FindWriteLocation(id, kHFSDataForkType, &none, volume, 0, block_size, &location);
   if (result != kvfs_ok) {
-    return result;
+    return kvfs_session_blame_volume(result);
   }
   if (location.block_count == 0) {
     return kvfs_no_space;

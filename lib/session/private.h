@@ -32,6 +32,12 @@ inline constexpr kvfs_result kvfs_closed = static_cast<kvfs_result>(KVFS_CLOSED)
 inline constexpr kvfs_result kvfs_spoiled = static_cast<kvfs_result>(KVFS_SPOILED);
 inline constexpr kvfs_result kvfs_end = static_cast<kvfs_result>(KVFS_END);
 
+// A lower layer that finds unacceptable what it was asked for has been asked for what the volume says: arguments of
+// callers were checked before.
+constexpr kvfs_result kvfs_session_blame_volume(kvfs_result result) {
+  return result == kvfs_invalid ? kvfs_inconsistent : result;
+}
+
 // ---- The session ---------------------------------------------------------------------------------------------------
 
 // Sectors of all devices that sessions make. Any volume is made of whole ones.
@@ -300,6 +306,10 @@ struct kvfs_session_place {
   std::uint32_t folder_id;
   kvfs_session_name name;
 };
+
+// Checks that a file or folder record has no bytes behind those that are known, with which it would not be written back.
+// Returns kvfs_ok or kvfs_inconsistent.
+kvfs_result kvfs_session_check_exact_size(const kvfs_session_found& item);
 
 // Finds the place for an item: a folder that is not private, and a name that is free there or the item's own.
 //

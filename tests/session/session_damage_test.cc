@@ -283,8 +283,8 @@ TEST(SessionDamage, FolderBesideTheRootFolder_TakesNoNewItems) {
   EXPECT_EQ(session.facts().has_unflushed_changes, 0);
 }
 
-// A volume whose root folder has its items in a ring of leaves, in a catalog that claims to have a terabyte. A walk that
-// is bounded by what the catalog has room for would not end within days.
+// A volume whose root folder has its items in a ring of leaves, in a catalog that claims to have a terabyte. A walk
+// that is bounded by what the catalog has room for would not end within days.
 class SessionRing : public ::testing::Test {
  protected:
   SessionRing() {
@@ -472,6 +472,56 @@ TEST(SessionDamage, BlocksBehindTheLastExtentOfAFork_AreNotAddedByTheDeletion) {
   }
 }
 
+// A search in a tree without records fails with another value than one that does not find its key.
+TEST(SessionDamage, OverflowExtentsMissingInAnEmptyTree_AreInconsistent) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  description.item(file).data = {8 * 4096, {}, 8, 1, 0};
+  description.item(file).resource = {8 * 4096, {}, 8, 1, 0};
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  for (const std::uint32_t fork : {KVFS_DATA_FORK, KVFS_RESOURCE_FORK}) {
+    Volume image = sound;
+    const char* const field = fork == KVFS_DATA_FORK ? ".dataFork.totalBlocks" : ".resourceFork.totalBlocks";
+    image.set_field(field_of(image, file, field), 9);
+    const TestSession session(image);
+    LogCapture silence;
+    EXPECT_EQ(open_fork(session, file, fork), KVFS_INCONSISTENT);
+    EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  }
+}
+
+TEST(SessionDamage, OverflowExtentsOfASpecialFileMissingInAnEmptyTree_AreInconsistent) {
+  VolumeDescription description;
+  description.attributes_tree.extent_count = 8;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  image.add_to_field("attributesFile.totalBlocks", 1);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionDamage, BlocksBehindTheEndOfTheAllocationFile_AreNotFreed) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  description.item(file).data.first_block = 100;
+  Volume image = build_volume(description);
+  image.set_field("allocationFile.logicalSize", 12);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
 // The volume with 64 KiB at the beginning of each block; no special file has two blocks.
 Volume with_blocks_of_16_mib(const Volume& volume) {
   constexpr std::uint64_t kSmall = std::uint64_t{1} << 16;
@@ -544,6 +594,34 @@ TEST(SessionDamage, LongRecords_AreReadAndNotChanged) {
              message);
   EXPECT_EQ(session.flush(), KVFS_OK);
   EXPECT_TRUE(session.contents() == image);
+}
+
+// X-session-7
+TEST(SessionDamage, RootFolderOfTooManyOrTooFewBytes_KeepsItsLabel) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  const RecordPlace place = *sound.find_by_cnid(kRootFolderId);
+  struct {
+    std::size_t size;
+    std::string message;
+  } const cases[] = {
+      {600, "ERROR kvfs_session_begin_change Record of item 2 has 600 bytes, and not 88.\n"},
+      {86, "ERROR kvfs_session_check_item Record " + std::to_string(place.index) + " of node " +
+               std::to_string(place.node) + " is no whole file or folder.\n"},
+  };
+  for (const auto& c : cases) {
+    Bytes record = sound.record_data(place);
+    record.resize(c.size, 0xAB);
+    description.root.record = record;
+    const Volume image = build_volume(description);
+    const TestSession session(image);
+    LogCapture log;
+    EXPECT_EQ(kvfs_session_set_label(session.get(), "label"), KVFS_INCONSISTENT);
+    EXPECT_LOG(log, c.message);
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  }
 }
 
 TEST(SessionDamage, LinkTarget_IsReadUpTo64KiB) {
