@@ -39,12 +39,20 @@ kvfs_result kvfs_session_begin_change(kvfs_session* session) {
   return count_records(session, &session->changes.records_before);
 }
 
+// What a change that has begun fails with. Values with which changes are refused say that nothing has changed; there it
+// is the volume that is not as it was found before.
+static kvfs_result failure_of_begun(kvfs_result result) {
+  const bool is_refusal =
+      result == kvfs_invalid || result == kvfs_exists || result == kvfs_not_found || result == kvfs_not_a_folder;
+  return is_refusal ? kvfs_inconsistent : result;
+}
+
 kvfs_result kvfs_session_end_change(kvfs_session* session, kvfs_result result, int added_records) {
   session->changes.catalog = true;
   session->changes.records += added_records;
   ++session->epoch;
   session->spoiled = result != kvfs_ok;
-  return result;
+  return failure_of_begun(result);
 }
 
 kvfs_result kvfs_session_check_catalog(kvfs_session* session) {

@@ -284,7 +284,8 @@ kvfs_result kvfs_session_check_unreserved(kvfs_session* session, const kvfs_sess
 // nothing was changed yet.
 kvfs_result kvfs_session_begin_change(kvfs_session* session);
 
-// Notes the outcome of a change that has begun to change something, and the records that it has added. Returns it.
+// Notes the outcome of a change that has begun to change something, and the records that it has added. Returns it, or
+// kvfs_inconsistent for a value that would say that nothing has changed.
 kvfs_result kvfs_session_end_change(kvfs_session* session, kvfs_result result, int added_records);
 
 // Whether the changed catalog holds together as far as can be told at once: it has its root folder and the records that
@@ -307,8 +308,8 @@ struct kvfs_session_place {
   kvfs_session_name name;
 };
 
-// Checks that a file or folder record has no bytes behind those that are known, with which it would not be written back.
-// Returns kvfs_ok or kvfs_inconsistent.
+// Checks that a file or folder record has no bytes behind those that are known: it is written back whole, and without
+// them. Returns kvfs_ok or kvfs_inconsistent.
 kvfs_result kvfs_session_check_exact_size(const kvfs_session_found& item);
 
 // Finds the place for an item: a folder that is not private, and a name that is free there or the item's own.

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 
 #include "extents.h"
 #include "replaced_routine.h"
@@ -210,6 +211,42 @@ TEST(SessionBrokenCallee, RemovalThatCannotBePrepared_IsNotMade) {
   EXPECT_EQ(session.rename("d", "/", "renamed"), KVFS_FAILED);
   EXPECT_EQ(session.find("d"), KVFS_OK);
   EXPECT_EQ(session.flush(), KVFS_SPOILED);
+}
+
+// ---- Changes -------------------------------------------------------------------------------------------------------
+
+// Values that say that nothing has changed are given only where that is so.
+TEST(SessionBrokenCallee, ItemThatVanishesInAChange_IsNotFoundBeforeItBeginsAndSpoilsTheSessionBehind) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t file = description.add_file(folder, u"f");
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume before = build_volume(description);
+  const auto link = [&](kvfs_session* s) { return kvfs_session_make_link(s, folder, "l", "t", nullptr); };
+  const auto move = [&](kvfs_session* s) { return kvfs_session_rename(s, file, KVFS_ROOT_ID, "g"); };
+  const auto remove = [&](kvfs_session* s) { return kvfs_session_delete(s, file); };
+  const std::function<std::uint64_t(kvfs_session*)> changes[] = {link, move, remove};
+  for (const auto& change : changes) {
+    unsigned spoiled = 0;
+    for (unsigned n = 1;; ++n) {
+      const TestSession session(before);
+      LogCapture silence;
+      g_search.choose(n);
+      const std::uint64_t result = change(session.get());
+      if (!g_search.is_over()) {
+        g_search.choose(0);
+        break;
+      }
+      const std::uint64_t flushed = session.flush();
+      if (flushed == KVFS_SPOILED) {
+        EXPECT_EQ(result, KVFS_INCONSISTENT) << n;
+        ++spoiled;
+      } else {
+        EXPECT_TRUE(result == KVFS_OK || session.contents() == before) << n;
+      }
+    }
+    EXPECT_NE(spoiled, 0u);
+  }
 }
 
 // ---- Deletion ------------------------------------------------------------------------------------------------------
