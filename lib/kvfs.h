@@ -125,12 +125,16 @@ typedef struct kvfs_session kvfs_session;
 //   out_session  receives the session, to be closed with kvfs_session_close
 //
 // Returns KVFS_OK; KVFS_IO_ERROR, with the system's errno, when the file cannot be opened; KVFS_BUSY; KVFS_FAILED when
-// there is no HFS Plus volume; KVFS_INCONSISTENT when it is damaged; or the failure of what was read. A signal that is
-// handled while this waits for the file lock ends it with KVFS_FAILED, unless the handler was set with SA_RESTART.
+// there is no HFS Plus volume; KVFS_INCONSISTENT when it is damaged; KVFS_NO_MEMORY also when the volume header gives
+// the catalog, the allocation file or the extents overflow file extents or a size that cannot be, which the log tells
+// apart; or the failure of what was read. A signal that is handled while this waits for the file lock ends it with
+// KVFS_FAILED, unless the handler was set with SA_RESTART.
 uint64_t kvfs_session_open(const char* path, uint32_t flags, kvfs_session** out_session) KVFS_CHECKED;
 
 // The same on a file descriptor, which must stay open as long as the session and is never closed by it. The file lock
-// belongs to the open file behind the descriptor: it goes when the session is closed.
+// belongs to the open file behind the descriptor: it goes when the session is closed. Sessions on one descriptor, or on
+// copies of it that dup or fork have made, share one lock: it does not keep them from each other, is what the last of
+// them asked for, and goes with the first that is closed. A program opens one session on a descriptor at a time.
 //
 // Returns as above, and KVFS_INVALID for a descriptor that is not open for reading; with KVFS_OPEN_WRITE also for one
 // that is not open for writing, or is for appending: what it writes would not go where it belongs.
