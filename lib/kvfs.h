@@ -125,12 +125,16 @@ typedef struct kvfs_session kvfs_session;
 //   out_session  receives the session, to be closed with kvfs_session_close
 //
 // Returns KVFS_OK; KVFS_IO_ERROR, with the system's errno, when the file cannot be opened; KVFS_BUSY; KVFS_FAILED when
-// there is no HFS Plus volume; KVFS_INCONSISTENT when it is damaged; or the failure of what was read. A signal that is
-// handled while this waits for the file lock ends it with KVFS_FAILED, unless the handler was set with SA_RESTART.
+// there is no HFS Plus volume; KVFS_INCONSISTENT when it is damaged; KVFS_NO_MEMORY also when the volume header gives
+// the catalog, the allocation file or the extents overflow file extents or a size that cannot be, which the log tells
+// apart; or the failure of what was read. A signal that is handled while this waits for the file lock ends it with
+// KVFS_FAILED, unless the handler was set with SA_RESTART.
 uint64_t kvfs_session_open(const char* path, uint32_t flags, kvfs_session** out_session) KVFS_CHECKED;
 
 // The same on a file descriptor, which must stay open as long as the session and is never closed by it. The file lock
-// belongs to the open file behind the descriptor: it goes when the session is closed.
+// belongs to the open file behind the descriptor: it goes when the session is closed. Sessions on one descriptor, or on
+// copies of it that dup or fork have made, share one lock: it does not keep them from each other, is what the last of
+// them asked for, and goes with the first that is closed. A program opens one session on a descriptor at a time.
 //
 // Returns as above, and KVFS_INVALID for a descriptor that is not open for reading; with KVFS_OPEN_WRITE also for one
 // that is not open for writing, or is for appending: what it writes would not go where it belongs.
@@ -236,6 +240,9 @@ uint64_t kvfs_session_count_free_blocks(kvfs_session* session, uint32_t* out_cou
 // decomposed, but for what is spelled %uXXXX. Some programs store names that are not decomposed. Units that would be
 // come spelled, such as %u00E9, so that each name leads to its own item and is kept when it is given again. Such a name
 // is found by its text as it stands, too, unless the folder also has the decomposed one.
+//
+// Where case does not matter, U+200C to U+200F, U+202A to U+202E, U+206A to U+206F and U+FEFF do not matter either:
+// names that differ in them alone are the same, and one of nothing else is no name: no item is found by it or gets it.
 
 // The ID of the root folder.
 #define KVFS_ROOT_ID UINT32_C(2)
@@ -389,9 +396,10 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 //   folder_id  of the folder that will hold the item
 //   name       one name, spelled as said above
 //
-// Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), a private folder and its name, items
-// and names with a NUL, what lies or would lie in a private folder, a folder that would lie in itself, or a text that
-// is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said above.
+// Returns KVFS_OK; KVFS_INVALID for the root folder (see kvfs_session_set_label), a private folder and its name, in any
+// case where case does not matter, items and names with a NUL, what lies or would lie in a private folder, a folder
+// that would lie in itself, or a text that is no name; KVFS_EXISTS; KVFS_NOT_FOUND; KVFS_NOT_A_FOLDER; or as said
+// above.
 uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder_id, const char* name) KVFS_CHECKED;
 
 // Deletes a file with both of its forks, a symbolic link or an empty folder. Its blocks become free with the flush.
@@ -410,9 +418,9 @@ uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 //   target     a path for whoever follows the link: 1 to 255 bytes without a backslash
 //   out_id     receives the ID of the link; may be null
 //
-// Returns KVFS_OK; KVFS_EXISTS; KVFS_NO_SPACE; KVFS_INVALID also without the allocation file and for a private folder;
-// KVFS_INCONSISTENT, with nothing changed, when the block that is free next belongs to the volume itself or the next ID
-// cannot be given; or as said above.
+// Returns KVFS_OK; KVFS_EXISTS; KVFS_NO_SPACE; KVFS_INVALID also without the allocation file and for a private folder
+// and its name; KVFS_INCONSISTENT, with nothing changed, when the block that is free next belongs to the volume itself,
+// blocks are no whole sectors of 512 bytes, or the next ID cannot be given; or as said above.
 uint64_t kvfs_session_make_link(kvfs_session* session, uint32_t folder_id, const char* name, const char* target,
                                 uint32_t* out_id) KVFS_CHECKED;
 

@@ -5,8 +5,12 @@
 #include "btree.h"
 #include "btree/node_buffer.h"
 #include "btree/private.h"
+#include "catalog/key.h"
 #include "session/private.h"
 #include "volume.h"
+
+using kvfs::catalog::make_key;
+using kvfs::catalog::make_thread_key;
 
 static kvfs_btree* catalog_tree(const kvfs_session* session) {
   return *session->volume->catalog->btree;
@@ -35,12 +39,20 @@ kvfs_result kvfs_session_begin_change(kvfs_session* session) {
   return count_records(session, &session->changes.records_before);
 }
 
+// What a change that has begun fails with. Values with which changes are refused say that nothing has changed; there it
+// is the volume that is not as it was found before.
+static kvfs_result failure_of_begun(kvfs_result result) {
+  const bool is_refusal =
+      result == kvfs_invalid || result == kvfs_exists || result == kvfs_not_found || result == kvfs_not_a_folder;
+  return is_refusal ? kvfs_inconsistent : result;
+}
+
 kvfs_result kvfs_session_end_change(kvfs_session* session, kvfs_result result, int added_records) {
   session->changes.catalog = true;
   session->changes.records += added_records;
   ++session->epoch;
   session->spoiled = result != kvfs_ok;
-  return result;
+  return failure_of_begun(result);
 }
 
 kvfs_result kvfs_session_check_catalog(kvfs_session* session) {
@@ -62,44 +74,72 @@ kvfs_result kvfs_session_check_catalog(kvfs_session* session) {
   return result;
 }
 
-// ---- Private folders -----------------------------------------------------------------------------------------------
+// ---- Names that are taken for others -------------------------------------------------------------------------------
 
-// Whether the name of an item is that of one of the two folders that hold what links stand for. The one for files has
-// NULs in its name. So may other items have, and the order of the catalog does not lead to them: they are left alone as
-// well.
-static bool is_private(std::uint32_t parent_id, const kvfs_be16* units, std::size_t length) {
-  static constexpr char16_t kFolderOfFolders[] = u".HFS+ Private Directory Data\r";
-  constexpr std::size_t kLength = sizeof(kFolderOfFolders) / sizeof(kFolderOfFolders[0]) - 1;
-  if (kvfs_session_has_nul(units, length)) {
-    return true;
-  }
-  std::size_t same = 0;
-  while (same < kLength && same < length && units[same].get() == kFolderOfFolders[same]) {
-    ++same;
-  }
-  return parent_id == kHFSRootFolderID && same == kLength && length == kLength;
+// Whether the catalog takes two keys for the same.
+static kvfs_result compare_keys(kvfs_session* session, const HFSPlusCatalogKey& a, const HFSPlusCatalogKey& b,
+                                bool* are_same) {
+  BTHeaderRec header = {};
+  const kvfs_result result = kvfs::btree::read_header_record(catalog_tree(session), &header);
+  *are_same = result == kvfs_ok && kvfs_catalog_compare_keys(&a, &b, header.keyCompareType) == 0;
+  return result;
 }
 
-static bool is_private(const HFSPlusCatalogKey& key) {
-  return is_private(key.parentID.get(), key.nodeName.unicode, key.nodeName.length.get());
+// Whether the key of an item is none of those of the two folders that hold what links stand for. The one for files has
+// NULs in its name. So may other items have, and the order of the catalog does not lead to them: they are left alone as
+// well (X-session-6). Returns kvfs_ok, kvfs_invalid or a failure.
+static kvfs_result check_not_private(kvfs_session* session, const HFSPlusCatalogKey& key) {
+  static constexpr char16_t kFolderOfFolders[] = u".HFS+ Private Directory Data\r";
+  constexpr std::uint32_t kLength = sizeof(kFolderOfFolders) / sizeof(kFolderOfFolders[0]) - 1;
+  if (kvfs_session_has_nul(key.nodeName.unicode, key.nodeName.length.get())) {
+    return kvfs_invalid;
+  }
+  if (key.parentID.get() != kHFSRootFolderID) {
+    return kvfs_ok;
+  }
+  kvfs_be16 name[kLength];
+  for (std::uint32_t i = 0; i < kLength; ++i) {
+    name[i].set(kFolderOfFolders[i]);
+  }
+  HFSPlusCatalogKey private_key;
+  make_key(&private_key, key.parentID, name, kLength);
+  bool is_private = false;
+  const kvfs_result result = compare_keys(session, key, private_key, &is_private);
+  return is_private ? kvfs_invalid : result;
+}
+
+// Whether a name can be given to an item: not where the catalog would take it for that of a private folder, or for none
+// at all and so for the thread of the folder (X-session-5). Returns as above.
+static kvfs_result check_new_name(kvfs_session* session, const kvfs_session_place& place) {
+  HFSPlusCatalogKey key;
+  make_key(&key, kvfs_be32::of(place.folder_id), place.name.units, static_cast<std::uint32_t>(place.name.length));
+  const kvfs_result result = check_not_private(session, key);
+  if (result != kvfs_ok) {
+    return result;
+  }
+  HFSPlusCatalogKey thread;
+  make_thread_key(&thread, key.parentID);
+  bool is_thread = false;
+  const kvfs_result compared = compare_keys(session, key, thread, &is_thread);
+  return is_thread ? kvfs_invalid : compared;
 }
 
 // ---- Items that are to leave their place ---------------------------------------------------------------------------
 
-// Links an item's locator with that of its folder, which a search by ID does not do. The root folder lies in none.
-static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item, bool* lies_in_private) {
+// Links an item's locator with that of its folder, which a search by ID does not do. The root folder lies in none. What
+// lies in a private folder stays there.
+static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item) {
   kvfs_session_found folder;
-  const kvfs_result result = kvfs_session_find_folder(session, item->key()->parentID.get(), &folder);
+  kvfs_result result = kvfs_session_find_folder(session, item->key()->parentID.get(), &folder);
   if (result == kvfs_not_found || result == kvfs_not_a_folder) {
     KVFS_ERROR_AS(kvfs_session_find_removable, "Folder %lu, which holds item %lu, is missing.\n",
                   to_ul(item->key()->parentID.get()), to_ul(kvfs_session_id_of(item->record()->data)));
     return kvfs_inconsistent;
   }
-  if (result != kvfs_ok) {
-    return result;
+  if (result == kvfs_ok) {
+    result = check_not_private(session, *folder.key());
   }
-  *lies_in_private = is_private(*folder.key());
-  return kvfs_catalog_record_locator_set_parent_locator(item->locator(), folder.locator());
+  return result == kvfs_ok ? kvfs_catalog_record_locator_set_parent_locator(item->locator(), folder.locator()) : result;
 }
 
 // Whether the nodes of an item's record and of its thread, which has led to it, keep other records without them, and
@@ -128,8 +168,7 @@ static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& 
   return result == kvfs_ok ? kvfs_session_check_index(catalog_tree(session), thread.record(), item.record()) : result;
 }
 
-// Records are written back whole, and never with bytes behind those that are known.
-static kvfs_result check_exact_size(const kvfs_session_found& item) {
+kvfs_result kvfs_session_check_exact_size(const kvfs_session_found& item) {
   const std::size_t size = item.file() != nullptr ? sizeof(HFSPlusCatalogFile) : sizeof(HFSPlusCatalogFolder);
   if (item.record()->data_size != size) {
     KVFS_ERROR_AS(kvfs_session_begin_change, "Record of item %lu has %zu bytes, and not %zu.\n",
@@ -142,18 +181,13 @@ static kvfs_result check_exact_size(const kvfs_session_found& item) {
 kvfs_result kvfs_session_find_removable(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
   kvfs_result result = kvfs_session_find_item(session, id, item);
   if (result == kvfs_ok) {
-    result = check_exact_size(*item);
+    result = kvfs_session_check_exact_size(*item);
   }
-  if (result != kvfs_ok) {
-    return result;
+  if (result == kvfs_ok) {
+    result = id == kHFSRootFolderID ? kvfs_invalid : check_not_private(session, *item->key());
   }
-  if (id == kHFSRootFolderID || is_private(*item->key())) {
-    return kvfs_invalid;
-  }
-  bool lies_in_private = false;
-  result = link_folder(session, item, &lies_in_private);
-  if (result == kvfs_ok && lies_in_private) {
-    return kvfs_invalid;
+  if (result == kvfs_ok) {
+    result = link_folder(session, item);
   }
   return result == kvfs_ok ? check_nodes(session, *item, id) : result;
 }
@@ -176,7 +210,7 @@ static kvfs_result read_new_name(const char* text, kvfs_session_place* place) {
   kvfs_session_name* const name = &place->name;
   const kvfs_result result = kvfs_session_read_name(text, std::strlen(text), name);
   const bool is_name = result == kvfs_ok && name->length != 0 && std::strchr(text, '/') == nullptr &&
-                       !is_private(place->folder_id, name->units, name->length);
+                       !kvfs_session_has_nul(name->units, name->length);
   return is_name ? kvfs_ok : kvfs_invalid;
 }
 
@@ -224,11 +258,16 @@ kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std
   if (result != kvfs_ok) {
     return result;
   }
-  if (folder_id != kHFSRootFolderID && is_private(*folder.key())) {
-    return kvfs_invalid;
+  if (folder_id != kHFSRootFolderID) {
+    result = check_not_private(session, *folder.key());
   }
   folder.release();
-  result = check_not_inside(session, id, folder_id);
+  if (result == kvfs_ok) {
+    result = check_new_name(session, *place);
+  }
+  if (result == kvfs_ok) {
+    result = check_not_inside(session, id, folder_id);
+  }
   return result == kvfs_ok ? kvfs_session_check_free(session, id, *place) : result;
 }
 
@@ -238,7 +277,7 @@ kvfs_result kvfs_session_get_valence(kvfs_session* session, std::uint32_t folder
   kvfs_session_found folder;
   kvfs_result result = kvfs_session_find_folder(session, folder_id, &folder);
   if (result == kvfs_ok) {
-    result = check_exact_size(folder);
+    result = kvfs_session_check_exact_size(folder);
   }
   if (result == kvfs_ok) {
     *valence = {folder_id, folder.folder()->valence.get()};

@@ -36,7 +36,7 @@ static kvfs_result check_run(kvfs_session* session, std::uint32_t id, kvfs_block
   if (run.first > header.totalBlocks.get() || run.count > header.totalBlocks.get() - run.first) {
     result = kvfs_inconsistent;
   } else {
-    result = kvfs_session_run_in_use(session, run, &in_use);
+    result = kvfs_session_blame_volume(kvfs_session_run_in_use(session, run, &in_use));
   }
   if (result == kvfs_inconsistent || (result == kvfs_ok && !in_use)) {
     KVFS_ERROR_AS(kvfs_session_delete, "Blocks %lu and %lu behind it cannot be those of file %lu.\n", to_ul(run.first),
@@ -73,34 +73,54 @@ static kvfs_result collect_fork(kvfs_session* session, const HFSPlusCatalogFile*
 // What is done with each overflow record of a file.
 using overflow_visit = kvfs_result (*)(kvfs_btree* tree, kvfs_btree_record_locator* record, void* context);
 
-// Visits the overflow records of one fork, of which each was found before.
+// Adds the blocks of extents up to the first without any: what stands behind it belongs to no file.
+static std::uint64_t blocks_in_use(const HFSPlusExtentRecord& record) {
+  std::uint64_t blocks = 0;
+  for (const HFSPlusExtentDescriptor& extent : record.extents) {
+    if (extent.blockCount.get() == 0) {
+      break;
+    }
+    blocks += extent.blockCount.get();
+  }
+  return blocks;
+}
+
+// Visits the overflow record that begins at a block of a fork, and copies it before.
+static kvfs_result visit_record(kvfs_extents* extents, std::uint32_t id, std::uint8_t fork_type, std::uint32_t start,
+                                overflow_visit visit, void* context, HFSPlusExtentRecord* record) {
+  kvfs_btree_search_result found;
+  kvfs_btree_search_result_init(&found);
+  kvfs_result result = kvfs_extents_search(extents, fork_type, id, start, &found);
+  if (result == kvfs_ok && (found.found == 0 || found.locator->data_size < sizeof(*record))) {
+    result = kvfs_inconsistent;
+  }
+  if (result == kvfs_ok) {
+    *record = *kvfs_view_as<HFSPlusExtentRecord>(found.locator->data);
+    result = visit(extents->btree, found.locator, context);
+  }
+  kvfs_btree_search_result_release(&found);
+  return result;
+}
+
+// Visits the overflow records of one fork, of which each was found before. One that adds no blocks would be found again
+// and again (X-session-3).
 static kvfs_result visit_fork_overflow(kvfs_session* session, std::uint32_t id, std::uint8_t fork_type,
                                        const HFSPlusForkData& data, overflow_visit visit, void* context) {
-  kvfs_extents* const extents = session->volume->extents;
-  std::uint32_t start = 0;
   HFSPlusExtentRecord record = data.extents;
-  for (;;) {
-    for (const HFSPlusExtentDescriptor& extent : record.extents) {
-      start += extent.blockCount.get();
-    }
-    if (start >= data.totalBlocks.get()) {
-      return kvfs_ok;
-    }
-    kvfs_btree_search_result found;
-    kvfs_btree_search_result_init(&found);
-    kvfs_result result = kvfs_extents_search(extents, fork_type, id, start, &found);
-    if (result == kvfs_ok && (found.found == 0 || found.locator->data_size < sizeof(record))) {
-      result = kvfs_inconsistent;
-    }
-    if (result == kvfs_ok) {
-      record = *kvfs_view_as<HFSPlusExtentRecord>(found.locator->data);
-      result = visit(extents->btree, found.locator, context);
-    }
-    kvfs_btree_search_result_release(&found);
+  std::uint64_t start = blocks_in_use(record);
+  while (start < data.totalBlocks.get()) {
+    const kvfs_result result = visit_record(session->volume->extents, id, fork_type, static_cast<std::uint32_t>(start),
+                                            visit, context, &record);
     if (result != kvfs_ok) {
       return result;
     }
+    const std::uint64_t added = blocks_in_use(record);
+    if (added == 0) {
+      return kvfs_inconsistent;
+    }
+    start += added;
   }
+  return kvfs_ok;
 }
 
 static kvfs_result visit_overflow(kvfs_session* session, const HFSPlusCatalogFile& file, overflow_visit visit,

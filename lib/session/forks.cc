@@ -58,6 +58,7 @@ static kvfs_result append_overflow_extents(kvfs_session* session, kvfs_fork_priv
     HFSPlusExtentRecord record = {};
     kvfs_result result = kvfs_extents_get_next_extent_record(session->volume->extents, kHFSResourceForkType, priv->cnid,
                                                              found, &exists, &record);
+    result = kvfs_session_blame_volume(result);
     if (result == kvfs_ok && (exists == 0 || blocks_in(record) == 0 || blocks_in(record) > total - found)) {
       KVFS_ERROR_AS(kvfs_session_open_fork, "Extents of the resource fork of file %lu end at block %lu of %lu.\n",
                     to_ul(priv->cnid), to_ul(found), to_ul(total));
@@ -168,7 +169,7 @@ static kvfs_result find_extents(kvfs_session* session, std::uint32_t id, std::ui
                                                 is_data ? 0 : 1, id, data, kSessionSectorSize, out_priv);
   data->logicalSize = size;
   if (result != kvfs_ok) {
-    return result;
+    return kvfs_session_blame_volume(result);
   }
   (*out_priv)->logical_size = size.get();
   if (!is_data) {

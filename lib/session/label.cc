@@ -57,6 +57,12 @@ static kvfs_result check_removable(kvfs_session* session) {
     return kvfs_inconsistent;
   }
   if (result == kvfs_ok) {
+    result = kvfs_session_check_item(root.record());
+  }
+  if (result == kvfs_ok) {
+    result = kvfs_session_check_exact_size(root);  // X-session-7
+  }
+  if (result == kvfs_ok) {
     result = kvfs_session_records_in_node(tree, *root.record()->node, &records);
   }
   if (result == kvfs_ok && records <= 1) {

@@ -18,6 +18,8 @@ namespace {
 struct listed_record {
   HFSPlusCatalogKey key;
   HFSPlusCatalogFile data;
+  std::uint32_t node;
+  std::uint16_t index;  // in the node
 };
 
 }  // namespace
@@ -28,8 +30,8 @@ static constexpr std::uint32_t kBatch = 32;
 struct kvfs_listing {
   kvfs_session* session;
   std::uint32_t folder_id;
-  std::uint64_t epoch;     // of the session when the batch was taken
-  std::uint64_t left;      // items that may still come, unless the catalog leads in a ring
+  std::uint64_t epoch;  // of the session when the batch was taken
+  kvfs_session_trail trail;
   HFSPlusCatalogKey last;  // of the item given last
   bool has_last;
   bool is_at_end;  // nothing is behind the batch
@@ -42,12 +44,17 @@ static void keep_record(const kvfs_btree_record_locator* record, listed_record* 
   // A record and a key may have bytes behind what they are made of, which do not matter.
   std::memcpy(&kept->key, record->key, kvfs_min<std::size_t>(record->key_length, sizeof(kept->key)));
   std::memcpy(&kept->data, record->data, kvfs_min<std::size_t>(record->data_size, sizeof(kept->data)));
+  kept->node = *record->node;
+  kept->index = *record->index;
 }
 
 // Takes the items behind the one given last.
 static kvfs_result take_batch(kvfs_listing* listing) {
   kvfs_session_walk walk;
   const bool is_there = listing->epoch == listing->session->epoch;
+  if (!is_there) {
+    listing->trail = {};  // records may have moved
+  }
   kvfs_result result = kvfs_session_begin_walk(listing->session, listing->folder_id,
                                                listing->has_last ? &listing->last : nullptr, is_there, &walk);
   std::uint32_t count = 0;
@@ -86,13 +93,12 @@ static kvfs_result give_next(kvfs_listing* listing, kvfs_item* out_item) {
   if (result != kvfs_ok) {
     return result;
   }
-  if (listing->left == 0) {
-    KVFS_ERROR_AS(kvfs_listing_next, "Folder %lu has more items than the catalog has room for.\n",
-                  to_ul(listing->folder_id));
+  const listed_record& record = listing->batch[listing->next];
+  if (kvfs_session_leads_back(&listing->trail, record.node, record.index)) {
+    KVFS_ERROR_AS(kvfs_listing_next, "The items of folder %lu form a ring.\n", to_ul(listing->folder_id));
     return kvfs_inconsistent;
   }
-  --listing->left;
-  const listed_record& record = listing->batch[listing->next++];
+  ++listing->next;
   listing->last = record.key;
   listing->has_last = true;
   kvfs_item item;
@@ -116,7 +122,6 @@ static kvfs_result open_listing(kvfs_session* session, std::uint32_t folder_id, 
   listing->session = session;
   listing->folder_id = folder_id;
   listing->epoch = session->epoch;
-  listing->left = kvfs_session_most_records(session);
   kvfs_session_hold(session);
   *out_listing = listing;
   return kvfs_ok;

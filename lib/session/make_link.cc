@@ -65,15 +65,19 @@ static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
 }
 
 // Whether a block is free for the target, which would be missed only when the file is there already, and written to
-// before anything could tell that it is in use after all.
+// before anything could tell that it is in use after all. It is written as a whole sector (X-session-4).
 static kvfs_result check_space(kvfs_session* session, std::uint32_t id) {
   kvfs_volume* const volume = session->volume;
+  const std::uint32_t block_size = volume->header->blockSize.get();
+  if (block_size % kSessionSectorSize != 0) {
+    KVFS_ERROR_AS(kvfs_session_make_link, "Blocks of %lu bytes are no whole sectors.\n", to_ul(block_size));
+    return kvfs_inconsistent;
+  }
   const HFSPlusForkData none = {};
   kvfs_allocation_location location = {};
-  const kvfs_result result =
-      FindWriteLocation(id, kHFSDataForkType, &none, volume, 0, volume->header->blockSize.get(), &location);
+  const kvfs_result result = FindWriteLocation(id, kHFSDataForkType, &none, volume, 0, block_size, &location);
   if (result != kvfs_ok) {
-    return result;
+    return kvfs_session_blame_volume(result);
   }
   if (location.block_count == 0) {
     return kvfs_no_space;

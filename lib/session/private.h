@@ -32,6 +32,12 @@ inline constexpr kvfs_result kvfs_closed = static_cast<kvfs_result>(KVFS_CLOSED)
 inline constexpr kvfs_result kvfs_spoiled = static_cast<kvfs_result>(KVFS_SPOILED);
 inline constexpr kvfs_result kvfs_end = static_cast<kvfs_result>(KVFS_END);
 
+// A lower layer that finds unacceptable what it was asked for has been asked for what the volume says: arguments of
+// callers were checked before.
+constexpr kvfs_result kvfs_session_blame_volume(kvfs_result result) {
+  return result == kvfs_invalid ? kvfs_inconsistent : result;
+}
+
 // ---- The session ---------------------------------------------------------------------------------------------------
 
 // Sectors of all devices that sessions make. Any volume is made of whole ones.
@@ -185,12 +191,24 @@ std::uint32_t kvfs_session_kind_of(const HFSPlusCatalogFile* file);
 
 // ---- A walk over a folder; in the session's turn -------------------------------------------------------------------
 
+// Where a walk has been. Nodes of a damaged catalog may form a ring, in which the walk comes back to the same places.
+// Comparing with one of them, exchanged at each power of two, finds that with constant memory and within a few rounds,
+// whatever size the catalog claims to have (X-session-2).
+struct kvfs_session_trail {
+  std::uint64_t steps;
+  std::uint32_t node;
+  std::uint16_t index;
+};
+
+// Notes the place of a record that was come to. Returns whether the way has led back there.
+bool kvfs_session_leads_back(kvfs_session_trail* trail, std::uint32_t node, std::uint16_t index);
+
 // A place in a folder. It holds no more of the catalog than one locator.
 struct kvfs_session_walk {
   kvfs_session* session;
   std::uint32_t folder_id;
   kvfs_catalog_record_locator* record;  // the item, or null at the end; owned
-  std::uint64_t steps;                  // that a catalog without a ring in it allows for
+  kvfs_session_trail trail;
 };
 
 // Begins at the first item, or behind a key. The caller ends the walk, also after a failure.
@@ -200,9 +218,6 @@ struct kvfs_session_walk {
 kvfs_result kvfs_session_begin_walk(kvfs_session* session, std::uint32_t folder_id, const HFSPlusCatalogKey* behind,
                                     bool is_there, kvfs_session_walk* walk);
 kvfs_result kvfs_session_step(kvfs_session_walk* walk);
-
-// Records that a catalog of this size has at most, with which a walk must get along even where nodes form a ring.
-std::uint64_t kvfs_session_most_records(kvfs_session* session);
 
 void kvfs_session_end_walk(kvfs_session_walk* walk);
 
@@ -259,7 +274,8 @@ kvfs_result kvfs_session_check_unreserved(kvfs_session* session, const kvfs_sess
 // nothing was changed yet.
 kvfs_result kvfs_session_begin_change(kvfs_session* session);
 
-// Notes the outcome of a change that has begun to change something, and the records that it has added. Returns it.
+// Notes the outcome of a change that has begun to change something, and the records that it has added. Returns it, or
+// kvfs_inconsistent for a value that would say that nothing has changed.
 kvfs_result kvfs_session_end_change(kvfs_session* session, kvfs_result result, int added_records);
 
 // Whether the changed catalog holds together as far as can be told at once: it has its root folder and the records that
@@ -281,6 +297,10 @@ struct kvfs_session_place {
   std::uint32_t folder_id;
   kvfs_session_name name;
 };
+
+// Checks that a file or folder record has no bytes behind those that are known: it is written back whole, and without
+// them. Returns kvfs_ok or kvfs_inconsistent.
+kvfs_result kvfs_session_check_exact_size(const kvfs_session_found& item);
 
 // Finds the place for an item: a folder that is not private, and a name that is free there or the item's own.
 //

@@ -72,7 +72,7 @@ static kvfs_result check_special_file(kvfs_session* session, const kvfs_session_
       kvfs_fork_resolve_extents(is_overflow_file ? nullptr : session->volume->extents, is_overflow_file ? 1 : 0,
                                 special_id, &special, &extents, &count);
   if (result != kvfs_ok) {
-    return result;
+    return kvfs_session_blame_volume(result);
   }
   const kvfs_owned<HFSPlusExtentDescriptor> owned(extents);
   const kvfs_session_extents reserved = {extents, count};

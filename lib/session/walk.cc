@@ -1,16 +1,22 @@
 // Walking over the items of a folder, which follow its thread record in the order of their names.
 
+#include <bit>
 #include <cstring>
 
 #include "btree.h"
 #include "catalog/key.h"
-#include "fork.h"
 #include "session/private.h"
 #include "volume.h"
 
-std::uint64_t kvfs_session_most_records(kvfs_session* session) {
-  constexpr std::uint64_t kSmallestRecord = kHFSPlusCatalogKeyNameOffset + kHFSPlusCatalogThreadNameOffset;
-  return *(*session->volume->catalog->btree)->fork->logical_size / kSmallestRecord;
+bool kvfs_session_leads_back(kvfs_session_trail* trail, std::uint32_t node, std::uint16_t index) {
+  if (trail->steps != 0 && trail->node == node && trail->index == index) {
+    return true;
+  }
+  if (std::has_single_bit(++trail->steps)) {
+    trail->node = node;
+    trail->index = index;
+  }
+  return false;
 }
 
 // Whether a record is beyond a folder. Of one whose key does not say it is not known what is behind it.
@@ -21,17 +27,18 @@ static bool is_elsewhere(const kvfs_btree_record_locator* record, std::uint32_t 
 
 // Replaces the record by the one behind it, whatever that is.
 static kvfs_result step_to_next(kvfs_session_walk* walk) {
-  if (walk->steps == 0) {
-    KVFS_ERROR_AS(kvfs_session_step, "Folder %lu has more items than the catalog has room for.\n",
-                  to_ul(walk->folder_id));
-    return kvfs_inconsistent;
-  }
-  --walk->steps;
   kvfs_catalog_record_locator* next = nullptr;
   const kvfs_result result = kvfs_catalog_get_next_record(walk->session->volume->catalog, walk->record, &next);
   kvfs_catalog_record_locator_close(&walk->record);
   walk->record = next;
-  return result;
+  if (next == nullptr) {
+    return result;
+  }
+  if (kvfs_session_leads_back(&walk->trail, *next->btree_locator->node, *next->btree_locator->index)) {
+    KVFS_ERROR_AS(kvfs_session_step, "The items of folder %lu form a ring.\n", to_ul(walk->folder_id));
+    return kvfs_inconsistent;
+  }
+  return kvfs_ok;
 }
 
 // Ends the walk where the record is no item of the folder any more.
@@ -85,6 +92,7 @@ static bool is_key(const kvfs_btree_record_locator* record, const HFSPlusCatalog
 // Begins at the first item and passes all of them up to the one with exactly a key.
 static kvfs_result pass_items(const HFSPlusCatalogKey* key, kvfs_session_walk* walk) {
   kvfs_session_end_walk(walk);
+  walk->trail = {};
   kvfs_result result = begin_at_first(walk);
   while (result == kvfs_ok && walk->record != nullptr && !is_key(walk->record->btree_locator, key)) {
     result = kvfs_session_step(walk);
@@ -94,7 +102,7 @@ static kvfs_result pass_items(const HFSPlusCatalogKey* key, kvfs_session_walk* w
 
 kvfs_result kvfs_session_begin_walk(kvfs_session* session, std::uint32_t folder_id, const HFSPlusCatalogKey* behind,
                                     bool is_there, kvfs_session_walk* walk) {
-  *walk = {session, folder_id, nullptr, kvfs_session_most_records(session)};
+  *walk = {session, folder_id, nullptr, {}};
   if (behind == nullptr) {
     return begin_at_first(walk);
   }

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 
 #include "extents.h"
 #include "replaced_routine.h"
@@ -211,6 +213,42 @@ TEST(SessionBrokenCallee, RemovalThatCannotBePrepared_IsNotMade) {
   EXPECT_EQ(session.flush(), KVFS_SPOILED);
 }
 
+// ---- Changes -------------------------------------------------------------------------------------------------------
+
+// Values that say that nothing has changed are given only where that is so.
+TEST(SessionBrokenCallee, ItemThatVanishesInAChange_IsNotFoundBeforeItBeginsAndSpoilsTheSessionBehind) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t file = description.add_file(folder, u"f");
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume before = build_volume(description);
+  const auto link = [&](kvfs_session* s) { return kvfs_session_make_link(s, folder, "l", "t", nullptr); };
+  const auto move = [&](kvfs_session* s) { return kvfs_session_rename(s, file, KVFS_ROOT_ID, "g"); };
+  const auto remove = [&](kvfs_session* s) { return kvfs_session_delete(s, file); };
+  const std::function<std::uint64_t(kvfs_session*)> changes[] = {link, move, remove};
+  for (const auto& change : changes) {
+    unsigned spoiled = 0;
+    for (unsigned n = 1;; ++n) {
+      const TestSession session(before);
+      LogCapture silence;
+      g_search.choose(n);
+      const std::uint64_t result = change(session.get());
+      if (!g_search.is_over()) {
+        g_search.choose(0);
+        break;
+      }
+      const std::uint64_t flushed = session.flush();
+      if (flushed == KVFS_SPOILED) {
+        EXPECT_EQ(result, KVFS_INCONSISTENT) << n;
+        ++spoiled;
+      } else {
+        EXPECT_TRUE(result == KVFS_OK || session.contents() == before) << n;
+      }
+    }
+    EXPECT_NE(spoiled, 0u);
+  }
+}
+
 // ---- Deletion ------------------------------------------------------------------------------------------------------
 
 void find_nothing(kvfs_btree_search_result* found) {
@@ -219,6 +257,10 @@ void find_nothing(kvfs_btree_search_result* found) {
 
 void cut_record(kvfs_btree_search_result* found) {
   found->locator->data_size = sizeof(HFSPlusExtentRecord) - 1;
+}
+
+void empty_record(kvfs_btree_search_result* found) {
+  std::memset(const_cast<unsigned char*>(found->locator->data), 0, sizeof(HFSPlusExtentRecord));
 }
 
 // A file with one record in the overflow file, which a deletion looks up twice: to count it, and to delete it.
@@ -232,9 +274,10 @@ Volume overflowing_volume() {
   return build_volume(description);
 }
 
+// X-session-3
 TEST(SessionBrokenCallee, OverflowRecordThatVanishesBeforeADeletion_IsRefusedAndNothingChanges) {
   const Volume before = overflowing_volume();
-  for (const auto damage : {find_nothing, cut_record}) {
+  for (const auto damage : {find_nothing, cut_record, empty_record}) {
     const TestSession session(before);
     LogCapture log;
     g_damage = damage;
@@ -246,9 +289,10 @@ TEST(SessionBrokenCallee, OverflowRecordThatVanishesBeforeADeletion_IsRefusedAnd
   }
 }
 
+// X-session-3
 TEST(SessionBrokenCallee, OverflowRecordThatVanishesInADeletion_SpoilsTheSession) {
   const Volume before = overflowing_volume();
-  for (const auto damage : {find_nothing, cut_record}) {
+  for (const auto damage : {find_nothing, cut_record, empty_record}) {
     const TestSession session(before);
     g_damage = damage;
     g_overflow_search.choose(2);

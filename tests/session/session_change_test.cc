@@ -410,6 +410,45 @@ TEST(SessionIndex, RootFolderAloneInItsNode_IsRefusedWithNothingChanged) {
   EXPECT_TRUE(session.contents() == image);
 }
 
+// The search for an index record ends in a node of another height, whose locator the search gives back itself.
+TEST(SessionIndex, LeafThatIsTheRootOfADeeperTree_LetsNoLabelBeSet) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  image.set_field("catalog.header.treeDepth", 3);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_set_label(session.get(), "label"), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionIndex, LeavesDirectlyBelowARootOfHeightThree_LetNoItemBeDeleted) {
+  VolumeDescription description;
+  const std::uint32_t first = description.add_files(kRootFolderId, 100);
+  Volume image = build_volume(description);
+  ASSERT_EQ(image.get_field("catalog.header.treeDepth"), 2u);
+  const std::string root = std::to_string(image.get_field("catalog.header.rootNode"));
+  image.set_field("catalog.header.treeDepth", 3);
+  image.set_field("catalog.node[" + root + "].height", 3);
+  const std::uint32_t leaf = image.leaf_nodes(Tree::kCatalog)[1];
+  for (std::uint32_t id = first; id < first + 100; ++id) {
+    const RecordPlace place = *image.find_by_cnid(id);
+    if (place.node != leaf || place.index != 0) {
+      continue;
+    }
+    const TestSession session(image);
+    LogCapture silence;
+    EXPECT_EQ(kvfs_session_delete(session.get(), id), KVFS_INCONSISTENT);
+    EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+    return;
+  }
+  ADD_FAILURE() << "no item is the first of its leaf";
+}
+
 TEST(SessionIndex, EachFailingCallWhileItIsLookedAt_IsPassedOn) {
   VolumeDescription description;
   (void)description.add_folders(kRootFolderId, 30);

@@ -283,18 +283,58 @@ TEST(SessionDamage, FolderBesideTheRootFolder_TakesNoNewItems) {
   EXPECT_EQ(session.facts().has_unflushed_changes, 0);
 }
 
-TEST(SessionDamage, RingOfNodes_EndsASearchByWalking) {
-  VolumeDescription description;
-  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
-  (void)description.add_files(folder, 200);
-  Volume image = build_volume(description);
-  const std::vector<std::uint32_t> leaves = image.leaf_nodes(Tree::kCatalog);
-  ASSERT_GT(leaves.size(), 3U);
-  image.set_field("catalog.node[" + std::to_string(leaves[2]) + "].fLink", leaves[1]);
-  const TestSession session(image);
+// A volume whose root folder has its items in a ring of leaves, in a catalog that claims to have a terabyte. A walk
+// that is bounded by what the catalog has room for would not end within days.
+class SessionRing : public ::testing::Test {
+ protected:
+  SessionRing() {
+    VolumeDescription description;
+    link_ = description.add_hard_link(kRootFolderId, u"a link", kFirstUserId + 1);
+    unnamed_ = description.add_file(kRootFolderId, Name(1, u'\0'));
+    description.item(unnamed_).with_record = false;
+    (void)description.add_files(kRootFolderId, kItems);
+    image_ = build_volume(description);
+    const std::vector<std::uint32_t> leaves = image_.leaf_nodes(Tree::kCatalog);
+    EXPECT_GT(leaves.size(), 3U);
+    image_.set_field("catalog.node[" + std::to_string(leaves[2]) + "].fLink", leaves[1]);
+    constexpr std::uint64_t kBlocks = (std::uint64_t{1} << 28) - 1;
+    image_.set_field("catalogFile.totalBlocks", kBlocks);
+    image_.set_field("catalogFile.extents[0].blockCount", kBlocks);
+    image_.set_field("catalogFile.logicalSize", kBlocks * image_.block_size());
+  }
+
+  static constexpr std::uint32_t kItems = 200;
+  static constexpr const char* kMessage = "ERROR kvfs_session_step The items of folder 2 form a ring.\n";
+  Volume image_;
+  std::uint32_t link_ = 0;
+  std::uint32_t unnamed_ = 0;
+};
+
+// X-session-2
+TEST_F(SessionRing, SearchByWalking_Ends) {
+  const TestSession session(image_);
   LogCapture log;
-  EXPECT_EQ(session.find("d/%u0000"), KVFS_INCONSISTENT);
-  EXPECT_LOG(log, "ERROR kvfs_session_step Folder 16 has more items than the catalog has room for.\n");
+  EXPECT_EQ(session.find("%u0000"), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, kMessage);
+}
+
+// X-session-2
+TEST_F(SessionRing, SearchForThePrivateFolderOrByAThread_Ends) {
+  const TestSession session(image_);
+  LogCapture log;
+  EXPECT_EQ(open_fork(session, link_), KVFS_INCONSISTENT);
+  EXPECT_EQ(find_id(session, unnamed_), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, kMessage, kMessage);
+}
+
+// X-session-2
+TEST_F(SessionRing, Listing_EndsBehindItsItems) {
+  const TestSession session(image_);
+  std::vector<std::string> names;
+  LogCapture log;
+  EXPECT_EQ(list(session, KVFS_ROOT_ID, names), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_listing_next The items of folder 2 form a ring.\n");
+  EXPECT_LT(names.size(), 4 * kItems);
 }
 
 // ---- Hard links ----------------------------------------------------------------------------------------------------
@@ -410,6 +450,78 @@ TEST(SessionDamage, ExtentsWhoseSumWraps_AreInconsistent) {
   EXPECT_LOG(log, "ERROR kvfs_session_open_fork Extents of file 16 have 4294967299 blocks, and their fork 3.\n");
 }
 
+// Behind an extent without blocks is none, whatever stands there: added to the one before it in 32 bits, this one would
+// have the deletion look for an overflow record at block 0 again and again.
+// X-session-3
+TEST(SessionDamage, BlocksBehindTheLastExtentOfAFork_AreNotAddedByTheDeletion) {
+  for (const char* fork : {".dataFork", ".resourceFork"}) {
+    const bool is_data = std::string(fork) == ".dataFork";
+    VolumeDescription description;
+    const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+    (is_data ? description.item(file).data : description.item(file).resource) = {100, {}, 1, 1, 0};
+    (void)description.add_files(kRootFolderId, 5);
+    description.extra_extents_records.emplace_back(extents_key(is_data ? 0 : 0xFF, file, 0), Bytes(64));
+    Volume image = build_volume(description);
+    image.set_field(field_of(image, file, fork) + ".extents[2].blockCount", 0xFFFFFFFF);
+    const TestSession session(image);
+    LogCapture log;
+    EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_OK) << fork;
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_LOG(log);
+    EXPECT_EQ(session.facts().free_block_count, image.get_field("freeBlocks") + 1) << fork;
+  }
+}
+
+// A search in a tree without records fails with another value than one that does not find its key.
+TEST(SessionDamage, OverflowExtentsMissingInAnEmptyTree_AreInconsistent) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  description.item(file).data = {8 * 4096, {}, 8, 1, 0};
+  description.item(file).resource = {8 * 4096, {}, 8, 1, 0};
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  for (const std::uint32_t fork : {KVFS_DATA_FORK, KVFS_RESOURCE_FORK}) {
+    Volume image = sound;
+    const char* const field = fork == KVFS_DATA_FORK ? ".dataFork.totalBlocks" : ".resourceFork.totalBlocks";
+    image.set_field(field_of(image, file, field), 9);
+    const TestSession session(image);
+    LogCapture silence;
+    EXPECT_EQ(open_fork(session, file, fork), KVFS_INCONSISTENT);
+    EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  }
+}
+
+TEST(SessionDamage, OverflowExtentsOfASpecialFileMissingInAnEmptyTree_AreInconsistent) {
+  VolumeDescription description;
+  description.attributes_tree.extent_count = 8;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  image.add_to_field("attributesFile.totalBlocks", 1);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+TEST(SessionDamage, BlocksBehindTheEndOfTheAllocationFile_AreNotFreed) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
+  (void)description.add_files(kRootFolderId, 5);
+  description.item(file).data.first_block = 100;
+  Volume image = build_volume(description);
+  image.set_field("allocationFile.logicalSize", 12);
+  const TestSession session(image);
+  LogCapture silence;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
 // The volume with 64 KiB at the beginning of each block; no special file has two blocks.
 Volume with_blocks_of_16_mib(const Volume& volume) {
   constexpr std::uint64_t kSmall = std::uint64_t{1} << 16;
@@ -482,6 +594,34 @@ TEST(SessionDamage, LongRecords_AreReadAndNotChanged) {
              message);
   EXPECT_EQ(session.flush(), KVFS_OK);
   EXPECT_TRUE(session.contents() == image);
+}
+
+// X-session-7
+TEST(SessionDamage, RootFolderOfTooManyOrTooFewBytes_KeepsItsLabel) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume sound = build_volume(description);
+  const RecordPlace place = *sound.find_by_cnid(kRootFolderId);
+  struct {
+    std::size_t size;
+    std::string message;
+  } const cases[] = {
+      {600, "ERROR kvfs_session_begin_change Record of item 2 has 600 bytes, and not 88.\n"},
+      {86, "ERROR kvfs_session_check_item Record " + std::to_string(place.index) + " of node " +
+               std::to_string(place.node) + " is no whole file or folder.\n"},
+  };
+  for (const auto& c : cases) {
+    Bytes record = sound.record_data(place);
+    record.resize(c.size, 0xAB);
+    description.root.record = record;
+    const Volume image = build_volume(description);
+    const TestSession session(image);
+    LogCapture log;
+    EXPECT_EQ(kvfs_session_set_label(session.get(), "label"), KVFS_INCONSISTENT);
+    EXPECT_LOG(log, c.message);
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == image);
+  }
 }
 
 TEST(SessionDamage, LinkTarget_IsReadUpTo64KiB) {
@@ -830,6 +970,42 @@ TEST(SessionDamage, BlockOfTheAlternateHeaderThatCountsAsFree_IsGivenToNoLink) {
 TEST_F(SessionJournal, ItsBlocksThatCountAsFree_AreGivenToNoLink) {
   expect_no_link(with_lost_byte(image_, info_block_), info_block_);
   expect_no_link(with_lost_byte(image_, journal_block_ + 7), journal_block_ + 7);
+}
+
+// A volume whose blocks are no whole sectors. Its special files begin with one, in the block of twice the number.
+Volume with_blocks_of_768_bytes(const Volume& volume) {
+  constexpr std::uint64_t kOld = 512;
+  constexpr std::uint64_t kNew = 768;
+  const std::uint64_t blocks = volume.get_field("totalBlocks");
+  SparseImage image(2 * blocks * kNew);
+  image.write(kHeaderOffset, volume.read(kHeaderOffset, 512));
+  Volume odd(image);
+  odd.set_field("blockSize", kNew);
+  for (const char* file : {"extentsFile", "catalogFile", "allocationFile"}) {
+    const std::string extent = std::string(file) + ".extents[0]";
+    const std::uint64_t start = volume.get_field(extent + ".startBlock");
+    const std::size_t size = static_cast<std::size_t>(volume.get_field(std::string(file) + ".logicalSize"));
+    odd.set_field(extent + ".startBlock", 2 * start);
+    odd.write(2 * start * kNew, volume.read(start * kOld, size));
+  }
+  return odd;
+}
+
+// The sector in which such a block begins, which is written at once, has bytes of the block before it.
+// X-session-4
+TEST(SessionDamage, BlocksThatAreNoWholeSectors_AreGivenToNoLink) {
+  VolumeDescription description;
+  description.block_size = 512;
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume image = with_blocks_of_768_bytes(build_volume(description));
+  const TestSession session(image);
+  ASSERT_EQ(session.opened(), KVFS_OK);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_make_link(session.get(), KVFS_ROOT_ID, "l", "t", nullptr), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_make_link Blocks of 768 bytes are no whole sectors.\n");
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
 }
 
 // ---- Counts --------------------------------------------------------------------------------------------------------

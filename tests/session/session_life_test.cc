@@ -83,6 +83,38 @@ TEST(SessionOpen, NoVolume_FailsAndLeavesTheDescriptorOpen) {
   EXPECT_NE(fcntl(file.fd(), F_GETFD), -1);
 }
 
+TEST(SessionOpen, SpecialFileThatCannotBe_ComesOutAsNoMemory) {
+  const Volume sound = build_volume({});
+  struct {
+    const char* field;
+    std::uint64_t value;
+  } const cases[] = {{"catalogFile.totalBlocks", 0xFFFFFFFF},
+                     {"allocationFile.totalBlocks", 0xFFFFFFFF},
+                     {"extentsFile.logicalSize", UINT64_MAX}};
+  for (const auto& c : cases) {
+    Volume image = sound;
+    image.set_field(c.field, c.value);
+    LogCapture silence;
+    EXPECT_EQ(TestSession(image).opened(), KVFS_NO_MEMORY) << c.field;
+  }
+}
+
+// One lock belongs to the open file, whoever has a descriptor of it.
+TEST(SessionOpen, DescriptorOfAnotherSession_SharesItsLock) {
+  const MemoryFile file(build_volume({}));
+  kvfs_session* first = nullptr;
+  kvfs_session* second = nullptr;
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE, &first), KVFS_OK);
+  ASSERT_EQ(kvfs_session_open_descriptor(file.fd(), KVFS_OPEN_WRITE | KVFS_OPEN_NO_WAIT, &second), KVFS_OK);
+  const int other = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(other, 0);
+  EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0);
+  EXPECT_EQ(kvfs_session_close(&first), KVFS_OK);
+  EXPECT_EQ(flock(other, LOCK_SH | LOCK_NB), 0) << "although the second session is open";
+  EXPECT_EQ(kvfs_session_close(&second), KVFS_OK);
+  close(other);
+}
+
 TEST(SessionOpen, LockHeldByAnother_IsBusyAtOnce) {
   const MemoryFile file(build_volume({}));
   const int other = open(file.path().c_str(), O_RDWR | O_CLOEXEC);
