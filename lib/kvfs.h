@@ -217,8 +217,8 @@ uint64_t kvfs_session_facts(kvfs_session* session, kvfs_volume_facts* facts) KVF
 //
 //   out_in_use  receives 1 or 0
 //
-// Returns KVFS_OK; KVFS_INVALID for a block behind the last one and without the allocation file; or the failure of
-// reading it.
+// Returns KVFS_OK; KVFS_INVALID for a block behind the last one and without the allocation file; KVFS_INCONSISTENT when
+// that ends before the block; or the failure of reading it.
 uint64_t kvfs_session_block_in_use(kvfs_session* session, uint32_t block, int* out_in_use) KVFS_CHECKED;
 
 // Counts the blocks that are free in the allocation file, which on a sound volume is what the facts say.

@@ -50,7 +50,7 @@ static kvfs_result visit_piece(kvfs_fork* fork, kvfs_block_run* run, visit_bits 
   if (result == kvfs_ok) {
     *run = {piece.first + piece.count, run->count - piece.count};
   }
-  return result;
+  return kvfs_session_blame_volume(result);  // an allocation file may end before its volume
 }
 
 // Counts the blocks in use of a piece; the context is the sum. Its type is that of a visit, which may change the bytes.

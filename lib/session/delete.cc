@@ -36,7 +36,7 @@ static kvfs_result check_run(kvfs_session* session, std::uint32_t id, kvfs_block
   if (run.first > header.totalBlocks.get() || run.count > header.totalBlocks.get() - run.first) {
     result = kvfs_inconsistent;
   } else {
-    result = kvfs_session_blame_volume(kvfs_session_run_in_use(session, run, &in_use));
+    result = kvfs_session_run_in_use(session, run, &in_use);
   }
   if (result == kvfs_inconsistent || (result == kvfs_ok && !in_use)) {
     KVFS_ERROR_AS(kvfs_session_delete, "Blocks %lu and %lu behind it cannot be those of file %lu.\n", to_ul(run.first),

@@ -508,7 +508,7 @@ TEST(SessionDamage, OverflowExtentsOfASpecialFileMissingInAnEmptyTree_AreInconsi
   EXPECT_TRUE(session.contents() == image);
 }
 
-TEST(SessionDamage, BlocksBehindTheEndOfTheAllocationFile_AreNotFreed) {
+TEST(SessionDamage, BlocksBehindTheEndOfTheAllocationFile_AreInconsistentAndNotFreed) {
   VolumeDescription description;
   const std::uint32_t file = description.add_file(kRootFolderId, u"f", 100);
   (void)description.add_files(kRootFolderId, 5);
@@ -517,6 +517,11 @@ TEST(SessionDamage, BlocksBehindTheEndOfTheAllocationFile_AreNotFreed) {
   image.set_field("allocationFile.logicalSize", 12);
   const TestSession session(image);
   LogCapture silence;
+  int in_use = -1;
+  std::uint32_t free_blocks = 0;
+  EXPECT_EQ(kvfs_session_block_in_use(session.get(), 95, &in_use), KVFS_OK);
+  EXPECT_EQ(kvfs_session_block_in_use(session.get(), 96, &in_use), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_count_free_blocks(session.get(), &free_blocks), KVFS_INCONSISTENT);
   EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
   EXPECT_EQ(session.flush(), KVFS_OK);
   EXPECT_TRUE(session.contents() == image);
