@@ -45,8 +45,7 @@ static kvfs_result begin_bitmap_walk(bitmap_walk* walk) {
   walk->node = view_of(tree, 0, walk->header_map);
   walk->start = offset_at(walk->node, kBTHeaderNodeRecords - 1);
   if (tree->nodeSize < kBTHeaderNodeOverhead || walk->start < kBTHeaderMapOffset) {
-    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: No map record at %lu of a node of %hu bytes.\n",
-                  to_ul(walk->start), tree->nodeSize);
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: No map record at offset %lu.\n", to_ul(walk->start));
     return kvfs_inconsistent;
   }
   walk->total_nodes = kvfs_view_as<BTHeaderRec>(walk->node.bytes + kBTHeaderRecordOffset)->totalNodes.get();

@@ -345,19 +345,13 @@ static bool count_key(search_walk* walk, std::uint32_t size, bool odd) {
 
 // Says why a key was not counted.
 static kvfs_result report_limit(const search_walk& walk) {
-  if (walk.cost.key_bytes > kMaximumHeight * walk.node.size) {
-    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
-                  "Invalid node data: Keys of more than %lu nodes up to record %lu of node %lu.\n",
-                  to_ul(kMaximumHeight), to_ul(walk.index), to_ul(walk.node.number));
-    return kvfs_inconsistent;
+  if (walk.cost.key_bytes <= kMaximumHeight * walk.node.size && walk.cost.odd_keys <= kMaximumOddKeys) {
+    return report_too_much_work();
   }
-  if (walk.cost.odd_keys > kMaximumOddKeys) {
-    KVFS_ERROR_AS(kvfs_btree_search_node_internal,
-                  "Invalid node data: More than %lu keys of a wrong length, up to record %lu of node %lu.\n",
-                  to_ul(kMaximumOddKeys), to_ul(walk.index), to_ul(walk.node.number));
-    return kvfs_inconsistent;
-  }
-  return report_too_much_work();
+  KVFS_ERROR_AS(kvfs_btree_search_node_internal,
+                "Invalid node data: Too many or wrong keys up to record %lu of node %lu.\n", to_ul(walk.index),
+                to_ul(walk.node.number));
+  return kvfs_inconsistent;
 }
 
 static int compare_with_search_key(const search_walk& walk, const void* key) {

@@ -77,66 +77,102 @@ static kvfs_result report_wrong_link_or_mark(std::uint32_t node) {
   return kvfs_inconsistent;
 }
 
-// Whether a node belongs to the chain of nodes that begins with the header node and holds the node bitmap.
-static bool is_map_node(kvfs_btree* tree, std::uint32_t node) {
-  BTNodeDescriptor holder = {};
-  cycle_finder chain = {0, 0};
-  for (std::uint32_t number = 0; read_descriptor(tree, number, &holder) == kvfs_ok;) {
-    number = holder.fLink.get();
-    if (number == node) {
-      return true;
+namespace {
+
+// The bit of a node in the node bitmap, read as it is meant.
+struct node_mark {
+  bool used;
+  bool begins_map_node;  // it is in the first byte of a map node, where a claim does not look: Q-btree-16
+};
+
+}  // namespace
+
+// Reads the bit of a node; what cannot be read calls it free. `buffer` takes the nodes that hold the bitmap.
+static node_mark read_node_mark(kvfs_btree* tree, std::uint32_t node, node_buffer* buffer) {
+  std::uint32_t byte = node / 8;
+  cycle_finder segments = {0, 0};
+  for (std::uint32_t holder = 0; read_node(tree, holder, buffer) == kvfs_ok;) {
+    const node_view& view = buffer->view;
+    std::uint32_t begin = offset_at(view, holder == 0 ? kBTHeaderNodeRecords - 1 : 0);
+    std::uint32_t end = holder == 0 ? begin + view.size - kBTHeaderNodeOverhead : offset_at(view, 1);
+    if (end < begin || end > view.size) {
+      return {};
     }
-    if (comes_back(&chain, number)) {  // 0, where the walk began, ends the chain as well
-      return false;
+    if (byte < end - begin) {
+      return {(view.bytes[begin + byte] & kvfs_disk_bit(node)) != 0, holder != 0 && byte == 0};
+    }
+    byte -= end - begin;
+    holder = descriptor_of(view).fLink.get();
+    if (comes_back(&segments, holder)) {  // 0, where the walk began, ends the chain as well
+      return {};
     }
   }
-  return false;
+  return {};
 }
 
-// Asks the index whether it leads to the node in the buffer of the claimed one, under the key that is or was its first
-// one: as to every leaf and index node that is in use, but for the root. A node that was freed has lost its index
-// record, whatever it holds.
-static kvfs_result ask_index(const node_split& split, bool* is_indexed) {
-  const node_view& node = split.claimed.view;
+// Whether bytes can be a key of the tree: those of a free node may be anything, and the comparison says so.
+static bool may_be_key(const kvfs_btree* tree, const unsigned char* key, std::uint32_t size) {
+  const std::uint32_t tree_kind = tree->priv->tree_kind;
+  return !is_odd_key(key_sizes_of(tree_kind), size) &&
+         (tree_kind != kHFSCatalogFileID ||
+          size >= kHFSPlusCatalogKeyNameOffset +
+                      sizeof(kvfs_be16) * kvfs_view_as<HFSPlusCatalogKey>(key)->nodeName.length.get());
+}
+
+// Asks the index whether it leads to the node that was read, under the key that is or was its first one; sets `in_use`
+// if it does.
+static kvfs_result ask_index(kvfs_btree* tree, const node_view& node, bool* in_use) {
   const BTNodeDescriptor descriptor = descriptor_of(node);
   const bool has_keys = descriptor.kind == kBTLeafNode || descriptor.kind == kBTIndexNode;
+  const unsigned char* const key = node.bytes + kBTFirstRecordOffset;
   std::uint32_t end = 0;
-  if (!has_keys || descriptor.height == 0 || descriptor.height >= split.header->treeDepth.get() ||
-      !read_key_end(node, kBTFirstRecordOffset, &end) ||
-      is_odd_key(key_sizes_of(split.tree->priv->tree_kind), end - kBTFirstRecordOffset)) {
+  if (!has_keys || descriptor.height == 0 || descriptor.height == UINT8_MAX ||
+      !read_key_end(node, kBTFirstRecordOffset, &end) || !may_be_key(tree, key, end - kBTFirstRecordOffset)) {
     return kvfs_ok;
   }
   kvfs_btree_search_result place;
-  const kvfs_result result = search_index_record(split.tree, node.bytes + kBTFirstRecordOffset,
-                                                 height_above(descriptor.height), index_search::kDeletion, &place);
+  const kvfs_result result =
+      search_index_record(tree, key, height_above(descriptor.height), index_search::kDeletion, &place);
   if (result != kvfs_ok || place.locator == nullptr) {
     return result == kvfs_inconsistent ? kvfs_ok : result;
   }
   const kvfs_btree_record_locator* const record = place.locator;
-  *is_indexed = place.found != 0 && record->data_size >= sizeof(kvfs_be32) &&
-                kvfs_view_as<kvfs_be32>(record->data)->get() == node.number;
+  *in_use |= place.found != 0 && record->data_size >= sizeof(kvfs_be32) &&
+             kvfs_view_as<kvfs_be32>(record->data)->get() == node.number;
   kvfs_btree_record_locator_release(&place.locator, false);
   return kvfs_ok;
 }
 
 // Tells whether a claimed node, which was read, is in use. The node bitmap may call a node free that is not: the byte
-// behind a full map record is read as a part of it, and a damaged bitmap says anything. In use are the root, the first
-// leaf, the node that is split and the one behind that, the map nodes, a node to which the index leads, and the one
-// behind such a node, whose bytes then take the place of those of the claimed one.
+// behind a full map record is read as a part of it, and a damaged bitmap says anything. A node is in use whose own bit,
+// where the claim has not set it, says so, to which the index leads, or which a neighbour names that is marked as used;
+// besides, the root, the first leaf, the node that is split and the one behind that are. A node that was freed has been
+// taken out of index and chain, whatever it and other free nodes still hold. While an index record is being replaced,
+// the index does not lead to its node, nor to those below: then the neighbours tell. The claimed node's buffer is used
+// up.
 static kvfs_result ask_use(node_split* split, bool* in_use) {
   const BTHeaderRec& header = *split->header;
-  const std::uint32_t node = split->claimed.view.number;
+  kvfs_btree* const tree = split->tree;
+  node_buffer* const buffer = &split->claimed;
+  const std::uint32_t node = buffer->view.number;
+  const BTNodeDescriptor links = descriptor_of(buffer->view);
   *in_use = node == header.rootNode.get() || node == header.firstLeafNode.get() || node == split->split.view.number ||
-            node == split->split_descriptor.fLink.get() || is_map_node(split->tree, node);
-  const kvfs_result result = *in_use ? kvfs_ok : ask_index(*split, in_use);
-  const std::uint32_t previous = descriptor_of(split->claimed.view).bLink.get();
-  BTNodeDescriptor before = {};
-  if (result != kvfs_ok || *in_use || previous >= header.totalNodes.get() ||
-      read_descriptor(split->tree, previous, &before) != kvfs_ok || before.fLink.get() != node ||
-      read_node(split->tree, previous, &split->claimed) != kvfs_ok) {
-    return result;
+            node == split->split_descriptor.fLink.get();
+  const kvfs_result result = ask_index(tree, buffer->view, in_use);
+  if (node / 8 >= buffer->view.size - kBTHeaderNodeOverhead) {  // behind the header node's map record
+    const node_mark own = read_node_mark(tree, node, buffer);
+    *in_use |= own.used && own.begins_map_node;
   }
-  return ask_index(*split, in_use);
+  const kvfs_be32 neighbours[] = {links.bLink, links.fLink};
+  for (std::size_t side = 0; side < sizeof(neighbours) / sizeof(*neighbours); ++side) {
+    const std::uint32_t neighbour = neighbours[side].get();
+    BTNodeDescriptor other = {};
+    if (neighbour < header.totalNodes.get() && neighbour != node && read_node_mark(tree, neighbour, buffer).used &&
+        read_descriptor(tree, neighbour, &other) == kvfs_ok) {
+      *in_use |= node == (side == 0 ? other.fLink : other.bLink).get();
+    }
+  }
+  return result;
 }
 
 static kvfs_result read_claimed_node(node_split* split, std::uint32_t node) {
@@ -157,18 +193,15 @@ static kvfs_result take_up_claimed_node(node_split* split, std::uint32_t node) {
                   std::size_t{tree->nodeSize});
     return kvfs_no_memory;
   }
-  bool in_use = false;
   kvfs_result result = read_claimed_node(split, node);
+  bool in_use = false;
   if (result == kvfs_ok) {
     result = ask_use(split, &in_use);
   }
-  if (result != kvfs_ok) {
-    return result;
-  }
-  if (in_use) {
+  if (result == kvfs_ok && in_use) {
     return report_wrong_link_or_mark(node);
   }
-  return split->claimed.view.number == node ? kvfs_ok : read_claimed_node(split, node);
+  return result == kvfs_ok ? read_claimed_node(split, node) : result;
 }
 
 // Puts the claimed node between the split node and its neighbour.

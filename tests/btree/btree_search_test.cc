@@ -1128,8 +1128,7 @@ TEST(BtreeSearchManyKeys, ThousandOfAWrongLength_ArePassedOverAndTheNextOneEndsT
     EXPECT_EQ(recorder.calls().size(), 1000u);
     EXPECT_EQ(log.lines().size(), count == 1000 ? 0u : 1u);
     if (count > 1000) {
-      EXPECT_LOG(
-          log, search_error("Invalid node data: More than 1000 keys of a wrong length, up to record 1000 of node 1."));
+      EXPECT_LOG(log, search_error("Invalid node data: Too many or wrong keys up to record 1000 of node 1."));
     }
     EXPECT_TRUE(tree.is_idle());
   }
@@ -1144,8 +1143,7 @@ TEST(BtreeSearchManyKeys, ThousandOfAWrongLengthInANodeOfAnotherKind_EndTheSearc
   const ComparisonRecorder recorder;
   EXPECT_EQ(tree.search(99), "result 6");
   EXPECT_EQ(recorder.calls().size(), 1000u);
-  EXPECT_LOG(log,
-             search_error("Invalid node data: More than 1000 keys of a wrong length, up to record 1000 of node 1."));
+  EXPECT_LOG(log, search_error("Invalid node data: Too many or wrong keys up to record 1000 of node 1."));
 }
 
 // A label is set with eight searches; each passes over so many keys.
@@ -1243,7 +1241,7 @@ TEST(BtreeSearchManyKeys, MoreBytesThan255NodesHave_EndTheSearch) {
   const ComparisonRecorder recorder;
   EXPECT_EQ(tree.search(99), "result 6");
   EXPECT_EQ(recorder.calls().size(), 255 * 8192 / 602u);
-  EXPECT_LOG(log, search_error("Invalid node data: Keys of more than 255 nodes up to record 3470 of node 1."));
+  EXPECT_LOG(log, search_error("Invalid node data: Too many or wrong keys up to record 3470 of node 1."));
   EXPECT_TRUE(tree.is_idle());
 }
 
@@ -1257,7 +1255,7 @@ TEST(BtreeSearchManyKeys, MoreBytesOfKeysThatLeaveTheNode_EndTheSearch) {
   tree.open(kvfs_catalog_compare_keys);
   LogCapture log;
   EXPECT_EQ(search_for_key(tree, catalog_key(99, {})), "result 6");
-  EXPECT_LOG(log, search_error("Invalid node data: Keys of more than 255 nodes up to record 255 of node 1."));
+  EXPECT_LOG(log, search_error("Invalid node data: Too many or wrong keys up to record 255 of node 1."));
   EXPECT_TRUE(tree.is_idle());
 }
 

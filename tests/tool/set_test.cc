@@ -723,6 +723,56 @@ TEST(ToolSetFull, LeavesThatTheNodeBitmapCallsFree_AreNotOverwritten) {
   }
 }
 
+// The first index node of height 2 gets a new first record, and so a new index record, for which the node above is split:
+// its former one is gone by then.
+// X-btree-12
+TEST(ToolSetFull, NodesThatTheIndexDoesNotLeadToForAWhile_AreNotOverwritten) {
+  VolumeDescription description;
+  description.block_size = 512;
+  description.catalog.node_size = 512;
+  description.label = u"V";
+  (void)description.add_files(kRootFolderId, 900);
+  const Volume sound = build_volume(description);
+  const std::vector<std::uint32_t> leaves = sound.leaf_nodes(kCatalog);
+  const std::uint32_t index_node = sound.index_path(kCatalog, leaves.front()).back().node;
+  std::vector<std::uint32_t> nodes = {index_node, leaves.at(1), leaves.at(2), leaves.at(7), leaves.at(100)};
+  for (const std::uint32_t node : nodes) {
+    for (const std::size_t length : {std::size_t{5}, std::size_t{20}, std::size_t{50}}) {
+      Volume before = sound;
+      before.set_node_used(kCatalog, node, false);
+      const ScratchFile image(before);
+      const auto run = run_tool({image.path(), repeated("L", length)});
+      EXPECT_EQ(run.status, 1) << node << " " << length;
+      EXPECT_TRUE(image.volume() == before) << node << " " << length;
+    }
+  }
+}
+
+// A free node is asked whether it is in use, but what it holds, such as a name that its key cuts off, is no message.
+// X-btree-12
+TEST(ToolSetFull, FreeNodesThatHoldAnything_AreTakenInSilence) {
+  VolumeDescription description;
+  description.block_size = 512;
+  description.catalog.node_size = 512;
+  description.catalog.leaf_fill[0].free_bytes = 0;
+  (void)description.add_files(kRootFolderId, 100);
+  const Volume sound = build_volume(description);
+  const std::uint32_t claimed = first_free_node(sound);
+  const std::uint32_t leaf = sound.leaf_nodes(kCatalog).at(5);
+  const std::uint32_t index_node = sound.index_path(kCatalog, leaf).back().node;
+  for (const std::uint32_t copied : {leaf, index_node}) {
+    for (const std::uint32_t name_length : {0u, 1u, 200u, 255u, 0xFFFFu}) {
+      Volume before = sound;
+      Bytes bytes = sound.read_node(kCatalog, copied);
+      put_be(bytes, kBTFirstRecordOffset + offsetof(HFSPlusCatalogKey, nodeName), 2, name_length);
+      before.write_node(kCatalog, claimed, bytes);
+      const ScratchFile image(before);
+      (void)expect_set(image, repeated("L", 50));
+      EXPECT_EQ(image.volume().leaf_nodes(kCatalog).at(1), claimed);
+    }
+  }
+}
+
 TEST(ToolSetFull, LabelTooLargeForANode_FailsAndChangesNothing) {
   VolumeDescription description;
   description.block_size = 512;
