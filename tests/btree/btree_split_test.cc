@@ -1166,7 +1166,7 @@ TEST_F(BtreeSplit, EachFault_IsReportedAndLeavesNothingBehind) {
 }
 
 TEST_F(BtreeSplit, EachFaultOfAnInsertion_LeavesNothingBehind) {
-  // The four readings of what its neighbours say of the claimed node: each takes one lock for reading and two for writing.
+  // The four readings of what its neighbours say of the claimed node: each takes one lock for reading, two for writing.
   const std::vector<std::pair<FailingCalls, std::size_t>> kinds = {{each_allocation(), 0},
                                                                    {each(Call::kRwlockRdlock), 4},
                                                                    {each(Call::kRwlockWrlock), 8},

@@ -723,8 +723,8 @@ TEST(ToolSetFull, LeavesThatTheNodeBitmapCallsFree_AreNotOverwritten) {
   }
 }
 
-// The first index node of height 2 gets a new first record, and so a new index record, for which the node above is split:
-// its former one is gone by then.
+// The first index node of height 2 gets a new first record, and so a new index record, for which the node above is
+// split: its former one is gone by then.
 // X-btree-12
 TEST(ToolSetFull, NodesThatTheIndexDoesNotLeadToForAWhile_AreNotOverwritten) {
   VolumeDescription description;
