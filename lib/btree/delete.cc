@@ -45,7 +45,8 @@ static std::uint16_t depth_of(const deletion& removal) {
 }
 
 static kvfs_result report_missing_record(const deletion& removal) {
-  KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid position: Node %lu of %hu records has no record %lu.\n",
+  KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
+                "Invalid position: Node %lu of %hu records has no place for record %lu.\n",
                 to_ul(removal.node.view.number), removal.descriptor.numRecords.get(), to_ul(removal.index));
   return kvfs_inconsistent;
 }

@@ -280,7 +280,8 @@ static kvfs_result prepare_flush(kvfs_fork* fork, std::uint64_t offset, kvfs_for
         to_ull(unit_shift), to_ull(kUnitBits), to_ull(unit));
     return kvfs_internal;
   }
-  *flush = {fork, sector_shift, unit / sector_size, offset};
+  const std::uint32_t block_shift = unit_shift - sector_shift;
+  *flush = {fork, sector_shift, block_shift, unit / sector_size, offset};
   return kvfs_ok;
 }
 

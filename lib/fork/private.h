@@ -132,6 +132,7 @@ kvfs_result kvfs_fork_process_read_io(void* context, std::uint64_t device_offset
 struct kvfs_fork_write_context {
   kvfs_fork* fork;
   std::uint32_t sector_shift;  // log2 of the device's sector size
+  std::uint32_t block_shift;   // log2 of the sectors in a block
   std::uint64_t sectors_per_block;
   std::uint64_t range_offset;  // where the flushed range begins in the fork, bytes
 };

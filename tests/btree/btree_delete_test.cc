@@ -530,7 +530,7 @@ TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsLeftAloneWhereNothingMoves) {
 TEST_F(BtreeDelete, LocatorAtTheEndOfItsNode_IsJudgedByTheOffsetsThere) {
   const std::string beyond = "$$$: This record offset is greater than the next. Impossible";
   const std::string free_space = "$$$: Free space of 86 is greater than node size. Impossible";
-  const std::string nothing = "Invalid position: Node 2 of 4 records has no record 4.";
+  const std::string nothing = "Invalid position: Node 2 of 4 records has no place for record 4.";
   for (const auto& [next, text] :
        std::vector<std::pair<std::uint16_t, std::string>>{{0, beyond}, {85, beyond}, {86, nothing}, {87, free_space}}) {
     ChangeTree tree(three_leaves());
@@ -554,7 +554,8 @@ TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
     tree.poke(2, kNumRecords, 2, count);
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of " + std::to_string(count) + " records has no record 1."));
+    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of " + std::to_string(count) +
+                                 " records has no place for record 1."));
   }
 }
 
@@ -566,7 +567,8 @@ TEST_F(BtreeDelete, LocatorBehindTheOffsetTable_IsInconsistent) {
     locator->priv->index = index;
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of 4 records has no record " + std::to_string(index) + "."));
+    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of 4 records has no place for record " +
+                                 std::to_string(index) + "."));
   }
 }
 
