@@ -379,14 +379,15 @@ uint64_t kvfs_session_read_link(kvfs_session* session, uint32_t id, char* buffer
 // A change is made in memory; kvfs_session_flush brings it to the device. Only the target of a symbolic link is written
 // at once, into a block that is still free then.
 //
-// A change that is refused (KVFS_INVALID, KVFS_EXISTS, KVFS_LIMIT, KVFS_NOT_FOUND, KVFS_NOT_A_FOLDER, KVFS_NOT_A_FILE,
+// A change that is refused (KVFS_INVALID, KVFS_EXISTS, KVFS_NOT_FOUND, KVFS_NOT_A_FOLDER, KVFS_NOT_A_FILE,
 // KVFS_NOT_EMPTY, KVFS_NO_SPACE, KVFS_READ_ONLY) has changed nothing. One that fails otherwise may stand half done in
 // memory: from then on changes and flushes are refused with KVFS_SPOILED, and what is read may not hold together, until
 // kvfs_session_discard has forgotten everything since the last flush. The device is as it was after that flush.
 //
 // KVFS_LIMIT: the catalog cannot be changed like that. It does not grow, and does not give back nodes: a change that
-// would leave one without records is refused, and so is one that the index above cannot follow. When KVFS_INTERNAL or
-// KVFS_LIMIT leaves the session spoiled, the catalog had no room for the longer name or the new item.
+// would leave one without records is refused, and so is one that the index above cannot follow; these have changed
+// nothing. When KVFS_INTERNAL or KVFS_LIMIT leaves the session spoiled, the catalog had no room for the longer name or
+// the new item.
 //
 // Dates of items and of the volume do not change. The alternate volume header and the journal are not written; let its
 // own system mount a volume first whose journal may not be empty (is_journaled and is_dirty).

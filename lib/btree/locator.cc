@@ -137,9 +137,8 @@ static kvfs_result share_locator(kvfs_btree_record_locator* locator, const locat
     return kvfs_internal;
   }
   if (arguments.record_size > record_capacity(priv) && priv->is_vacant == 0) {
-    KVFS_ERROR_AS(kvfs_btree_record_locator_open,
-                  "Record %hu of node %lu has outgrown its open locator (from %zu to %zu bytes).\n", arguments.index,
-                  node, record_capacity(priv), arguments.record_size);
+    KVFS_ERROR_AS(kvfs_btree_record_locator_open, "Record %hu of node %lu has outgrown its open locator.\n",
+                  arguments.index, node);
     return kvfs_internal;
   }
   update_shared_offsets(priv, arguments);

@@ -395,7 +395,7 @@ static kvfs_result compare_record(search_walk* walk, const node_record& record, 
     if (!count_key(walk, size, odd)) {
       return report_limit(*walk);
     }
-  } else if (!record.key_inside && walk->node.number != 0) {
+  } else if (walk->node.number != 0) {
     return kvfs_ok;
   }
   *order = compare_with_search_key(*walk, walk->node.bytes + record.offset);

@@ -134,7 +134,8 @@ static kvfs_result ask_index(kvfs_btree* tree, const node_view& node, bool* in_u
   const kvfs_result result =
       search_index_record(tree, key, height_above(descriptor.height), index_search::kDeletion, &place);
   if (result != kvfs_ok || place.locator == nullptr) {
-    return result == kvfs_inconsistent ? kvfs_ok : result;
+    const bool is_damaged = result == kvfs_inconsistent || result == kvfs_invalid || result == kvfs_internal;
+    return is_damaged ? kvfs_ok : result;
   }
   const kvfs_btree_record_locator* const record = place.locator;
   *in_use |= place.found != 0 && record->data_size >= sizeof(kvfs_be32) &&
@@ -147,9 +148,9 @@ static kvfs_result ask_index(kvfs_btree* tree, const node_view& node, bool* in_u
 // behind a full map record is read as a part of it, and a damaged bitmap says anything. A node is in use whose own bit,
 // where the claim has not set it, says so, to which the index leads, or which a neighbour names that is marked as used;
 // besides, the root, the first leaf, the node that is split and the one behind that are. A node that was freed has been
-// taken out of index and chain, whatever it and other free nodes still hold. While an index record is being replaced,
-// the index does not lead to its node, nor to those below: then the neighbours tell. The claimed node's buffer is used
-// up.
+// taken out of index and chain, whatever it and other free nodes still hold. While an index record is being replaced or
+// added, the index does not lead to its node, nor to those below: then only the neighbours tell. The claimed node's
+// buffer is used up.
 static kvfs_result ask_use(node_split* split, bool* in_use) {
   const BTHeaderRec& header = *split->header;
   kvfs_btree* const tree = split->tree;
