@@ -95,10 +95,6 @@ kvfs_result kvfs_session_run_in_use(kvfs_session* session, kvfs_block_run run, b
 
 kvfs_result kvfs_session_clear_piece(kvfs_session* session, kvfs_block_run* run, std::uint32_t* cleared) {
   *cleared = 0;
-  const kvfs_result result = check_blocks(session->volume, *run);
-  if (result != kvfs_ok || run->count == 0) {
-    return result;
-  }
   return visit_piece(session->volume->bitmap->priv->fork, run, clear_used, cleared);
 }
 

@@ -42,9 +42,13 @@ kvfs_result kvfs_session_begin_change(kvfs_session* session) {
 // What a change that has begun fails with. Values with which changes are refused say that nothing has changed; there it
 // is the volume that is not as it was found before.
 static kvfs_result failure_of_begun(kvfs_result result) {
-  const bool is_refusal =
-      result == kvfs_invalid || result == kvfs_exists || result == kvfs_not_found || result == kvfs_not_a_folder;
-  return is_refusal ? kvfs_inconsistent : result;
+  static constexpr kvfs_result kRefusals[] = {kvfs_invalid, kvfs_exists, kvfs_not_found, kvfs_not_a_folder};
+  for (const kvfs_result refusal : kRefusals) {
+    if (result == refusal) {
+      return kvfs_inconsistent;
+    }
+  }
+  return result;
 }
 
 kvfs_result kvfs_session_end_change(kvfs_session* session, kvfs_result result, int added_records) {

@@ -12,12 +12,11 @@ using kvfs::catalog::make_target_key;
 
 // ---- Searches ------------------------------------------------------------------------------------------------------
 
-// Whether the name in a key is empty, as in that of a thread. Where case is folded, some units count as none
+// Whether the name of an item is empty, as in the key of a thread. Where case is folded, some units count as none
 // (Q-unicode-13): a search for a name of them alone finds the thread of the folder, and one for a thread may find an
-// item of such a name.
-static bool has_no_name(const kvfs_btree_record_locator* record) {
-  return record->key_length >= kHFSPlusCatalogKeyNameOffset &&
-         kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName.length.get() == 0;
+// item of such a name. The key has been found equal to another one, or checked.
+static bool has_no_name(const kvfs_session_found& item) {
+  return item.key()->nodeName.length.get() == 0;
 }
 
 kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id, const kvfs_be16* units,
@@ -28,7 +27,7 @@ kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id
   if (result != kvfs_ok) {
     return result;
   }
-  if (!item->found() || (length != 0 && has_no_name(item->record()))) {
+  if (!item->found() || has_no_name(*item)) {
     item->release();
     return kvfs_not_found;
   }
@@ -83,7 +82,7 @@ static kvfs_result check_id(const kvfs_session_found& item, std::uint32_t id) {
   const kvfs_result checked = kvfs_session_check_item(item.record());
   // A search that finds no thread in its place ends there; an item there would lie in itself.
   if (checked == kvfs_ok && item.key()->parentID.get() == id) {
-    if (!has_no_name(item.record())) {
+    if (!has_no_name(item)) {
       return kvfs_not_found;
     }
     KVFS_ERROR_AS(kvfs_session_find_item, "The thread of item %lu is no thread.\n", to_ul(id));

@@ -246,6 +246,7 @@ kvfs_result kvfs_session_run_in_use(kvfs_session* session, kvfs_block_run run, b
 
 // Clears the bits of the first blocks of a run in the cache of the allocation file, as many as it looks at together,
 // and counts those that were set. The run begins behind them then; on failure it is as it was, and so are the bits.
+// kvfs_session_run_in_use has looked at the run before.
 kvfs_result kvfs_session_clear_piece(kvfs_session* session, kvfs_block_run* run, std::uint32_t* cleared);
 
 // Extents of a fork, in on-disk byte order.

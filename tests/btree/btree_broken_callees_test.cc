@@ -125,6 +125,21 @@ TEST_F(BtreeBrokenCallee, InsertionWhoseSearchHasNoLocator_IsInternalAndChangesN
                   "location!"));
 }
 
+// The claimed node holds what a leaf held, for which the index is asked; and then for the place of its new record.
+TEST_F(BtreeBrokenCallee, SplitWhoseSearchesHaveNoLocator_TakesTheClaimedNodeAndIsInternal) {
+  open(three_leaves());
+  tree_->poke_bytes(5, 0, tree_->cached_node(3));
+  g_breaches.found = 1;
+  LogCapture log;
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree_->get(), 2, 1, &new_node), kvfs_internal);
+  EXPECT_LOG(log,
+             critical("kvfs_btree_add_index_record",
+                      "Unexpected: kvfs_btree_search_node returned NULL locator with no error."),
+             message("ERROR", "kvfs_btree_split_node", "Error while inserting new index record for claimed node."));
+  EXPECT_EQ(tree_->content(5).records.size(), 3u);
+}
+
 // The record is gone already, and counted out.
 TEST_F(BtreeBrokenCallee, DeletionWhoseIndexRecordHasNoLocator_IsInternal) {
   for (const std::uint32_t found : {0u, 1u}) {

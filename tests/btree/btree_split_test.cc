@@ -847,6 +847,21 @@ TEST_F(BtreeSplit, IndexThatCannotBeSearchedForTheClaimedNode_IsNoFailure) {
   }
 }
 
+// An index record without room for a node's number leads nowhere.
+// X-btree-12
+TEST_F(BtreeSplit, IndexRecordThatIsCutOff_DoesNotLeadToTheClaimedNode) {
+  ChangeTree tree(three_levels());
+  tree.open();
+  tree.poke_bytes(8, 0, tree.cached_node(4));
+  tree.poke_entry(6, 2, static_cast<std::uint16_t>(tree.content(6).offsets.back() - 2));
+  LogCapture log;
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree.get(), 1, 1, &new_node), kvfs_ok);
+  EXPECT_EQ(new_node, 8u);
+  EXPECT_LOG(log);
+  EXPECT_TRUE(tree.is_idle());
+}
+
 // Bytes that no node of the tree ever had are not asked for: whatever they hold is no message.
 // X-btree-12
 TEST_F(BtreeSplit, ClaimedNodeWithoutAKeyOfTheTree_IsTaken) {
