@@ -70,8 +70,8 @@ inline std::uint16_t offset_at(const node_view& node, std::uint32_t index) {
 }
 
 // Reads where the data behind a key begins, not rounded up to even; false when the key leaves the node. `end` is 0 when
-// its length field does.
-inline bool read_key_end(const node_view& node, std::uint32_t offset, std::uint32_t* end) {
+// its length field does. A search does so for each record: inlined also where code is to be small.
+[[gnu::always_inline]] inline bool read_key_end(const node_view& node, std::uint32_t offset, std::uint32_t* end) {
   *end = 0;
   if (offset + sizeof(kvfs_be16) > node.size) {
     return false;
