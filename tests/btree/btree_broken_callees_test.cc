@@ -17,6 +17,7 @@ namespace {
 // How the routines break their contracts; the library's own do the work of those that do not.
 struct Breaches {
   std::optional<std::uint32_t> found;  // a search succeeds without a locator, and says so much of the key
+  kvfs_result search = kvfs_ok;        // a search fails
   bool hides_locator = false;          // an insertion succeeds without a locator
   bool makes_no_record = false;
   std::function<std::uint32_t()> split = nullptr;  // succeeds with the node that this returns
@@ -32,6 +33,9 @@ kvfs_result wrapped_search(kvfs_btree* tree, const void* key, std::uint32_t star
   if (g_breaches.found) {
     *out_result = {*g_breaches.found, 0, nullptr};
     return kvfs_ok;
+  }
+  if (g_breaches.search != kvfs_ok) {
+    return g_breaches.search;
   }
   return real_search(tree, key, start_node, mode, target_height, out_result);
 }
@@ -137,6 +141,21 @@ TEST_F(BtreeBrokenCallee, SplitWhoseSearchesHaveNoLocator_TakesTheClaimedNodeAnd
              critical("kvfs_btree_add_index_record",
                       "Unexpected: kvfs_btree_search_node returned NULL locator with no error."),
              message("ERROR", "kvfs_btree_split_node", "Error while inserting new index record for claimed node."));
+  EXPECT_EQ(tree_->content(5).records.size(), 3u);
+}
+
+// What a search says of a tree that contradicts itself decides nothing about the claimed node.
+TEST_F(BtreeBrokenCallee, SplitWhoseSearchesAreInternalFailures_TakesTheClaimedNode) {
+  open(three_leaves());
+  tree_->poke_bytes(5, 0, tree_->cached_node(3));
+  g_breaches.search = kvfs_internal;
+  LogCapture log;
+  std::uint32_t new_node = 0;
+  EXPECT_EQ(kvfs_btree_split_node(tree_->get(), 2, 1, &new_node), kvfs_internal);
+  EXPECT_LOG(
+      log,
+      message("ERROR", "kvfs_btree_add_index_record", "Error while searching for location to insert index record."),
+      message("ERROR", "kvfs_btree_split_node", "Error while inserting new index record for claimed node."));
   EXPECT_EQ(tree_->content(5).records.size(), 3u);
 }
 
