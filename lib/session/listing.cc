@@ -113,7 +113,6 @@ static kvfs_result open_listing(kvfs_session* session, std::uint32_t folder_id, 
   if (result != kvfs_ok) {
     return result;
   }
-  folder.release();
   kvfs_listing* const listing = kvfs_allocate_zeroed<kvfs_listing>().release();
   if (listing == nullptr) {
     KVFS_ERROR_AS(kvfs_listing_open, "Error while allocating %zu bytes for kvfs_listing.\n", sizeof(kvfs_listing));
