@@ -1199,6 +1199,22 @@ TEST(BtreeSearchManyKeys, MessagesOfANodeOfAnotherKind_AreWorkToo) {
   }
 }
 
+// Keys that leave such a node are compared when their length is none that a key has: that is a message.
+// X-btree-17
+TEST(BtreeSearchManyKeys, WrongKeysOfANodeOfAnotherKind_AreComparedAndWork) {
+  TestTree tree({.records = {number_record(10, 4)}, .shape = shape_of(8192), .kind = kHFSExtentsFileID});
+  repeat_first_record(&tree, 100)->set_entry(tree.root(), 100, 14 + 10);
+  tree.set16(tree.root(), 14, 0xFFFF);
+  tree.set8(tree.root(), kKind, kBTMapNode);
+  tree.open(refuse_all_keys);
+  const unsigned char key[] = {0, 10, 0, 0, 0, 0, 0, 16, 0, 0, 0, 0};
+  LogCapture log;
+  kvfs_btree_search_result found = {};
+  EXPECT_EQ(kvfs_btree_search_node(tree.get(), key, &found), kvfs_invalid) << "the last record has no room for its key";
+  const std::uint32_t each = sizeof(kvfs_be16) + 2 * kWorkOfAMessage;
+  EXPECT_EQ(tree.get()->priv->work_left, kWorkReserve + kWorkOfASearch - kWorkOfANode - 100 * each);
+}
+
 // What a search costs beyond what a sound tree calls for is taken from a reserve, which lasts for the life of the tree.
 // X-btree-17
 TEST(BtreeSearchManyKeys, WorkBeyondThatOfASoundTree_UsesUpAReserve) {

@@ -22,6 +22,7 @@ BrokenCall g_reading_name;     // fails
 BrokenCall g_removal;          // is not expected: fails
 BrokenCall g_search;           // by ID: finds nothing
 BrokenCall g_next_record;      // is the end of the catalog
+BrokenCall g_records_in_node;  // fails
 BrokenCall g_overflow_search;  // g_damage is done to what it has found
 void (*g_damage)(kvfs_btree_search_result* found) = nullptr;
 }  // namespace
@@ -32,6 +33,7 @@ KVFS_REPLACED_ROUTINE(kvfs_session_read_name, real_read_name, wrap_read_name);
 KVFS_REPLACED_ROUTINE(kvfs_session_expect_removal, real_expect_removal, wrap_expect_removal);
 KVFS_REPLACED_ROUTINE(kvfs_catalog_search_by_cnid, real_search, wrap_search);
 KVFS_REPLACED_ROUTINE(kvfs_catalog_get_next_record, real_next_record, wrap_next_record);
+KVFS_REPLACED_ROUTINE(kvfs_session_records_in_node, real_records_in_node, wrap_records_in_node);
 KVFS_REPLACED_ROUTINE(kvfs_extents_search, real_overflow_search, wrap_overflow_search);
 
 int wrap_compose(const kvfs_be16* src, std::size_t src_count, std::uint16_t* dst, std::size_t capacity,
@@ -63,6 +65,10 @@ kvfs_result wrap_search(kvfs_catalog* catalog, std::uint32_t cnid, bool follow, 
 kvfs_result wrap_next_record(kvfs_catalog* catalog, const kvfs_catalog_record_locator* locator,
                              kvfs_catalog_record_locator** out_next) {
   return g_next_record.is_due() ? kvfs_ok : real_next_record(catalog, locator, out_next);
+}
+
+kvfs_result wrap_records_in_node(kvfs_btree* tree, std::uint32_t node, std::uint16_t* count) {
+  return g_records_in_node.is_due() ? kvfs_io_error : real_records_in_node(tree, node, count);
 }
 
 kvfs_result wrap_overflow_search(kvfs_extents* extents, std::uint8_t fork_type, std::uint32_t file_id,
@@ -246,6 +252,23 @@ TEST(SessionBrokenCallee, ItemThatVanishesInAChange_IsNotFoundBeforeItBeginsAndS
       }
     }
     EXPECT_NE(spoiled, 0u);
+  }
+}
+
+TEST(SessionBrokenCallee, NodeThatCannotBeReadBeforeADeletion_IsTheFailureAndNothingChanges) {
+  VolumeDescription description;
+  const std::uint32_t file = description.add_file(kRootFolderId, u"f");
+  (void)description.add_files(kRootFolderId, 5);
+  const Volume before = build_volume(description);
+  for (unsigned n = 1; n <= 2; ++n) {
+    const TestSession session(before);
+    LogCapture log;
+    g_records_in_node.choose(n);
+    EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_IO_ERROR);
+    EXPECT_TRUE(g_records_in_node.is_over());
+    EXPECT_LOG(log);
+    EXPECT_EQ(session.flush(), KVFS_OK);
+    EXPECT_TRUE(session.contents() == before);
   }
 }
 

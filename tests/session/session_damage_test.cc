@@ -337,6 +337,25 @@ TEST_F(SessionRing, Listing_EndsBehindItsItems) {
   EXPECT_LT(names.size(), 4 * kItems);
 }
 
+// X-session-2
+TEST(SessionDamage, ListingOfALeafThatLeadsToItself_GivesItsItemOnce) {
+  VolumeDescription description;
+  (void)description.add_files(kRootFolderId, 200);
+  Volume image = build_volume(description);
+  const std::vector<std::uint32_t> leaves = image.leaf_nodes(Tree::kCatalog);
+  const std::string node = "catalog.node[";
+  image.set_field(node + std::to_string(leaves[0]) + "].numRecords", 2);
+  image.set_field(node + std::to_string(leaves[1]) + "].numRecords", 1);
+  image.set_field(node + std::to_string(leaves[1]) + "].fLink", leaves[1]);
+  const TestSession session(image);
+  std::vector<std::string> names;
+  LogCapture log;
+  EXPECT_EQ(list(session, KVFS_ROOT_ID, names), KVFS_INCONSISTENT);
+  const std::string step = "ERROR kvfs_session_step The items of folder 2 form a ring.\n";
+  EXPECT_LOG(log, step, step, "ERROR kvfs_listing_next The items of folder 2 form a ring.\n");
+  EXPECT_EQ(names.size(), 1u);
+}
+
 // ---- Hard links ----------------------------------------------------------------------------------------------------
 
 TEST(SessionDamage, HardLinkToAFolder_HasNoForks) {

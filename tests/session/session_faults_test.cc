@@ -203,6 +203,20 @@ TEST_P(SessionFaults, EachFailure_LeavesASessionThatCanGoOn) {
 INSTANTIATE_TEST_SUITE_P(Operations, SessionFaults, ::testing::ValuesIn(operations()),
                          [](const auto& suite) { return std::string(suite.param.name); });
 
+// X-lock-1
+TEST(SessionLockFaults, EachLockThatADeletionCannotRelease_LeavesNoRecordOpen) {
+  const Volume image = faults_volume();
+  const unsigned long failures = fail_each(each(Call::kRwlockUnlock), [&](FailingRun& run) {
+    LogCapture log;
+    {
+      const TestSession session(image);
+      (void)run.operate([&] { return kvfs_session_delete(session.get(), kFile); });
+    }
+    EXPECT_EQ(log.raw().find("leaked"), std::string::npos) << log.raw();
+  });
+  EXPECT_GT(failures, 10u);
+}
+
 TEST(SessionOpenFaults, EachFailure_LeavesNothingBehind) {
   const MemoryFile file(faults_volume());
   fail_each_kind("kvfs_session_open", [&](FailingRun& run) {

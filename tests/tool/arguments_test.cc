@@ -226,6 +226,15 @@ TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
   EXPECT_EQ(refusals("/no", "/no\\000x"), kRefusedByNone);
   EXPECT_EQ(refusals("/no", "/no\\000"), kRefusedByNone);
   EXPECT_EQ(refusals("/no\\04such", "/no\\04such"), kRefusedByBoth);
+  EXPECT_EQ(refusals("/no#\\081such", "/no\\043\\081such"), kRefusedByBoth);
+}
+
+// A path ends before what stands behind it in memory, here a label without units.
+// X-tool-1
+TEST(ToolMountTable, EscapedNulBehindAPath_IsComparedAsItIs) {
+  const ScratchFile table("/no\\000 /mnt hfsplus rw 0 0\n");
+  const ToolRun run = run_traced({"/no", ""}, "", {.environment = {{"KVFS_MOUNTS", table.path()}}}).run;
+  EXPECT_EQ(run.err, "Error while opening HFS+ volume in write mode.\n");
 }
 
 // X-tool-1

@@ -707,12 +707,13 @@ TEST(ToolSetFull, LeavesThatTheNodeBitmapCallsFree_AreNotOverwritten) {
   description.catalog.node_size = 512;
   description.catalog.leaf_fill[0].free_bytes = 0;
   (void)description.add_files(kRootFolderId, 100);
-  for (const bool is_linked : {true, false}) {
+  for (const std::vector<std::string>& lost :
+       std::vector<std::vector<std::string>>{{}, {".bLink"}, {".bLink", ".fLink"}}) {
     Volume before = build_volume(description);
     const std::uint32_t leaf = before.leaf_nodes(kCatalog).at(5);
     before.set_node_used(kCatalog, leaf, false);
-    if (!is_linked) {
-      before.set_field("catalog.node[" + std::to_string(leaf) + "].bLink", 0);
+    for (const std::string& link : lost) {
+      before.set_field("catalog.node[" + std::to_string(leaf) + "]" + link, 0);
     }
     const ScratchFile image(before);
     expect_refused(image, repeated("L", 50),
