@@ -35,8 +35,9 @@ struct kvfs_btree_record_locator_private;
 // after the search key. Both begin with their length in two bytes, and that many bytes follow; in an empty tree the
 // records of the header node are handed in for keys, and the bytes may then lie behind that node. Of a catalog key that
 // claims to leave its node a copy is handed in that ends with the node, or with the longest name; `compare_type` is the
-// keyCompareType of the tree's header record. kvfs_key_malformed, a negative value too, says that the node's key
-// contradicts itself; the engine then ends its search with kvfs_inconsistent.
+// keyCompareType of the tree's header record. A split asks the index about nodes by their keys: then the search key,
+// too, may be any bytes that a damaged or free node holds. kvfs_key_malformed, a negative value too, says that the
+// node's key contradicts itself; the engine then ends its search with kvfs_inconsistent.
 using kvfs_btree_compare_keys = int (*)(const void* node_key, const void* search_key, std::uint8_t compare_type);
 
 // What a comparison gives for a key that contradicts itself.

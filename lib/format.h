@@ -194,10 +194,11 @@ inline constexpr std::uint32_t kHFSAttributesFileID = 8;  // attributes file: na
 // ---- B-trees -------------------------------------------------------------------------------------------------------
 
 // Kinds of node. The field is a signed byte.
-inline constexpr std::int8_t kBTLeafNode = -1;   // holds the records that the tree is for
-inline constexpr std::int8_t kBTIndexNode = 0;   // holds, for each node below it, its first key and its number
-inline constexpr std::int8_t kBTHeaderNode = 1;  // node 0: describes the tree and begins the map of used nodes
-inline constexpr std::int8_t kBTMapNode = 2;     // goes on with that map where the header node has no more room
+inline constexpr std::int8_t kBTLeafNode = -1;    // holds the records that the tree is for
+inline constexpr std::uint8_t kBTLeafHeight = 1;  // of leaves; index nodes are above
+inline constexpr std::int8_t kBTIndexNode = 0;    // holds, for each node below it, its first key and its number
+inline constexpr std::int8_t kBTHeaderNode = 1;   // node 0: describes the tree and begins the map of used nodes
+inline constexpr std::int8_t kBTMapNode = 2;      // goes on with that map where the header node has no more room
 
 // Begins every node.
 struct BTNodeDescriptor {

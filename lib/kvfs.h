@@ -338,7 +338,7 @@ typedef struct kvfs_stream kvfs_stream;
 // that its system has compressed (32 in owner_flags) has an empty data fork: its content lies elsewhere, compressed.
 //
 // Returns KVFS_OK; KVFS_NOT_FOUND, also when a link leads nowhere; KVFS_NOT_A_FILE; KVFS_INCONSISTENT when the extents
-// do not make up the fork; KVFS_NO_MEMORY; or the failure of a search.
+// do not make up the fork; KVFS_LIMIT for one in too many pieces; KVFS_NO_MEMORY; or the failure of a search.
 uint64_t kvfs_stream_open(kvfs_session* session, uint32_t id, uint32_t fork, kvfs_stream** out_stream) KVFS_CHECKED;
 
 // Tells the size of the fork in bytes.
@@ -409,7 +409,8 @@ uint64_t kvfs_session_rename(kvfs_session* session, uint32_t id, uint32_t folder
 // Returns KVFS_OK; KVFS_NOT_EMPTY; KVFS_INVALID for the root folder, without the allocation file, for a private folder
 // and what lies in one, which links stand for, and for any item with a NUL in its name; KVFS_LIMIT for a hard link or
 // folder link, whose target would have to be counted; KVFS_INCONSISTENT, with nothing changed, for a file whose blocks
-// lie outside the volume, are free already or belong to the volume itself, as the journal's do; or as said above.
+// lie outside the volume, are free already or belong to the volume itself, as the journal's do, and for a folder that
+// counts items of which none is found; or as said above.
 uint64_t kvfs_session_delete(kvfs_session* session, uint32_t id) KVFS_CHECKED;
 
 // Makes a symbolic link.

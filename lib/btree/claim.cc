@@ -147,7 +147,7 @@ static kvfs_result next_segment(bitmap_walk* walk, std::uint32_t node) {
 static unsigned char* bitmap_byte_at(const bitmap_walk& walk, std::uint32_t index) {
   const std::uint64_t position = std::uint64_t{walk.start} + index;
   if (position >= walk.node.size) {
-    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Byte %lu of the node bitmap lies outside of node %lu.\n",
+    KVFS_ERROR_AS(kvfs_btree_claim_node, "Invalid node data: Byte %lu of the bitmap lies outside of node %lu.\n",
                   to_ul(index), to_ul(walk.node.number));
     return nullptr;
   }

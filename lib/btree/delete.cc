@@ -31,13 +31,6 @@ struct deletion {
   std::uint32_t index;
 };
 
-// Where the record lies, and what lies behind it. The node must have it (X-btree-15).
-struct record_extent {
-  std::uint16_t begin;
-  std::uint16_t end;
-  std::uint16_t free_space;
-};
-
 }  // namespace
 
 static std::uint16_t depth_of(const deletion& removal) {
@@ -45,12 +38,12 @@ static std::uint16_t depth_of(const deletion& removal) {
 }
 
 static kvfs_result report_missing_record(const deletion& removal) {
-  KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
-                "Invalid position: Node %lu of %hu records has no place for record %lu.\n",
-                to_ul(removal.node.view.number), removal.descriptor.numRecords.get(), to_ul(removal.index));
+  KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid position: Node %lu has no record %lu.\n",
+                to_ul(removal.node.view.number), to_ul(removal.index));
   return kvfs_inconsistent;
 }
 
+// Reads where the record lies. The node must have it (X-btree-15).
 static kvfs_result read_deleted_extent(const deletion& removal, record_extent* extent) {
   const node_view& node = removal.node.view;
   const std::uint32_t count = removal.descriptor.numRecords.get();
@@ -75,11 +68,11 @@ static kvfs_result read_deleted_extent(const deletion& removal, record_extent* e
   if (removal.index >= count) {
     return report_missing_record(removal);
   }
-  const bool moves = extent->begin != extent->end && extent->end != extent->free_space;
+  const bool moves = extent->begin != extent->end && removal.index + 1 != count;
   const std::uint32_t new_free_space = extent->begin + static_cast<std::uint32_t>(extent->free_space - extent->end);
-  if (moves && (extent->begin < kBTFirstRecordOffset || new_free_space > offset_table_start(node, count))) {
-    KVFS_ERROR_AS(kvfs_btree_delete_record_internal,
-                  "Invalid node data: Records of node %lu overlap its descriptor or offset table.\n",
+  if (moves && (extent->begin < kBTFirstRecordOffset || new_free_space > offset_table_start(node, count) ||
+                !can_part(node, removal.index, *extent))) {
+    KVFS_ERROR_AS(kvfs_btree_delete_record_internal, "Invalid node data: Records of node %lu overlap.\n",
                   to_ul(node.number));
     return kvfs_inconsistent;
   }
@@ -191,8 +184,8 @@ static kvfs_result delete_from_node(deletion* removal) {
   record_extent extent = {};
   result = read_deleted_extent(*removal, &extent);
   if (result == kvfs_ok && removal->index == 0) {
-    result = check_levels_above(KVFS_NAME_OF(kvfs_btree_delete_record_internal), removal->descriptor.height,
-                                depth_of(*removal));
+    result =
+        check_levels_above(KVFS_NAME_OF(kvfs_btree_delete_record_internal), removal->descriptor, depth_of(*removal));
   }
   if (result != kvfs_ok) {
     return result;

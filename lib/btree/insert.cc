@@ -186,8 +186,7 @@ static kvfs_result check_insertion_depth(const insertion& insert) {
     KVFS_ERROR_AS(kvfs_btree_insert_record_internal, "Error while reading header record.\n");
     return result;
   }
-  return check_levels_above(KVFS_NAME_OF(kvfs_btree_insert_record_internal), insert.descriptor.height,
-                            header.treeDepth.get());
+  return check_levels_above(KVFS_NAME_OF(kvfs_btree_insert_record_internal), insert.descriptor, header.treeDepth.get());
 }
 
 kvfs_result kvfs_btree_insert_record_internal(kvfs_btree* tree, const void* key, const void* data,

@@ -108,7 +108,7 @@ kvfs_result kvfs::btree::check_insertion(const insertion& insert) {
   if (end > node_size) {
     return kvfs_inconsistent;  // likewise
   }
-  if (offset < kBTFirstRecordOffset) {
+  if (offset < kBTFirstRecordOffset || !can_part(insert.node.view, insert.index, {offset, offset, end})) {
     return report_bad_insert_offset(insert.node.view.number, insert.index);
   }
   if (insert.record_size + kSingleRecordOverhead > node_size) {

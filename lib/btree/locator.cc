@@ -263,8 +263,7 @@ static kvfs_result write_record_data(kvfs_btree_record_locator* locator, const v
   kvfs_btree_record_locator_private* const priv = locator->priv;
   if (data_size > record_capacity(priv) || priv->record_data_offset > record_capacity(priv) - data_size) {
     // X-btree-6: it was opened again with a longer key, and the public sizes are still those of the first opening.
-    KVFS_ERROR_AS(kvfs_btree_record_locator_write_data,
-                  "Record %hu of node %lu has changed its layout and cannot be written.\n", priv->index,
+    KVFS_ERROR_AS(kvfs_btree_record_locator_write_data, "Record %hu of node %lu has changed its layout.\n", priv->index,
                   to_ul(priv->node));
     return kvfs_internal;
   }

@@ -48,7 +48,8 @@ const unsigned char* kvfs::btree::key_at(const char* speaker, const node_view& n
   return node.bytes + offset;
 }
 
-kvfs_result kvfs::btree::check_levels_above(const char* speaker, std::uint8_t height, std::uint16_t depth) {
+kvfs_result kvfs::btree::check_levels_above(const char* speaker, const BTNodeDescriptor& node, std::uint16_t depth) {
+  const std::uint8_t height = node.height;
   if (height >= depth) {
     return kvfs_ok;  // it is the root
   }
@@ -56,11 +57,36 @@ kvfs_result kvfs::btree::check_levels_above(const char* speaker, std::uint8_t he
     KVFS_ERROR_BY(speaker, "B-tree depth too large.\n");  // the height above has to fit a byte
     return kvfs_inconsistent;
   }
-  if (depth > kMaximumMaintainedDepth) {
-    KVFS_ERROR_BY(speaker, "B-tree of depth %hu is too deep to be maintained.\n", depth);
+  // The key of a leaf of another height has index records above that lead to other nodes.
+  if (depth > kMaximumMaintainedDepth || (node.kind == kBTLeafNode && height != kBTLeafHeight)) {
+    KVFS_ERROR_BY(speaker, "B-tree of depth %hu cannot be maintained at height %hu.\n", depth, std::uint16_t{height});
     return kvfs_inconsistent;
   }
   return kvfs_ok;
+}
+
+bool kvfs::btree::can_part(const node_view& node, std::uint32_t index, const record_extent& gap) {
+  const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(node.bytes);
+  const std::uint32_t count = descriptor->numRecords.get();
+  std::uint32_t next = offset_at(node, 0);
+  for (std::uint32_t record = 0; record < count; ++record) {
+    const std::uint32_t begin = next;
+    next = offset_at(node, record + 1);
+    if (record == index && gap.begin != gap.end) {
+      continue;
+    }
+    std::uint32_t end = next;
+    if (descriptor->kind == kBTIndexNode) {
+      (void)read_key_end(node, begin, &end);  // a search reads the child behind it, wherever the next record begins
+      end += sizeof(kvfs_be32);
+    }
+    const std::uint32_t least = record < index ? 0 : gap.end;
+    const std::uint32_t most = record < index ? gap.begin : gap.free_space;
+    if (begin < least || (end > most && end <= node.size)) {  // one that leaves the node cannot be read
+      return false;
+    }
+  }
+  return true;
 }
 
 kvfs_result kvfs_btree_node_make_record(const void* key, std::uint16_t key_length, const void* data,

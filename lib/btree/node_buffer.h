@@ -71,9 +71,20 @@ inline kvfs_result write_header_record(kvfs_btree* tree, const BTHeaderRec& head
 // The key at an offset of a node; null, with a message, when it leaves the node.
 const unsigned char* key_at(const char* speaker, const node_view& node, std::uint32_t offset);
 
-// Whether the index above a node of some height can be maintained. To be asked before the first change: a change that
-// ends half-way has to be discarded.
-kvfs_result check_levels_above(const char* speaker, std::uint8_t height, std::uint16_t depth);
+// Whether the index above a node can be maintained. To be asked before the first change: a change that ends half-way
+// has to be discarded.
+kvfs_result check_levels_above(const char* speaker, const BTNodeDescriptor& node, std::uint16_t depth);
+
+// Where a record lies that leaves a node, and what lies behind it. Where one is to come, it has no bytes yet.
+struct record_extent {
+  std::uint16_t begin;
+  std::uint16_t end;
+  std::uint16_t free_space;
+};
+
+// Whether the bytes behind a record, up to the free space, can move (X-btree-23): then the records behind it move with
+// them, and none that a search can read is cut, left behind or overwritten, as with a damaged offset table.
+bool can_part(const node_view& node, std::uint32_t index, const record_extent& gap);
 
 inline std::uint8_t height_above(std::uint8_t height) {
   return static_cast<std::uint8_t>(height + 1);

@@ -110,9 +110,16 @@ static node_mark read_node_mark(kvfs_btree* tree, std::uint32_t node, node_buffe
   return {};
 }
 
-// Whether bytes can be a key of the tree: those of a free node may be anything, and the comparison says so.
-static bool may_be_key(const kvfs_btree* tree, const unsigned char* key, std::uint32_t size) {
+// Whether the bytes at an offset of a node can be a key of the tree: those of a free node may be anything, and the
+// comparison says so.
+static bool may_be_key(const kvfs_btree* tree, const node_view& node, std::uint32_t offset) {
   const std::uint32_t tree_kind = tree->priv->tree_kind;
+  const unsigned char* const key = node.bytes + offset;
+  std::uint32_t end = 0;
+  if (!read_key_end(node, offset, &end)) {
+    return false;
+  }
+  const std::uint32_t size = end - offset;
   return !is_odd_key(key_sizes_of(tree_kind), size) &&
          (tree_kind != kHFSCatalogFileID ||
           size >= kHFSPlusCatalogKeyNameOffset +
@@ -125,9 +132,8 @@ static kvfs_result ask_index(kvfs_btree* tree, const node_view& node, bool* in_u
   const BTNodeDescriptor descriptor = descriptor_of(node);
   const bool has_keys = descriptor.kind == kBTLeafNode || descriptor.kind == kBTIndexNode;
   const unsigned char* const key = node.bytes + kBTFirstRecordOffset;
-  std::uint32_t end = 0;
   if (!has_keys || descriptor.height == 0 || descriptor.height == UINT8_MAX ||
-      !read_key_end(node, kBTFirstRecordOffset, &end) || !may_be_key(tree, key, end - kBTFirstRecordOffset)) {
+      !may_be_key(tree, node, kBTFirstRecordOffset)) {
     return kvfs_ok;
   }
   kvfs_btree_search_result place;
@@ -272,8 +278,10 @@ static kvfs_result divide_records(node_split* split, std::uint16_t count, std::s
                      split->tree->nodeSize, needed);
     return kvfs_internal;
   }
-  if (end > offset_table_start(lower, count)) {
-    return report_misplaced_record(*split);  // what moves is zeroed here, and the table would be with it
+  // What moves is zeroed here, and the table would be with it.
+  if (end > offset_table_start(lower, count) || !can_part(lower, split->index, {begin, begin, end}) ||
+      (begin != end && !may_be_key(split->tree, lower, begin))) {
+    return report_misplaced_record(*split);
   }
   move_upper_records(split, count, begin, *moved);
   return kvfs_ok;

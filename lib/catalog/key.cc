@@ -81,7 +81,6 @@ namespace {
 
 // A key with its fields in reach. Of the name only what the key holds can be read.
 struct catalog_key_view {
-  std::uint16_t key_length;
   std::uint32_t parent;
   kvfs_cut_name name;
 };
@@ -94,7 +93,7 @@ static catalog_key_view view_key(const void* key) {
   const std::uint16_t key_length = fields->keyLength.get();
   const std::size_t length = fields->nodeName.length.get();
   const std::size_t room = (key_length - std::size_t{key_length_for(0)}) / sizeof(kvfs_be16);
-  return {key_length, fields->parentID.get(), {fields->nodeName.unicode, length, kvfs_min(length, room)}};
+  return {fields->parentID.get(), {fields->nodeName.unicode, length, kvfs_min(length, room)}};
 }
 
 // The names of the private folders under the root folder begin with NUL units.
@@ -144,8 +143,7 @@ int kvfs_catalog_compare_keys(const void* key_a, const void* key_b, std::uint8_t
   const catalog_key_view b = view_key(key_b);
   const int order = compare_key_views(a, b, compare_type);
   if (order == kvfs_name_is_cut) {
-    KVFS_ERROR("Names of %zu and %zu units do not fit their keys (%hu and %hu bytes).\n", a.name.length, b.name.length,
-               a.key_length, b.key_length);
+    KVFS_ERROR("Names do not fit their keys.\n");
     return kvfs_key_malformed;
   }
   return order;

@@ -67,8 +67,7 @@ kvfs_result kvfs::catalog::make_target_key(const char* speaker, const kvfs_catal
             record->data_size - kHFSPlusCatalogThreadNameOffset >= name_length * sizeof(kvfs_be16);
   }
   if (!whole) {
-    KVFS_ERROR_BY(speaker, "Thread record of %zu bytes cannot hold its name of %lu units.\n",
-                  std::size_t{record->data_size}, to_ul(name_length));
+    KVFS_ERROR_BY(speaker, "Thread record of %zu bytes cannot hold its name.\n", std::size_t{record->data_size});
     return kvfs_inconsistent;
   }
   make_key(key, fields->parentID, fields->nodeName.unicode, name_length);

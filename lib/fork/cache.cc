@@ -132,7 +132,7 @@ kvfs_result kvfs::fork::ensure_item(const char* speaker, kvfs_fork* fork, std::u
 kvfs_result kvfs::fork::check_transfer_unit(const char* speaker, const kvfs_fork* fork) {
   const std::uint32_t unit = transfer_unit(fork);
   if (unit == 0 || unit > fork->priv->item_size) {
-    KVFS_ERROR_BY(speaker, "Transfer unit of %lu bytes does not fit a cache item.\n", to_ul(unit));
+    KVFS_ERROR_BY(speaker, "Transfer unit of %lu bytes is not usable.\n", to_ul(unit));
     return kvfs_inconsistent;
   }
   return kvfs_ok;

@@ -82,8 +82,8 @@ static kvfs_result check_piece(void* context, std::uint64_t device_offset, std::
   const bool begins_within = device_offset % sector_size != 0 || fork_offset % sector_size != 0;
   if ((begins_within || end_of_sectors > end_of_blocks) &&
       has_modified_block(flush->fork, begins_within ? fork_offset : kvfs_max(fork_offset, end - 1), end - 1)) {
-    KVFS_ERROR_AS(kvfs_fork_flush_internal, "Piece of %llu bytes at device offset %llu is not of whole sectors.\n",
-                  to_ull(length), to_ull(device_offset));
+    KVFS_ERROR_AS(kvfs_fork_flush_internal, "Piece of %llu bytes at %llu is not of whole sectors.\n", to_ull(length),
+                  to_ull(device_offset));
     return kvfs_inconsistent;
   }
   return kvfs_ok;

@@ -112,6 +112,12 @@ static kvfs_result check_not_private(kvfs_session* session, const HFSPlusCatalog
   return is_private ? kvfs_invalid : result;
 }
 
+// Whether a folder is no private one. The root folder is none, whatever the label is.
+static kvfs_result check_folder(kvfs_session* session, const kvfs_session_found& folder) {
+  return kvfs_session_id_of(folder.record()->data) == kHFSRootFolderID ? kvfs_ok
+                                                                       : check_not_private(session, *folder.key());
+}
+
 // Whether a name can be given to an item: not where the catalog would take it for that of a private folder, or for none
 // at all and so for the thread of the folder (X-session-5). Returns as above.
 static kvfs_result check_new_name(kvfs_session* session, const kvfs_session_place& place) {
@@ -141,7 +147,7 @@ static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item) 
     return kvfs_inconsistent;
   }
   if (result == kvfs_ok) {
-    result = check_not_private(session, *folder.key());
+    result = check_folder(session, folder);
   }
   return result == kvfs_ok ? kvfs_catalog_record_locator_set_parent_locator(item->locator(), folder.locator()) : result;
 }
@@ -150,7 +156,7 @@ static kvfs_result link_folder(kvfs_session* session, kvfs_session_found* item) 
 // the index can follow. No search and no walk gets past a node without any.
 static kvfs_result check_nodes(kvfs_session* session, const kvfs_session_found& item, std::uint32_t id) {
   kvfs_session_found thread;
-  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
+  kvfs_result result = kvfs_session_search_id(session, id, false, thread.out());
   if (result != kvfs_ok) {
     return result;
   }
@@ -262,9 +268,7 @@ kvfs_result kvfs_session_find_place(kvfs_session* session, std::uint32_t id, std
   if (result != kvfs_ok) {
     return result;
   }
-  if (folder_id != kHFSRootFolderID) {
-    result = check_not_private(session, *folder.key());
-  }
+  result = check_folder(session, folder);
   folder.release();
   if (result == kvfs_ok) {
     result = check_new_name(session, *place);

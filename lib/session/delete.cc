@@ -90,7 +90,7 @@ static kvfs_result visit_record(kvfs_extents* extents, std::uint32_t id, std::ui
                                 overflow_visit visit, void* context, HFSPlusExtentRecord* record) {
   kvfs_btree_search_result found;
   kvfs_btree_search_result_init(&found);
-  kvfs_result result = kvfs_extents_search(extents, fork_type, id, start, &found);
+  kvfs_result result = kvfs_session_blame_volume(kvfs_extents_search(extents, fork_type, id, start, &found));
   if (result == kvfs_ok && (found.found == 0 || found.locator->data_size < sizeof(*record))) {
     result = kvfs_inconsistent;
   }
@@ -210,11 +210,21 @@ static kvfs_result delete_item(kvfs_session* session, kvfs_session_found* item, 
 
 static kvfs_result delete_folder(kvfs_session* session, kvfs_session_found* folder) {
   int can_delete = 0;
-  const kvfs_result result = kvfs_catalog_can_delete_file(session->volume->catalog, folder->locator(), &can_delete);
+  const kvfs_result result =
+      kvfs_session_blame_volume(kvfs_catalog_can_delete_file(session->volume->catalog, folder->locator(), &can_delete));
   if (result != kvfs_ok) {
     return result;
   }
-  return can_delete != 0 ? delete_item(session, folder, false) : kvfs_not_empty;
+  if (can_delete == 0) {
+    return kvfs_not_empty;
+  }
+  const std::uint32_t valence = folder->folder()->valence.get();
+  if (valence != 0) {  // X-session-8
+    KVFS_ERROR_AS(kvfs_session_delete, "Folder %lu counts %lu items and none is found.\n",
+                  to_ul(folder->folder()->folderID.get()), to_ul(valence));
+    return kvfs_inconsistent;
+  }
+  return delete_item(session, folder, false);
 }
 
 static kvfs_result delete_file(kvfs_session* session, kvfs_session_found* file) {

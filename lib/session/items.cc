@@ -23,7 +23,8 @@ kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id
                                   std::size_t length, kvfs_session_found* item) {
   HFSPlusCatalogKey key;
   kvfs::catalog::make_key(&key, kvfs_be32::of(folder_id), units, static_cast<std::uint32_t>(length));
-  const kvfs_result result = kvfs_catalog_search_node(session->volume->catalog, &key, item->out());
+  const kvfs_result result =
+      kvfs_session_blame_volume(kvfs_catalog_search_node(session->volume->catalog, &key, item->out()));
   if (result != kvfs_ok) {
     return result;
   }
@@ -32,6 +33,11 @@ kvfs_result kvfs_session_find_key(kvfs_session* session, std::uint32_t folder_id
     return kvfs_not_found;
   }
   return kvfs_session_check_item(item->record());
+}
+
+kvfs_result kvfs_session_search_id(kvfs_session* session, std::uint32_t id, bool follow,
+                                   kvfs_catalog_search_result* out_found) {
+  return kvfs_session_blame_volume(kvfs_catalog_search_by_cnid(session->volume->catalog, id, follow, out_found));
 }
 
 static bool has_name(const kvfs_btree_record_locator* record, const kvfs_be16* units, std::size_t length) {
@@ -61,7 +67,7 @@ static kvfs_result find_by_walking(kvfs_session* session, std::uint32_t folder_i
 // Looks for the item of a thread whose name the order of the catalog does not lead to.
 static kvfs_result find_by_thread(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
   kvfs_session_found thread;
-  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, false, thread.out());
+  kvfs_result result = kvfs_session_search_id(session, id, false, thread.out());
   HFSPlusCatalogKey key;
   if (result == kvfs_ok) {
     result =
@@ -97,7 +103,7 @@ static kvfs_result check_id(const kvfs_session_found& item, std::uint32_t id) {
 }
 
 kvfs_result kvfs_session_find_item(kvfs_session* session, std::uint32_t id, kvfs_session_found* item) {
-  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, id, true, item->out());
+  kvfs_result result = kvfs_session_search_id(session, id, true, item->out());
   if (result == kvfs_ok && !item->found()) {
     item->release();
     result = find_by_thread(session, id, item);
@@ -110,12 +116,22 @@ kvfs_result kvfs_session_find_folder(kvfs_session* session, std::uint32_t id, kv
   return result == kvfs_ok && folder->folder() == nullptr ? kvfs_not_a_folder : result;
 }
 
+// Whether an item is found by its name up to a NUL, at which the binary order ends (Q-unicode-6).
+static bool is_cut_off(const kvfs_session_found& item, std::size_t length) {
+  const HFSUniStr255& name = item.key()->nodeName;
+  return name.length.get() > length && name.unicode[length].get() == 0;
+}
+
 kvfs_result kvfs_session_find_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
                                    kvfs_session_found* item) {
   if (kvfs_session_has_nul(name.units, name.length)) {
     return find_by_walking(session, folder_id, name.units, name.length, item);
   }
   const kvfs_result result = kvfs_session_find_key(session, folder_id, name.units, name.length, item);
+  if (result == kvfs_ok && is_cut_off(*item, name.length)) {
+    item->release();
+    return find_by_walking(session, folder_id, name.units, name.length, item);
+  }
   const bool is_plain =
       name.length == name.plain_length && std::memcmp(name.units, name.plain, name.length * sizeof(kvfs_be16)) == 0;
   if (result != kvfs_not_found || is_plain) {

@@ -51,7 +51,7 @@ static kvfs_result check_removable(kvfs_session* session) {
   kvfs_btree* const tree = *session->volume->catalog->btree;
   kvfs_session_found root;
   std::uint16_t records = 0;
-  kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, kHFSRootFolderID, true, root.out());
+  kvfs_result result = kvfs_session_search_id(session, kHFSRootFolderID, true, root.out());
   if (result == kvfs_ok && !root.found()) {
     KVFS_ERROR_AS(kvfs_session_set_label, "The root folder is missing.\n");
     return kvfs_inconsistent;

@@ -56,7 +56,7 @@ static kvfs_result next_id(kvfs_session* session, std::uint32_t* id) {
     return kvfs_inconsistent;
   }
   kvfs_session_found thread;
-  const kvfs_result result = kvfs_catalog_search_by_cnid(session->volume->catalog, *id, false, thread.out());
+  const kvfs_result result = kvfs_session_search_id(session, *id, false, thread.out());
   if (result == kvfs_ok && thread.found()) {
     KVFS_ERROR_AS(kvfs_session_make_link, "The next catalog node ID, %lu, is in use.\n", to_ul(*id));
     return kvfs_inconsistent;

@@ -37,7 +37,7 @@ struct index_record {
 static kvfs_result search_index(kvfs_btree* tree, const unsigned char* key, std::uint8_t height, index_record* record) {
   const kvfs_result result = kvfs_with_write_lock(tree->priv->open_locators_lock, [=] {
     grant_work(tree, kWorkOfASearch);
-    return search_index_record(tree, key, height, index_search::kDeletion, &record->result);
+    return kvfs_session_blame_volume(search_index_record(tree, key, height, index_search::kDeletion, &record->result));
   });
   if (result != kvfs_ok && record->result.locator != nullptr) {
     kvfs_btree_record_locator_release(&record->result.locator, false);  // X-lock-1
@@ -87,7 +87,7 @@ static kvfs_result check_count(kvfs_btree* tree, std::uint32_t node, std::uint32
 // Whether the record behind another one is found by its key.
 static kvfs_result check_next(kvfs_btree* tree, const kvfs_btree_record_locator* record, std::uint8_t height) {
   index_record next;
-  const kvfs_result result = kvfs_btree_get_next_record(tree, record, &next.result.locator);
+  const kvfs_result result = kvfs_session_blame_volume(kvfs_btree_get_next_record(tree, record, &next.result.locator));
   index_record found;
   return result == kvfs_ok ? find_index_record(tree, next.locator()->key, height, &found) : result;
 }
@@ -123,11 +123,16 @@ kvfs_result kvfs_session_check_index(kvfs_btree* tree, const kvfs_btree_record_l
   if (result != kvfs_ok || *record->index != 0) {
     return result;
   }
+  BTNodeDescriptor leaf = {};
+  result = read_descriptor(tree, *record->node, &leaf);
+  if (result != kvfs_ok) {
+    return result;
+  }
   const std::uint16_t depth = header.treeDepth.get();
-  result = check_levels_above(KVFS_NAME_OF(kvfs_session_check_index), 1, depth);
+  result = check_levels_above(KVFS_NAME_OF(kvfs_session_check_index), leaf, depth);
   const bool comes_back = *record->node == header.firstLeafNode.get();
   bool is_first = true;
-  for (std::uint8_t height = 2; result == kvfs_ok && is_first && height < depth; ++height) {
+  for (std::uint8_t height = kBTLeafHeight + 1; result == kvfs_ok && is_first && height < depth; ++height) {
     result = check_level(tree, record->key, height, other, comes_back, &is_first);
   }
   return result;

@@ -167,6 +167,10 @@ kvfs_result kvfs_session_check_item(const kvfs_btree_record_locator* record);
 // The ID of a record that was checked.
 std::uint32_t kvfs_session_id_of(const void* record_data);
 
+// Looks for the thread of an ID or, with `follow`, for its item, as kvfs_catalog_search_by_cnid does.
+kvfs_result kvfs_session_search_id(kvfs_session* session, std::uint32_t id, bool follow,
+                                   kvfs_catalog_search_result* out_found);
+
 // Finds an item by its ID; its record is checked. Returns kvfs_ok, kvfs_not_found or a failure.
 kvfs_result kvfs_session_find_item(kvfs_session* session, std::uint32_t id, kvfs_session_found* item);
 

@@ -28,7 +28,8 @@ static bool is_elsewhere(const kvfs_btree_record_locator* record, std::uint32_t 
 // Replaces the record by the one behind it, whatever that is.
 static kvfs_result step_to_next(kvfs_session_walk* walk) {
   kvfs_catalog_record_locator* next = nullptr;
-  const kvfs_result result = kvfs_catalog_get_next_record(walk->session->volume->catalog, walk->record, &next);
+  const kvfs_result result =
+      kvfs_session_blame_volume(kvfs_catalog_get_next_record(walk->session->volume->catalog, walk->record, &next));
   kvfs_catalog_record_locator_close(&walk->record);
   walk->record = next;
   if (next == nullptr) {
@@ -61,7 +62,8 @@ kvfs_result kvfs_session_step(kvfs_session_walk* walk) {
 // Begins on the first record behind a key; `found` tells whether one with the key was there.
 static kvfs_result begin_behind(const HFSPlusCatalogKey* key, kvfs_session_walk* walk, bool* found) {
   kvfs_session_found place;
-  kvfs_result result = kvfs_catalog_search_node(walk->session->volume->catalog, key, place.out());
+  kvfs_result result =
+      kvfs_session_blame_volume(kvfs_catalog_search_node(walk->session->volume->catalog, key, place.out()));
   if (result != kvfs_ok) {
     return result;
   }

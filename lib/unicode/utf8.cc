@@ -101,8 +101,7 @@ static kvfs_result encode_utf8(const char* speaker, const std::uint16_t* units, 
     }
     if (!out->append(high != 0 ? joined_surrogates(high, unit) : unit)) {
       // X-unicode-1: the sizing pass saw the units in another byte order, in which they are shorter.
-      KVFS_ERROR_BY(speaker, "Text in byte order %d needs more than the %zu bytes sized for it.\n",
-                    static_cast<int>(byte_order), out->capacity);
+      KVFS_ERROR_BY(speaker, "Text needs more than the %zu bytes sized for it.\n", out->capacity);
       return kvfs_inconsistent;
     }
     high = 0;

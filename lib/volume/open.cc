@@ -132,13 +132,17 @@ static kvfs_result find_root_folder(volume_parts* parts) {
   return kvfs_ok;
 }
 
+static kvfs_result report_short_root() {
+  KVFS_ERROR_AS(kvfs_volume_setup, "Record of root directory is too short for its name.\n");
+  return kvfs_inconsistent;
+}
+
 // Copies the root folder's name, which must lie in the copy of its record (X-volume-1), as the label.
 static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* priv) {
   const kvfs_btree_record_locator* const record = parts.root.locator->btree_locator;
   const std::uint32_t size = static_cast<std::uint32_t>(record->data - record->key) + record->data_size;
   if (size < kHFSPlusCatalogKeyNameOffset) {
-    KVFS_ERROR_AS(kvfs_volume_setup, "Record of root directory is too short for a name (%lu bytes).\n", to_ul(size));
-    return kvfs_inconsistent;
+    return report_short_root();
   }
   const HFSUniStr255* const name = &kvfs_view_as<HFSPlusCatalogKey>(record->key)->nodeName;
   const std::uint16_t length = name->length.get();
@@ -148,9 +152,7 @@ static kvfs_result read_label(const volume_parts& parts, kvfs_volume_private* pr
     return kvfs_inconsistent;
   }
   if (size - kHFSPlusCatalogKeyNameOffset < length * sizeof(kvfs_be16)) {
-    KVFS_ERROR_AS(kvfs_volume_setup, "Volume label of %hu units does not fit its record (%lu bytes).\n", length,
-                  to_ul(size));
-    return kvfs_inconsistent;
+    return report_short_root();
   }
   priv->label_length = length;
   std::memcpy(priv->label, name->unicode, length * sizeof(kvfs_be16));

@@ -222,13 +222,13 @@ TEST(BtreeClaim, MapRecordOutsideOfTheNode_IsInconsistent) {
     tree.poke_entry(0, 2, start);
     LogCapture log;
     EXPECT_EQ(claim(tree), "result 6");
-    EXPECT_LOG(log, claim_error("Invalid node data: Byte 0 of the node bitmap lies outside of node 0."));
+    EXPECT_LOG(log, claim_error("Invalid node data: Byte 0 of the bitmap lies outside of node 0."));
   }
   tree.poke_entry(0, 2, 511);
   tree.poke(0, 511, 1, 0xFF);
   LogCapture log;
   EXPECT_EQ(claim(tree), "result 6");
-  EXPECT_LOG(log, claim_error("Invalid node data: Byte 1 of the node bitmap lies outside of node 0."));
+  EXPECT_LOG(log, claim_error("Invalid node data: Byte 1 of the bitmap lies outside of node 0."));
   EXPECT_TRUE(tree.is_idle());
 }
 
@@ -520,7 +520,7 @@ const MapNodeDamage kMapNodeDamages[] = {
     {"RecordBehindTheFreeSpace", 510, 2, 507,
      "Invalid node data: Records offsets out of order in map node 5 (first offset: 507, free space: 506)\n"},
     {"EmptyRecordAtTheEnd", 508, 4, 508u << 16 | 508u,
-     "Invalid node data: Byte 257 of the node bitmap lies outside of node 5.\n"},
+     "Invalid node data: Byte 257 of the bitmap lies outside of node 5.\n"},
 };
 
 class BtreeClaimMapDamage : public ::testing::TestWithParam<MapNodeDamage> {};

@@ -438,7 +438,7 @@ TEST_F(BtreeDelete, DamagedOffsets_AreInconsistentAndChangeNothing) {
   const auto free_space = [](int offset) {
     return "$$$: Free space of " + std::to_string(offset) + " is greater than node size. Impossible";
   };
-  const std::string overlap = "Invalid node data: Records of node 2 overlap its descriptor or offset table.";
+  const std::string overlap = "Invalid node data: Records of node 2 overlap.";
   const struct {
     std::uint32_t index;
     std::uint16_t offset;
@@ -499,7 +499,7 @@ TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsInconsistentWhereTheTableWouldBe
   const std::vector<Bytes> before = tree_.cached_nodes();
   LogCapture log;
   EXPECT_EQ(delete_and_release(tree_, locator), kvfs_inconsistent);
-  EXPECT_LOG(log, delete_error("Invalid node data: Records of node 2 overlap its descriptor or offset table."));
+  EXPECT_LOG(log, delete_error("Invalid node data: Records of node 2 overlap."));
   EXPECT_EQ(tree_.changed_since(before), Lines());
 }
 
@@ -530,7 +530,7 @@ TEST_F(BtreeDelete, FreeSpaceInTheOffsetTable_IsLeftAloneWhereNothingMoves) {
 TEST_F(BtreeDelete, LocatorAtTheEndOfItsNode_IsJudgedByTheOffsetsThere) {
   const std::string beyond = "$$$: This record offset is greater than the next. Impossible";
   const std::string free_space = "$$$: Free space of 86 is greater than node size. Impossible";
-  const std::string nothing = "Invalid position: Node 2 of 4 records has no place for record 4.";
+  const std::string nothing = "Invalid position: Node 2 has no record 4.";
   for (const auto& [next, text] :
        std::vector<std::pair<std::uint16_t, std::string>>{{0, beyond}, {85, beyond}, {86, nothing}, {87, free_space}}) {
     ChangeTree tree(three_leaves());
@@ -554,8 +554,7 @@ TEST_F(BtreeDelete, OffsetsBehindTheNode_AreInconsistent) {
     tree.poke(2, kNumRecords, 2, count);
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of " + std::to_string(count) +
-                                 " records has no place for record 1."));
+    EXPECT_LOG(log, delete_error("Invalid position: Node 2 has no record 1."));
   }
 }
 
@@ -567,8 +566,7 @@ TEST_F(BtreeDelete, LocatorBehindTheOffsetTable_IsInconsistent) {
     locator->priv->index = index;
     LogCapture log;
     EXPECT_EQ(delete_and_release(tree, locator), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("Invalid position: Node 2 of 4 records has no place for record " +
-                                 std::to_string(index) + "."));
+    EXPECT_LOG(log, delete_error("Invalid position: Node 2 has no record " + std::to_string(index) + "."));
   }
 }
 
@@ -697,7 +695,7 @@ TEST_F(BtreeDelete, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) 
     const std::vector<Bytes> before = tree.cached_nodes();
     LogCapture log;
     EXPECT_EQ(kvfs_btree_delete_record(tree.get(), locator, 0), kvfs_inconsistent);
-    EXPECT_LOG(log, delete_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
+    EXPECT_LOG(log, delete_error("B-tree of depth " + std::to_string(depth) + " cannot be maintained at height 1."));
     EXPECT_EQ(tree.changed_since(before), Lines());
     EXPECT_EQ(locator->priv->deleted, 0u);
     release(locator);

@@ -354,6 +354,21 @@ TEST_F(BtreeInsert, NodeThatIsNoLeaf_IsRefused) {
   }
 }
 
+// An index record of that height has the leaf's first key, too, but leads to another node.
+// X-btree-10
+TEST_F(BtreeInsert, FirstRecordOfALeafOfAnotherHeight_IsRefused) {
+  ChangeTree tree(three_levels());
+  tree.open();
+  const std::uint32_t leaf = tree.node_at(1, 0);
+  tree.poke(leaf, kHeight, 1, 2);
+  const std::vector<Bytes> before = tree.cached_nodes();
+  LogCapture log;
+  EXPECT_EQ(tree.insert(5), kvfs_inconsistent);
+  EXPECT_LOG(log, insert_error("B-tree of depth 3 cannot be maintained at height 2."));
+  EXPECT_EQ(tree.changed_since(before), Lines());
+  EXPECT_TRUE(tree.is_idle());
+}
+
 // X-btree-10
 TEST_F(BtreeInsert, HeightThatFillsItsByte_IsTooLarge) {
   kvfs_btree_search_result hint = hint_at(1, 0);
@@ -389,7 +404,7 @@ TEST_F(BtreeInsert, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) 
     const std::vector<Bytes> before = tree.cached_nodes();
     LogCapture log;
     EXPECT_EQ(tree.insert(5), kvfs_inconsistent);
-    EXPECT_LOG(log, insert_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
+    EXPECT_LOG(log, insert_error("B-tree of depth " + std::to_string(depth) + " cannot be maintained at height 1."));
     EXPECT_EQ(tree.changed_since(before), Lines());
     EXPECT_TRUE(tree.is_idle());
   }

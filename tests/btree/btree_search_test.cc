@@ -966,8 +966,7 @@ TEST(BtreeSearchDamage, CatalogKeyWhoseNeededUnitLeavesTheNode_IsInconsistent) {
   EXPECT_LOG(silence);
   LogCapture log;
   EXPECT_EQ(search_for_key(tree, catalog_key(30, tree.bytes(node, 512 - 8, 8))), "result 6");
-  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 5 and 4 units do not fit their keys (14 and 14 bytes).\n",
-             bad_record(node, 1));
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names do not fit their keys.\n", bad_record(node, 1));
   EXPECT_TRUE(tree.is_idle());
 }
 
@@ -985,8 +984,7 @@ TEST(BtreeSearchDamage, CatalogKeyOfWhichTheNodeHasTheParentAlone_IsOrderedByTha
   EXPECT_LOG(silence);
   LogCapture log;
   EXPECT_EQ(search_for_key(tree, catalog_key(0x1FA000E, {})), "result 6");
-  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names of 65535 and 0 units do not fit their keys (6 and 6 bytes).\n",
-             bad_record(node, 1));
+  EXPECT_LOG(log, "ERROR kvfs_catalog_compare_keys Names do not fit their keys.\n", bad_record(node, 1));
   EXPECT_TRUE(tree.is_idle());
 }
 

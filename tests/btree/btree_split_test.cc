@@ -1063,11 +1063,13 @@ TEST_F(BtreeSplit, ClaimedNodeOutsideOfTheFork_FailsToRead) {
 }
 
 // X-btree-7
-TEST_F(BtreeSplit, FirstMovedKeyOutsideOfTheNode_IsInconsistent) {
+TEST_F(BtreeSplit, FirstMovedKeyOutsideOfTheNode_IsInconsistentAndNothingMoves) {
   tree_.poke(2, 14 + 10 * 18, 2, 500);
+  const std::vector<Bytes> before = tree_.cached_nodes();
   LogCapture log;
   EXPECT_EQ(split(2, 10), kvfs_inconsistent);
-  EXPECT_LOG(log, split_error("Invalid node data: Key at offset 14 of node 5 lies outside of the node."));
+  EXPECT_LOG(log, split_error("Invalid node data: Record 10 has no place among those of node 2."));
+  EXPECT_EQ(tree_.changed_since(before), Lines{"0"});
   EXPECT_TRUE(tree_.is_idle());
 }
 
@@ -1083,6 +1085,22 @@ TEST(BtreeSplitDamage, EmptyHalf_IsIndexedUnderWhateverItHeld) {
   EXPECT_EQ(tree.insert(record_of_size(15, 250)), kvfs_internal);
   EXPECT_LOG(log, does_not_fit(250, 1));
   EXPECT_EQ(tree.show(3), "index 3 of height 2, 0 < > 0: 10>1 77>4 1000>2");
+  EXPECT_TRUE(tree.is_idle());
+}
+
+// X-btree-7
+TEST(BtreeSplitDamage, EmptyHalfWhoseOldKeyLeavesTheNode_IsNotIndexed) {
+  TreeOptions options;
+  options.records = {record_of_size(10, 300), number_record(1000)};
+  options.shape.leaf_fill[0].max_records = 1;
+  ChangeTree tree(options);
+  tree.open();
+  tree.poke(4, 14, 2, 500);
+  LogCapture log;
+  EXPECT_EQ(tree.insert(record_of_size(15, 250)), kvfs_inconsistent);
+  EXPECT_LOG(log, split_error("Invalid node data: Key at offset 14 of node 4 lies outside of the node."),
+             insert_error("Error while splitting node."));
+  EXPECT_EQ(tree.show(3), "index 3 of height 2, 0 < > 0: 10>1 1000>2");
   EXPECT_TRUE(tree.is_idle());
 }
 
@@ -1109,7 +1127,7 @@ TEST_F(BtreeSplit, TreeDeeperThanSixteenLevels_IsRefusedBeforeAnythingChanges) {
     const std::vector<Bytes> before = tree.cached_nodes();
     LogCapture log;
     EXPECT_EQ(tree.insert(375), kvfs_inconsistent);
-    EXPECT_LOG(log, insert_error("B-tree of depth " + std::to_string(depth) + " is too deep to be maintained."));
+    EXPECT_LOG(log, insert_error("B-tree of depth " + std::to_string(depth) + " cannot be maintained at height 1."));
     EXPECT_EQ(tree.changed_since(before), Lines());
     EXPECT_TRUE(tree.is_idle());
   }

@@ -777,11 +777,10 @@ TEST(CatalogCompareKeys, NameComparedBeyondItsKey_IsMalformed) {
   const HFSPlusCatalogKey cut = cut_key(20, u"abc", 4);
   const HFSPlusCatalogKey good = stored_key(20, u"abc");
   for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
-    expect_malformed(cut, good, type, "Names of 4 and 3 units do not fit their keys (12 and 12 bytes).\n");
-    expect_malformed(good, cut, type, "Names of 3 and 4 units do not fit their keys (12 and 12 bytes).\n");
-    expect_malformed(cut, stored_key(20, u"abcd"), type,
-                     "Names of 4 and 4 units do not fit their keys (12 and 14 bytes).\n");
-    expect_malformed(cut, cut, type, "Names of 4 and 4 units do not fit their keys (12 and 12 bytes).\n");
+    expect_malformed(cut, good, type, "Names do not fit their keys.\n");
+    expect_malformed(good, cut, type, "Names do not fit their keys.\n");
+    expect_malformed(cut, stored_key(20, u"abcd"), type, "Names do not fit their keys.\n");
+    expect_malformed(cut, cut, type, "Names do not fit their keys.\n");
   }
 }
 
@@ -803,16 +802,15 @@ TEST(CatalogCompareKeys, NameBeyondItsKeyThatIsNotNeeded_DoesNotMatter) {
 TEST(CatalogCompareKeys, OddByteOfAKey_IsNoUnit) {
   HFSPlusCatalogKey key = stored_key(20, u"ab");
   key.keyLength.set(9);
-  expect_malformed(key, stored_key(20, u"ab"), kHFSBinaryCompare,
-                   "Names of 2 and 2 units do not fit their keys (9 and 10 bytes).\n");
+  expect_malformed(key, stored_key(20, u"ab"), kHFSBinaryCompare, "Names do not fit their keys.\n");
 }
 
 // X-catalog-1
 TEST(CatalogCompareKeys, NameUnderTheRootWithoutAFirstUnit_IsMalformed) {
   const HFSPlusCatalogKey cut = cut_key(kHFSRootFolderID, u"", 3);
   for (const std::uint8_t type : {kHFSCaseFolding, kHFSBinaryCompare}) {
-    expect_malformed(cut, stored_key(2, u""), type, "Names of 3 and 0 units do not fit their keys (6 and 6 bytes).\n");
-    expect_malformed(stored_key(2, u"a"), cut, type, "Names of 1 and 3 units do not fit their keys (8 and 6 bytes).\n");
+    expect_malformed(cut, stored_key(2, u""), type, "Names do not fit their keys.\n");
+    expect_malformed(stored_key(2, u"a"), cut, type, "Names do not fit their keys.\n");
   }
   // A private name decides before the other key's name is looked at.
   LogCapture log;

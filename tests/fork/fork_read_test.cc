@@ -823,8 +823,8 @@ TEST(ForkReadIntoCache, UnitThatDoesNotFitAnItem_IsRefused) {
     EXPECT_EQ(kvfs_fork_read_into_cache(fork.get(), 0, 1), kvfs_inconsistent);
     EXPECT_EQ(fork.item(0), "none");
     EXPECT_EQ(faults.locks_held(), 0);
-    EXPECT_LOG(log, "ERROR kvfs_fork_read_into_cache Transfer unit of " + std::to_string(unit) +
-                        " bytes does not fit a cache item.\n");
+    EXPECT_LOG(log,
+               "ERROR kvfs_fork_read_into_cache Transfer unit of " + std::to_string(unit) + " bytes is not usable.\n");
   }
 }
 

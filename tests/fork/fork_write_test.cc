@@ -236,7 +236,7 @@ TEST(ForkWrite, UnitOfNoBytes_IsRefused) {
   const ByteVector bytes(10);
   EXPECT_EQ(kvfs_fork_write(fork.get(), 0, bytes.data(), bytes.size(), nullptr), kvfs_inconsistent);
   EXPECT_EQ(fork.item(0), "none");
-  EXPECT_LOG(log, "ERROR kvfs_fork_write Transfer unit of 0 bytes does not fit a cache item.\n");
+  EXPECT_LOG(log, "ERROR kvfs_fork_write Transfer unit of 0 bytes is not usable.\n");
 }
 
 // The block that the write does not cover whole cannot be read.
@@ -249,8 +249,7 @@ TEST(ForkWrite, PartOfABlockThatDoesNotFitAnItem_IsRefused) {
     EXPECT_EQ(kvfs_fork_write(fork.get(), 0, bytes.data(), bytes.size(), nullptr), kvfs_inconsistent);
     EXPECT_EQ(fork.item(0), "none");
     EXPECT_LOG(log,
-               "ERROR kvfs_fork_read_into_cache Transfer unit of " + std::to_string(unit) +
-                   " bytes does not fit a cache item.\n",
+               "ERROR kvfs_fork_read_into_cache Transfer unit of " + std::to_string(unit) + " bytes is not usable.\n",
                "ERROR kvfs_fork_write Error while reading last block in write range into cache.\n");
   }
 }
@@ -1226,23 +1225,23 @@ TEST(ForkFlush, BlockFarBehindABeginningWithinASector_IsRefusedWithoutAWrite) {
 
 // X-fork-5
 TEST(ForkFlush, ExtentThatBeginsWithinASector_IsRefusedWithoutAWrite) {
-  expect_refused(blocks_of_odd_size(3072, {{1, 2}}), "3072 bytes at device offset 1536");
+  expect_refused(blocks_of_odd_size(3072, {{1, 2}}), "3072 bytes at 1536");
 }
 
 // X-fork-5
 TEST(ForkFlush, ExtentThatEndsWithinASector_IsRefusedWithoutAWrite) {
   // The sector at byte 4096 holds the end of the first extent and the beginning of another file's block.
-  expect_refused(blocks_of_odd_size(3072, {{2, 1}, {6, 1}}), "1536 bytes at device offset 3072");
+  expect_refused(blocks_of_odd_size(3072, {{2, 1}, {6, 1}}), "1536 bytes at 3072");
 }
 
 // X-fork-5
 TEST(ForkFlush, LaterExtentThatBeginsWithinASector_IsRefusedBeforeTheFirstWrite) {
-  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at device offset 7680", 3072);
+  expect_refused(blocks_of_odd_size(6144, {{2, 2}, {5, 2}}), "3072 bytes at 7680", 3072);
 }
 
 // X-fork-5
 TEST(ForkFlush, LogicalEndInASectorThatEndsInAnotherBlock_IsRefusedWithoutAWrite) {
-  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at device offset 3072", 4599);
+  expect_refused(blocks_of_odd_size(4600, {{2, 3}}), "4600 bytes at 3072", 4599);
 }
 
 // Blocks of half a sector: the second extent begins within one.

@@ -104,6 +104,62 @@ TEST_P(SessionDamagedRecord, IsInconsistentBehindTheItemsBeforeIt) {
 INSTANTIATE_TEST_SUITE_P(Damages, SessionDamagedRecord, ::testing::ValuesIn(record_damages()),
                          [](const auto& suite) { return std::string(suite.param.name); });
 
+// The engine calls the size of such a record an argument that is not acceptable. It is the volume's.
+TEST(SessionDamage, RecordOfAnOddSize_IsInconsistent) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  const std::uint32_t file = description.add_file(folder, u"a");
+  (void)description.add_file(folder, u"b");
+  Volume image = build_volume(description);
+  const RecordPlace place = *image.find_by_cnid(file);
+  image.add_to_field("catalog.node[" + std::to_string(place.node) + "].offset[" + std::to_string(place.index + 1) + "]",
+                     static_cast<std::uint64_t>(-1));
+  const TestSession session(image);
+  const LogCapture silence;
+  std::vector<std::string> names;
+  EXPECT_EQ(session.find("d/a"), KVFS_INCONSISTENT);
+  EXPECT_EQ(find_id(session, file), KVFS_INCONSISTENT);
+  EXPECT_EQ(list(session, folder, names), KVFS_INCONSISTENT);
+  EXPECT_EQ(open_fork(session, file), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_rename(session.get(), file, KVFS_ROOT_ID, "c"), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_EQ(kvfs_session_make_link(session.get(), folder, "a", "target", nullptr), KVFS_INCONSISTENT);
+  EXPECT_EQ(session.facts().has_unflushed_changes, 0);
+}
+
+// Its items cannot be found behind its thread any more, but elsewhere.
+// X-session-8
+TEST(SessionDamage, FolderThatSeemsEmptyButCountsItems_IsNotDeleted) {
+  VolumeDescription description;
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"d");
+  (void)description.add_files(kRootFolderId, 5);
+  Volume image = build_volume(description);
+  image.set_field(image.find_by_cnid(folder)->path() + ".valence", 1);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_delete(session.get(), folder), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_delete Folder 16 counts 1 items and none is found.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
+// X-btree-10
+TEST(SessionDamage, LeafOfAnotherHeight_KeepsItsFirstItem) {
+  VolumeDescription description;
+  description.catalog.node_size = 1024;
+  (void)description.add_files(kRootFolderId, 200);
+  Volume image = build_volume(description);
+  const std::string node = "catalog.node[" + std::to_string(image.leaf_nodes(Tree::kCatalog).at(3)) + "]";
+  const std::uint32_t file = static_cast<std::uint32_t>(image.get_field(node + ".record[0].fileID"));
+  image.set_field(node + ".height", 2);
+  const TestSession session(image);
+  LogCapture log;
+  EXPECT_EQ(kvfs_session_delete(session.get(), file), KVFS_INCONSISTENT);
+  EXPECT_LOG(log, "ERROR kvfs_session_check_index B-tree of depth 3 cannot be maintained at height 2.\n");
+  EXPECT_EQ(session.flush(), KVFS_OK);
+  EXPECT_TRUE(session.contents() == image);
+}
+
 // The thread of the file comes behind the folder's items.
 TEST(SessionDamage, KeyOfAnotherParentWithoutItsName_EndsTheListing) {
   VolumeDescription description;

@@ -43,6 +43,33 @@ TEST(SessionIgnorableName, IsNotFound) {
   EXPECT_LOG(log);
 }
 
+// Where case counts, the order ends names at a NUL (Q-unicode-6).
+TEST(SessionNameWithNul, IsNotFoundByItsBeginning) {
+  VolumeDescription description = with_folder(true);
+  const std::uint32_t item = description.add_file(kRootFolderId, Name(u"a\0b", 3));
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.find("a"), KVFS_NOT_FOUND);
+  EXPECT_EQ(session.id("a%u0000b"), item);
+  EXPECT_EQ(make_link(session, "a"), KVFS_EXISTS) << "the catalog takes one for the other";
+}
+
+TEST(SessionIgnorableName, OfAnItemsEnd_IsNoPartOfItsName) {
+  VolumeDescription description = with_folder(false);
+  const std::uint32_t item = description.add_file(kRootFolderId, u"a\u200C");
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.id("a"), item);
+}
+
+// The root folder's name is the label, and nothing that a link stands for is in it.
+TEST(SessionNameWithNul, OfTheRootFolder_LeavesItsItemsFree) {
+  VolumeDescription description = with_folder(false);
+  description.label = Name(u"a\0b", 3);
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.remove("f000000"), KVFS_OK);
+  EXPECT_EQ(session.rename("f000001", "d", "g"), KVFS_OK);
+  EXPECT_EQ(session.flush(), KVFS_OK);
+}
+
 // X-session-5
 TEST(SessionIgnorableName, IsGivenToNoItem) {
   const Volume image = build_volume(with_folder(false));

@@ -234,7 +234,7 @@ TEST(ToolMountTable, WhatIsNoEscape_IsComparedAsItIs) {
 TEST(ToolMountTable, EscapedNulBehindAPath_IsComparedAsItIs) {
   const ScratchFile table("/no\\000 /mnt hfsplus rw 0 0\n");
   const ToolRun run = run_traced({"/no", ""}, "", {.environment = {{"KVFS_MOUNTS", table.path()}}}).run;
-  EXPECT_EQ(run.err, "Error while opening HFS+ volume in write mode.\n");
+  EXPECT_EQ(run.err, "Error while opening HFS+ volume in read/write mode.\n");
 }
 
 // X-tool-1

@@ -749,6 +749,22 @@ TEST(ToolSetFull, NodesThatTheIndexDoesNotLeadToForAWhile_AreNotOverwritten) {
   }
 }
 
+// X-btree-10
+TEST(ToolSetFull, FirstLeafOfAnotherHeight_IsRefused) {
+  VolumeDescription description;
+  description.block_size = 512;
+  description.catalog.node_size = 512;
+  (void)description.add_files(kRootFolderId, 300);
+  Volume before = build_volume(description);
+  before.set_field("catalog.node[" + std::to_string(before.leaf_nodes(kCatalog).front()) + "].height", 2);
+  const ScratchFile image(before);
+  expect_refused(image, "A new and longer label",
+                 "ERROR kvfs_btree_delete_record_internal B-tree of depth 4 cannot be maintained at height 2.\n"
+                 "ERROR kvfs_catalog_rename_record Error while deleting record from B-tree.\n"
+                 "ERROR kvfs_volume_set_label Error while renaming record.\n"
+                 "Error while changing volume label.\n");
+}
+
 // A free node is asked whether it is in use, but what it holds, such as a name that its key cuts off, is no message.
 // X-btree-12
 TEST(ToolSetFull, FreeNodesThatHoldAnything_AreTakenInSilence) {

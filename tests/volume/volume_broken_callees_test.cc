@@ -49,9 +49,9 @@ const BrokenFind kBrokenFinds[] = {
     {"WithoutLocator", kvfs_catalog_search_result_release, kvfs_internal,
      "CRITICAL kvfs_volume_setup Unexpected: kvfs_catalog_search_by_cnid returned NULL locator but no error.\n"},
     {"WithoutName", cut_record<7>, kvfs_inconsistent,
-     "ERROR kvfs_volume_setup Record of root directory is too short for a name (7 bytes).\n"},
+     "ERROR kvfs_volume_setup Record of root directory is too short for its name.\n"},
     {"WithAPartOfItsName", cut_record<23>, kvfs_inconsistent,
-     "ERROR kvfs_volume_setup Volume label of 8 units does not fit its record (23 bytes).\n"},
+     "ERROR kvfs_volume_setup Record of root directory is too short for its name.\n"},
 };
 
 class VolumeBrokenRootFolder : public ::testing::TestWithParam<BrokenFind> {};
