@@ -113,7 +113,7 @@ TEST(SessionDamage, RecordOfAnOddSize_IsInconsistent) {
   Volume image = build_volume(description);
   const RecordPlace place = *image.find_by_cnid(file);
   image.add_to_field("catalog.node[" + std::to_string(place.node) + "].offset[" + std::to_string(place.index + 1) + "]",
-                     static_cast<std::uint64_t>(-1));
+                     -1);
   const TestSession session(image);
   const LogCapture silence;
   std::vector<std::string> names;
