@@ -122,22 +122,29 @@ static bool is_cut_off(const kvfs_session_found& item, std::size_t length) {
   return name.length.get() > length && name.unicode[length].get() == 0;
 }
 
+// Finds an item by its name as it is stored.
+static kvfs_result find_stored_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_be16* units,
+                                    std::size_t length, kvfs_session_found* item) {
+  if (kvfs_session_has_nul(units, length)) {
+    return find_by_walking(session, folder_id, units, length, item);
+  }
+  const kvfs_result result = kvfs_session_find_key(session, folder_id, units, length, item);
+  if (result != kvfs_ok || !is_cut_off(*item, length)) {
+    return result;
+  }
+  item->release();
+  return find_by_walking(session, folder_id, units, length, item);
+}
+
 kvfs_result kvfs_session_find_name(kvfs_session* session, std::uint32_t folder_id, const kvfs_session_name& name,
                                    kvfs_session_found* item) {
-  if (kvfs_session_has_nul(name.units, name.length)) {
-    return find_by_walking(session, folder_id, name.units, name.length, item);
-  }
-  const kvfs_result result = kvfs_session_find_key(session, folder_id, name.units, name.length, item);
-  if (result == kvfs_ok && is_cut_off(*item, name.length)) {
-    item->release();
-    return find_by_walking(session, folder_id, name.units, name.length, item);
-  }
+  const kvfs_result result = find_stored_name(session, folder_id, name.units, name.length, item);
   const bool is_plain =
       name.length == name.plain_length && std::memcmp(name.units, name.plain, name.length * sizeof(kvfs_be16)) == 0;
   if (result != kvfs_not_found || is_plain) {
     return result;
   }
-  return kvfs_session_find_key(session, folder_id, name.plain, name.plain_length, item);
+  return find_stored_name(session, folder_id, name.plain, name.plain_length, item);
 }
 
 // ---- Lookup by path and ID -----------------------------------------------------------------------------------------

@@ -338,8 +338,8 @@ kvfs_result kvfs_session_records_in_node(kvfs_btree* tree, std::uint32_t node, s
 //
 //   other  another record that leaves with it, or null
 //
-// Returns kvfs_ok; kvfs_limit; kvfs_inconsistent when the tree is too deep to be maintained; or the failure of a
-// search.
+// Returns kvfs_ok; kvfs_limit; kvfs_inconsistent when the tree is too deep to be maintained, or the leaf says that it
+// has another height than leaves have; or the failure of a search.
 kvfs_result kvfs_session_check_index(kvfs_btree* tree, const kvfs_btree_record_locator* record,
                                      const kvfs_btree_record_locator* other);
 

@@ -53,6 +53,19 @@ TEST(SessionNameWithNul, IsNotFoundByItsBeginning) {
   EXPECT_EQ(make_link(session, "a"), KVFS_EXISTS) << "the catalog takes one for the other";
 }
 
+// Names are looked for decomposed, and then as they are spelled.
+TEST(SessionNameWithNul, IsNotFoundByItsBeginningInEitherForm) {
+  VolumeDescription description = with_folder(true);
+  (void)description.add_file(kRootFolderId, Name(u"e\u0301\0x", 4));
+  const std::uint32_t folder = description.add_folder(kRootFolderId, u"g");
+  const std::uint32_t spelled = description.add_file(kRootFolderId, u"\u00E9");
+  const std::uint32_t cut = description.add_file(folder, Name(u"\u00E9\0x", 3));
+  const TestSession session(build_volume(description));
+  EXPECT_EQ(session.id("\u00E9"), spelled);
+  EXPECT_EQ(session.find("g/\u00E9"), KVFS_NOT_FOUND);
+  EXPECT_EQ(session.id("g/\u00E9%u0000x"), cut);
+}
+
 TEST(SessionIgnorableName, OfAnItemsEnd_IsNoPartOfItsName) {
   VolumeDescription description = with_folder(false);
   const std::uint32_t item = description.add_file(kRootFolderId, u"a\u200C");
