@@ -67,21 +67,26 @@ kvfs_result kvfs::btree::check_levels_above(const char* speaker, const BTNodeDes
 
 bool kvfs::btree::can_part(const node_view& node, std::uint32_t index, const record_extent& gap) {
   const BTNodeDescriptor* const descriptor = kvfs_view_as<BTNodeDescriptor>(node.bytes);
-  const std::uint32_t count = descriptor->numRecords.get();
-  std::uint32_t next = offset_at(node, 0);
-  for (std::uint32_t record = 0; record < count; ++record) {
+  const bool is_index = descriptor->kind == kBTIndexNode;
+  const kvfs_be16* entry = kvfs_view_as<kvfs_be16>(node.bytes + offset_entry_position(node.size, 0));
+  std::uint32_t next = entry->get();
+  std::uint32_t least = 0;
+  std::uint32_t most = gap.begin;
+  for (std::uint32_t record = 0, count = descriptor->numRecords.get(); record < count; ++record) {
     const std::uint32_t begin = next;
-    next = offset_at(node, record + 1);
-    if (record == index && gap.begin != gap.end) {
-      continue;
+    next = (--entry)->get();
+    if (record == index) {
+      least = gap.end;
+      most = gap.free_space;
+      if (gap.begin != gap.end) {
+        continue;
+      }
     }
     std::uint32_t end = next;
-    if (descriptor->kind == kBTIndexNode) {
+    if (is_index) {
       (void)read_key_end(node, begin, &end);  // a search reads the child behind it, wherever the next record begins
       end += sizeof(kvfs_be32);
     }
-    const std::uint32_t least = record < index ? 0 : gap.end;
-    const std::uint32_t most = record < index ? gap.begin : gap.free_space;
     if (begin < least || (end > most && end <= node.size)) {  // one that leaves the node cannot be read
       return false;
     }
