@@ -83,8 +83,8 @@ struct record_extent {
 };
 
 // Whether the bytes behind a record, up to the free space, can move (X-btree-23): then the records behind it move with
-// them, and none that a search can read is cut, left behind or overwritten, as with a damaged offset table. The node has
-// room for the table itself.
+// them, and none that a search can read is cut, left behind or overwritten, as with a damaged offset table. The table
+// itself lies in the node.
 bool can_part(const node_view& node, std::uint32_t index, const record_extent& gap);
 
 inline std::uint8_t height_above(std::uint8_t height) {
