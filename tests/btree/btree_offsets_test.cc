@@ -134,6 +134,18 @@ TEST(BtreeOffsets, RecordThatLeavesItsNode_StaysWhatItIs) {
   EXPECT_EQ(tree.cached_entry(2, 1), 600u - 18u);
 }
 
+// X-btree-23
+TEST(BtreeOffsets, RecordBeforeAtTheNodesBegin_StaysWhatItIs) {
+  ChangeTree tree(three_leaves());
+  tree.open();
+  kvfs_btree_record_locator* locator = tree.locate(70);
+  tree.poke_entry(2, 1, 0);
+  EXPECT_EQ(kvfs_btree_delete_record(tree.get(), locator, 0), kvfs_ok);
+  kvfs_btree_record_locator_close(&locator);
+  EXPECT_EQ(tree.cached_entry(2, 1), 0u);
+  EXPECT_EQ(tree.field(2, kNumRecords, 2), 3u);
+}
+
 // The bytes of the new record would go over the child of the last one.
 // X-btree-23
 TEST(BtreeOffsets, PlaceWithinTheLastIndexRecord_IsRefused) {

@@ -120,6 +120,7 @@ TEST_F(SessionChanges, RenameThatCannotBe_IsRefusedAndChangesNothing) {
   EXPECT_EQ(kvfs_session_rename(s, data, docs, "a%u0000"), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_rename(s, data, docs, "\xFF"), KVFS_INVALID);
   EXPECT_EQ(kvfs_session_rename(s, data, docs, std::string(256, 'n').c_str()), KVFS_INVALID);
+  EXPECT_EQ(kvfs_session_rename(s, KVFS_ROOT_ID, 9999, "name"), KVFS_NOT_FOUND) << "the place is looked for first";
   EXPECT_EQ(kvfs_session_rename(s, data, 99, "n"), KVFS_NOT_FOUND);
   EXPECT_EQ(kvfs_session_rename(s, data, data, "n"), KVFS_NOT_A_FOLDER);
   EXPECT_EQ(kvfs_session_rename(s, 99, docs, "n"), KVFS_NOT_FOUND);
