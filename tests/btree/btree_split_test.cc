@@ -1073,12 +1073,17 @@ TEST_F(BtreeSplit, FirstMovedKeyOutsideOfTheNode_IsInconsistentAndNothingMoves) 
   EXPECT_TRUE(tree_.is_idle());
 }
 
-// A single record cannot be split off; the claimed node stays empty, and its old bytes are taken for its first key.
-TEST(BtreeSplitDamage, EmptyHalf_IsIndexedUnderWhateverItHeld) {
+// Leaves 1 and 2 with a record each, the first one too large for another one of its size; the root is node 3.
+TreeOptions leaf_of_one_large_record() {
   TreeOptions options;
   options.records = {record_of_size(10, 300), number_record(1000)};
   options.shape.leaf_fill[0].max_records = 1;
-  ChangeTree tree(options);
+  return options;
+}
+
+// A single record cannot be split off; the claimed node stays empty, and its old bytes are taken for its first key.
+TEST(BtreeSplitDamage, EmptyHalf_IsIndexedUnderWhateverItHeld) {
+  ChangeTree tree(leaf_of_one_large_record());
   tree.open();
   tree.poke_bytes(4, 14, number_key(77));
   LogCapture log;
@@ -1090,10 +1095,7 @@ TEST(BtreeSplitDamage, EmptyHalf_IsIndexedUnderWhateverItHeld) {
 
 // X-btree-7
 TEST(BtreeSplitDamage, EmptyHalfWhoseOldKeyLeavesTheNode_IsNotIndexed) {
-  TreeOptions options;
-  options.records = {record_of_size(10, 300), number_record(1000)};
-  options.shape.leaf_fill[0].max_records = 1;
-  ChangeTree tree(options);
+  ChangeTree tree(leaf_of_one_large_record());
   tree.open();
   tree.poke(4, 14, 2, 500);
   LogCapture log;
