@@ -751,15 +751,6 @@ Volume with_claim(Volume image, std::uint32_t block) {
   return image;
 }
 
-void expect_not_freed(const Volume& image, const std::string& message) {
-  const TestSession session(image);
-  LogCapture log;
-  EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_INCONSISTENT);
-  EXPECT_LOG(log, message);
-  EXPECT_EQ(session.flush(), KVFS_OK);
-  EXPECT_TRUE(session.contents() == image);
-}
-
 std::string of_the_volume(std::uint32_t block) {
   return "ERROR kvfs_session_delete Block " + std::to_string(block) + " of file 16 belongs to the volume itself.\n";
 }
@@ -780,7 +771,7 @@ TEST(SessionDamage, BlockOfASpecialFile_IsNotFreed) {
     ASSERT_EQ(extents.size(), c.extents);
     for (const Extent& extent : extents) {
       const std::uint32_t block = extent.start_block + extent.block_count - 1;
-      expect_not_freed(with_claim(sound, block), of_the_volume(block));
+      expect_kept(with_claim(sound, block), kClaimant, of_the_volume(block));
     }
   }
 }
@@ -820,7 +811,7 @@ TEST(SessionDamage, ExtentThatHoldsThoseOfASpecialFile_IsNotFreed) {
   for (const char* field : {".dataFork.totalBlocks", ".dataFork.extents[0].blockCount"}) {
     image.set_field(field_of(image, kClaimant, field), count);
   }
-  expect_not_freed(image, of_the_volume(first + 1));
+  expect_kept(image, kClaimant, of_the_volume(first + 1));
 }
 
 // X-session-1
@@ -832,8 +823,9 @@ TEST(SessionDamage, SpecialFileWhoseExtentsCannotBeFound_LetsNoFileBeDeleted) {
   }
   const std::string record = image.find_record(Tree::kExtents, extents_key(0, 8, blocks))->path();
   image.set_field(record + ".key.startBlock", blocks + 1);
-  expect_not_freed(image, "ERROR kvfs_fork_resolve_extents No overflow extent found for CNID 8 starting with block " +
-                              std::to_string(blocks) + ".\n");
+  expect_kept(image, kClaimant,
+              "ERROR kvfs_fork_resolve_extents No overflow extent found for CNID 8 starting with block " +
+                  std::to_string(blocks) + ".\n");
 }
 
 // X-session-1
@@ -852,7 +844,7 @@ TEST(SessionDamage, BlockOfTheAlternateHeader_IsNotFreed) {
       const std::uint32_t end = static_cast<std::uint32_t>(sound.get_field("totalBlocks"));
       const std::uint32_t first = static_cast<std::uint32_t>((sound.size() - 1024) / block_size);
       for (std::uint32_t block = first; block < end; ++block) {
-        expect_not_freed(with_claim(sound, block), of_the_volume(block));
+        expect_kept(with_claim(sound, block), kClaimant, of_the_volume(block));
       }
       const TestSession session(with_claim(sound, std::min(first, end) - 1));
       EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK) << block_size << ' ' << trailing;
@@ -869,7 +861,7 @@ TEST(SessionDamage, BlockBeforeThatOfTheAlternateHeader_IsFreed) {
   Volume image = build_volume(description);
   const std::uint32_t end = static_cast<std::uint32_t>(image.get_field("totalBlocks")) - 1;
   image.set_field("totalBlocks", end);
-  expect_not_freed(with_claim(image, end - 1), of_the_volume(end - 1));
+  expect_kept(with_claim(image, end - 1), kClaimant, of_the_volume(end - 1));
   const TestSession session(with_claim(image, end - 2));
   EXPECT_EQ(kvfs_session_delete(session.get(), kClaimant), KVFS_OK);
 }
@@ -887,7 +879,7 @@ TEST(SessionDamage, DataThatBeginsLikeAnAlternateHeader_IsFreed) {
     const std::uint64_t data = (last + std::uint64_t{1}) * description.block_size - 512;
     Volume image = with_claim(sound, last);
     image.write(data, image.read(kHeaderOffset, 512));
-    expect_not_freed(image, of_the_volume(last));
+    expect_kept(image, kClaimant, of_the_volume(last));
     for (const char* field : {"signature", "createDate", "blockSize"}) {
       Volume other = image;
       const std::uint64_t place = data + other.device_offset_of_field(field) - kHeaderOffset;
@@ -949,7 +941,7 @@ class SessionJournal : public ::testing::Test {
 // X-session-1
 TEST_F(SessionJournal, ItsBlocks_AreNotFreed) {
   for (const std::uint32_t block : {info_block_, journal_block_, journal_block_ + 19}) {
-    expect_not_freed(with_claim(image_, block), of_the_volume(block));
+    expect_kept(with_claim(image_, block), kClaimant, of_the_volume(block));
   }
   EXPECT_TRUE(is_freed(info_block_ + 1000));
   const TestSession session(image_);
